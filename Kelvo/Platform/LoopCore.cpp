@@ -1,0 +1,304 @@
+// One turn: wait -> deliver each event of the batch (read, then write) or run the timers that are
+// due. Everything that a callback may have changed is looked up again after it: registrations by
+// token, the turn by its number, timers one at a time.
+
+#include "Kelvo/Platform/LoopCore.h"
+
+#include <pthread.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "Kelvo/Exception.h"
+#include "Kelvo/ThreadControl.h"
+
+namespace Kelvo::Platform {
+
+namespace {
+
+constexpr int kBatchSize = 64;
+
+// Generations start at 1, so these two can be no registration's token.
+constexpr LoopCore::Token kWakeUpToken = 1;
+constexpr LoopCore::Token kTimerToken = 2;
+
+constexpr LoopCore::Time kDisarmed = LoopCore::Time::max();
+constexpr LoopCore::Time kUnknown = LoopCore::Time::min();
+
+std::atomic<unsigned> forks{0};
+std::atomic<unsigned> loopsMade{0};
+
+void countForksInChildren() {
+  [[maybe_unused]] static const int registered =
+      pthread_atfork(nullptr, nullptr, [] { forks.fetch_add(1, std::memory_order_relaxed); });
+}
+
+Exception systemError(const char* call) {
+  const std::string reason = std::strerror(errno);
+  return {"EventLoop: " + (call + (" failed: " + reason)), true};
+}
+
+LoopCore::Token tokenOf(std::uint32_t generation, int fd) {
+  return (LoopCore::Token{generation} << 32) | static_cast<std::uint32_t>(fd);
+}
+
+int fdOf(LoopCore::Token token) {
+  return static_cast<int>(token & 0xffffffffU);
+}
+
+std::uint32_t generationOf(LoopCore::Token token) {
+  return static_cast<std::uint32_t>(token >> 32);
+}
+
+bool control(int epoll, int operation, int fd, std::uint32_t events, LoopCore::Token token) {
+  epoll_event event{};
+  event.events = events;
+  event.data.u64 = token;
+  return epoll_ctl(epoll, operation, fd, &event) == 0;
+}
+
+}  // namespace
+
+LoopCore::OwnedFd::OwnedFd(int fd) : fd_(fd) {
+  if (fd < 0) {
+    throw systemError("making a descriptor of its own");
+  }
+}
+
+LoopCore::OwnedFd::~OwnedFd() {
+  ::close(fd_);
+}
+
+LoopCore::LoopCore()
+    : forksBefore_(forks.load(std::memory_order_relaxed)),
+      epoll_(epoll_create1(EPOLL_CLOEXEC)),
+      wakeUp_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      timer_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)),
+      programmed_(kDisarmed) {
+  countForksInChildren();
+  if (!control(fd(), EPOLL_CTL_ADD, wakeUp_.fd(), EPOLLIN, kWakeUpToken) ||
+      !control(fd(), EPOLL_CTL_ADD, timer_.fd(), EPOLLIN, kTimerToken)) {
+    throw systemError("epoll_ctl");
+  }
+  if (loopsMade.fetch_add(1, std::memory_order_relaxed) > 0) {
+    ThreadControl::tsp_ = true;
+  }
+}
+
+// --- a turn ---
+
+bool LoopCore::turn(int timeoutMilliseconds) {
+  requireOurs();
+  std::array<epoll_event, kBatchSize> batch;
+  const int count = epoll_wait(fd(), batch.data(), kBatchSize, timeoutMilliseconds);
+  if (count < 0) {
+    if (errno == EINTR) {
+      return false;
+    }
+    throw systemError("epoll_wait");
+  }
+  const auto thisTurn = ++turns_;
+  timerMark_ = timers_.mark();
+  bool dispatched = false;
+  for (int i = 0; i < count && turns_ == thisTurn; ++i) {
+    dispatched |= deliver(batch[static_cast<std::size_t>(i)]);
+  }
+  return dispatched;
+}
+
+bool LoopCore::deliver(const epoll_event& event) {
+  const Token token = event.data.u64;
+  if (token == kWakeUpToken) {
+    drainWakeUps();
+    return false;
+  }
+  if (token == kTimerToken) {
+    return runDueTimers();
+  }
+  const auto thisTurn = turns_;
+  bool dispatched = false;
+  if ((event.events & (EPOLLIN | EPOLLERR | EPOLLHUP)) != 0) {
+    if (Registration* registration = find(token)) {
+      dispatched |= registration->deliverRead();
+    }
+  }
+  if ((event.events & EPOLLOUT) != 0 && turns_ == thisTurn) {
+    if (Registration* registration = find(token)) {
+      dispatched |= registration->deliverWrite();
+    }
+  }
+  return dispatched;
+}
+
+bool LoopCore::runDueTimers() {
+  programmed_ = kUnknown;  // it stays readable until it is set anew
+  const auto thisTurn = turns_;
+  const auto time = now();
+  bool dispatched = false;
+  try {
+    while (turns_ == thisTurn) {
+      TimerQueue::Entry* due = timers_.takeDue(time, timerMark_);
+      if (due == nullptr) {
+        break;
+      }
+      dispatched |= due->expire();
+    }
+  } catch (...) {
+    programTimer();
+    throw;
+  }
+  programTimer();
+  return dispatched;
+}
+
+void LoopCore::requestStop() noexcept {
+  if (!ours()) {
+    return;  // a signal handler that a forked child has inherited: the parent goes on
+  }
+  const int callersErrno = errno;
+  stop_.store(true, std::memory_order_release);
+  const std::uint64_t one = 1;
+  [[maybe_unused]] const auto written = ::write(wakeUp_.fd(), &one, sizeof one);
+  errno = callersErrno;
+}
+
+void LoopCore::drainWakeUps() noexcept {
+  std::uint64_t count = 0;
+  [[maybe_unused]] const auto bytes = ::read(wakeUp_.fd(), &count, sizeof count);
+}
+
+bool LoopCore::ours() const noexcept {
+  return forks.load(std::memory_order_relaxed) == forksBefore_;
+}
+
+void LoopCore::requireOurs() const {
+  if (!ours()) {
+    throw Exception(
+        "EventLoop: this loop belongs to the parent process; a forked child cannot use it", false);
+  }
+}
+
+// --- registrations ---
+
+LoopCore::Token LoopCore::add(int fd, Registration& registration) {
+  requireOurs();
+  const auto index = static_cast<std::size_t>(fd);
+  if (fd >= 0 && slots_.size() <= index) {
+    slots_.resize(index + 1);
+  }
+  if (++lastGeneration_ == 0) {
+    lastGeneration_ = 1;
+  }
+  const Token token = tokenOf(lastGeneration_, fd);
+  if (!control(epoll_.fd(), EPOLL_CTL_ADD, fd, EPOLLIN, token)) {
+    throw systemError("epoll_ctl");
+  }
+  slots_[index] = Slot{lastGeneration_, &registration};
+  ++attachments_;
+  notifyWatchers(registration.handler(), +1);
+  return token;
+}
+
+void LoopCore::setEvents(Token token, std::uint32_t events) {
+  requireOurs();
+  if (!control(fd(), EPOLL_CTL_MOD, fdOf(token), events, token)) {
+    throw systemError("epoll_ctl");
+  }
+}
+
+void LoopCore::remove(Token token) {
+  Registration* registration = find(token);
+  if (registration == nullptr) {
+    return;  // its owner closed the descriptor first, and the number serves another registration
+  }
+  slots_[static_cast<std::size_t>(fdOf(token))] = Slot{};
+  if (ours()) {  // a child shares the set with its parent
+    control(fd(), EPOLL_CTL_DEL, fdOf(token), 0, token);
+  }
+  notifyWatchers(registration->handler(), -1);
+}
+
+LoopCore::Registration* LoopCore::find(Token token) const noexcept {
+  const auto index = static_cast<std::size_t>(fdOf(token));
+  if (index >= slots_.size() || slots_[index].generation != generationOf(token)) {
+    return nullptr;
+  }
+  return slots_[index].registration;
+}
+
+int LoopCore::watch(const FdEventHandler* handler, AttachmentWatcher& watcher) {
+  watchers_.emplace(handler, &watcher);
+  int attached = 0;
+  for (const Slot& slot : slots_) {
+    attached += slot.registration != nullptr && slot.registration->handler() == handler ? 1 : 0;
+  }
+  return attached;
+}
+
+void LoopCore::unwatch(const FdEventHandler* handler, AttachmentWatcher& watcher) noexcept {
+  auto [at, end] = watchers_.equal_range(handler);
+  for (; at != end; ++at) {
+    if (at->second == &watcher) {
+      watchers_.erase(at);
+      return;
+    }
+  }
+}
+
+void LoopCore::notifyWatchers(const FdEventHandler* handler, int by) {
+  auto [at, end] = watchers_.equal_range(handler);
+  for (; at != end; ++at) {
+    at->second->attachmentsChanged(by);
+  }
+}
+
+// --- timers ---
+
+LoopCore::Time LoopCore::now() noexcept {
+  timespec time{};
+  clock_gettime(CLOCK_MONOTONIC, &time);
+  return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
+void LoopCore::schedule(TimerQueue::Entry& entry, Time deadline) {
+  requireOurs();
+  if (!trySchedule(entry, deadline)) {
+    throw systemError("timerfd_settime");
+  }
+}
+
+bool LoopCore::trySchedule(TimerQueue::Entry& entry, Time deadline) noexcept {
+  timers_.insert(entry, deadline);
+  return programTimer();
+}
+
+void LoopCore::cancel(TimerQueue::Entry& entry) noexcept {
+  timers_.remove(entry);
+  programTimer();  // left as it was, it would only wake the loop once for nothing
+}
+
+/// Lets the kernel's timer expire with the first of the queue.
+bool LoopCore::programTimer() noexcept {
+  const Time wanted = timers_.earliest().value_or(kDisarmed);
+  if (wanted == programmed_ || !ours()) {
+    return true;
+  }
+  itimerspec setting{};
+  if (wanted != kDisarmed) {
+    setting.it_value.tv_sec = std::chrono::duration_cast<std::chrono::seconds>(wanted).count();
+    setting.it_value.tv_nsec = (wanted % std::chrono::seconds(1)).count();
+  }
+  if (timerfd_settime(timer_.fd(), TFD_TIMER_ABSTIME, &setting, nullptr) != 0) {
+    return false;
+  }
+  programmed_ = wanted;
+  return true;
+}
+
+}  // namespace Kelvo::Platform

@@ -1,0 +1,116 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <unordered_map>
+#include <vector>
+
+#include "Kelvo/Platform/TimerQueue.h"
+#include "Kelvo/Ptr.h"
+
+struct epoll_event;
+
+namespace Kelvo::Platform {
+
+class FdEventHandler;
+
+/// An event loop's insides: the kernel's three descriptors, the table of registrations and the
+/// queue of timers. The loop, its controls and its timers share it, so that it lives as long as any
+/// of them.
+class LoopCore : public Counted {
+ public:
+  using Time = TimerQueue::Time;
+
+  /// Names one registration, and never another one again: generation above, descriptor below.
+  using Token = std::uint64_t;
+
+  /// What an event is delivered to.
+  class Registration {
+   public:
+    virtual bool deliverRead() = 0;   // true if it called the application,
+    virtual bool deliverWrite() = 0;  // which may have destroyed the registration
+    virtual const FdEventHandler* handler() const = 0;
+
+   protected:
+    ~Registration() = default;
+  };
+
+  /// Is told when a given handler gains or loses a descriptor.
+  class AttachmentWatcher {
+   public:
+    virtual void attachmentsChanged(int by) = 0;
+
+   protected:
+    ~AttachmentWatcher() = default;
+  };
+
+  LoopCore();
+
+  // One turn, and what wakes it.
+  bool turn(int timeoutMilliseconds);
+  void requestStop() noexcept;
+  bool takeStop() noexcept { return stop_.exchange(false, std::memory_order_acquire); }
+  int fd() const noexcept { return epoll_.fd(); }
+
+  // Registrations. `add` throws if the kernel refuses; `remove` never fails.
+  Token add(int fd, Registration& registration);
+  void setEvents(Token token, std::uint32_t events);
+  void remove(Token token);
+  Registration* find(Token token) const noexcept;
+  std::uint64_t attachments() const noexcept { return attachments_; }
+
+  // Attachments of single handlers. The initial number comes back from `watch`.
+  int watch(const FdEventHandler* handler, AttachmentWatcher& watcher);
+  void unwatch(const FdEventHandler* handler, AttachmentWatcher& watcher) noexcept;
+
+  // Timers. Only `schedule` throws; the other two are for teardowns.
+  static Time now() noexcept;
+  void schedule(TimerQueue::Entry& entry, Time deadline);
+  bool trySchedule(TimerQueue::Entry& entry, Time deadline) noexcept;
+  void cancel(TimerQueue::Entry& entry) noexcept;
+
+ private:
+  /// A descriptor that is closed with its owner.
+  class OwnedFd {
+   public:
+    explicit OwnedFd(int fd);  // throws if it is negative, with errno's text
+    OwnedFd(const OwnedFd&) = delete;
+    OwnedFd& operator=(const OwnedFd&) = delete;
+    ~OwnedFd();
+    int fd() const noexcept { return fd_; }
+
+   private:
+    const int fd_;
+  };
+
+  struct Slot {
+    std::uint32_t generation = 0;
+    Registration* registration = nullptr;
+  };
+
+  bool ours() const noexcept;
+  void requireOurs() const;
+  bool deliver(const epoll_event& event);
+  bool runDueTimers();
+  void drainWakeUps() noexcept;
+  bool programTimer() noexcept;
+  void notifyWatchers(const FdEventHandler* handler, int by);
+
+  const unsigned forksBefore_;  // tells the process that made the loop from its forked children
+  const OwnedFd epoll_;
+  const OwnedFd wakeUp_;
+  const OwnedFd timer_;
+  std::atomic<bool> stop_{false};
+
+  std::vector<Slot> slots_;  // by descriptor number
+  std::uint32_t lastGeneration_ = 0;
+  std::uint64_t attachments_ = 0;
+  std::unordered_multimap<const FdEventHandler*, AttachmentWatcher*> watchers_;
+
+  TimerQueue timers_;
+  Time programmed_;
+  std::uint64_t turns_ = 0;
+  std::uint64_t timerMark_ = 0;  // timers queued from here on wait for a later turn
+};
+
+}  // namespace Kelvo::Platform

@@ -1,0 +1,7 @@
+#include "Kelvo/Ptr.h"
+
+namespace Kelvo {
+
+Counted::~Counted() = default;
+
+}  // namespace Kelvo

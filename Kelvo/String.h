@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstddef>
+#include <iosfwd>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "Kelvo/Export.h"
+
+namespace Kelvo {
+
+/// A string of bytes in no particular encoding. It may hold NUL bytes; `data()` always ends in one
+/// that is not counted.
+class KELVO_API String {
+ public:
+  String() = default;
+  /// Copies `text` up to its NUL. `text` must not be null.
+  String(const char* text) : bytes_(text) {}
+  String(std::string bytes) noexcept : bytes_(std::move(bytes)) {}
+
+  const char* data() const noexcept { return bytes_.c_str(); }
+  std::size_t size() const noexcept { return bytes_.size(); }
+  bool empty() const noexcept { return bytes_.empty(); }
+  void clear() noexcept { bytes_.clear(); }
+  void append(std::string_view bytes) { bytes_.append(bytes); }
+
+  operator std::string_view() const noexcept { return bytes_; }
+
+  friend bool operator==(const String& a, const String& b) noexcept { return a.bytes_ == b.bytes_; }
+  friend bool operator!=(const String& a, const String& b) noexcept { return a.bytes_ != b.bytes_; }
+
+ private:
+  std::string bytes_;
+};
+
+/// Inserts all the string's bytes, as for a `std::string`.
+KELVO_API std::ostream& operator<<(std::ostream& out, const String& string);
+
+}  // namespace Kelvo
