@@ -1,0 +1,108 @@
+// The queued sender. send -> queue -> flush -> (socket full) -> write event -> flush; and, for the
+// subclasses' read events, read -> text. Both ends of it come together in terminateConnection.
+
+#include "Api/Json/Assertions.h"
+//
+#include "Api/Json/Async.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+#include <utility>
+
+#define TOVIK_SOURCE_PATH "Api/Json/Async"
+#include "Api/Json/Debug.h"
+#include "Api/Json/Socket.h"
+
+namespace Tovik {
+
+AsyncSender::AsyncSender() : readBufferSize_(kReadBufferSize) {}
+
+AsyncSender::~AsyncSender() {
+  AsyncSender::terminateConnection();
+}
+
+void AsyncSender::setFd(int fd) {
+  terminateConnection();
+  auto control = Kelvo::Platform::getFdControl(this);
+  control->attach(fd);
+  fdControl_ = std::move(control);
+}
+
+void AsyncSender::asyncSendMsg(const Message& msg) {
+  const Kelvo::String text = Message::toStr(msg, false);
+  TOVIK_LOG(3, "AsyncSender::asyncSendMSg() -> " << text);
+  sendQueue_.push_back(text);
+  flushQueue();
+}
+
+void AsyncSender::flushQueue() {
+  if (fdControl_.empty()) {
+    return;
+  }
+  TOVIK_LOG(2, "AsyncSender::flushQueue(), queue size = " << sendQueue_.size());
+  while (!sendQueue_.empty()) {
+    const Kelvo::String& text = sendQueue_.front();
+    if (::write(fdControl_->fd(), text.data(), text.size()) >= 0) {
+      sendQueue_.pop_front();  // a record is written whole or not at all
+      continue;
+    }
+    if (errno == EPIPE) {
+      return terminateConnection();
+    }
+    if (errno != EAGAIN) {
+      TOVIK_LOG(0, "AsyncSender::flushQueue(): write error " << std::strerror(errno));
+    }
+    return fdControl_->setWriteInterest(true);
+  }
+  fdControl_->setWriteInterest(false);
+}
+
+void AsyncSender::writeFdEvent(int /*fd*/) {
+  flushQueue();
+}
+
+int AsyncSender::asyncRead(Kelvo::String& out) const {
+  if (fdControl_.empty()) {
+    return -1;
+  }
+  char buffer[kReadBufferSize];
+  out.clear();
+  while (true) {
+    const auto length =
+        ::read(fdControl_->fd(), buffer, static_cast<std::size_t>(readBufferSize_ - 1));
+    if (length < 0) {
+      if (errno == EAGAIN) {
+        return 0;
+      }
+      TOVIK_LOG(0, "AsyncSender::asynRead(): read failed -> " << std::strerror(errno));
+      return -1;
+    }
+    buffer[length] = '\0';
+    out.append(std::string_view(buffer));  // up to the first NUL: messages are text
+    if (length < readBufferSize_ - 1) {
+      return 0;
+    }
+  }
+}
+
+void AsyncSender::terminateConnection() {
+  if (fdControl_.empty()) {
+    return;
+  }
+  const int fd = fdControl_->fd();
+  TOVIK_LOG(1, "AsyncSender::terminateConnection(): fd = " << fd);
+  fdControl_->detach();
+  fdControl_.reset();
+  ::close(fd);
+  clearQueue();
+}
+
+void AsyncSender::clearQueue() {
+  sendQueue_.clear();
+  sendQueue_.shrink_to_fit();  // swaps in a fresh queue, and does without if memory is short
+}
+
+}  // namespace Tovik

@@ -1,0 +1,97 @@
+#pragma once
+
+#include <functional>
+
+#include "Api/Json/Async.h"
+#include "Api/Json/Export.h"
+#include "Api/Json/Types.h"
+#include "Kelvo/Platform/TimeoutHandler.h"
+#include "Kelvo/Ptr.h"
+#include "Kelvo/String.h"
+
+namespace Tovik {
+
+/// The blocking client: one connection to a server, for one thread at a time, without an event
+/// loop. It is connected when its construction returns and closed for good by `closeSocket`.
+///
+/// Calls block without a time limit: construction while the server's backlog is full, the waits
+/// until the server sends or closes. The next record counts as the answer to a call, whatever it
+/// is; so make one call at a time, and never on a connection that is subscribed to notifications,
+/// which gets no replies. A write to a server that is gone raises SIGPIPE, which the process is to
+/// ignore.
+class TOVIK_API Client {
+ public:
+  /// Connects to the server of that name (at most 106 bytes; a longer one ends the process).
+  /// @throws SocketException if it cannot, for example because no server listens.
+  explicit Client(const Kelvo::String& name);
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+  virtual ~Client();
+
+  /// Closes the connection. Harmless on a closed one.
+  void closeSocket();
+
+  /// Sends `msg` and, if asked, waits for the reply.
+  /// @return the reply's status (0 to 2147483647); 0 if not asked to wait; -1 if the client is
+  /// closed, the message's parsing had failed, the write failed or the answer was no valid reply.
+  /// @throws SocketException as `waitForMsg` does.
+  int sendMsg(const Message& msg, bool waitForAck) const;
+
+  /// Waits for the next record. The caller tests the result's `HasParseError()`.
+  /// @throws SocketException if reading fails (EBADF's text on a closed client), or with EPIPE's
+  /// text if the server closed the connection.
+  Message waitForMsg() const;
+
+  /// Waits for the next record and takes it as a reply. An answer whose root is no object, or whose
+  /// "type" is no string, ends the process by assertion.
+  /// @return its status (0 to 2147483647), or -1 if it is no valid reply.
+  /// @throws SocketException as `waitForMsg` does.
+  int waitAck() const;
+
+ private:
+  int fd_;  // -1 once closed
+  const int readBufferSize_;
+};
+
+/// The client for the event loop: connects by itself, and again one interval after each loss or
+/// failed attempt, without end; while connected it stays connected. What it does not do is resend:
+/// texts that wait are dropped at a loss, while those queued before the first connection, or
+/// between two, go out with the next message sent after connecting.
+///
+/// It lives on the event loop of the thread that makes it, and is used on that thread only. Both
+/// handlers run there and may send, arm, attach; they may not destroy the client they run for
+/// (another object's callback may). An empty handler is a mistake that shows as
+/// `std::bad_function_call` out of the loop. Connecting blocks while the server's backlog is full.
+///
+/// A loss is seen by overriding `terminateConnection`; call this class's version first. It also
+/// runs before each successful connection and after each failed one.
+class TOVIK_API AsyncClient : public Kelvo::Platform::TimeoutHandler, public AsyncSender {
+ public:
+  /// Gets every well-formed message: replies, notifications and others alike.
+  using MessageHandler = std::function<void(AsyncClient&, const Message&)>;
+  /// Runs after each successful connection; the place to subscribe.
+  using ConnectHandler = std::function<void(AsyncClient&)>;
+
+  /// The first attempt happens on the loop's next turn. `reconnectInterval` is in seconds.
+  AsyncClient(const Kelvo::String& name, MessageHandler messageHandler,
+              ConnectHandler connectHandler, int reconnectInterval);
+  ~AsyncClient() override;
+
+  /// One attempt to connect, now. Called by the timer; called by hand, it replaces a connection
+  /// that is still open.
+  void timeout() override;
+
+  void readFdEvent(int fd) override;
+
+  /// Ends the connection, if any, and arms the timer for the next attempt.
+  void terminateConnection() override;
+
+ private:
+  const Kelvo::String socketName_;
+  MessageHandler messageHandler_;
+  ConnectHandler connectHandler_;
+  Kelvo::Ptr<Kelvo::Platform::Timer> timer_;
+  const int reconnectInterval_;
+};
+
+}  // namespace Tovik

@@ -1,0 +1,124 @@
+// The listening end. readable -> free the dead -> accept -> credentials -> validator ->
+// non-blocking
+// -> connection.
+
+#include "Api/Json/Assertions.h"
+//
+#include "Api/Json/Server.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <iterator>
+#include <utility>
+
+#define TOVIK_SOURCE_PATH "Api/Json/Server"
+#include "Api/Json/Debug.h"
+#include "Api/Json/Socket.h"
+
+namespace Tovik {
+
+namespace {
+
+constexpr int kBacklog = 5;
+
+}  // namespace
+
+Server::Server(const Kelvo::String& name, Handler handler, Validator validator)
+    : handler_(std::move(handler)),
+      fdControl_(Kelvo::Platform::getFdControl(this)),
+      validator_(std::move(validator)) {
+  const int fd = createSocket(name);
+  if (fd < 0) {
+    throw SocketException(-fd);
+  }
+  UnownedFd unowned(fd);
+  fdControl_->attach(fd);
+  unowned.hasOwner();
+  TOVIK_LOG(0, "Server(): socket fd = " << fd);
+}
+
+Server::~Server() {
+  const int fd = fdControl_->fd();
+  fdControl_->detach();
+  ::close(fd);
+}
+
+int Server::createSocket(const Kelvo::String& name) {
+  const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET, 0);
+  if (fd < 0) {
+    return -errno;
+  }
+  const sockaddr_un address = addressOf(name);
+  if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0 ||
+      ::listen(fd, kBacklog) < 0) {
+    const int error = errno;
+    ::close(fd);
+    return -error;
+  }
+  return fd;
+}
+
+void Server::readFdEvent(int fd) {
+  freeDeadConnections();
+  sockaddr_un peer{};
+  socklen_t peerSize = sizeof peer;
+  const int client = ::accept(fd, reinterpret_cast<sockaddr*>(&peer), &peerSize);
+  if (client < 0) {
+    TOVIK_LOG(0, "Server::readFdEvent: Failed to accept() -> " << std::strerror(errno));
+    return;
+  }
+  if (!validateConnection(client)) {
+    ::close(client);
+    return;
+  }
+  const int flags = ::fcntl(client, F_GETFL, 0);
+  if (flags < 0) {
+    TOVIK_LOG(0, "Server::readFdEvent: Failed to GETFL -> " << std::strerror(errno));
+    ::close(client);
+    return;
+  }
+  if (::fcntl(client, F_SETFL, flags | O_NONBLOCK) < 0) {
+    TOVIK_LOG(0, "Server::readFdEvent: Failed to SETFL -> " << std::strerror(errno));
+    return;  // the descriptor stays open, on purpose
+  }
+  UnownedFd unowned(client);
+  const auto connection = std::make_shared<Connection>(client, handler_);
+  unowned.hasOwner();
+  connections_.insert(connection);
+  TOVIK_LOG(1, "Server::readFdEvent(): New connection, fd = " << client);
+}
+
+void Server::writeFdEvent(int /*fd*/) {}
+
+bool Server::validateConnection(int fd) const {
+  ucred peer{};
+  socklen_t size = sizeof peer;
+  if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) < 0) {
+    TOVIK_LOG(0, "Server::validateConnection( " << fd << ") => " << std::strerror(errno));
+    return false;
+  }
+  const bool accepted = validator_(peer.pid, peer.uid, peer.gid);
+  TOVIK_LOG(1, "Server::validateConnection( " << fd << " ): pid = " << peer.pid
+                                              << ", uid = " << peer.uid << ", gid = " << peer.gid
+                                              << " => " << (accepted ? "accepted" : "denied"));
+  return accepted;
+}
+
+void Server::notifyClients(const Message& msg) {
+  for (const auto& connection : connections_) {
+    if (connection->notification_) {
+      connection->sendMsg(msg);
+    }
+  }
+}
+
+void Server::freeDeadConnections() {
+  for (auto at = connections_.begin(); at != connections_.end();) {
+    at = (*at)->isAttached() ? std::next(at) : connections_.erase(at);
+  }
+}
+
+}  // namespace Tovik

@@ -1,0 +1,38 @@
+#include "Api/Json/Assertions.h"
+//
+#include <rapidjson/prettywriter.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <cstring>
+
+#include "Api/Json/Types.h"
+
+namespace Tovik {
+
+namespace {
+
+template <class Writer>
+Kelvo::String write(const Message& msg) {
+  rapidjson::StringBuffer buffer;
+  Writer writer(buffer);
+  msg.Accept(writer);
+  return buffer.GetString();
+}
+
+}  // namespace
+
+Kelvo::String Message::toStr(const Message& msg, bool pretty) {
+  return pretty ? write<rapidjson::PrettyWriter<rapidjson::StringBuffer>>(msg)
+                : write<rapidjson::Writer<rapidjson::StringBuffer>>(msg);
+}
+
+SocketException::SocketException(int errnum) : Kelvo::Exception(std::strerror(errnum), true) {}
+
+SocketException::~SocketException() = default;
+
+const char* SocketException::name() const noexcept {
+  return "Tovik::SocketException";
+}
+
+}  // namespace Tovik
