@@ -1,0 +1,8 @@
+# The base library.
+tovik_test(kelvo_string_test kelvo/StringTest.cpp)
+tovik_test(kelvo_ptr_test kelvo/PtrTest.cpp)
+tovik_test(kelvo_debug_test kelvo/DebugTest.cpp)
+tovik_test(kelvo_event_loop_test kelvo/EventLoopTest.cpp)
+tovik_test(kelvo_timer_test kelvo/TimerTest.cpp)
+tovik_test(kelvo_fork_test kelvo/ForkTest.cpp)
+tovik_test(kelvo_no_progress_test kelvo/NoProgressTest.cpp)

@@ -1,0 +1,1 @@
+# The built and installed files, seen from outside.

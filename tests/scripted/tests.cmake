@@ -1,0 +1,1 @@
+# The library on a scripted base library.

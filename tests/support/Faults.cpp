@@ -1,0 +1,244 @@
+// The interposed functions. The dynamic linker takes a test program's definitions before the C
+// library's, for calls out of the shared libraries too; each goes on to the next definition.
+
+#include "tests/support/Faults.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdint>
+#include <cstring>
+#include <iterator>
+
+namespace Faults {
+
+namespace {
+
+// Per thread: tests with several threads watch and fail only their own.
+thread_local std::vector<Fail*> fails;
+thread_local std::vector<Trace*> traces;
+thread_local bool busy = false;  // the collecting itself may write
+
+template <class Function>
+Function next(const char* name) {
+  return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+struct Interposer {
+  /// The fault that this call meets, or null.
+  static Fail* match(Call call, int fd) {
+    for (Fail* fail : fails) {
+      if (fail->call_ != call || (fail->onlyFd_ >= 0 && fail->onlyFd_ != fd)) {
+        continue;
+      }
+      if (fail->skip_ > 0) {
+        --fail->skip_;
+        continue;
+      }
+      if (fail->times_ != 0) {
+        fail->times_ -= fail->times_ > 0 ? 1 : 0;
+        ++fail->hits_;
+        return fail;
+      }
+    }
+    return nullptr;
+  }
+
+  static int error(const Fail& fail) { return fail.error_; }
+
+  static void record(const Seen& seen) {
+    if (busy || traces.empty()) {
+      return;
+    }
+    const int callersErrno = errno;
+    busy = true;
+    for (Trace* trace : traces) {
+      trace->calls_.push_back(seen);
+    }
+    busy = false;
+    errno = callersErrno;
+  }
+
+  template <class Result, class Go>
+  static Result call(Call kind, int fd, std::size_t size, const std::string& bytes, Go go) {
+    if (busy) {
+      return go();
+    }
+    Fail* fail = match(kind, fd);
+    Result result;
+    if (fail == nullptr) {
+      result = go();
+    } else {
+      if (kind == Call::kClose) {
+        go();
+      }
+      errno = error(*fail);
+      result = static_cast<Result>(-1);
+    }
+    record(Seen{kind, fd, size, static_cast<long>(result), bytes});
+    return result;
+  }
+};
+
+Fail::Fail(Call call, int error, int times, int skip, int onlyFd)
+    : call_(call), error_(error), times_(times), skip_(skip), onlyFd_(onlyFd) {
+  fails.push_back(this);
+}
+
+Fail::~Fail() {
+  fails.erase(std::find(fails.begin(), fails.end(), this));
+}
+
+Trace::Trace() {
+  traces.push_back(this);
+}
+
+Trace::~Trace() {
+  traces.erase(std::find(traces.begin(), traces.end(), this));
+}
+
+std::vector<Seen> Trace::of(Call call) const {
+  std::vector<Seen> found;
+  std::copy_if(calls_.begin(), calls_.end(), std::back_inserter(found),
+               [call](const Seen& seen) { return seen.call == call; });
+  return found;
+}
+
+}  // namespace Faults
+
+using Faults::Call;
+using Faults::Interposer;
+using Faults::next;
+
+namespace {
+
+/// A copy of the bytes, only if somebody collects them.
+std::string copied(const void* bytes, std::size_t size) {
+  return Faults::traces.empty() || Faults::busy
+             ? std::string()
+             : std::string(static_cast<const char*>(bytes), size);
+}
+
+}  // namespace
+
+extern "C" {
+
+int socket(int domain, int type, int protocol) {
+  static const auto real = next<int (*)(int, int, int)>("socket");
+  return Interposer::call<int>(Call::kSocket, -1, 0, {},
+                               [&] { return real(domain, type, protocol); });
+}
+
+int bind(int fd, const sockaddr* address, socklen_t size) {
+  static const auto real = next<int (*)(int, const sockaddr*, socklen_t)>("bind");
+  return Interposer::call<int>(Call::kBind, fd, size, copied(address, size),
+                               [&] { return real(fd, address, size); });
+}
+
+int listen(int fd, int backlog) {
+  static const auto real = next<int (*)(int, int)>("listen");
+  return Interposer::call<int>(Call::kListen, fd, static_cast<std::size_t>(backlog), {},
+                               [&] { return real(fd, backlog); });
+}
+
+int accept(int fd, sockaddr* address, socklen_t* size) {
+  static const auto real = next<int (*)(int, sockaddr*, socklen_t*)>("accept");
+  return Interposer::call<int>(Call::kAccept, fd, size == nullptr ? 0 : *size, {},
+                               [&] { return real(fd, address, size); });
+}
+
+int connect(int fd, const sockaddr* address, socklen_t size) {
+  static const auto real = next<int (*)(int, const sockaddr*, socklen_t)>("connect");
+  return Interposer::call<int>(Call::kConnect, fd, size, copied(address, size),
+                               [&] { return real(fd, address, size); });
+}
+
+int getsockopt(int fd, int level, int option, void* value, socklen_t* size) {
+  static const auto real = next<int (*)(int, int, int, void*, socklen_t*)>("getsockopt");
+  return Interposer::call<int>(Call::kGetsockopt, fd, *size, {},
+                               [&] { return real(fd, level, option, value, size); });
+}
+
+int fcntl(int fd, int command, ...) {
+  static const auto real = next<int (*)(int, int, ...)>("fcntl");
+  va_list arguments;
+  va_start(arguments, command);
+  void* argument = va_arg(arguments, void*);
+  va_end(arguments);
+  if (command != F_GETFL && command != F_SETFL) {
+    return real(fd, command, argument);
+  }
+  return Interposer::call<int>(command == F_GETFL ? Call::kGetFl : Call::kSetFl, fd,
+                               reinterpret_cast<std::uintptr_t>(argument), {},
+                               [&] { return real(fd, command, argument); });
+}
+
+ssize_t read(int fd, void* buffer, size_t size) {
+  static const auto real = next<ssize_t (*)(int, void*, size_t)>("read");
+  return Interposer::call<ssize_t>(Call::kRead, fd, size, {},
+                                   [&] { return real(fd, buffer, size); });
+}
+
+ssize_t write(int fd, const void* bytes, size_t size) {
+  static const auto real = next<ssize_t (*)(int, const void*, size_t)>("write");
+  return Interposer::call<ssize_t>(Call::kWrite, fd, size, copied(bytes, size),
+                                   [&] { return real(fd, bytes, size); });
+}
+
+int close(int fd) {
+  static const auto real = next<int (*)(int)>("close");
+  return Interposer::call<int>(Call::kClose, fd, 0, {}, [&] { return real(fd); });
+}
+
+char* strerror(int error) noexcept {
+  static const auto real = next<char* (*)(int)>("strerror");
+  char* const text = real(error);
+  Interposer::record(Faults::Seen{Call::kStrerror, -1, 0, error, {}});
+  return text;
+}
+
+int epoll_create1(int flags) noexcept {
+  static const auto real = next<int (*)(int)>("epoll_create1");
+  return Interposer::call<int>(Call::kEpollCreate, -1, 0, {}, [&] { return real(flags); });
+}
+
+int epoll_ctl(int epoll, int operation, int fd, epoll_event* event) noexcept {
+  static const auto real = next<int (*)(int, int, int, epoll_event*)>("epoll_ctl");
+  return Interposer::call<int>(Call::kEpollCtl, fd, static_cast<std::size_t>(operation), {},
+                               [&] { return real(epoll, operation, fd, event); });
+}
+
+int epoll_wait(int epoll, epoll_event* events, int count, int timeout) {
+  static const auto real = next<int (*)(int, epoll_event*, int, int)>("epoll_wait");
+  return Interposer::call<int>(Call::kEpollWait, epoll, static_cast<std::size_t>(count), {},
+                               [&] { return real(epoll, events, count, timeout); });
+}
+
+int eventfd(unsigned count, int flags) noexcept {
+  static const auto real = next<int (*)(unsigned, int)>("eventfd");
+  return Interposer::call<int>(Call::kEventfd, -1, 0, {}, [&] { return real(count, flags); });
+}
+
+int timerfd_create(int clock, int flags) noexcept {
+  static const auto real = next<int (*)(int, int)>("timerfd_create");
+  return Interposer::call<int>(Call::kTimerfdCreate, -1, 0, {}, [&] { return real(clock, flags); });
+}
+
+int timerfd_settime(int fd, int flags, const itimerspec* setting, itimerspec* old) noexcept {
+  static const auto real =
+      next<int (*)(int, int, const itimerspec*, itimerspec*)>("timerfd_settime");
+  return Interposer::call<int>(Call::kTimerfdSettime, fd, 0, {},
+                               [&] { return real(fd, flags, setting, old); });
+}
+
+}  // extern "C"

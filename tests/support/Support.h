@@ -1,0 +1,87 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Api/Json/Types.h"
+#include "Kelvo/Platform/Debug.h"
+#include "Kelvo/Platform/EventLoop.h"
+
+// What the tests share: names, loops turned by hand, raw sockets, the captured debug channel.
+
+/// A server name that no other test, process or repetition uses.
+std::string uniqueName();
+
+/// Turns this thread's loop until `condition` holds. False if it still does not after `limit`.
+bool turnUntil(const std::function<bool()>& condition,
+               std::chrono::milliseconds limit = std::chrono::seconds(10));
+
+/// Turns this thread's loop until a turn without waiting has nothing to deliver.
+void turnUntilIdle();
+
+/// The open descriptors of this process.
+std::set<int> openDescriptors();
+
+/// The message that a JSON text stands for, parse error or not.
+Tovik::Message parsed(const std::string& text);
+
+/// A file descriptor that closes itself.
+class Fd {
+ public:
+  explicit Fd(int fd = -1) : fd_(fd) {}
+  Fd(Fd&& other) noexcept : fd_(other.release()) {}
+  Fd& operator=(Fd&& other) noexcept;
+  ~Fd() { reset(); }
+
+  int get() const { return fd_; }
+  int release();
+  void reset();
+
+ private:
+  int fd_;
+};
+
+// Raw sockets, written from the wire's rules alone and not with the library's code. Addresses are
+// 110 bytes unless another length is asked for.
+
+/// A listening sequenced-packet socket under that name.
+Fd rawListen(const std::string& name, socklen_t addressSize = 110, int backlog = 5);
+/// A connected one; -1 inside, and errno, if it cannot.
+Fd rawConnect(const std::string& name, socklen_t addressSize = 110);
+/// Two connected, blocking sockets.
+std::pair<Fd, Fd> rawPair();
+/// Sends one record.
+void rawSend(int fd, std::string_view record);
+/// Waits for one record, up to ten seconds. "<end>" at the end of the connection, "<nothing>" after
+/// the time, "<error>" on a failure.
+std::string rawReceive(int fd);
+/// The next record if there is one already, else "<nothing>".
+std::string rawReceiveNow(int fd);
+void setNonBlocking(int fd);
+
+/// Collects the records of the channel "Tovik" while it lives; enables all levels, or those given.
+class CapturedLog {
+ public:
+  explicit CapturedLog(unsigned mask = 0xF);
+  CapturedLog(const CapturedLog&) = delete;
+  CapturedLog& operator=(const CapturedLog&) = delete;
+  ~CapturedLog();
+
+  const std::vector<Kelvo::Platform::DebugRecord>& records() const { return records_; }
+  /// Each record as "level path function: text".
+  std::vector<std::string> lines() const;
+  /// Those of one level.
+  std::vector<std::string> lines(int level) const;
+  bool has(const std::string& line) const;
+  void clear() { records_.clear(); }
+
+ private:
+  std::vector<Kelvo::Platform::DebugRecord> records_;
+};

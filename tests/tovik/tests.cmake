@@ -1,0 +1,9 @@
+# The library on the real base library and the real kernel.
+tovik_test(message_test tovik/MessageTest.cpp)
+tovik_test(client_test tovik/ClientTest.cpp)
+tovik_test(async_sender_test tovik/AsyncSenderTest.cpp)
+tovik_test(connection_test tovik/ConnectionTest.cpp)
+tovik_test(server_test tovik/ServerTest.cpp)
+tovik_test(async_client_test tovik/AsyncClientTest.cpp)
+tovik_test(diagnostics_test tovik/DiagnosticsTest.cpp)
+tovik_test(conversation_test tovik/ConversationTest.cpp)
