@@ -1,0 +1,47 @@
+#include "examples/hostmon/Host.h"
+
+#include <fstream>
+#include <stdexcept>
+#include <string>
+
+namespace Hostmon {
+
+namespace {
+
+double firstNumberOf(const char* path) {
+  double number = 0;
+  if (!(std::ifstream(path) >> number)) {
+    throw std::runtime_error(std::string("cannot read ") + path);
+  }
+  return number;
+}
+
+unsigned availableMemoryMiB() {
+  std::ifstream file("/proc/meminfo");
+  std::string word;
+  unsigned kibibytes = 0;
+  while (file >> word) {
+    if (word == "MemAvailable:" && file >> kibibytes) {
+      return kibibytes / 1024;
+    }
+  }
+  throw std::runtime_error("cannot find MemAvailable in /proc/meminfo");
+}
+
+}  // namespace
+
+Host Host::read() {
+  return {firstNumberOf("/proc/loadavg"), availableMemoryMiB(), firstNumberOf("/proc/uptime")};
+}
+
+Tovik::Message Host::toMessage() const {
+  Tovik::Message msg;
+  msg.SetObject();
+  msg.AddMember("type", "hostmon", msg.GetAllocator());
+  msg.AddMember("load", load, msg.GetAllocator());
+  msg.AddMember("memory", memoryMiB, msg.GetAllocator());
+  msg.AddMember("uptime", uptime, msg.GetAllocator());
+  return msg;
+}
+
+}  // namespace Hostmon
