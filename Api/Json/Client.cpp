@@ -56,7 +56,7 @@ int createSocket(const Kelvo::String& name, bool nonBlocking) {
 
 // --- the blocking client ---
 
-Client::Client(const Kelvo::String& name) : fd_(-1), readBufferSize_(kReadBufferSize) {
+Client::Client(const Kelvo::String& name) : readBufferSize_(kReadBufferSize) {
   const int fd = createSocket(name, false);
   if (fd < 0) {
     throw SocketException(-fd);

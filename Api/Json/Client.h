@@ -49,7 +49,7 @@ class TOVIK_API Client {
   int waitAck() const;
 
  private:
-  int fd_;  // -1 once closed
+  int fd_ = -1;  // also once closed
   const int readBufferSize_;
 };
 

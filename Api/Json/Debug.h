@@ -27,6 +27,7 @@ static inline Kelvo::Platform::RawDebugHandler& debugHandler() {
 
 }  // namespace Tovik
 
+// NOLINTBEGIN(bugprone-macro-parentheses): the pieces are a chain of insertions
 #define TOVIK_LOG(level, pieces)                                                      \
   do {                                                                                \
     if (auto& tovikHandler = ::Tovik::debugHandler(); tovikHandler.enabled(level)) {  \
@@ -35,3 +36,4 @@ static inline Kelvo::Platform::RawDebugHandler& debugHandler() {
       tovikHandler.output(tovikStream, level, TOVIK_SOURCE_PATH, __func__, __LINE__); \
     }                                                                                 \
   } while (false)
+// NOLINTEND(bugprone-macro-parentheses)

@@ -4,6 +4,7 @@
 
 #include <iostream>
 #include <string_view>
+#include <utility>
 
 #include "Api/Json/Server.h"
 #include "Kelvo/Platform/Debug.h"
@@ -28,7 +29,8 @@ class Monitor : public Kelvo::Platform::TimeoutHandler {
  public:
   Monitor(const std::string& name, Tovik::Server::Validator validator)
       : server_(
-            name, [this](auto& client, const auto& msg) { handle(client, msg); }, validator),
+            name, [this](auto& client, const auto& msg) { handle(client, msg); },
+            std::move(validator)),
         timer_(Kelvo::Platform::getTimer(this)) {
     timer_->arm(interval_);
   }

@@ -1,0 +1,81 @@
+"""Compiles the README's example and runs it as a reader would: server, subscriber, client."""
+
+import argparse
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import tempfile
+import time
+
+DEADLINE = 20  # seconds for anything to happen
+
+
+def snippets(document):
+    """The fenced C++ blocks that a `<!-- snippet: name -->` line announces, by name."""
+    pattern = r"<!-- snippet: (\w+) -->\n```cpp\n(.*?)```"
+    return dict(re.findall(pattern, document.read_text(), re.S))
+
+
+def compile_snippet(options, folder, name, text):
+    source = folder / f"{name}.cpp"
+    source.write_text(text)
+    program = folder / name
+    libraries = [options.tovik, options.kelvo]
+    rpaths = [f"-Wl,-rpath,{os.path.dirname(library)}" for library in libraries]
+    subprocess.run(
+        [options.compiler, "-std=c++17", "-Wall", "-Wextra", "-Werror", *options.flags.split(),
+         f"-I{options.source}", str(source), "-o", str(program), *libraries, *rpaths],
+        check=True)
+    return program
+
+
+def wait_for_server(name):
+    """Until the kernel lists a listening socket of that name."""
+    deadline = time.monotonic() + DEADLINE
+    while time.monotonic() < deadline:
+        with open("/proc/net/unix", errors="replace") as table:
+            if any("@" + name + "@" in line and " 00010000 " in line for line in table):
+                return
+        time.sleep(0.02)
+    sys.exit(f"no server listens as {name}")
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    for option in ("--source", "--compiler", "--tovik", "--kelvo"):
+        parser.add_argument(option, required=True)
+    parser.add_argument("--flags", default="")
+    options = parser.parse_args()
+
+    found = snippets(pathlib.Path(options.source) / "README.md")
+    assert set(found) == {"server", "client", "subscriber"}, sorted(found)
+    name = f"adder-{os.getpid()}"  # test runs may overlap
+    running = []
+    with tempfile.TemporaryDirectory() as temporary:
+        programs = {key: compile_snippet(options, pathlib.Path(temporary), key,
+                                         text.replace('"adder"', f'"{name}"'))
+                    for key, text in found.items()}
+        try:
+            running.append(subprocess.Popen([programs["server"]]))
+            wait_for_server(name)
+            subscriber = subprocess.Popen([programs["subscriber"]], stdout=subprocess.PIPE,
+                                          text=True)
+            running.append(subscriber)
+            assert subscriber.stdout.readline() == '{"type":"reply","status":0}\n'
+            for total in (5, 10):
+                status = subprocess.run([programs["client"]], timeout=DEADLINE).returncode
+                assert status == 0, status
+                line = subscriber.stdout.readline()
+                assert line == '{"total":%d}\n' % total, line
+        finally:
+            for process in running:
+                process.terminate()
+                process.wait()
+                if process.stdout:
+                    process.stdout.close()
+
+
+if __name__ == "__main__":
+    main()
