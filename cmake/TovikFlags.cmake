@@ -11,6 +11,16 @@ if(TOVIK_SANITIZE)
   target_link_options(tovik_flags INTERFACE -fsanitize=${TOVIK_SANITIZE})
 endif()
 
+# What distributions harden their builds with. Fortification needs optimisation, and the sanitizers
+# do its work themselves.
+target_compile_options(tovik_flags INTERFACE -fstack-protector-strong)
+target_link_options(tovik_flags INTERFACE LINKER:-z,relro LINKER:-z,now LINKER:-z,noexecstack)
+if(NOT TOVIK_SANITIZE)
+  target_compile_options(
+    tovik_flags INTERFACE
+    $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE$<SEMICOLON>-D_FORTIFY_SOURCE=2>)
+endif()
+
 # A shared library that exports what its headers mark and its version script lets through, and binds
 # its own calls to its own functions, whatever an application defines under the same names.
 function(tovik_shared_library target version_script)

@@ -71,8 +71,7 @@ int AsyncSender::asyncRead(Kelvo::String& out) const {
   char buffer[kReadBufferSize];
   out.clear();
   while (true) {
-    const auto length =
-        ::read(fdControl_->fd(), buffer, static_cast<std::size_t>(readBufferSize_ - 1));
+    const auto length = ::read(fdControl_->fd(), buffer, sizeof buffer - 1);
     if (length < 0) {
       if (errno == EAGAIN) {
         return 0;

@@ -89,7 +89,7 @@ int Client::sendMsg(const Message& msg, bool waitForAck) const {
 
 Message Client::waitForMsg() const {
   char buffer[kReadBufferSize];
-  const auto length = ::read(fd_, buffer, static_cast<std::size_t>(readBufferSize_ - 1));
+  const auto length = ::read(fd_, buffer, sizeof buffer - 1);
   if (length < 0) {
     throw SocketException(errno);
   }

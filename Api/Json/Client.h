@@ -50,7 +50,7 @@ class TOVIK_API Client {
 
  private:
   int fd_ = -1;  // also once closed
-  const int readBufferSize_;
+  [[maybe_unused]] const int readBufferSize_;  // part of the object's layout
 };
 
 /// The client for the event loop: connects by itself, and again one interval after each loss or
