@@ -1,8 +1,13 @@
 #include "Kelvo/Platform/EventLoop.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <limits>
+#include <memory>
+#include <new>
 
+#include "Kelvo/Exception.h"
 #include "Kelvo/Platform/EpollControl.h"
 #include "Kelvo/Platform/LoopCore.h"
 #include "Kelvo/Platform/LoopTimer.h"
@@ -10,13 +15,37 @@
 
 namespace Kelvo::Platform {
 
+namespace {
+
+pthread_key_t makeThreadKey(void (*atThreadEnd)(void*)) {
+  pthread_key_t key{};
+  if (pthread_key_create(&key, atThreadEnd) != 0) {
+    throw Exception("EventLoop: the process has no thread-specific key left", true);
+  }
+  return key;
+}
+
+}  // namespace
+
 EventLoop::EventLoop() : core_(new LoopCore) {}
 
 EventLoop::~EventLoop() = default;
 
+// A thread-specific key and not a thread_local object: to register the latter's destructor the C
+// library needs memory, and it ends the process if there is none. The key also leaves the main
+// thread's loop in place for the destructors of static objects.
 EventLoop& EventLoop::current() {
-  static thread_local EventLoop loop;
-  return loop;
+  static const pthread_key_t key =
+      makeThreadKey([](void* loop) { delete static_cast<EventLoop*>(loop); });
+  auto* loop = static_cast<EventLoop*>(pthread_getspecific(key));
+  if (loop == nullptr) {
+    std::unique_ptr<EventLoop> made(new EventLoop);
+    if (pthread_setspecific(key, made.get()) != 0) {
+      throw std::bad_alloc();
+    }
+    loop = made.release();
+  }
+  return *loop;
 }
 
 void EventLoop::run() {

@@ -62,8 +62,9 @@ class LoopCore;
 /// One thread's event loop. Used on that thread only, except for `stop`.
 class KELVO_API EventLoop {
  public:
-  /// The calling thread's loop, made on first use and kept until the thread ends. Controls and
-  /// timers that are released after that are still safe to release.
+  /// The calling thread's loop, made on first use and kept until the thread ends (the main thread's
+  /// to the end of the process). Controls and timers that are released later are still safe to
+  /// release.
   /// @throws Kelvo::Exception if the kernel refuses the descriptors it needs (three).
   static EventLoop& current();
 

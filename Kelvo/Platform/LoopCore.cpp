@@ -95,6 +95,7 @@ LoopCore::LoopCore()
 
 bool LoopCore::turn(int timeoutMilliseconds) {
   requireOurs();
+  programTimer();  // does nothing, unless the kernel refused it last time
   std::array<epoll_event, kBatchSize> batch;
   const int count = epoll_wait(fd(), batch.data(), kBatchSize, timeoutMilliseconds);
   if (count < 0) {
