@@ -49,6 +49,7 @@ EventLoop& EventLoop::current() {
 }
 
 void EventLoop::run() {
+  core_->receiveStop();  // one that was called before
   while (!core_->takeStop()) {
     core_->turn(-1);
   }

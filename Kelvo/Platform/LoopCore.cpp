@@ -11,9 +11,11 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "Kelvo/Exception.h"
 #include "Kelvo/ThreadControl.h"
@@ -116,7 +118,7 @@ bool LoopCore::turn(int timeoutMilliseconds) {
 bool LoopCore::deliver(const epoll_event& event) {
   const Token token = event.data.u64;
   if (token == kWakeUpToken) {
-    drainWakeUps();
+    receiveStop();
     return false;
   }
   if (token == kTimerToken) {
@@ -158,20 +160,28 @@ bool LoopCore::runDueTimers() {
   return dispatched;
 }
 
+// The request travels through the descriptor alone. A flag beside it could be seen first, and the
+// loop's thread could end, and the loop with it, while this call still uses it.
 void LoopCore::requestStop() noexcept {
   if (!ours()) {
     return;  // a signal handler that a forked child has inherited: the parent goes on
   }
   const int callersErrno = errno;
-  stop_.store(true, std::memory_order_release);
   const std::uint64_t one = 1;
   [[maybe_unused]] const auto written = ::write(wakeUp_.fd(), &one, sizeof one);
   errno = callersErrno;
 }
 
-void LoopCore::drainWakeUps() noexcept {
-  std::uint64_t count = 0;
-  [[maybe_unused]] const auto bytes = ::read(wakeUp_.fd(), &count, sizeof count);
+void LoopCore::receiveStop() noexcept {
+  if (!ours()) {
+    return;  // it is the parent's to receive
+  }
+  std::uint64_t requests = 0;
+  stop_ = ::read(wakeUp_.fd(), &requests, sizeof requests) > 0 || stop_;
+}
+
+bool LoopCore::takeStop() noexcept {
+  return std::exchange(stop_, false);
 }
 
 bool LoopCore::ours() const noexcept {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <unordered_map>
 #include <vector>
@@ -49,7 +48,8 @@ class LoopCore : public Counted {
   // One turn, and what wakes it.
   bool turn(int timeoutMilliseconds);
   void requestStop() noexcept;
-  bool takeStop() noexcept { return stop_.exchange(false, std::memory_order_acquire); }
+  void receiveStop() noexcept;
+  bool takeStop() noexcept;
   int fd() const noexcept { return epoll_.fd(); }
 
   // Registrations. `add` throws if the kernel refuses; `remove` never fails.
@@ -92,7 +92,6 @@ class LoopCore : public Counted {
   void requireOurs() const;
   bool deliver(const epoll_event& event);
   bool runDueTimers();
-  void drainWakeUps() noexcept;
   bool programTimer() noexcept;
   void notifyWatchers(const FdEventHandler* handler, int by);
 
@@ -100,7 +99,7 @@ class LoopCore : public Counted {
   const OwnedFd epoll_;
   const OwnedFd wakeUp_;
   const OwnedFd timer_;
-  std::atomic<bool> stop_{false};
+  bool stop_ = false;  // received and not yet taken
 
   std::vector<Slot> slots_;  // by descriptor number
   std::uint32_t lastGeneration_ = 0;
