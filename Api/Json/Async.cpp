@@ -100,8 +100,9 @@ void AsyncSender::terminateConnection() {
 }
 
 void AsyncSender::clearQueue() {
-  sendQueue_.clear();
-  sendQueue_.shrink_to_fit();  // swaps in a fresh queue, and does without if memory is short
+  if (!sendQueue_.empty()) {  // a fresh queue needs memory, which most teardowns can do without
+    std::deque<Kelvo::String>().swap(sendQueue_);
+  }
 }
 
 }  // namespace Tovik

@@ -1,3 +1,5 @@
+#undef _FORTIFY_SOURCE  // whose headers define some of these functions themselves
+
 #include "tests/faults/Injection.h"
 
 #include <dlfcn.h>

@@ -1,6 +1,8 @@
 // The interposed functions. The dynamic linker takes a test program's definitions before the C
 // library's, for calls out of the shared libraries too; each goes on to the next definition.
 
+#undef _FORTIFY_SOURCE  // whose headers define some of these functions themselves
+
 #include "tests/support/Faults.h"
 
 #include <dlfcn.h>
