@@ -1,1 +1,917 @@
-#include "tests/support/Support.h"
+// The listening end: accepting, admitting, broadcasting, freeing, and what happens when a step of
+// it fails. Clients are raw sockets.
+
+#include "Api/Json/Server.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <tuple>
+#include <utility>
+
+#include "Kelvo/Exception.h"
+#include "Kelvo/Platform/TimeoutHandler.h"
+#include "tests/tovik/Peers.h"
+
+using Faults::Call;
+using Faults::Fail;
+using Faults::Trace;
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+using ::testing::UnorderedElementsAre;
+
+namespace {
+
+constexpr auto kNews = R"({"news":1})";
+
+bool admitAll(int /*pid*/, unsigned /*uid*/, unsigned /*gid*/) {
+  return true;
+}
+
+class Server : public ::testing::Test {
+ protected:
+  Server() { start(); }
+
+  void start() {
+    Trace trace;
+    server = std::make_unique<Tovik::Server>(
+        name,
+        [this, copies = copies](Tovik::Connection& from, const Tovik::Message& msg) {
+          handled.emplace_back(Tovik::Message::toStr(msg, false).data());
+          if (onMessage) {
+            onMessage(from, msg);
+          }
+        },
+        [this](int pid, unsigned uid, unsigned gid) { return validator(pid, uid, gid); });
+    listening = trace.of(Call::kListen).at(0).fd;
+  }
+
+  /// The connections that exist: each holds a copy of the server's handler.
+  long connections() const { return copies.use_count() - 2; }
+
+  /// A client that waits to be accepted.
+  Fd knock() const { return rawConnect(name); }
+
+  /// A client that has been admitted; `acceptedFd` is the server's end.
+  Fd join() {
+    Trace trace;
+    Fd client = knock();
+    EXPECT_TRUE(turn());
+    acceptedFd = static_cast<int>(trace.of(Call::kAccept).at(0).result);
+    return client;
+  }
+
+  Fd joinSubscribed() {
+    Fd client = join();
+    rawSend(client.get(), kSubscribe);
+    EXPECT_TRUE(turn());
+    EXPECT_EQ(rawReceiveNow(client.get()), kAccepted);
+    return client;
+  }
+
+  static std::string line(int level, const std::string& function, const std::string& text) {
+    return std::to_string(level) + " Api/Json/Server " + function + ": " + text;
+  }
+  static std::string judgedLine(int fd, const std::string& word) {
+    return line(1, "validateConnection",
+                "Server::validateConnection( " + std::to_string(fd) + " ): pid = " +
+                    std::to_string(::getpid()) + ", uid = " + std::to_string(::getuid()) +
+                    ", gid = " + std::to_string(::getgid()) + " => " + word);
+  }
+  static std::string admittedLine(int fd) {
+    return line(1, "readFdEvent",
+                "Server::readFdEvent(): New connection, fd = " + std::to_string(fd));
+  }
+  static std::string errorLine(const std::string& what, int error) {
+    return line(0, "readFdEvent", "Server::readFdEvent: Failed to " + what + " -> ") +
+           std::strerror(error);
+  }
+
+  const std::string name = uniqueName();
+  const std::shared_ptr<int> copies = std::make_shared<int>();
+  std::vector<std::string> handled;
+  std::function<void(Tovik::Connection&, const Tovik::Message&)> onMessage;
+  Tovik::Server::Validator validator = admitAll;
+  std::unique_ptr<Tovik::Server> server;
+  int listening = -1;
+  int acceptedFd = -1;
+};
+
+// --- the listening socket ---
+
+TEST_F(Server, BindsTheWholeAddressPaddedWithZeros) {
+  server.reset();
+  Trace trace;
+  start();
+  const auto binds = trace.of(Call::kBind);
+  ASSERT_EQ(binds.size(), 1U);
+  std::string address(110, '\0');
+  address[0] = AF_UNIX;
+  std::copy(name.begin(), name.end(), address.begin() + 3);
+  EXPECT_EQ(binds[0].bytes, address);
+}
+
+TEST_F(Server, ListensWithABacklogOfFive) {
+  server.reset();
+  Trace trace;
+  start();
+  const auto listens = trace.of(Call::kListen);
+  ASSERT_EQ(listens.size(), 1U);
+  EXPECT_EQ(listens[0].size, 5U);
+}
+
+TEST_F(Server, ListensOnABlockingSocketThatChildrenInherit) {
+  EXPECT_EQ(::fcntl(listening, F_GETFL) & O_NONBLOCK, 0);
+  EXPECT_EQ(::fcntl(listening, F_GETFD) & FD_CLOEXEC, 0);
+  int type = 0;
+  socklen_t size = sizeof type;
+  ASSERT_EQ(::getsockopt(listening, SOL_SOCKET, SO_TYPE, &type, &size), 0);
+  EXPECT_EQ(type, SOCK_SEQPACKET);
+}
+
+TEST_F(Server, AsksForReadEventsOnly) {
+  EXPECT_EQ(watchedEvents(listening), unsigned{EPOLLIN});
+  Trace trace;
+  server->writeFdEvent(listening);
+  EXPECT_THAT(trace.calls(), IsEmpty());
+}
+
+TEST_F(Server, ReportsItsDescriptorOnceItIsWatched) {
+  server.reset();
+  unsigned watched = 0;
+  std::string text;
+  Kelvo::Platform::setDebugSink("Tovik", [&](const Kelvo::Platform::DebugRecord& record) {
+    text = record.text;
+    watched = watchedEvents(std::stoi(text.substr(text.rfind(' '))));
+  });
+  Kelvo::Platform::setDebugLevels("Tovik", 1);
+  start();
+  Kelvo::Platform::setDebugLevels("Tovik", 0);
+  Kelvo::Platform::setDebugSink("Tovik", nullptr);
+  EXPECT_EQ(text, "Server(): socket fd = " + std::to_string(listening));
+  EXPECT_EQ(watched, unsigned{EPOLLIN});
+}
+
+TEST_F(Server, IsReachedByTheWholeAddressOnly) {
+  for (const std::size_t length : {3 + name.size(), 4 + name.size(), std::size_t{109}}) {
+    EXPECT_LT(rawConnect(name, static_cast<socklen_t>(length)).get(), 0);
+    EXPECT_EQ(errno, ECONNREFUSED);
+  }
+  EXPECT_GE(knock().get(), 0);
+}
+
+TEST_F(Server, TakesANameOf106Bytes) {
+  const std::string longest = name + std::string(106 - name.size(), 'x');
+  const Tovik::Server other(longest, nullptr, admitAll);
+  EXPECT_GE(rawConnect(longest).get(), 0);
+  EXPECT_LT(rawConnect(longest.substr(0, 105)).get(), 0);
+}
+
+TEST_F(Server, CutsItsNameAtANulByte) {
+  const std::string cut = uniqueName();
+  const Tovik::Server other(Kelvo::String(cut + std::string("\0more", 5)), nullptr, admitAll);
+  EXPECT_GE(rawConnect(cut).get(), 0);
+}
+
+using ServerDeathTest = Server;
+
+TEST_F(ServerDeathTest, EndsTheProcessForANameOf107Bytes) {
+  EXPECT_EXIT(Tovik::Server(std::string(107, 'x'), nullptr, admitAll),
+              ::testing::KilledBySignal(SIGABRT), "buffer overflow detected");
+  EXPECT_EXIT(Tovik::Server(std::string(300, 'x'), nullptr, admitAll),
+              ::testing::KilledBySignal(SIGABRT), "buffer overflow detected");
+}
+
+TEST_F(Server, RefusesANameThatIsTakenAndLeavesTheFirstServerWorking) {
+  const auto before = openDescriptors();
+  try {
+    Tovik::Server second(name, nullptr, admitAll);
+    ADD_FAILURE() << "nothing was thrown";
+  } catch (const Tovik::SocketException& exception) {
+    EXPECT_STREQ(exception.what(), std::strerror(EADDRINUSE));
+    EXPECT_STREQ(exception.name(), "Tovik::SocketException");
+  }
+  EXPECT_EQ(openDescriptors(), before);
+  const Fd client = join();
+  rawSend(client.get(), kNews);
+  EXPECT_TRUE(turn());
+  EXPECT_THAT(handled, ElementsAre(kNews));
+}
+
+class ServerWhoseSetUpFails : public Server,
+                              public ::testing::WithParamInterface<std::pair<Call, int>> {
+ protected:
+  ServerWhoseSetUpFails() { server.reset(); }
+};
+
+TEST_P(ServerWhoseSetUpFails, ThrowsThatReasonAndLeavesNothingBehind) {
+  const auto before = openDescriptors();
+  CapturedLog log;
+  {
+    const Fail fail(GetParam().first, GetParam().second, 1);
+    const Fail alsoClosing(Call::kClose, EIO);  // must not change the reason
+    try {
+      start();
+      ADD_FAILURE() << "nothing was thrown";
+    } catch (const Tovik::SocketException& exception) {
+      EXPECT_STREQ(exception.what(), std::strerror(GetParam().second));
+      EXPECT_TRUE(exception.external());
+    }
+    EXPECT_EQ(fail.hits(), 1);
+  }
+  EXPECT_EQ(openDescriptors(), before);
+  EXPECT_THAT(log.lines(), IsEmpty());
+  EXPECT_EQ(copies.use_count(), 1);
+  start();  // the name is free
+}
+
+TEST_P(ServerWhoseSetUpFails, ReportsMinusTheErrorFromItsFirstStep) {
+  start();
+  const auto before = openDescriptors();
+  const Fail fail(GetParam().first, GetParam().second, 1);
+  const Fail alsoClosing(Call::kClose, EIO);
+  EXPECT_EQ(server->createSocket(uniqueName()), -GetParam().second);
+  EXPECT_EQ(openDescriptors(), before);
+}
+
+INSTANTIATE_TEST_SUITE_P(Step, ServerWhoseSetUpFails,
+                         ::testing::Values(std::pair(Call::kSocket, EMFILE),
+                                           std::pair(Call::kBind, EACCES),
+                                           std::pair(Call::kListen, EOPNOTSUPP)),
+                         [](const auto& step) { return strerrorname_np(step.param.second); });
+
+TEST_F(Server, LeavesNothingBehindWhenItsSocketCannotBeWatched) {
+  server.reset();
+  const auto before = openDescriptors();
+  CapturedLog log;
+  {
+    const Fail fail(Call::kEpollCtl, ENOSPC, 1);
+    EXPECT_THROW(start(), Kelvo::Exception);
+  }
+  EXPECT_EQ(openDescriptors(), before);
+  EXPECT_THAT(log.lines(), IsEmpty());
+  EXPECT_EQ(copies.use_count(), 1);
+  start();
+}
+
+TEST_F(Server, MakesASocketThatListensForItsCaller) {
+  const std::string another = uniqueName();
+  const Fd made(server->createSocket(another));
+  ASSERT_GE(made.get(), 0);
+  EXPECT_GE(rawConnect(another).get(), 0);
+  EXPECT_EQ(server->createSocket(name), -EADDRINUSE);
+}
+
+// --- accepting ---
+
+TEST_F(Server, AcceptsOneClientInEachEvent) {
+  const Fd clients[] = {knock(), knock(), knock()};
+  Trace trace;
+  for (int admitted = 1; admitted <= 3; ++admitted) {
+    EXPECT_TRUE(turn());
+    EXPECT_EQ(trace.count(Call::kAccept), admitted);
+    EXPECT_EQ(connections(), admitted);
+  }
+  EXPECT_FALSE(turn());
+}
+
+TEST_F(Server, AcceptsWithRoomForAWholeAddress) {
+  Trace trace;
+  const Fd client = join();
+  const auto accepts = trace.of(Call::kAccept);
+  ASSERT_EQ(accepts.size(), 1U);
+  EXPECT_EQ(accepts[0].fd, listening);
+  EXPECT_EQ(accepts[0].size, 110U);
+}
+
+TEST_F(Server, AcceptsOnTheDescriptorOfTheEvent) {
+  const std::string another = uniqueName();
+  const Fd made(server->createSocket(another));
+  const Fd client = rawConnect(another);
+  server->readFdEvent(made.get());
+  EXPECT_EQ(connections(), 1);
+}
+
+TEST_F(Server, MakesAnAdmittedSocketNonBlockingAndKeepsItsOtherFlags) {
+  Trace trace;
+  const Fd client = join();
+  const auto got = trace.of(Call::kGetFl);
+  const auto set = trace.of(Call::kSetFl);
+  ASSERT_EQ(got.size(), 1U);
+  ASSERT_EQ(set.size(), 1U);
+  EXPECT_EQ(set[0].fd, acceptedFd);
+  EXPECT_EQ(static_cast<long>(set[0].size), got[0].result | O_NONBLOCK);
+  EXPECT_NE(::fcntl(acceptedFd, F_GETFL) & O_NONBLOCK, 0);
+  EXPECT_EQ(::fcntl(acceptedFd, F_GETFD) & FD_CLOEXEC, 0);
+}
+
+TEST_F(Server, LogsAnAdmittedClient) {
+  CapturedLog log;
+  const Fd client = join();
+  EXPECT_THAT(log.lines(),
+              ElementsAre(judgedLine(acceptedFd, "accepted"), admittedLine(acceptedFd)));
+}
+
+TEST_F(Server, HandsEachConnectionsMessagesToItsHandler) {
+  const Fd one = join();
+  const Fd two = join();
+  rawSend(one.get(), R"({"from":1})");
+  rawSend(two.get(), R"({"from":2})");
+  turnUntilIdle();
+  EXPECT_THAT(handled, UnorderedElementsAre(R"({"from":1})", R"({"from":2})"));
+}
+
+TEST_F(Server, AnswersTheClientThatAsked) {
+  onMessage = [](Tovik::Connection& from, const Tovik::Message& msg) {
+    from.acknowledge(msg["from"].GetUint());
+  };
+  const Fd one = join();
+  const Fd two = join();
+  rawSend(two.get(), R"({"from":2})");
+  turnUntilIdle();
+  EXPECT_EQ(rawReceiveNow(two.get()), R"({"type":"reply","status":2})");
+  EXPECT_EQ(rawReceiveNow(one.get()), "<nothing>");
+}
+
+TEST_F(Server, AcceptsAClientThatHasAlreadyLeft) {
+  knock().reset();
+  EXPECT_TRUE(turn());
+  EXPECT_EQ(connections(), 1);
+  EXPECT_TRUE(turn());  // the connection reads its end
+  server->freeDeadConnections();
+  EXPECT_EQ(connections(), 0);
+}
+
+TEST_F(Server, LogsAFailedAcceptAndGoesOn) {
+  for (const int error : {EAGAIN, ECONNABORTED, EINTR, EMFILE, ENFILE, ENOBUFS, ENOMEM, EPERM}) {
+    const Fd client = knock();
+    const auto before = openDescriptors();
+    CapturedLog log;
+    {
+      const Fail fail(Call::kAccept, error, 1);
+      EXPECT_TRUE(turn());
+    }
+    EXPECT_THAT(log.lines(), ElementsAre(errorLine("accept()", error)));
+    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_EQ(connections(), 0);
+    ASSERT_TRUE(turnUntil([&] { return connections() == 1; }));
+    server.reset();
+    start();
+  }
+}
+
+TEST_F(Server, AdmitsAClientOnceDescriptorsAreLeftAgain) {
+  const Fd client = knock();
+  CapturedLog log;
+  {
+    const Fail acceptFails(Call::kAccept, EMFILE);
+    const Fail allElseFails(Call::kEventfd, EMFILE);
+    ASSERT_TRUE(turnUntil([&] { return acceptFails.hits() == 5; }));
+  }
+  EXPECT_THAT(log.lines(), SizeIs(5));
+  EXPECT_THAT(log.lines(), Each(errorLine("accept()", EMFILE)));
+  EXPECT_TRUE(turnUntil([&] { return connections() == 1; }));
+}
+
+TEST_F(Server, ClosesAClientWhoseFlagsCannotBeRead) {
+  const Fd client = knock();
+  const auto before = openDescriptors();
+  CapturedLog log;
+  {
+    const Fail fail(Call::kGetFl, EBADF, 1);
+    const Fail alsoClosing(Call::kClose, EIO, 1);  // the error is told before it closes
+    EXPECT_TRUE(turn());
+    EXPECT_EQ(alsoClosing.hits(), 1);
+  }
+  EXPECT_THAT(log.lines(0), ElementsAre(errorLine("GETFL", EBADF)));
+  EXPECT_THAT(log.lines(1), SizeIs(1));  // judged, and nothing more
+  EXPECT_EQ(openDescriptors(), before);
+  EXPECT_EQ(connections(), 0);
+  EXPECT_EQ(rawReceive(client.get()), "<end>");
+}
+
+TEST_F(Server, LeavesAClientOpenWhoseFlagsCannotBeWritten) {
+  const Fd client = knock();
+  CapturedLog log;
+  Trace trace;
+  {
+    const Fail fail(Call::kSetFl, EPERM, 1);
+    EXPECT_TRUE(turn());
+  }
+  const Fd abandoned(static_cast<int>(trace.of(Call::kAccept).at(0).result));
+  EXPECT_THAT(log.lines(0), ElementsAre(errorLine("SETFL", EPERM)));
+  EXPECT_THAT(log.lines(1), SizeIs(1));
+  EXPECT_TRUE(isOpen(abandoned.get()));
+  EXPECT_EQ(watchedEvents(abandoned.get()), 0U);
+  EXPECT_EQ(connections(), 0);
+  rawSend(client.get(), kNews);
+  turnUntilIdle();
+  server.reset();
+  EXPECT_TRUE(isOpen(abandoned.get()));
+  EXPECT_THAT(handled, IsEmpty());
+  EXPECT_EQ(rawReceiveNow(client.get()), "<nothing>");
+}
+
+TEST_F(Server, ClosesAClientThatCannotBeWatched) {
+  const Fd client = knock();
+  const auto before = openDescriptors();
+  {
+    const Fail fail(Call::kEpollCtl, ENOSPC, 1);
+    EXPECT_THROW(turn(), Kelvo::Exception);
+  }
+  EXPECT_EQ(openDescriptors(), before);
+  EXPECT_EQ(connections(), 0);
+  EXPECT_EQ(rawReceive(client.get()), "<end>");
+  const Fd next = join();
+  EXPECT_EQ(connections(), 1);
+}
+
+TEST_F(Server, DoesTheSameWithItsLevelsOff) {
+  CapturedLog log(0);
+  const Fd client = knock();
+  const auto before = openDescriptors();
+  const Fail acceptFails(Call::kAccept, ECONNABORTED, 1);
+  EXPECT_TRUE(turn());
+  const Fail flagsFail(Call::kGetFl, EBADF, 1);
+  EXPECT_TRUE(turn());
+  EXPECT_EQ(acceptFails.hits() + flagsFail.hits(), 2);
+  EXPECT_EQ(openDescriptors(), before);
+  EXPECT_EQ(rawReceive(client.get()), "<end>");
+  EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+// --- admission ---
+
+TEST_F(Server, AsksTheValidatorWithTheKernelsCredentials) {
+  std::vector<std::tuple<int, unsigned, unsigned>> judged;
+  validator = [&](int pid, unsigned uid, unsigned gid) {
+    judged.emplace_back(pid, uid, gid);
+    return true;
+  };
+  Trace trace;
+  const Fd client = join();
+  EXPECT_THAT(judged, ElementsAre(std::tuple(::getpid(), ::getuid(), ::getgid())));
+  EXPECT_EQ(trace.of(Call::kGetsockopt).at(0).size, 12U);
+}
+
+/// Connects in a process of its own, under other ids if it may take them, and ends when told to.
+pid_t knockFromAnotherProcess(const std::string& name, int report) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::geteuid() == 0 && (::setgid(4321) != 0 || ::setuid(1234) != 0)) {
+      ::_exit(1);
+    }
+    const Fd client = rawConnect(name);
+    const std::int64_t ids[] = {::getpid(), ::getuid(), ::getgid(), client.get()};
+    if (::write(report, ids, sizeof ids) != sizeof ids) {
+      ::_exit(1);
+    }
+    char byte = 0;
+    ::_exit(static_cast<int>(::recv(client.get(), &byte, 1, 0)));
+  }
+  return child;
+}
+
+TEST_F(Server, TellsAnotherProcessesIdsApart) {
+  std::vector<std::int64_t> judged;
+  validator = [&](int pid, unsigned uid, unsigned gid) {
+    judged = {pid, uid, gid};
+    return false;
+  };
+  int pipeFds[2];
+  ASSERT_EQ(::pipe(pipeFds), 0);
+  const Fd reader(pipeFds[0]);
+  const Fd writer(pipeFds[1]);
+  const pid_t child = knockFromAnotherProcess(name, writer.get());
+  ASSERT_TRUE(turnUntil([&] { return !judged.empty(); }));
+  std::int64_t ids[4] = {};
+  ASSERT_EQ(::read(reader.get(), ids, sizeof ids), static_cast<ssize_t>(sizeof ids));
+  EXPECT_THAT(judged, ElementsAre(ids[0], ids[1], ids[2]));
+  EXPECT_EQ(ids[0], child);
+  EXPECT_GE(ids[3], 0);
+  int status = -1;
+  EXPECT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);  // it saw the end of its connection
+}
+
+TEST_F(Server, AdmitsByUserAndRefusesOthers) {
+  unsigned wanted = ::getuid();
+  validator = [&](int, unsigned uid, unsigned) { return uid == wanted; };
+  const Fd welcome = join();
+  EXPECT_EQ(connections(), 1);
+  ++wanted;
+  const Fd unwelcome = knock();
+  EXPECT_TRUE(turn());
+  EXPECT_EQ(connections(), 1);
+  EXPECT_EQ(rawReceive(unwelcome.get()), "<end>");
+  EXPECT_EQ(rawReceiveNow(welcome.get()), "<nothing>");
+}
+
+TEST_F(Server, ClosesARefusedClientAtOnce) {
+  validator = [](int, unsigned, unsigned) { return false; };
+  const Fd client = knock();
+  const auto before = openDescriptors();
+  CapturedLog log;
+  Trace trace;
+  EXPECT_TRUE(turn());
+  EXPECT_EQ(openDescriptors(), before);
+  EXPECT_EQ(connections(), 0);
+  const int refused = static_cast<int>(trace.of(Call::kAccept).at(0).result);
+  EXPECT_THAT(log.lines(), ElementsAre(judgedLine(refused, "denied")));
+  EXPECT_EQ(epollControls(refused, EPOLL_CTL_ADD, trace), 0);
+  EXPECT_EQ(trace.count(Call::kGetFl), 0);
+  EXPECT_EQ(rawReceive(client.get()), "<end>");
+}
+
+TEST_F(Server, ReadsNothingOfARefusedClient) {
+  validator = [](int, unsigned, unsigned) { return false; };
+  const Fd client = knock();
+  rawSend(client.get(), kNews);
+  Trace trace;
+  EXPECT_TRUE(turn());
+  EXPECT_EQ(trace.count(Call::kRead), 0);
+  turnUntilIdle();
+  EXPECT_THAT(handled, IsEmpty());
+}
+
+TEST_F(Server, DecidesTheSameWithoutTheLog) {
+  bool admits = true;
+  validator = [&](int, unsigned, unsigned) { return admits; };
+  CapturedLog log(0xF & ~2U);
+  const Fd welcome = join();
+  admits = false;
+  const Fd unwelcome = knock();
+  EXPECT_TRUE(turn());
+  EXPECT_EQ(connections(), 1);
+  EXPECT_EQ(rawReceive(unwelcome.get()), "<end>");
+  EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(Server, RefusesAClientWhoseCredentialsCannotBeRead) {
+  int asked = 0;
+  validator = [&](int, unsigned, unsigned) { return ++asked > 0; };
+  const Fd client = knock();
+  const auto before = openDescriptors();
+  CapturedLog log;
+  Trace trace;
+  {
+    const Fail fail(Call::kGetsockopt, ENOPROTOOPT, 1);
+    EXPECT_TRUE(turn());
+  }
+  const auto refused = std::to_string(trace.of(Call::kAccept).at(0).result);
+  EXPECT_THAT(log.lines(), ElementsAre(line(0, "validateConnection",
+                                            "Server::validateConnection( " + refused + ") => ") +
+                                       std::strerror(ENOPROTOOPT)));
+  EXPECT_EQ(asked, 0);
+  EXPECT_EQ(openDescriptors(), before);
+  EXPECT_EQ(rawReceive(client.get()), "<end>");
+}
+
+TEST_F(Server, JudgesNoDescriptorThatIsNoSocket) {
+  int asked = 0;
+  validator = [&](int, unsigned, unsigned) { return ++asked > 0; };
+  const Fd file(::open("/dev/null", O_RDWR | O_CLOEXEC));
+  CapturedLog log;
+  EXPECT_FALSE(server->validateConnection(file.get()));
+  EXPECT_FALSE(server->validateConnection(-1));
+  EXPECT_EQ(asked, 0);
+  const std::string start = "Server::validateConnection( ";
+  EXPECT_THAT(log.lines(),
+              ElementsAre(line(0, "validateConnection", start + std::to_string(file.get())) +
+                              ") => " + std::strerror(ENOTSOCK),
+                          line(0, "validateConnection", start + "-1) => ") + std::strerror(EBADF)));
+  EXPECT_TRUE(isOpen(file.get()));
+}
+
+TEST_F(Server, AnswersForItsValidatorAndLeavesTheDescriptorAlone) {
+  const auto [one, two] = rawPair();
+  EXPECT_TRUE(server->validateConnection(one.get()));
+  validator = [](int, unsigned, unsigned) { return false; };
+  EXPECT_FALSE(server->validateConnection(one.get()));
+  EXPECT_TRUE(isOpen(one.get()));
+}
+
+TEST_F(Server, ThrowsForAnEmptyValidatorAndLeavesTheClientOpen) {
+  const std::string another = uniqueName();
+  const Tovik::Server open(another, nullptr, nullptr);
+  for (int i = 0; i < 2; ++i) {
+    const Fd client = rawConnect(another);
+    CapturedLog log;
+    Trace trace;
+    EXPECT_THROW(turn(), std::bad_function_call);
+    EXPECT_EQ(trace.count(Call::kGetsockopt), 1);
+    const Fd left(static_cast<int>(trace.of(Call::kAccept).at(0).result));
+    EXPECT_TRUE(isOpen(left.get()));
+    EXPECT_EQ(trace.count(Call::kClose), 0);
+    EXPECT_EQ(watchedEvents(left.get()), 0U);
+    EXPECT_THAT(log.lines(), IsEmpty());
+    EXPECT_EQ(rawReceiveNow(client.get()), "<nothing>");
+  }
+}
+
+TEST_F(Server, LetsItsValidatorsExceptionThroughAndLeavesTheClientOpen) {
+  validator = [](int, unsigned, unsigned) -> bool { throw std::range_error("mine"); };
+  const Fd client = knock();
+  CapturedLog log;
+  Trace trace;
+  EXPECT_THROW(turn(), std::range_error);
+  const Fd left(static_cast<int>(trace.of(Call::kAccept).at(0).result));
+  EXPECT_TRUE(isOpen(left.get()));
+  EXPECT_EQ(trace.count(Call::kClose), 0);
+  EXPECT_EQ(connections(), 0);
+  EXPECT_THAT(log.lines(), IsEmpty());
+  validator = admitAll;
+  const Fd next = join();
+  EXPECT_EQ(connections(), 1);
+}
+
+TEST_F(Server, AdmitsClientsWithAnEmptyHandler) {
+  const std::string another = uniqueName();
+  const Tovik::Server mute(another, nullptr, admitAll);
+  const Fd client = rawConnect(another);
+  EXPECT_TRUE(turn());
+  rawSend(client.get(), kSubscribe);
+  EXPECT_TRUE(turn());
+  EXPECT_EQ(rawReceiveNow(client.get()), kAccepted);
+  rawSend(client.get(), kNews);
+  EXPECT_THROW(turn(), std::bad_function_call);
+}
+
+// --- the dead ---
+
+TEST_F(Server, KeepsADeadConnectionUntilTheNextClientComes) {
+  Fd client = join();
+  client.reset();
+  EXPECT_TRUE(turn());
+  turnUntilIdle();
+  EXPECT_EQ(connections(), 1);
+  long whenJudged = -1;
+  validator = [&](int, unsigned, unsigned) {
+    whenJudged = connections();
+    return true;
+  };
+  const Fd next = join();
+  EXPECT_EQ(whenJudged, 0);
+  EXPECT_EQ(connections(), 1);
+}
+
+TEST_F(Server, FreesTheDeadEvenIfTheAcceptFails) {
+  Fd client = join();
+  client.reset();
+  EXPECT_TRUE(turn());
+  EXPECT_EQ(connections(), 1);
+  const Fd next = knock();
+  const Fail fail(Call::kAccept, EMFILE, 1);
+  EXPECT_TRUE(turn());
+  EXPECT_EQ(fail.hits(), 1);
+  EXPECT_EQ(connections(), 0);
+}
+
+TEST_F(Server, FreesTheDeadOnRequestAndKeepsTheLiving) {
+  std::vector<Fd> clients;
+  for (int i = 0; i < 6; ++i) {
+    clients.push_back(joinSubscribed());
+  }
+  server->freeDeadConnections();
+  EXPECT_EQ(connections(), 6);
+  for (const std::size_t i : {0U, 2U, 3U, 5U}) {
+    clients[i].reset();
+  }
+  turnUntilIdle();
+  EXPECT_EQ(connections(), 6);
+  server->freeDeadConnections();
+  EXPECT_EQ(connections(), 2);
+  server->notifyClients(parsed(kNews));
+  EXPECT_EQ(rawReceiveNow(clients[1].get()), kNews);
+  EXPECT_EQ(rawReceiveNow(clients[4].get()), kNews);
+}
+
+// --- broadcasting ---
+
+TEST_F(Server, NotifiesSubscribersOnly) {
+  const Fd one = joinSubscribed();
+  const Fd two = join();
+  const Fd three = joinSubscribed();
+  server->notifyClients(parsed(R"({ "news" : 1 })"));
+  EXPECT_THAT(receivedBy(one.get()), ElementsAre(kNews));
+  EXPECT_THAT(receivedBy(two.get()), IsEmpty());
+  EXPECT_THAT(receivedBy(three.get()), ElementsAre(kNews));
+}
+
+TEST_F(Server, NotifiesNobodyWhoHasUnsubscribed) {
+  const Fd client = joinSubscribed();
+  rawSend(client.get(), kUnsubscribe);
+  EXPECT_TRUE(turn());
+  Trace trace;
+  server->notifyClients(parsed(kNews));
+  EXPECT_EQ(trace.count(Call::kWrite), 0);
+}
+
+TEST_F(Server, NotifiesNobodyWithoutClients) {
+  CapturedLog log;
+  Trace trace;
+  server->notifyClients(parsed(kNews));
+  EXPECT_THAT(trace.calls(), IsEmpty());
+  EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(Server, NotifiesNothingWhoseParsingFailed) {
+  const Fd client = joinSubscribed();
+  server->notifyClients(parsed("{"));
+  EXPECT_EQ(rawReceiveNow(client.get()), "<nothing>");
+}
+
+TEST_F(Server, HandsANotificationToDeadSubscribersUntilTheyAreFreed) {
+  Fd client = joinSubscribed();
+  client.reset();
+  turnUntilIdle();
+  const std::string handedOver =
+      std::string("3 Api/Json/Async asyncSendMsg: AsyncSender::asyncSendMSg() -> ") + kNews;
+  {
+    CapturedLog log;
+    server->notifyClients(parsed(kNews));
+    EXPECT_THAT(log.lines(), ElementsAre(handedOver));
+  }
+  server->freeDeadConnections();
+  CapturedLog log;
+  server->notifyClients(parsed(kNews));
+  EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(Server, NotifiesTheOthersWhenSomeHaveGone) {
+  std::vector<Fd> clients;
+  for (int i = 0; i < 6; ++i) {
+    clients.push_back(joinSubscribed());
+  }
+  for (std::size_t i = 0; i < clients.size(); i += 2) {
+    clients[i].reset();
+  }
+  server->notifyClients(parsed(kNews));
+  for (std::size_t i = 1; i < clients.size(); i += 2) {
+    EXPECT_THAT(receivedBy(clients[i].get()), ElementsAre(kNews));
+  }
+  server->freeDeadConnections();
+  EXPECT_EQ(connections(), 3);
+}
+
+TEST_F(Server, QueuesNotificationsForASubscriberThatReadsSlowly) {
+  const Fd client = joinSubscribed();
+  constexpr int kCount = 2000;
+  for (int i = 0; i < kCount; ++i) {
+    server->notifyClients(parsed("{\"n\":" + std::to_string(i) + "}"));
+  }
+  int next = 0;
+  EXPECT_TRUE(turnUntil([&] {
+    for (const auto& record : receivedBy(client.get())) {
+      next += record == "{\"n\":" + std::to_string(next) + "}" ? 1 : 0;
+    }
+    return next == kCount;
+  }));
+}
+
+TEST_F(Server, NotifiesFromInsideAHandler) {
+  onMessage = [this](Tovik::Connection&, const Tovik::Message& msg) { server->notifyClients(msg); };
+  const Fd one = joinSubscribed();
+  const Fd two = joinSubscribed();
+  rawSend(one.get(), kNews);
+  EXPECT_TRUE(turn());
+  EXPECT_THAT(receivedBy(one.get()), ElementsAre(kNews));
+  EXPECT_THAT(receivedBy(two.get()), ElementsAre(kNews));
+}
+
+// --- the end of a server ---
+
+TEST_F(Server, ClosesItsSocketBeforeItsConnections) {
+  const Fd one = join();
+  const int oneFd = acceptedFd;
+  const Fd two = join();
+  const int twoFd = acceptedFd;
+  Trace trace;
+  server.reset();
+  const auto closes = trace.of(Call::kClose);
+  ASSERT_EQ(closes.size(), 3U);
+  EXPECT_EQ(closes[0].fd, listening);
+  for (const int fd : {listening, oneFd, twoFd}) {
+    EXPECT_TRUE(detachedThenClosed(fd, trace));
+  }
+  EXPECT_EQ(rawReceive(one.get()), "<end>");
+  EXPECT_EQ(rawReceive(two.get()), "<end>");
+}
+
+TEST_F(Server, FreesItsNameForTheNextServer) {
+  const Fd client = join();
+  server.reset();
+  EXPECT_LT(knock().get(), 0);
+  EXPECT_EQ(errno, ECONNREFUSED);
+  start();
+  const Fd next = join();
+  EXPECT_EQ(connections(), 1);
+}
+
+TEST_F(Server, EndsClientsThatStillWait) {
+  const Fd client = knock();
+  server.reset();
+  EXPECT_THAT(rawReceive(client.get()), ::testing::AnyOf("<end>", "<error>"));
+  EXPECT_EQ(copies.use_count(), 1);
+}
+
+TEST_F(Server, ReleasesConnectionsThenValidatorThenHandler) {
+  const std::string another = uniqueName();
+  std::vector<std::string> ends;
+  Fd client;
+  const auto witness = [&](const std::string& what) {
+    return std::shared_ptr<void>(nullptr, [&, what](void*) {
+      ends.push_back(what + " after " + rawReceiveNow(client.get()));
+    });
+  };
+  auto doomed = std::make_unique<Tovik::Server>(
+      another, [w = witness("handler")](auto&, auto&) {},
+      [w = witness("validator")](int, unsigned, unsigned) { return true; });
+  client = rawConnect(another);
+  EXPECT_TRUE(turn());
+  doomed.reset();
+  EXPECT_THAT(ends, ElementsAre("validator after <end>", "handler after <end>"));
+}
+
+/// Destroys a server from inside a callback of its own.
+class Destroyer : public Kelvo::Platform::FdEventHandler {
+ public:
+  explicit Destroyer(std::unique_ptr<Tovik::Server>& victim) : victim_(victim) {
+    auto [mine, other] = rawPair();
+    mine_ = std::move(mine);
+    other_ = std::move(other);
+    control_ = Kelvo::Platform::getFdControl(this);
+    control_->attach(mine_.get());
+  }
+
+  void trigger() { rawSend(other_.get(), "now"); }
+
+  void readFdEvent(int fd) override {
+    EXPECT_EQ(rawReceiveNow(fd), "now");
+    victim_.reset();
+  }
+
+ private:
+  std::unique_ptr<Tovik::Server>& victim_;
+  Fd mine_;
+  Fd other_;
+  Kelvo::Ptr<Kelvo::Platform::FdControl> control_;
+};
+
+TEST_F(Server, MayBeDestroyedByAnotherCallbackBeforeItsOwnEvents) {
+  const Fd talking = join();
+  Destroyer destroyer(server);
+  turnUntilIdle();  // so that the kernel reports in the order in which it all happens now
+  destroyer.trigger();
+  rawSend(talking.get(), kNews);
+  const Fd waiting = knock();
+  Trace trace;
+  EXPECT_TRUE(turn());
+  EXPECT_EQ(server, nullptr);
+  EXPECT_EQ(trace.count(Call::kAccept), 0);
+  EXPECT_THAT(handled, IsEmpty());
+  EXPECT_FALSE(turn());
+}
+
+TEST_F(Server, MayBeDestroyedByAnotherCallbackAfterItsOwnEvents) {
+  const Fd talking = join();
+  Destroyer destroyer(server);
+  turnUntilIdle();
+  rawSend(talking.get(), kNews);
+  const Fd waiting = knock();
+  destroyer.trigger();
+  EXPECT_TRUE(turn());
+  EXPECT_EQ(server, nullptr);
+  EXPECT_THAT(handled, ElementsAre(kNews));
+  EXPECT_FALSE(turn());
+  EXPECT_EQ(copies.use_count(), 1);
+}
+
+TEST_F(Server, MayBeDestroyedByAnotherServersHandler) {
+  const std::string another = uniqueName();
+  const Tovik::Server other(
+      another, [this](Tovik::Connection&, const Tovik::Message&) { server.reset(); }, admitAll);
+  const Fd client = join();
+  const Fd killer = rawConnect(another);
+  EXPECT_TRUE(turn());
+  rawSend(killer.get(), kNews);
+  EXPECT_TRUE(turn());
+  EXPECT_EQ(server, nullptr);
+  EXPECT_EQ(rawReceive(client.get()), "<end>");
+}
+
+}  // namespace
