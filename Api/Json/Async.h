@@ -20,8 +20,8 @@ namespace Tovik {
 ///
 /// Everything runs on the thread of the event loop on which it was attached; nothing is locked. No
 /// operation waits, and none throws because of the socket: a peer that is gone terminates the
-/// connection, other failures are logged. A write to such a peer raises SIGPIPE, which the process
-/// is to ignore.
+/// connection, other failures are logged. The library does nothing about SIGPIPE, which is the
+/// process's to ignore.
 class TOVIK_API AsyncSender : public Kelvo::Platform::FdEventHandler {
  public:
   ~AsyncSender() override;

@@ -1,1 +1,189 @@
+// The message's two texts, and the exception. Neither needs a socket.
+
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <string>
+#include <type_traits>
+#include <typeinfo>
+
+#include "Api/Json/Types.h"
 #include "tests/support/Support.h"
+
+namespace {
+
+std::string compact(const Tovik::Message& msg) {
+  return std::string(std::string_view(Tovik::Message::toStr(msg, false)));
+}
+
+std::string indented(const Tovik::Message& msg) {
+  return std::string(std::string_view(Tovik::Message::toStr(msg, true)));
+}
+
+Tovik::Message objectWith(double value) {
+  Tovik::Message msg;
+  msg.SetObject();
+  msg.AddMember("before", 1, msg.GetAllocator());
+  msg.AddMember("value", value, msg.GetAllocator());
+  msg.AddMember("after", 2, msg.GetAllocator());
+  return msg;
+}
+
+}  // namespace
+
+// --- Message ---
+
+TEST(Message, IsADocumentAndNothingMore) {
+  EXPECT_TRUE((std::is_base_of_v<rapidjson::Document, Tovik::Message>));
+  EXPECT_EQ(sizeof(Tovik::Message), sizeof(rapidjson::Document));
+  EXPECT_FALSE(std::is_copy_constructible_v<Tovik::Message>);
+  EXPECT_TRUE(std::is_move_constructible_v<Tovik::Message>);
+}
+
+TEST(Message, StartsAsNull) {
+  EXPECT_TRUE(Tovik::Message().IsNull());
+  EXPECT_EQ(compact(Tovik::Message()), "null");
+}
+
+TEST(Message, HasNoWhitespaceInItsCompactText) {
+  EXPECT_EQ(compact(parsed(R"( { "a" : [ 1 , 2 ] , "b" : { "c" : null } } )")),
+            R"({"a":[1,2],"b":{"c":null}})");
+}
+
+TEST(Message, IndentsByFourSpacesALevel) {
+  EXPECT_EQ(indented(parsed(R"({"a":[1,2]})")),
+            "{\n"
+            "    \"a\": [\n"
+            "        1,\n"
+            "        2\n"
+            "    ]\n"
+            "}");
+}
+
+TEST(Message, GivesEachMemberALineOfItsOwnWhenIndented) {
+  EXPECT_EQ(indented(parsed(R"({"a":true,"b":{"c":"d","e":false}})")),
+            "{\n"
+            "    \"a\": true,\n"
+            "    \"b\": {\n"
+            "        \"c\": \"d\",\n"
+            "        \"e\": false\n"
+            "    }\n"
+            "}");
+}
+
+TEST(Message, WritesAnEmptyObjectAsTwoBracesInBothForms) {
+  EXPECT_EQ(compact(parsed("{ }")), "{}");
+  EXPECT_EQ(indented(parsed("{ }")), "{}");
+}
+
+TEST(Message, KeepsEmptyContainersOnOneLineWhenIndented) {
+  EXPECT_EQ(indented(parsed(R"({"a":{},"b":[]})")), "{\n    \"a\": {},\n    \"b\": []\n}");
+  EXPECT_EQ(indented(parsed("[]")), "[]");
+}
+
+TEST(Message, WritesRootsThatAreNoObjects) {
+  for (const char* text : {"null", "true", "-7", "1.5", R"("text")", "[1,[2]]"}) {
+    EXPECT_EQ(compact(parsed(text)), text);
+  }
+}
+
+TEST(Message, KeepsTheOrderOfItsMembers) {
+  Tovik::Message msg;
+  msg.SetObject();
+  msg.AddMember("type", "reply", msg.GetAllocator());
+  msg.AddMember("status", 0U, msg.GetAllocator());
+  EXPECT_EQ(compact(msg), R"({"type":"reply","status":0})");
+}
+
+TEST(Message, EscapesWhatJsonRequires) {
+  Tovik::Message msg;
+  msg.SetString("\" \\ \n \x01 \0.", 10);
+  EXPECT_EQ(compact(msg), R"("\" \\ \n \u0001 \u0000.")");
+}
+
+TEST(Message, PassesBytesThatAreNoUtf8Unchanged) {
+  EXPECT_EQ(compact(parsed("\"\xff\xfe \xc3\xa4\"")), "\"\xff\xfe \xc3\xa4\"");
+}
+
+TEST(Message, WritesNumbersInFull) {
+  EXPECT_EQ(compact(parsed("[4294967295,-2147483648,18446744073709551615]")),
+            "[4294967295,-2147483648,18446744073709551615]");
+  EXPECT_EQ(compact(parsed("[1.0,0.1,5e-324]")), "[1.0,0.1,5e-324]");
+}
+
+TEST(Message, GrowsBeyondTheWritersInitialSizes) {
+  const std::string deep = std::string(100, '[') + std::string(100, ']');
+  EXPECT_EQ(compact(parsed(deep)), deep);
+  const std::string large = "\"" + std::string(100000, 'x') + "\"";
+  EXPECT_EQ(compact(parsed(large)), large);
+  EXPECT_EQ(indented(parsed(large)), large);
+}
+
+TEST(Message, EndsItsTextAtAValueThatJsonCannotExpress) {
+  const double infinity = std::numeric_limits<double>::infinity();
+  for (const double value : {std::numeric_limits<double>::quiet_NaN(), infinity, -infinity}) {
+    EXPECT_EQ(compact(objectWith(value)), R"({"before":1,"value":)");
+    EXPECT_EQ(indented(objectWith(value)), "{\n    \"before\": 1,\n    \"value\": ");
+  }
+}
+
+TEST(Message, IsUnchangedByBeingWritten) {
+  const Tovik::Message msg = parsed(R"({"a":1})");
+  EXPECT_EQ(compact(msg), compact(msg));
+  EXPECT_TRUE(msg.HasMember("a"));
+}
+
+// --- SocketException ---
+
+TEST(SocketException, CarriesTheSystemsText) {
+  for (const int error : {ECONNREFUSED, EPIPE, EBADF, EMFILE, 0, 99999}) {
+    const std::string text = std::strerror(error);
+    EXPECT_EQ(Tovik::SocketException(error).what(), text);
+  }
+  EXPECT_STREQ(Tovik::SocketException(ECONNREFUSED).what(), "Connection refused");
+}
+
+TEST(SocketException, KeepsItsTextWhenTheSystemsBufferIsReused) {
+  const Tovik::SocketException thrown(99999);
+  std::strerror(88888);
+  EXPECT_STREQ(thrown.what(), "Unknown error 99999");
+}
+
+TEST(SocketException, HasOneNameForEveryError) {
+  for (const int error : {ECONNREFUSED, EPIPE, 0}) {
+    EXPECT_STREQ(Tovik::SocketException(error).name(), "Tovik::SocketException");
+  }
+}
+
+TEST(SocketException, IsNamedThroughItsBaseToo) {
+  try {
+    throw Tovik::SocketException(EPIPE);
+  } catch (const Kelvo::Exception& thrown) {
+    EXPECT_STREQ(thrown.name(), "Tovik::SocketException");
+    EXPECT_EQ(typeid(thrown), typeid(Tovik::SocketException));
+  }
+}
+
+TEST(SocketException, StandsForACauseOutsideTheProgram) {
+  EXPECT_TRUE(Tovik::SocketException(EPIPE).external());
+}
+
+TEST(SocketException, AddsNoDataToItsBase) {
+  EXPECT_EQ(sizeof(Tovik::SocketException), sizeof(Kelvo::Exception));
+}
+
+TEST(SocketException, KeepsItsTextWhenCopied) {
+  auto original = std::make_unique<Tovik::SocketException>(ECONNREFUSED);
+  const Tovik::SocketException copy(*original);
+  original.reset();
+  EXPECT_STREQ(copy.what(), "Connection refused");
+}
+
+TEST(SocketException, IsAStandardException) {
+  try {
+    throw Tovik::SocketException(EBADF);
+  } catch (const std::exception& thrown) {
+    EXPECT_STREQ(thrown.what(), "Bad file descriptor");
+  }
+}

@@ -1,0 +1,358 @@
+// What the asynchronous client sends and receives while it is connected, and what waits until then.
+
+#include <functional>
+#include <ostream>
+#include <stdexcept>
+
+#include "tests/tovik/AsyncClientSupport.h"
+
+using Faults::Call;
+using Faults::Fail;
+using Faults::Trace;
+
+namespace {
+
+const std::string kMalformed =
+    "0 Api/Json/Client readFdEvent: AsyncClient::readFdEvent(): Invalid JSON message";
+
+std::string received(const std::string& text) {
+  return "3 Api/Json/Client readFdEvent: AsyncClient::readFdEvent(): msg = '" + text + "'";
+}
+
+struct Text {
+  const char* name;
+  std::string record;
+};
+
+void PrintTo(const Text& text, std::ostream* out) {
+  *out << text.name;
+}
+
+std::string nameOf(const testing::TestParamInfo<Text>& info) {
+  return info.param.name;
+}
+
+}  // namespace
+
+// --- receiving ---
+
+/// Every well-formed text is the application's, whatever its shape.
+class AsyncClientText : public AsyncClient, public testing::WithParamInterface<Text> {};
+class AsyncClientMalformedText : public AsyncClientText {};
+
+TEST_P(AsyncClientText, GoesToTheHandler) {
+  connect();
+  rawSend(peer_.get(), GetParam().record);
+  turn();
+  EXPECT_EQ(messages_, Lines{GetParam().record});
+  EXPECT_EQ(log_.lines(), Lines{received(GetParam().record)});
+  EXPECT_EQ(rawReceiveNow(peer_.get()), "<nothing>") << "nothing is acknowledged";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Of, AsyncClientText,
+    testing::Values(Text{"AReply", R"({"type":"reply","status":0})"},
+                    Text{"AReplyOfInvalidStatus", R"({"type":"reply","status":4294967295})"},
+                    Text{"ANumberForAType", R"({"type":5,"status":0})"},
+                    Text{"ASwitch", R"({"command":"set","notification":true})"},
+                    Text{"ANumberForACommand", R"({"command":7,"notification":true})"},
+                    Text{"ANotification", R"({"event":"news"})"}, Text{"AnEmptyObject", "{}"},
+                    Text{"AnArray", "[1,2]"}, Text{"AText", R"("reply")"}, Text{"ANumber", "5"},
+                    Text{"Null", "null"}, Text{"True", "true"},
+                    Text{"BytesThatAreNoUtf8", "\"\xff\xfe\""}),
+    nameOf);
+
+TEST_P(AsyncClientMalformedText, IsLoggedTwiceAndDropped) {
+  connect();
+  rawSend(peer_.get(), GetParam().record);
+  turn();
+  EXPECT_EQ(log_.lines(), (Lines{received(GetParam().record), kMalformed}));
+  EXPECT_TRUE(messages_.empty());
+  EXPECT_EQ(rawReceiveNow(peer_.get()), "<nothing>");
+  rawSend(peer_.get(), "[1]");
+  turn();
+  EXPECT_EQ(messages_, Lines{"[1]"}) << "the connection goes on";
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, AsyncClientMalformedText,
+                         testing::Values(Text{"ATruncatedObject", R"({"a":)"}, Text{"ABlank", " "},
+                                         Text{"TwoValues", "{} {}"}, Text{"ATrailingComma", "[1,]"},
+                                         Text{"AComment", "[1]//"}, Text{"NaN", "[NaN]"},
+                                         Text{"Infinity", "[Infinity]"},
+                                         Text{"SingleQuotes", "'a'"}, Text{"ABareWord", "hello"},
+                                         Text{"AByteOrderMark", "\xef\xbb\xbf[1]"}),
+                         nameOf);
+
+TEST_F(AsyncClient, DeliversOneRecordATurnInOrder) {
+  connect();
+  rawSend(peer_.get(), "[1]");
+  rawSend(peer_.get(), "[2]");
+  turn();
+  EXPECT_EQ(messages_, Lines{"[1]"});
+  turn();
+  EXPECT_EQ(messages_, (Lines{"[1]", "[2]"}));
+}
+
+TEST_F(AsyncClient, ReadsARecordUpToItsFirstNul) {
+  connect();
+  rawSend(peer_.get(), std::string("[1]\0{]", 6));
+  turn();
+  EXPECT_EQ(messages_, Lines{"[1]"});
+  EXPECT_EQ(log_.lines(), Lines{received("[1]")});
+}
+
+TEST_F(AsyncClient, LogsATextAsItCame) {
+  connect();
+  rawSend(peer_.get(), " [ 1 ]\n");
+  turn();
+  EXPECT_EQ(log_.lines(), Lines{received(" [ 1 ]\n")});
+  EXPECT_EQ(messages_, Lines{"[1]"});
+}
+
+TEST_F(AsyncClient, LogsATextBeforeItsHandlerRuns) {
+  connect();
+  onMessage_ = [this] { EXPECT_EQ(log_.lines(), Lines{received("[1]")}); };
+  rawSend(peer_.get(), "[1]");
+  turn();
+  EXPECT_EQ(messages_.size(), 1U);
+}
+
+TEST_F(AsyncClient, ReadsFromItsOwnDescriptorWhicheverItIsTold) {
+  connect();
+  rawSend(peer_.get(), "[1]");
+  client_->readFdEvent(-1);
+  EXPECT_EQ(messages_, Lines{"[1]"});
+}
+
+TEST_F(AsyncClient, LogsOnlyErrorsIfNothingElseIsEnabled) {
+  Kelvo::Platform::setDebugLevels("Tovik", 1U);
+  connect();
+  rawSend(peer_.get(), "[1]");
+  turn();
+  EXPECT_EQ(log_.lines(), Lines());
+  rawSend(peer_.get(), "{");
+  turn();
+  EXPECT_EQ(log_.lines(), Lines{kMalformed});
+}
+
+TEST_F(AsyncClient, LogsNothingIfNothingIsEnabled) {
+  Kelvo::Platform::setDebugLevels("Tovik", 0);
+  connect();
+  for (const char* text : {"[1]", "{"}) {
+    rawSend(peer_.get(), text);
+    turn();
+  }
+  peer_.reset();
+  turn();
+  EXPECT_EQ(log_.lines(), Lines());
+}
+
+// --- handlers ---
+
+TEST_F(AsyncClient, MaySendFromItsMessageHandler) {
+  connect();
+  onMessage_ = [this] { send(R"({"answer":1})"); };
+  rawSend(peer_.get(), "[1]");
+  turn();
+  EXPECT_EQ(rawReceive(peer_.get()), R"({"answer":1})");
+}
+
+TEST_F(AsyncClient, MayEndItsConnectionInItsMessageHandler) {
+  connect(0);
+  onMessage_ = [this] { client_->terminateConnection(); };
+  rawSend(peer_.get(), "[1]");
+  rawSend(peer_.get(), "[2]");
+  turn();
+  EXPECT_FALSE(client_->isAttached());
+  EXPECT_EQ(rawReceive(peer_.get()), "<error>") << "a record was left unread";
+  turn();
+  EXPECT_EQ(connects_, 2);
+  EXPECT_EQ(messages_, Lines{"[1]"});
+}
+
+TEST_F(AsyncClient, MayReplaceItsConnectionInItsMessageHandler) {
+  connect();
+  onMessage_ = [this] { client_->timeout(); };
+  rawSend(peer_.get(), "[1]");
+  turn();
+  EXPECT_EQ(connects_, 2);
+  EXPECT_EQ(rawReceive(peer_.get()), "<end>");
+}
+
+TEST_F(AsyncClient, MayEndItsConnectionInItsConnectHandler) {
+  make(kNever);
+  onConnect_ = [this] { client_->terminateConnection(); };
+  turn();
+  EXPECT_EQ(connects_, 1);
+  EXPECT_FALSE(client_->isAttached());
+}
+
+TEST(AsyncClientWithoutHandlers, ThrowsOutOfTheLoopWhenItConnects) {
+  RawServer server;
+  Tovik::AsyncClient client(server.name(), nullptr, nullptr, 3600);
+  EXPECT_THROW(turn(), std::bad_function_call);
+  EXPECT_TRUE(client.isAttached()) << "the connection was there before the handler was called";
+}
+
+TEST(AsyncClientWithoutHandlers, ThrowsOutOfATimeoutCalledByHand) {
+  RawServer server;
+  Tovik::AsyncClient client(server.name(), nullptr, nullptr, 3600);
+  EXPECT_THROW(client.timeout(), std::bad_function_call);
+}
+
+TEST(AsyncClientWithoutHandlers, DoesNotThrowIfNobodyListens) {
+  Tovik::AsyncClient client(uniqueName(), nullptr, nullptr, 3600);
+  EXPECT_NO_THROW(turn());
+}
+
+TEST(AsyncClientWithoutHandlers, ThrowsOutOfTheLoopForAMessage) {
+  RawServer server;
+  Tovik::AsyncClient client(
+      server.name(), nullptr, [](Tovik::AsyncClient&) {}, 3600);
+  turn();
+  const Fd peer = server.accept();
+  rawSend(peer.get(), "{");
+  EXPECT_NO_THROW(turn());
+  rawSend(peer.get(), "[1]");
+  EXPECT_THROW(turn(), std::bad_function_call);
+  EXPECT_TRUE(client.isAttached());
+  EXPECT_FALSE(Kelvo::Platform::EventLoop::current().dispatch()) << "the message has been read";
+}
+
+TEST_F(AsyncClient, LetsWhatItsMessageHandlerThrowsOutOfTheLoop) {
+  connect();
+  rawSend(peer_.get(), "[1]");
+  rawSend(peer_.get(), "[2]");
+  onMessage_ = [] { throw std::out_of_range("thrown by the handler"); };
+  EXPECT_THROW(turn(), std::out_of_range);
+  onMessage_ = nullptr;
+  turn();
+  EXPECT_EQ(messages_, (Lines{"[1]", "[2]"})) << "the connection goes on with the next record";
+}
+
+TEST_F(AsyncClient, LetsWhatItsConnectHandlerThrowsOutOfTheLoop) {
+  make(0);
+  onConnect_ = [] { throw std::out_of_range("thrown by the handler"); };
+  EXPECT_THROW(turn(), std::out_of_range);
+  EXPECT_TRUE(client_->isAttached());
+  peer_ = server_.accept();
+  rawSend(peer_.get(), "[1]");
+  turn();
+  EXPECT_EQ(messages_, Lines{"[1]"});
+  turnForAWhile();
+  EXPECT_EQ(connects_, 1);
+}
+
+// --- sending ---
+
+TEST_F(AsyncClient, SendsEachMessageInOneCallOfItsExactSize) {
+  connect();
+  const Trace trace;
+  send(R"({ "a" : [ 1 ] })");
+  ASSERT_EQ(trace.count(Call::kWrite), 1);
+  EXPECT_EQ(trace.of(Call::kWrite).at(0).fd, client_->descriptor());
+  EXPECT_EQ(trace.of(Call::kWrite).at(0).bytes, R"({"a":[1]})");
+  EXPECT_EQ(rawReceive(peer_.get()), R"({"a":[1]})");
+  EXPECT_EQ(log_.lines(3),
+            Lines{"3 Api/Json/Async asyncSendMsg: AsyncSender::asyncSendMSg() -> {\"a\":[1]}"});
+}
+
+TEST_F(AsyncClient, KeepsMessagesUntilTheOneThatIsSentAfterConnecting) {
+  make(kNever);
+  const Trace trace;
+  send("[1]");
+  send("[2]");
+  turn();
+  peer_ = server_.accept();
+  turnForAWhile();
+  EXPECT_EQ(trace.count(Call::kWrite), 0) << "connecting alone sends nothing";
+  send("[3]");
+  for (const char* text : {"[1]", "[2]", "[3]"}) {
+    EXPECT_EQ(rawReceive(peer_.get()), text);
+  }
+  EXPECT_EQ(client_->queued(), 0U);
+}
+
+TEST_F(AsyncClient, SendsWhatHasWaitedBeforeWhatItsConnectHandlerSends) {
+  make(kNever);
+  onConnect_ = [this] { send("[2]"); };
+  send("[1]");
+  turn();
+  peer_ = server_.accept();
+  EXPECT_EQ(rawReceive(peer_.get()), "[1]");
+  EXPECT_EQ(rawReceive(peer_.get()), "[2]");
+}
+
+TEST_F(AsyncClient, KeepsMessagesThroughFailedAttempts) {
+  server_.stop();
+  make(0);
+  send("[1]");
+  EXPECT_TRUE(turnUntil([this] { return client_->terminations() >= 3; }));
+  send("[2]");
+  EXPECT_EQ(client_->queued(), 2U);
+  server_.startAgain();
+  EXPECT_TRUE(turnUntil([this] { return connects_ == 1; }));
+  peer_ = server_.accept();
+  send("[3]");
+  for (const char* text : {"[1]", "[2]", "[3]"}) {
+    EXPECT_EQ(rawReceive(peer_.get()), text);
+  }
+}
+
+TEST_F(AsyncClient, SendsOnTheNextConnectionWhatWasQueuedSinceTheLoss) {
+  connect(0);
+  {
+    const Fail full(Call::kWrite, EAGAIN);
+    send("[1]");
+  }
+  server_.stop();
+  peer_.reset();
+  EXPECT_TRUE(turnUntil([this] { return !client_->isAttached(); }));
+  send("[2]");
+  server_.startAgain();
+  EXPECT_TRUE(turnUntil([this] { return connects_ == 2; }));
+  peer_ = server_.accept();
+  send("[3]");
+  EXPECT_EQ(rawReceive(peer_.get()), "[2]") << "the backlog of the lost connection is dropped";
+  EXPECT_EQ(rawReceive(peer_.get()), "[3]");
+}
+
+TEST_F(AsyncClient, DropsWhatWaitedOnceAFlushMeetsAServerThatIsGone) {
+  make(0);
+  send("[1]");
+  turn();
+  peer_ = server_.accept();
+  peer_.reset();
+  send("[2]");
+  EXPECT_FALSE(client_->isAttached());
+  EXPECT_EQ(client_->queued(), 0U);
+  EXPECT_TRUE(turnUntil([this] { return connects_ == 2; }));
+  peer_ = server_.accept();
+  send("[3]");
+  EXPECT_EQ(rawReceive(peer_.get()), "[3]");
+}
+
+TEST_F(AsyncClient, SendsItsBacklogInOrderOnceTheServerReads) {
+  connect();
+  const std::string filler(50000, 'x');
+  for (int i = 0; i < 20; ++i) {
+    send("[" + std::to_string(i) + ",\"" + filler + "\"]");
+  }
+  EXPECT_GT(client_->queued(), 0U);
+  for (int i = 0; i < 20; ++i) {
+    const std::string text = rawReceive(peer_.get());
+    EXPECT_EQ(text.substr(0, text.find(',')), "[" + std::to_string(i));
+    turnUntilIdle();
+  }
+  EXPECT_EQ(client_->queued(), 0U);
+  EXPECT_EQ(log_.lines(0), Lines());
+}
+
+TEST_F(AsyncClient, FlushesWhatWaitsWhenItIsToldThatItMayWrite) {
+  make(kNever);
+  send("[1]");
+  turn();
+  peer_ = server_.accept();
+  client_->writeFdEvent(-1);
+  EXPECT_EQ(rawReceive(peer_.get()), "[1]");
+}

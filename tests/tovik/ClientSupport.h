@@ -1,0 +1,157 @@
+#pragma once
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "Kelvo/String.h"
+#include "tests/support/Faults.h"
+#include "tests/support/Support.h"
+
+// What the tests of both clients share.
+
+/// A server made of plain sockets, so that the client under test meets exactly the bytes and the
+/// moments that a test wants.
+class RawServer {
+ public:
+  explicit RawServer(std::string name = uniqueName())
+      : name_(std::move(name)), listener_(rawListen(name_)) {}
+
+  Kelvo::String name() const { return name_; }
+
+  /// The server's end of the next client, waited for up to ten seconds.
+  Fd accept() {
+    EXPECT_TRUE(waits(10000)) << "no client has connected";
+    return waits(0) ? Fd(::accept(listener_.get(), nullptr, nullptr)) : Fd();
+  }
+
+  /// Whether a client waits that has not been accepted.
+  bool hasClient() const { return waits(0); }
+
+  /// Nobody listens under the name any more, or somebody does again.
+  void stop() { listener_.reset(); }
+  void startAgain() { listener_ = rawListen(name_); }
+
+ private:
+  bool waits(int milliseconds) const {
+    pollfd query{listener_.get(), POLLIN, 0};
+    return ::poll(&query, 1, milliseconds) == 1;
+  }
+
+  const std::string name_;
+  Fd listener_;
+};
+
+/// A JSON text of that many bytes.
+inline std::string textOfSize(int size) {
+  const std::string head = R"({"k":")";
+  const std::string tail = R"("})";
+  return head + std::string(static_cast<std::size_t>(size) - head.size() - tail.size(), 'x') + tail;
+}
+
+inline std::string compact(const Tovik::Message& msg) {
+  return std::string(std::string_view(Tovik::Message::toStr(msg, false)));
+}
+
+/// The descriptor of the last socket that was made.
+inline int lastSocket(const Faults::Trace& trace) {
+  const auto made = trace.of(Faults::Call::kSocket);
+  return made.empty() ? -1 : static_cast<int>(made.back().result);
+}
+
+/// The kinds of the socket calls in their order, without the loop's own.
+inline std::vector<Faults::Call> socketCalls(const Faults::Trace& trace) {
+  std::vector<Faults::Call> kinds;
+  for (const auto& seen : trace.calls()) {
+    if (seen.call < Faults::Call::kEpollCreate) {
+      kinds.push_back(seen.call);
+    }
+  }
+  return kinds;
+}
+
+/// The calls of one kind that were made on one descriptor.
+inline std::vector<Faults::Seen> callsOn(const Faults::Trace& trace, Faults::Call call, int fd) {
+  std::vector<Faults::Seen> found;
+  for (const auto& seen : trace.of(call)) {
+    if (seen.fd == fd) {
+      found.push_back(seen);
+    }
+  }
+  return found;
+}
+
+/// Leaves 0 free for the next descriptor while it lives.
+class FreeDescriptorZero {
+ public:
+  FreeDescriptorZero() : saved_(::dup(0)) { ::close(0); }
+  FreeDescriptorZero(const FreeDescriptorZero&) = delete;
+  FreeDescriptorZero& operator=(const FreeDescriptorZero&) = delete;
+  ~FreeDescriptorZero() {
+    if (saved_.get() >= 0) {
+      ::dup2(saved_.get(), 0);
+    }
+  }
+
+ private:
+  Fd saved_;
+};
+
+/// Runs `action` on another thread once the thread that made this sleeps in the kernel, or after
+/// ten seconds. So a test can show that a call blocks, and end its waiting.
+class OnceThisThreadSleeps {
+ public:
+  explicit OnceThisThreadSleeps(std::function<void()> action)
+      : thread_([path = "/proc/self/task/" + std::to_string(::gettid()) + "/stat",
+                 run = std::move(action)] {
+          const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+          while (!sleeps(path) && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::yield();
+          }
+          run();
+        }) {}
+  OnceThisThreadSleeps(const OnceThisThreadSleeps&) = delete;
+  OnceThisThreadSleeps& operator=(const OnceThisThreadSleeps&) = delete;
+  ~OnceThisThreadSleeps() { thread_.join(); }
+
+ private:
+  static bool sleeps(const std::string& path) {
+    std::string line;
+    std::getline(std::ifstream(path), line);
+    const auto state = line.rfind(") ");
+    return state != std::string::npos && line.compare(state, 3, ") S") == 0;
+  }
+
+  std::thread thread_;
+};
+
+/// A sink for the channel "Tovik" that notes which descriptors were open at each record.
+class OpenAtEachRecord {
+ public:
+  OpenAtEachRecord() {
+    Kelvo::Platform::setDebugSink("Tovik", [this](const Kelvo::Platform::DebugRecord&) {
+      open_.push_back(openDescriptors());
+    });
+    Kelvo::Platform::setDebugLevels("Tovik", 1U);
+  }
+  OpenAtEachRecord(const OpenAtEachRecord&) = delete;
+  OpenAtEachRecord& operator=(const OpenAtEachRecord&) = delete;
+  ~OpenAtEachRecord() {
+    Kelvo::Platform::setDebugLevels("Tovik", 0);
+    Kelvo::Platform::setDebugSink("Tovik", nullptr);
+  }
+
+  const std::vector<std::set<int>>& all() const { return open_; }
+
+ private:
+  std::vector<std::set<int>> open_;
+};

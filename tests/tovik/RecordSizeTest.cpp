@@ -1,0 +1,210 @@
+// What becomes of records around the readers' buffer of 4096 bytes, and around twice as much, on
+// both clients. Up to 4094 bytes everything arrives, whatever stands behind it.
+
+#include <string>
+#include <vector>
+
+#include "Api/Json/Client.h"
+#include "tests/tovik/ClientSupport.h"
+
+using Faults::Call;
+using Lines = std::vector<std::string>;
+
+namespace {
+
+constexpr int kLongestRead = 4095;
+
+const std::string kMalformed =
+    "0 Api/Json/Client readFdEvent: AsyncClient::readFdEvent(): Invalid JSON message";
+
+std::string sizeOf(const testing::TestParamInfo<int>& info) {
+  return "Of" + std::to_string(info.param) + "Bytes";
+}
+
+/// A record whose first 4095 bytes are a JSON text, and whose further ones would break it.
+std::string recordCutToJson(int size) {
+  return textOfSize(kLongestRead) + std::string(static_cast<std::size_t>(size - kLongestRead), ']');
+}
+
+}  // namespace
+
+/// Records to and from the blocking client.
+class Record : public testing::TestWithParam<int> {
+ protected:
+  const int size_ = GetParam();
+  const std::string text_ = textOfSize(GetParam());
+  RawServer server_;
+  Tovik::Client client_{server_.name()};
+  Fd peer_ = server_.accept();
+  CapturedLog log_;
+};
+
+class RecordThatFits : public Record {};
+class RecordTooLong : public Record {};
+
+/// Records to and from the asynchronous client.
+class AsyncRecord : public testing::TestWithParam<int> {
+ protected:
+  AsyncRecord() {
+    client_.timeout();
+    peer_ = server_.accept();
+  }
+
+  /// Lets the client read all that has been sent.
+  void deliver() {
+    turnUntilIdle();
+    EXPECT_TRUE(client_.isAttached());
+  }
+
+  const int size_ = GetParam();
+  const std::string text_ = textOfSize(GetParam());
+  RawServer server_;
+  std::vector<std::string> messages_;
+  Tovik::AsyncClient client_{
+      server_.name(),
+      [this](Tovik::AsyncClient&, const Tovik::Message& msg) { messages_.push_back(compact(msg)); },
+      [](Tovik::AsyncClient&) {}, 3600};
+  Fd peer_;
+  CapturedLog log_{1U};
+};
+
+class AsyncRecordBelowTheLimit : public AsyncRecord {};
+class AsyncRecordThatFillsTheRead : public AsyncRecord {};
+class AsyncRecordTooLong : public AsyncRecord {};
+
+INSTANTIATE_TEST_SUITE_P(Sizes, Record, testing::Values(8, 4093, 4094, 4095, 4096, 4097, 8190),
+                         sizeOf);
+INSTANTIATE_TEST_SUITE_P(Sizes, RecordThatFits, testing::Values(8, 4093, 4094, 4095), sizeOf);
+INSTANTIATE_TEST_SUITE_P(Sizes, RecordTooLong, testing::Values(4096, 4097, 8190), sizeOf);
+INSTANTIATE_TEST_SUITE_P(Sizes, AsyncRecord, testing::Values(8, 4093, 4094, 4095, 4096, 4097, 8190),
+                         sizeOf);
+INSTANTIATE_TEST_SUITE_P(Sizes, AsyncRecordBelowTheLimit, testing::Values(8, 4093, 4094), sizeOf);
+INSTANTIATE_TEST_SUITE_P(Sizes, AsyncRecordThatFillsTheRead,
+                         testing::Values(4095, 4096, 4097, 8190), sizeOf);
+INSTANTIATE_TEST_SUITE_P(Sizes, AsyncRecordTooLong, testing::Values(4096, 4097, 8190), sizeOf);
+
+// --- the blocking client ---
+
+TEST_P(Record, IsSentWhole) {
+  EXPECT_EQ(client_.sendMsg(parsed(text_), false), 0);
+  EXPECT_EQ(rawReceive(peer_.get()), text_);
+  EXPECT_EQ(rawReceiveNow(peer_.get()), "<nothing>");
+}
+
+TEST_P(RecordThatFits, IsReceivedWhole) {
+  rawSend(peer_.get(), text_);
+  rawSend(peer_.get(), "[]");
+  EXPECT_EQ(compact(client_.waitForMsg()), text_);
+  EXPECT_EQ(compact(client_.waitForMsg()), "[]");
+}
+
+TEST_P(RecordTooLong, IsReceivedAsMalformedText) {
+  rawSend(peer_.get(), text_);
+  EXPECT_TRUE(client_.waitForMsg().HasParseError());
+}
+
+TEST_P(RecordTooLong, IsNoReply) {
+  rawSend(peer_.get(), text_);
+  EXPECT_EQ(client_.waitAck(), -1);
+  EXPECT_EQ(log_.lines(),
+            Lines{"0 Api/Json/Client waitAck: Client::waitAck(): message isn't valid JSON"});
+}
+
+TEST_P(RecordTooLong, IsCutBehindItsFirst4095Bytes) {
+  rawSend(peer_.get(), recordCutToJson(size_));
+  EXPECT_EQ(compact(client_.waitForMsg()), textOfSize(kLongestRead));
+}
+
+TEST_P(RecordTooLong, LeavesNothingOfItselfForTheNextRead) {
+  rawSend(peer_.get(), text_);
+  rawSend(peer_.get(), "[]");
+  client_.waitForMsg();
+  EXPECT_EQ(compact(client_.waitForMsg()), "[]");
+}
+
+TEST_P(Record, IsReadInOneCall) {
+  rawSend(peer_.get(), text_);
+  const Faults::Trace trace;
+  client_.waitForMsg();
+  EXPECT_EQ(trace.count(Call::kRead), 1);
+}
+
+// --- the asynchronous client ---
+
+TEST_P(AsyncRecord, IsSentWhole) {
+  const Faults::Trace trace;
+  client_.asyncSendMsg(parsed(text_));
+  EXPECT_EQ(rawReceive(peer_.get()), text_);
+  EXPECT_EQ(rawReceiveNow(peer_.get()), "<nothing>");
+  ASSERT_EQ(trace.count(Call::kWrite), 1);
+  EXPECT_EQ(trace.of(Call::kWrite).at(0).size, static_cast<std::size_t>(size_));
+}
+
+TEST_P(AsyncRecordBelowTheLimit, IsReceivedWholeWhateverFollows) {
+  rawSend(peer_.get(), text_);
+  rawSend(peer_.get(), text_);
+  rawSend(peer_.get(), "[]");
+  deliver();
+  EXPECT_EQ(messages_, (Lines{text_, text_, "[]"}));
+}
+
+TEST_P(AsyncRecordBelowTheLimit, IsReadInOneCall) {
+  rawSend(peer_.get(), text_);
+  const Faults::Trace trace;
+  deliver();
+  ASSERT_EQ(trace.count(Call::kRead), 1);
+  EXPECT_EQ(trace.of(Call::kRead).at(0).size, 4095U);
+}
+
+TEST_P(AsyncRecordThatFillsTheRead, IsReadOnUntilNothingIsLeft) {
+  rawSend(peer_.get(), text_);
+  const Faults::Trace trace;
+  deliver();
+  ASSERT_EQ(trace.count(Call::kRead), 2);
+  EXPECT_EQ(trace.of(Call::kRead).at(0).result, 4095);
+  EXPECT_EQ(trace.of(Call::kRead).at(1).size, 4095U);
+}
+
+TEST_P(AsyncRecordThatFillsTheRead, IsJoinedWithARecordThatWaitsBehindIt) {
+  Kelvo::Platform::setDebugLevels("Tovik", 0x9);
+  rawSend(peer_.get(), text_);
+  rawSend(peer_.get(), R"({"next":1})");
+  rawSend(peer_.get(), "[]");
+  deliver();
+  ASSERT_EQ(log_.lines().size(), 3U);
+  EXPECT_EQ(log_.lines().at(0),
+            "3 Api/Json/Client readFdEvent: AsyncClient::readFdEvent(): msg = '" +
+                text_.substr(0, kLongestRead) + R"({"next":1}')");
+  EXPECT_EQ(log_.lines().at(1), kMalformed);
+  EXPECT_EQ(messages_, Lines{"[]"});
+}
+
+TEST_P(AsyncRecordThatFillsTheRead, IsStillDeliveredIfTheServerClosesBehindIt) {
+  rawSend(peer_.get(), recordCutToJson(size_));
+  peer_.reset();
+  EXPECT_TRUE(Kelvo::Platform::EventLoop::current().dispatch());
+  EXPECT_EQ(messages_, Lines{textOfSize(kLongestRead)});
+}
+
+TEST_P(AsyncRecordThatFillsTheRead, IsDroppedIfTheReadBehindItFails) {
+  rawSend(peer_.get(), recordCutToJson(size_));
+  const Faults::Fail fail(Call::kRead, ECONNRESET, 1, 1);
+  turnUntilIdle();
+  EXPECT_EQ(messages_, Lines());
+  EXPECT_FALSE(client_.isAttached());
+}
+
+TEST_P(AsyncRecordThatFillsTheRead, IsCutBehindItsFirst4095Bytes) {
+  rawSend(peer_.get(), recordCutToJson(size_));
+  deliver();
+  EXPECT_EQ(messages_, Lines{textOfSize(kLongestRead)});
+}
+
+TEST_P(AsyncRecordTooLong, IsMalformedAndTheConnectionGoesOn) {
+  rawSend(peer_.get(), text_);
+  deliver();
+  EXPECT_EQ(log_.lines(), Lines{kMalformed});
+  rawSend(peer_.get(), "[]");
+  deliver();
+  EXPECT_EQ(messages_, Lines{"[]"});
+}
