@@ -17,17 +17,25 @@ namespace {
 
 using Sink = std::function<void(const DebugRecord&)>;
 
-/// UTC, so that printing a record needs neither the environment nor the time zone files.
+/// UTC, worked out from the days since 1970. The C library's own functions would read TZ and the
+/// time zone's file, even for UTC. Years are taken to begin in March, so that a leap day ends one.
 std::string timestamp() {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
-  tm calendar{};
-  gmtime_r(&now.tv_sec, &calendar);
-  std::array<char, 32> day{};
-  std::strftime(day.data(), day.size(), "%Y-%m-%dT%H:%M:%S", &calendar);
-  std::array<char, 24> fraction{};
-  std::snprintf(fraction.data(), fraction.size(), ".%06ldZ", now.tv_nsec / 1000);
-  return std::string(day.data()) + fraction.data();
+  const long second = now.tv_sec % 86400;
+  const long days = now.tv_sec / 86400 + 719468;  // since 1 March of the year 0
+  const long era = days / 146097;                 // of 400 years
+  const long dayOfEra = days % 146097;
+  const long yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
+  const long dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
+  const long sinceMarch = (5 * dayOfYear + 2) / 153;  // months
+  const long day = dayOfYear - (153 * sinceMarch + 2) / 5 + 1;
+  const long month = sinceMarch < 10 ? sinceMarch + 3 : sinceMarch - 9;
+  const long year = era * 400 + yearOfEra + (month <= 2 ? 1 : 0);
+  std::array<char, 64> text{};
+  std::snprintf(text.data(), text.size(), "%04ld-%02ld-%02ldT%02ld:%02ld:%02ld.%06ldZ", year, month,
+                day, second / 3600, second / 60 % 60, second % 60, now.tv_nsec / 1000);
+  return text.data();
 }
 
 /// One line and one write a record, so that lines of several threads do not mix. Line breaks inside

@@ -1,1 +1,33 @@
-# The built and installed files, seen from outside.
+# The built and installed files, seen from outside. The first test installs them for the others.
+find_package(Python3 REQUIRED COMPONENTS Interpreter)
+
+function(tovik_package_test name script)
+  set(name Package.${name})
+  add_test(NAME ${name} COMMAND ${Python3_EXECUTABLE} -B
+                                ${PROJECT_SOURCE_DIR}/tests/package/${script} ${ARGN})
+  set_tests_properties(
+    ${name}
+    PROPERTIES TIMEOUT 120
+               FIXTURES_REQUIRED package_prefix
+               ENVIRONMENT
+               "TOVIK_SOURCE_DIR=${PROJECT_SOURCE_DIR};TOVIK_BUILD_DIR=${PROJECT_BINARY_DIR};\
+TOVIK_WORK_DIR=${CMAKE_CURRENT_BINARY_DIR}/package;TOVIK_CXX=${CMAKE_CXX_COMPILER};\
+TOVIK_LIBDIR=${CMAKE_INSTALL_LIBDIR}")
+endfunction()
+
+file(MAKE_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/package)
+tovik_package_test(InstallsLibrariesPublicHeadersAndPkgConfigFiles installs.py)
+set_tests_properties(Package.InstallsLibrariesPublicHeadersAndPkgConfigFiles
+                     PROPERTIES FIXTURES_REQUIRED "" FIXTURES_SETUP package_prefix)
+tovik_package_test(CompilesEachPublicHeaderAlone headers.py)
+set_tests_properties(Package.CompilesEachPublicHeaderAlone PROPERTIES PROCESSORS 2)
+
+# An ordinary application cannot load sanitized libraries, and those export and import more.
+if(NOT TOVIK_SANITIZE)
+  tovik_package_test(BuildsAndRunsApplicationsWithPkgConfigAlone applications.py)
+  tovik_package_test(ExportsItsInterfaceAndNothingElse exports.py)
+  tovik_package_test(HoldsItsAssertionsInAnApplicationWithoutAny assertions.py application)
+  tovik_package_test(HoldsItsAssertionsInALibraryBuiltWithoutAny assertions.py library)
+  set_tests_properties(Package.HoldsItsAssertionsInALibraryBuiltWithoutAny PROPERTIES PROCESSORS 2)
+  tovik_package_test(StartsNoThreadOpensNoFileAndReadsNoEnvironment promises.py)
+endif()
