@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <type_traits>
 #include <utility>
 
 #include "Kelvo/Export.h"
@@ -58,8 +59,8 @@ class Ptr {
   }
   Ptr(const Ptr& other) noexcept : Ptr(other.object_) {}
   Ptr(Ptr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
-  template <class U>
-  Ptr(const Ptr<U>& other) noexcept : Ptr(static_cast<T*>(other.get())) {}
+  template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
+  Ptr(const Ptr<U>& other) noexcept : Ptr(other.get()) {}
   ~Ptr() { release(object_); }
 
   Ptr& operator=(Ptr other) noexcept {

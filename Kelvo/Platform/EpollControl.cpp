@@ -48,16 +48,19 @@ class EpollControl::Pause final : public TimerQueue::Entry {
     return false;
   }
 
-  /// 1, 2, 4 ... up to 100 ms since the last progress.
-  std::chrono::milliseconds lengthen() {
+  /// 1, 2, 4 ... up to 100 ms since that event last made progress.
+  std::chrono::milliseconds lengthen(std::uint32_t event) {
+    event_ = event;
     length_ = std::clamp(2 * length_, std::chrono::milliseconds(1), std::chrono::milliseconds(100));
     return length_;
   }
   std::chrono::milliseconds length() const { return length_; }
+  std::uint32_t event() const { return event_; }
   void startOver() { length_ = std::chrono::milliseconds(0); }
 
  private:
   EpollControl& control_;
+  std::uint32_t event_ = 0;
   std::chrono::milliseconds length_{0};
 };
 
@@ -149,7 +152,7 @@ bool EpollControl::stuckWriting() const {
 
 void EpollControl::pauseUnlessProgress(std::uint32_t event, bool progress) {
   if (progress) {
-    if (pause_) {
+    if (pause_ && pause_->event() == event) {
       pause_->startOver();
     }
     return;
@@ -157,8 +160,8 @@ void EpollControl::pauseUnlessProgress(std::uint32_t event, bool progress) {
   if (!pause_) {
     pause_ = std::make_unique<Pause>(*this);
   }
+  core_->schedule(*pause_, LoopCore::now() + pause_->lengthen(event));
   core_->setEvents(token_, eventsFor(writeInterest_) & ~event);
-  core_->schedule(*pause_, LoopCore::now() + pause_->lengthen());
 }
 
 void EpollControl::resume() {

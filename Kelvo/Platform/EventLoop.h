@@ -75,7 +75,8 @@ class KELVO_API EventLoop {
   /// Turns until `stop` is called. A stop that was called while nothing ran ends it at once.
   void run();
 
-  /// Makes `run` return after the turn at hand. From any thread, a callback or a signal handler.
+  /// Makes `run` return after the turn at hand. From any thread, a callback or a signal handler. If
+  /// an exception ends that turn and with it `run`, the next `run` returns at once.
   void stop() noexcept;
 
   /// One turn, which waits for at most `timeout` (for ever if negative, less long if a signal

@@ -82,6 +82,7 @@ LoopCore::LoopCore()
       epoll_(epoll_create1(EPOLL_CLOEXEC)),
       wakeUp_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       timer_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)),
+      thread_(pthread_self()),
       programmed_(kDisarmed) {
   countForksInChildren();
   if (!control(fd(), EPOLL_CTL_ADD, wakeUp_.fd(), EPOLLIN, kWakeUpToken) ||
@@ -109,7 +110,7 @@ bool LoopCore::turn(int timeoutMilliseconds) {
   const auto thisTurn = ++turns_;
   timerMark_ = timers_.mark();
   bool dispatched = false;
-  for (int i = 0; i < count && turns_ == thisTurn; ++i) {
+  for (int i = 0; i < count && isStill(thisTurn); ++i) {
     dispatched |= deliver(batch[static_cast<std::size_t>(i)]);
   }
   return dispatched;
@@ -131,7 +132,7 @@ bool LoopCore::deliver(const epoll_event& event) {
       dispatched |= registration->deliverRead();
     }
   }
-  if ((event.events & EPOLLOUT) != 0 && turns_ == thisTurn) {
+  if ((event.events & EPOLLOUT) != 0 && isStill(thisTurn)) {
     if (Registration* registration = find(token)) {
       dispatched |= registration->deliverWrite();
     }
@@ -145,7 +146,7 @@ bool LoopCore::runDueTimers() {
   const auto time = now();
   bool dispatched = false;
   try {
-    while (turns_ == thisTurn) {
+    while (isStill(thisTurn)) {
       TimerQueue::Entry* due = timers_.takeDue(time, timerMark_);
       if (due == nullptr) {
         break;
@@ -160,28 +161,35 @@ bool LoopCore::runDueTimers() {
   return dispatched;
 }
 
-// The request travels through the descriptor alone. A flag beside it could be seen first, and the
-// loop's thread could end, and the loop with it, while this call still uses it.
+// From another thread the request travels through the descriptor alone. A flag beside it could be
+// seen first, and the loop's thread could end, and the loop with it, while this call still uses it.
 void LoopCore::requestStop() noexcept {
   if (!ours()) {
     return;  // a signal handler that a forked child has inherited: the parent goes on
   }
   const int callersErrno = errno;
+  if (pthread_equal(pthread_self(), thread_) != 0) {
+    stop_.store(true, std::memory_order_relaxed);
+  }
   const std::uint64_t one = 1;
   [[maybe_unused]] const auto written = ::write(wakeUp_.fd(), &one, sizeof one);
   errno = callersErrno;
 }
 
 void LoopCore::receiveStop() noexcept {
-  if (!ours()) {
-    return;  // it is the parent's to receive
-  }
   std::uint64_t requests = 0;
-  stop_ = ::read(wakeUp_.fd(), &requests, sizeof requests) > 0 || stop_;
+  if (ours() && ::read(wakeUp_.fd(), &requests, sizeof requests) > 0) {
+    stop_.store(true, std::memory_order_relaxed);
+  }
 }
 
 bool LoopCore::takeStop() noexcept {
-  return std::exchange(stop_, false);
+  if (!stop_.load(std::memory_order_relaxed)) {
+    return false;
+  }
+  receiveStop();  // the same request, if it has not woken the loop yet
+  stop_.store(false, std::memory_order_relaxed);
+  return true;
 }
 
 bool LoopCore::ours() const noexcept {
@@ -195,14 +203,17 @@ void LoopCore::requireOurs() const {
   }
 }
 
+/// Whether that turn goes on after a callback: not if another one has been made inside the
+/// callback, and not in a child that the callback has forked.
+bool LoopCore::isStill(std::uint64_t turn) const {
+  requireOurs();
+  return turns_ == turn;
+}
+
 // --- registrations ---
 
 LoopCore::Token LoopCore::add(int fd, Registration& registration) {
   requireOurs();
-  const auto index = static_cast<std::size_t>(fd);
-  if (fd >= 0 && slots_.size() <= index) {
-    slots_.resize(index + 1);
-  }
   if (++lastGeneration_ == 0) {
     lastGeneration_ = 1;
   }
@@ -210,14 +221,32 @@ LoopCore::Token LoopCore::add(int fd, Registration& registration) {
   if (!control(epoll_.fd(), EPOLL_CTL_ADD, fd, EPOLLIN, token)) {
     throw systemError("epoll_ctl");
   }
-  slots_[index] = Slot{lastGeneration_, &registration};
+  try {
+    occupy(static_cast<std::size_t>(fd), registration);
+  } catch (...) {
+    control(epoll_.fd(), EPOLL_CTL_DEL, fd, 0, token);
+    throw;
+  }
   ++attachments_;
   notifyWatchers(registration.handler(), +1);
   return token;
 }
 
+void LoopCore::occupy(std::size_t index, Registration& registration) {
+  if (slots_.size() <= index) {
+    slots_.resize(index + 1);
+  }
+  if (const Registration* closed = slots_[index].registration) {
+    notifyWatchers(closed->handler(), -1);  // its owner has closed the descriptor and not detached
+  }
+  slots_[index] = Slot{lastGeneration_, &registration};
+}
+
 void LoopCore::setEvents(Token token, std::uint32_t events) {
   requireOurs();
+  if (find(token) == nullptr) {
+    return;  // the number has come to serve another registration
+  }
   if (!control(fd(), EPOLL_CTL_MOD, fdOf(token), events, token)) {
     throw systemError("epoll_ctl");
   }

@@ -1,5 +1,9 @@
 #pragma once
 
+#include <pthread.h>
+
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <unordered_map>
 #include <vector>
@@ -90,7 +94,9 @@ class LoopCore : public Counted {
 
   bool ours() const noexcept;
   void requireOurs() const;
+  bool isStill(std::uint64_t turn) const;
   bool deliver(const epoll_event& event);
+  void occupy(std::size_t index, Registration& registration);
   bool runDueTimers();
   bool programTimer() noexcept;
   void notifyWatchers(const FdEventHandler* handler, int by);
@@ -99,7 +105,8 @@ class LoopCore : public Counted {
   const OwnedFd epoll_;
   const OwnedFd wakeUp_;
   const OwnedFd timer_;
-  bool stop_ = false;  // received and not yet taken
+  const pthread_t thread_;
+  std::atomic<bool> stop_{false};  // asked for by this thread, or received; and not yet taken
 
   std::vector<Slot> slots_;  // by descriptor number
   std::uint32_t lastGeneration_ = 0;

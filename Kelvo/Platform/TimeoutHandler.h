@@ -33,7 +33,8 @@ class KELVO_API Timer : public Counted {
   /// Leads to one `timeout()` call after `seconds`, which may be a fraction (finer than a
   /// millisecond holds true). Replaces an expiry that is still pending. Zero or less: at the loop's
   /// next turn.
-  /// @throws Kelvo::Exception if `seconds` is not a number.
+  /// @throws Kelvo::Exception if `seconds` is not a number, or if the kernel refuses; the timer is
+  /// armed then all the same, and the loop tries again at its next turn.
   virtual void arm(double seconds) = 0;
 
   /// Drops a pending expiry, also one that is due already. Does nothing without one.

@@ -1,1 +1,203 @@
-#include "tests/support/Support.h"
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "tests/kelvo/Handlers.h"
+#include "tests/support/Faults.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+/// Runs `action` in a forked child, which reports whether it returned true.
+bool inChild(const std::function<bool()>& action) {
+  const pid_t child = fork();
+  if (child == 0) {
+    _exit(action() ? 0 : 1);
+  }
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+const std::string kRefusal =
+    "EventLoop: this loop belongs to the parent process; a forked child cannot use it";
+
+bool isRefused(const std::function<void()>& action) {
+  try {
+    action();
+  } catch (const Kelvo::Exception& exception) {
+    return exception.what() == kRefusal && !exception.external();
+  }
+  return false;
+}
+
+/// A parent with a watched socket and an armed timer.
+class ForkedChild : public testing::Test {
+ protected:
+  ForkedChild() {
+    watcher_->onRead = [](int fd) { rawReceiveNow(fd); };
+    alarm_->timer->arm(0.02);
+  }
+
+  /// For tests in which nothing must become due meanwhile.
+  void putOffAlarm() { alarm_->timer->arm(1000); }
+
+  /// That the parent's registrations still work.
+  void expectParentUnharmed() {
+    rawSend(ends_.second.get(), "x");
+    EXPECT_TRUE(turnUntil([&] { return watcher_->reads == 1 && alarm_->fired == 1; }));
+  }
+
+  std::pair<Fd, Fd> ends_ = rawPair();
+  std::unique_ptr<Watcher> watcher_ = std::make_unique<Watcher>(ends_.first.get());
+  std::unique_ptr<Alarm> alarm_ = std::make_unique<Alarm>();
+};
+
+TEST_F(ForkedChild, CannotTurnItsParentsLoop) {
+  EXPECT_TRUE(inChild([] { return isRefused([] { loop().run(); }); }));
+  EXPECT_TRUE(inChild([] { return isRefused([] { loop().runOnce(1ms); }); }));
+  EXPECT_TRUE(inChild([] { return isRefused([] { loop().dispatch(); }); }));
+  expectParentUnharmed();
+}
+
+TEST_F(ForkedChild, CannotAttachToItsParentsLoop) {
+  EXPECT_TRUE(inChild([this] {
+    Watcher fresh;
+    return isRefused([&] { fresh.control->attach(ends_.second.get()); }) &&
+           fresh.control->fd() == -1;
+  }));
+  expectParentUnharmed();
+}
+
+TEST_F(ForkedChild, CannotChangeItsParentsRegistrations) {
+  EXPECT_TRUE(inChild([this] {
+    return isRefused([&] { watcher_->control->setWriteInterest(true); }) &&
+           isRefused([&] { watcher_->control->attach(ends_.second.get()); });
+  }));
+  loop().dispatch();
+  EXPECT_EQ(watcher_->writes, 0);
+  expectParentUnharmed();
+}
+
+TEST_F(ForkedChild, CannotArmATimerOfItsParentsLoop) {
+  putOffAlarm();
+  EXPECT_TRUE(inChild([this] {
+    Alarm fresh;
+    return isRefused([&] { fresh.timer->arm(0); }) && isRefused([&] { alarm_->timer->arm(0); });
+  }));
+  EXPECT_FALSE(somethingIsDue());
+}
+
+TEST_F(ForkedChild, MayDestroyWhatItInheritedWithoutHarmToItsParent) {
+  EXPECT_TRUE(inChild([this] {
+    watcher_.reset();
+    alarm_.reset();
+    return true;
+  }));
+  expectParentUnharmed();
+}
+
+TEST_F(ForkedChild, MayDetachAndDisarmWithoutHarmToItsParent) {
+  EXPECT_TRUE(inChild([this] {
+    watcher_->control->detach();
+    alarm_->timer->disarm();
+    return watcher_->control->fd() == -1;
+  }));
+  expectParentUnharmed();
+}
+
+TEST_F(ForkedChild, MakesNoCallThatReachesItsParentsDescriptorsWhenItTidiesUp) {
+  EXPECT_TRUE(inChild([this] {
+    const Faults::Trace trace;
+    watcher_.reset();
+    alarm_.reset();
+    loop().stop();
+    return trace.calls().empty();
+  }));
+}
+
+TEST_F(ForkedChild, DoesNotStopItsParent) {
+  putOffAlarm();
+  EXPECT_TRUE(inChild([] {
+    loop().stop();
+    return true;
+  }));
+  EXPECT_FALSE(somethingIsDue());
+  alarm_->onTimeout = [] { loop().stop(); };
+  alarm_->timer->arm(0);
+  loop().run();
+  EXPECT_EQ(alarm_->fired, 1);
+}
+
+TEST_F(ForkedChild, MayReleaseAWithheldTimersGuard) {
+  putOffAlarm();
+  Alarm guarded(watcher_.get());
+  guarded.timer->arm(0);
+  letPass(100us);
+  EXPECT_FALSE(loop().dispatch());
+  EXPECT_TRUE(inChild([this] {
+    watcher_->control->detach();
+    return true;
+  }));
+  EXPECT_FALSE(somethingIsDue());
+  watcher_->control->detach();
+  EXPECT_TRUE(loop().dispatch());
+  EXPECT_EQ(guarded.fired, 1);
+}
+
+TEST_F(ForkedChild, MayUseALoopOfAThreadOfItsOwn) {
+  EXPECT_TRUE(inChild([] {
+    bool fired = false;
+    std::thread([&] {
+      Alarm alarm;
+      alarm.timer->arm(0.001);
+      fired = turnUntil([&] { return alarm.fired == 1; });
+    }).join();
+    return fired;
+  }));
+}
+
+TEST_F(ForkedChild, PassesTheRefusalOnToItsOwnChildren) {
+  EXPECT_TRUE(inChild([] { return inChild([] { return isRefused([] { loop().dispatch(); }); }); }));
+  EXPECT_TRUE(inChild([] {
+    bool refused = false;
+    std::thread([&] {
+      loop().dispatch();
+      refused = inChild([] { return isRefused([] { loop().dispatch(); }); });
+      loop().dispatch();
+    }).join();
+    return refused;
+  }));
+}
+
+TEST_F(ForkedChild, CausesNoEventsWithADuplicateThatItHolds) {
+  putOffAlarm();
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  const Fd reader(ends[0]);
+  Fd writer(ends[1]);
+  const pid_t child = fork();
+  if (child == 0) {
+    writer.reset();
+    char byte = 0;
+    _exit(::read(reader.get(), &byte, 1) == 0 ? 0
+                                              : 1);  // holds everything until the parent is done
+  }
+  watcher_->control->detach();
+  ends_.first.reset();
+  rawSend(ends_.second.get(), "x");
+  EXPECT_FALSE(somethingIsDue());
+  EXPECT_FALSE(loop().dispatch());
+
+  writer.reset();
+  EXPECT_EQ(waitpid(child, nullptr, 0), child);
+}
+
+}  // namespace

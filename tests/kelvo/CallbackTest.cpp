@@ -1,0 +1,451 @@
+// Callbacks: nested turns, and exceptions out of them.
+
+#include <gtest/gtest.h>
+#include <sys/epoll.h>
+
+#include <memory>
+#include <new>
+#include <stdexcept>
+#include <string>
+
+#include "tests/kelvo/Handlers.h"
+
+namespace {
+
+/// Two watched sockets, both ready; each handler takes its record and leaves the rest to the test.
+class Callback : public testing::Test {
+ protected:
+  Callback() {
+    a_.onRead = [](int fd) { rawReceiveNow(fd); };
+    b_.onRead = a_.onRead;
+  }
+
+  void makeReady() {
+    rawSend(endsA_.second.get(), "a");
+    rawSend(endsB_.second.get(), "b");
+  }
+
+  void bothOnRead(const std::function<void()>& action) {
+    a_.onRead = [action](int fd) {
+      rawReceiveNow(fd);
+      action();
+    };
+    b_.onRead = a_.onRead;
+  }
+
+  void bothOnException(const std::function<bool(int)>& answer) {
+    a_.onException = answer;
+    b_.onException = answer;
+  }
+
+  std::pair<Fd, Fd> endsA_ = rawPair();
+  std::pair<Fd, Fd> endsB_ = rawPair();
+  Watcher a_{endsA_.first.get()};
+  Watcher b_{endsB_.first.get()};
+};
+
+[[noreturn]] void fail() {
+  throw std::runtime_error("from a callback");
+}
+
+// --- nested turns ---
+
+TEST_F(Callback, MayRunATurnOfTheSameLoopWhoseEventsAreNotRepeated) {
+  bothOnRead([] { loop().dispatch(); });
+  makeReady();
+  EXPECT_TRUE(loop().dispatch());
+
+  EXPECT_EQ(a_.reads, 1);
+  EXPECT_EQ(b_.reads, 1);
+}
+
+TEST_F(Callback, LosesNoEventOfATurnThatItOvertook) {
+  int served = 0;
+  bothOnRead([&] {
+    if (++served == 1) {
+      a_.control->setWriteInterest(true);
+      a_.onWrite = [&](int) { a_.control->setWriteInterest(false); };
+      loop().dispatch();
+    }
+  });
+  makeReady();
+  turnUntilIdle();
+
+  EXPECT_EQ(served, 2);
+  EXPECT_EQ(a_.writes, 1);
+}
+
+TEST_F(Callback, EndsTheOvertakenTurnForItsOwnWriteEventToo) {
+  std::string calls;
+  bool nested = false;
+  a_.control->setWriteInterest(true);
+  a_.onRead = [&](int fd) {
+    calls += 'r';
+    rawReceiveNow(fd);
+    if (!std::exchange(nested, true)) {
+      loop().dispatch();
+    }
+  };
+  a_.onWrite = [&](int) { calls += 'w'; };
+  rawSend(endsA_.second.get(), "x");
+  loop().dispatch();
+
+  EXPECT_EQ(calls, "rw");
+}
+
+TEST_F(Callback, OvertakesATurnEvenWithOneThatFindsNothing) {
+  // The first one called takes both records, so the nested turn is empty and the other's event,
+  // which the kernel reported before, is stale.
+  a_.onRead = [&](int) {
+    rawReceiveNow(endsA_.first.get());
+    rawReceiveNow(endsB_.first.get());
+    EXPECT_FALSE(loop().dispatch());
+  };
+  b_.onRead = a_.onRead;
+  makeReady();
+  loop().dispatch();
+
+  EXPECT_EQ(a_.reads + b_.reads, 1);
+}
+
+TEST_F(Callback, MayDestroyTheOuterCallbacksHandlerInANestedTurn) {
+  auto mortal = std::make_unique<Watcher>();
+  a_.control->detach();
+  mortal->control->attach(endsA_.first.get());
+  mortal->onRead = [&](int fd) {
+    rawReceiveNow(fd);
+    loop().dispatch();
+  };
+  b_.onRead = [&](int fd) {
+    rawReceiveNow(fd);
+    mortal.reset();
+  };
+  makeReady();
+  loop().dispatch();
+
+  turnUntilIdle();
+  EXPECT_EQ(mortal, nullptr);
+  EXPECT_EQ(b_.reads, 1);
+}
+
+TEST_F(Callback, MayRunATurnFromATimer) {
+  Alarm outer;
+  Alarm inner;
+  outer.onTimeout = [] { loop().dispatch(); };
+  outer.timer->arm(0);
+  inner.timer->arm(0);
+  letPass(std::chrono::microseconds(100));
+  turnUntilIdle();
+
+  EXPECT_EQ(outer.fired, 1);
+  EXPECT_EQ(inner.fired, 1);
+}
+
+TEST_F(Callback, EndsTheOvertakenTurnForOtherTimersToo) {
+  Alarm outer;
+  Alarm failing;
+  Alarm last;
+  outer.onTimeout = [] { EXPECT_THROW(loop().dispatch(), std::runtime_error); };
+  failing.onTimeout = fail;
+  outer.timer->arm(0);
+  failing.timer->arm(0);
+  last.timer->arm(0);
+  letPass(std::chrono::microseconds(100));
+
+  EXPECT_TRUE(loop().dispatch());
+  EXPECT_EQ(last.fired, 0);
+  EXPECT_TRUE(loop().dispatch());
+  EXPECT_EQ(last.fired, 1);
+}
+
+// --- exceptions ---
+
+TEST_F(Callback, ShowsItsExceptionToTheHookInsideTheCatch) {
+  std::string seen;
+  int seenFd = -1;
+  a_.onRead = [](int fd) {
+    rawReceiveNow(fd);
+    fail();
+  };
+  a_.onException = [&](int fd) {
+    seenFd = fd;
+    try {
+      std::rethrow_exception(std::current_exception());
+    } catch (const std::exception& exception) {
+      seen = exception.what();
+    }
+    return true;
+  };
+  rawSend(endsA_.second.get(), "x");
+
+  EXPECT_TRUE(loop().dispatch());
+  EXPECT_EQ(seen, "from a callback");
+  EXPECT_EQ(seenFd, endsA_.first.get());
+}
+
+TEST_F(Callback, ShowsAWriteCallbacksExceptionToTheHookToo) {
+  int seenFd = -1;
+  a_.onWrite = [](int) { fail(); };
+  a_.onException = [&](int fd) {
+    seenFd = fd;
+    return true;
+  };
+  a_.control->setWriteInterest(true);
+
+  EXPECT_TRUE(loop().dispatch());
+  EXPECT_EQ(a_.asked, 1);
+  EXPECT_EQ(seenFd, endsA_.first.get());
+}
+
+TEST_F(Callback, LetsTheTurnGoOnIfTheHookDealtWithItsException) {
+  bothOnRead(fail);
+  bothOnException([](int) { return true; });
+  makeReady();
+
+  EXPECT_TRUE(loop().dispatch());
+  EXPECT_EQ(a_.asked, 1);
+  EXPECT_EQ(b_.asked, 1);
+}
+
+TEST_F(Callback, LetsItsWriteEventFollowIfTheHookDealtWithTheReadsException) {
+  a_.onRead = [](int) { fail(); };
+  a_.onException = [](int) { return true; };
+  a_.control->setWriteInterest(true);
+  rawSend(endsA_.second.get(), "x");
+  loop().dispatch();
+
+  EXPECT_EQ(a_.writes, 1);
+}
+
+TEST_F(Callback, LetsItsExceptionLeaveEveryWayOfTurningTheLoop) {
+  a_.onRead = [](int) { fail(); };
+  rawSend(endsA_.second.get(), "x");
+
+  EXPECT_THROW(loop().run(), std::runtime_error);
+  EXPECT_THROW(loop().runOnce(std::chrono::seconds(1)), std::runtime_error);
+  EXPECT_THROW(loop().dispatch(), std::runtime_error);
+  EXPECT_EQ(a_.asked, 3);
+}
+
+class Plain : public Kelvo::Platform::FdEventHandler {
+ public:
+  void readFdEvent(int /*fd*/) override { fail(); }
+};
+
+class PlainTimeout : public Kelvo::Platform::TimeoutHandler {
+ public:
+  void timeout() override { fail(); }
+};
+
+TEST_F(Callback, LetsItsExceptionLeaveByDefault) {
+  Plain plain;
+  const auto control = Kelvo::Platform::getFdControl(&plain);
+  a_.control->detach();
+  control->attach(endsA_.first.get());
+  rawSend(endsA_.second.get(), "x");
+  EXPECT_THROW(loop().dispatch(), std::runtime_error);
+  control->detach();
+
+  PlainTimeout timeout;
+  const auto timer = Kelvo::Platform::getTimer(&timeout);
+  timer->arm(0);
+  EXPECT_THROW(loop().runOnce(std::chrono::seconds(1)), std::runtime_error);
+  EXPECT_FALSE(timeout.handleTimeoutException());
+}
+
+TEST_F(Callback, LosesNoOtherEventWhenItsExceptionLeaves) {
+  bothOnRead(fail);
+  Alarm alarm;
+  alarm.timer->arm(0);
+  letPass(std::chrono::microseconds(100));
+  makeReady();
+  int thrown = 0;
+  for (int turn = 0; turn < 3; ++turn) {
+    try {
+      loop().dispatch();
+    } catch (const std::runtime_error&) {
+      ++thrown;
+    }
+  }
+
+  EXPECT_EQ(a_.reads, 1);
+  EXPECT_EQ(b_.reads, 1);
+  EXPECT_EQ(alarm.fired, 1);
+  EXPECT_EQ(thrown, 2);
+  EXPECT_FALSE(somethingIsDue());
+}
+
+TEST_F(Callback, LetsAnExceptionOfTheHookLeaveInstead) {
+  a_.onRead = [](int) { fail(); };
+  a_.onException = [](int) -> bool { throw std::logic_error("from the hook"); };
+  rawSend(endsA_.second.get(), "x");
+
+  EXPECT_THROW(loop().dispatch(), std::logic_error);
+}
+
+TEST_F(Callback, MayDestroyItsHandlerInTheHook) {
+  a_.control->detach();
+  auto mortal = std::make_unique<Watcher>(endsA_.first.get());
+  mortal->onRead = [](int) { fail(); };
+  mortal->onException = [&](int) {
+    mortal.reset();
+    return true;
+  };
+  makeReady();
+
+  EXPECT_TRUE(loop().dispatch());
+  EXPECT_EQ(mortal, nullptr);
+  EXPECT_EQ(b_.reads, 1);
+}
+
+TEST_F(Callback, IsNotAskedAboutItsExceptionIfItsHandlerDied) {
+  a_.control->detach();
+  int asked = 0;
+  auto mortal = std::make_unique<Watcher>(endsA_.first.get());
+  mortal->onException = [&](int) {
+    ++asked;
+    return true;
+  };
+  mortal->onRead = [&](int) {
+    mortal.reset();
+    fail();
+  };
+  rawSend(endsA_.second.get(), "x");
+
+  EXPECT_THROW(loop().dispatch(), std::runtime_error);
+  EXPECT_EQ(asked, 0);
+  EXPECT_FALSE(loop().dispatch());
+}
+
+TEST_F(Callback, IsNotConfusedByANewHandlerAtADeadOnesAddress) {
+  a_.control->detach();
+  alignas(Watcher) unsigned char memory[sizeof(Watcher)];
+  auto* first = new (memory) Watcher(endsA_.first.get());
+  Watcher* second = nullptr;
+  first->onRead = [&](int) {
+    first->~Watcher();
+    second = new (memory) Watcher;
+    second->onException = [](int) { return true; };
+    fail();
+  };
+  rawSend(endsA_.second.get(), "x");
+
+  EXPECT_THROW(loop().dispatch(), std::runtime_error);
+  EXPECT_EQ(second->asked, 0);
+  second->~Watcher();
+}
+
+TEST_F(Callback, IsNotAskedIfItsHandlerDiedInATurnWithinTheTurn) {
+  a_.control->detach();
+  int asked = 0;
+  int depth = 0;
+  auto mortal = std::make_unique<Watcher>(endsA_.first.get());
+  mortal->onException = [&](int) {
+    ++asked;
+    return true;
+  };
+  mortal->onRead = [&](int) {
+    if (++depth == 1) {
+      loop().dispatch();
+      fail();
+    }
+    mortal.reset();
+  };
+  rawSend(endsA_.second.get(), "x");
+
+  EXPECT_THROW(loop().dispatch(), std::runtime_error);
+  EXPECT_EQ(depth, 2);
+  EXPECT_EQ(asked, 0);
+}
+
+TEST_F(Callback, IsAskedThoughAnotherHandlerDiedMeanwhile) {
+  auto bystander = std::make_unique<Watcher>();
+  a_.onRead = [&](int) {
+    bystander.reset();
+    fail();
+  };
+  a_.onException = [](int) { return true; };
+  rawSend(endsA_.second.get(), "x");
+
+  EXPECT_TRUE(loop().dispatch());
+  EXPECT_EQ(a_.asked, 1);
+}
+
+// --- exceptions of timers ---
+
+TEST_F(Callback, ShowsATimersExceptionToTheHookInsideTheCatch) {
+  std::string seen;
+  Alarm alarm;
+  alarm.onTimeout = fail;
+  alarm.onException = [&] {
+    try {
+      std::rethrow_exception(std::current_exception());
+    } catch (const std::exception& exception) {
+      seen = exception.what();
+    }
+    return true;
+  };
+  alarm.timer->arm(0);
+
+  EXPECT_TRUE(turnUntil([&] { return alarm.fired == 1; }));
+  EXPECT_EQ(seen, "from a callback");
+}
+
+TEST_F(Callback, LetsTheOtherTimersFireIfTheHookDealtWithIt) {
+  Alarm alarms[2];
+  for (auto& alarm : alarms) {
+    alarm.onTimeout = fail;
+    alarm.onException = [] { return true; };
+    alarm.timer->arm(0);
+  }
+  letPass(std::chrono::microseconds(100));
+
+  EXPECT_TRUE(loop().dispatch());
+  EXPECT_EQ(alarms[0].fired + alarms[1].fired, 2);
+}
+
+TEST_F(Callback, LosesNoOtherTimerWhenATimersExceptionLeaves) {
+  Alarm alarms[3];
+  for (auto& alarm : alarms) {
+    alarm.onTimeout = fail;
+  }
+  alarms[0].timer->arm(0);
+  alarms[1].timer->arm(0);
+  alarms[2].timer->arm(0.005);
+  letPass(std::chrono::microseconds(100));
+
+  for (auto& alarm : alarms) {
+    EXPECT_THROW(turnUntil([] { return false; }), std::runtime_error);
+    EXPECT_EQ(alarm.fired, 1);
+    EXPECT_EQ(alarm.asked, 1);
+  }
+  EXPECT_FALSE(loop().dispatch());
+  EXPECT_FALSE(somethingIsDue());
+}
+
+TEST_F(Callback, LeavesNothingDueBehindWhenTheOnlyTimersExceptionLeaves) {
+  Alarm alarm;
+  alarm.onTimeout = fail;
+  alarm.timer->arm(0);
+  EXPECT_THROW(loop().runOnce(std::chrono::seconds(1)), std::runtime_error);
+  EXPECT_FALSE(somethingIsDue());
+}
+
+TEST_F(Callback, IsNotAskedAboutATimersExceptionIfTheHandlerDied) {
+  int asked = 0;
+  auto mortal = std::make_unique<Alarm>();
+  mortal->onException = [&] {
+    ++asked;
+    return true;
+  };
+  mortal->onTimeout = [&] {
+    mortal.reset();
+    fail();
+  };
+  mortal->timer->arm(0);
+
+  EXPECT_THROW(loop().runOnce(std::chrono::seconds(1)), std::runtime_error);
+  EXPECT_EQ(asked, 0);
+}
+
+}  // namespace

@@ -1,0 +1,114 @@
+#pragma once
+
+#include <gtest/gtest.h>
+#include <poll.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+
+#include "Kelvo/Exception.h"
+#include "Kelvo/Platform/EventLoop.h"
+#include "tests/support/Support.h"
+
+// The handlers with which the base library is tested, and a few verbs.
+
+/// A descriptor's handler that counts its callbacks and does in them what its test says. The
+/// actions may destroy it.
+class Watcher : public Kelvo::Platform::FdEventHandler {
+ public:
+  explicit Watcher(int fd = -1) : control(Kelvo::Platform::getFdControl(this)) {
+    if (fd >= 0) {
+      control->attach(fd);
+    }
+  }
+
+  void readFdEvent(int fd) override {
+    ++reads;
+    act(onRead, fd);
+  }
+
+  void writeFdEvent(int fd) override {
+    ++writes;
+    act(onWrite, fd);
+  }
+
+  bool handleFdException(int fd) override {
+    ++asked;
+    const auto answer = onException;
+    return answer ? answer(fd) : FdEventHandler::handleFdException(fd);
+  }
+
+  int reads = 0;
+  int writes = 0;
+  int asked = 0;
+  std::function<void(int)> onRead;
+  std::function<void(int)> onWrite;
+  std::function<bool(int)> onException;
+  Kelvo::Ptr<Kelvo::Platform::FdControl> control;
+
+ private:
+  static void act(const std::function<void(int)>& action, int fd) {
+    const auto copy = action;  // it may destroy its watcher
+    if (copy) {
+      copy(fd);
+    }
+  }
+};
+
+/// A timer's handler of the same kind.
+class Alarm : public Kelvo::Platform::TimeoutHandler {
+ public:
+  explicit Alarm(const Kelvo::Platform::FdEventHandler* unlessAttached = nullptr)
+      : timer(Kelvo::Platform::getTimer(this, unlessAttached)) {}
+
+  void timeout() override {
+    ++fired;
+    const auto copy = onTimeout;
+    if (copy) {
+      copy();
+    }
+  }
+
+  bool handleTimeoutException() override {
+    ++asked;
+    const auto answer = onException;
+    return answer ? answer() : TimeoutHandler::handleTimeoutException();
+  }
+
+  int fired = 0;
+  int asked = 0;
+  std::function<void()> onTimeout;
+  std::function<bool()> onException;
+  Kelvo::Ptr<Kelvo::Platform::Timer> timer;
+};
+
+inline Kelvo::Platform::EventLoop& loop() {
+  return Kelvo::Platform::EventLoop::current();
+}
+
+inline bool readable(int fd) {
+  pollfd query{fd, POLLIN, 0};
+  return ::poll(&query, 1, 0) == 1;
+}
+
+inline bool somethingIsDue() {
+  return readable(loop().fd());
+}
+
+/// Lets the clock go on while the loop stands still, so that several timers become due at once.
+inline void letPass(std::chrono::microseconds time) {
+  const auto end = std::chrono::steady_clock::now() + time;
+  while (std::chrono::steady_clock::now() < end) {
+  }
+}
+
+/// What a Kelvo::Exception thrown by `action` says; "<nothing thrown>" without one.
+inline std::string thrownBy(const std::function<void()>& action) {
+  try {
+    action();
+  } catch (const Kelvo::Exception& exception) {
+    return exception.what();
+  }
+  return "<nothing thrown>";
+}

@@ -1,0 +1,499 @@
+// The loop as a whole: running, stopping, foreign loops, failures, lifetime.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <future>
+#include <iterator>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include "tests/kelvo/Handlers.h"
+#include "tests/support/Faults.h"
+
+using namespace std::chrono_literals;
+using Faults::Call;
+using Kelvo::Platform::EventLoop;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+/// The loop of this thread, which a test leaves without anything due or pending.
+class Loop : public testing::Test {
+ protected:
+  ~Loop() override { turnUntilIdle(); }
+
+  /// Stops the loop if the test has gone wrong, so that `run` ends in any case.
+  void guard() {
+    emergency_.onTimeout = [] {
+      ADD_FAILURE() << "run() did not end by itself";
+      loop().stop();
+    };
+    emergency_.timer->arm(10);
+  }
+
+  /// Runs an action in the first turn of `run`.
+  void onceRunning(const std::function<void()>& action) {
+    starter_.onTimeout = action;
+    starter_.timer->arm(0);
+  }
+
+  Alarm emergency_;
+  Alarm starter_;
+};
+
+// --- run and stop ---
+
+TEST_F(Loop, RunsUntilACallbackStopsIt) {
+  guard();
+  Alarm ticker;
+  ticker.onTimeout = [&] {
+    if (ticker.fired == 5) {
+      return loop().stop();
+    }
+    ticker.timer->arm(0.0001);
+  };
+  ticker.timer->arm(0);
+  loop().run();
+
+  EXPECT_EQ(ticker.fired, 5);
+}
+
+TEST_F(Loop, FinishesTheTurnInWhichItIsStopped) {
+  guard();
+  const auto endsA = rawPair();
+  const auto endsB = rawPair();
+  Watcher a(endsA.first.get());
+  Watcher b(endsB.first.get());
+  a.onRead = [](int) { loop().stop(); };
+  b.onRead = a.onRead;
+  rawSend(endsA.second.get(), "x");
+  rawSend(endsB.second.get(), "x");
+  loop().run();
+
+  EXPECT_EQ(a.reads, 1);
+  EXPECT_EQ(b.reads, 1);
+}
+
+TEST_F(Loop, IsStoppedByAnotherThread) {
+  guard();
+  std::promise<void> running;
+  onceRunning([&] { running.set_value(); });
+  std::thread stopper([&running, &mine = loop()] {
+    running.get_future().wait();
+    mine.stop();
+  });
+  loop().run();
+  stopper.join();
+
+  EXPECT_EQ(starter_.fired, 1);
+}
+
+EventLoop* interrupted = nullptr;
+int errnoAfterStop = 0;
+
+void stopFromSignal(int /*signal*/) {
+  const int before = errno;
+  errno = ENOTTY;
+  interrupted->stop();
+  errnoAfterStop = errno;
+  errno = before;
+}
+
+/// A signal that finds its handler while it lives.
+class Signal {
+ public:
+  explicit Signal(void (*handler)(int)) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    sigaction(SIGUSR1, &action, &before_);
+  }
+  ~Signal() { sigaction(SIGUSR1, &before_, nullptr); }
+
+ private:
+  struct sigaction before_ {};
+};
+
+TEST_F(Loop, IsStoppedByASignalHandler) {
+  guard();
+  interrupted = &loop();
+  const Signal signal(stopFromSignal);
+  std::promise<void> running;
+  onceRunning([&] { running.set_value(); });
+  std::thread sender([&running, target = pthread_self()] {
+    running.get_future().wait();
+    pthread_kill(target, SIGUSR1);
+  });
+  loop().run();
+  sender.join();
+
+  EXPECT_EQ(errnoAfterStop, ENOTTY);
+}
+
+TEST_F(Loop, KeepsErrnoWhenAStopFailsToWake) {
+  {
+    const Faults::Fail fail(Call::kWrite, EAGAIN);
+    errno = ENOTTY;
+    loop().stop();
+    EXPECT_EQ(errno, ENOTTY);
+    EXPECT_EQ(fail.hits(), 1);
+  }
+  loop().stop();
+  loop().run();  // takes the stop
+}
+
+TEST_F(Loop, EndsAtOnceIfItWasStoppedBeforeItRan) {
+  guard();
+  const auto ends = rawPair();
+  Watcher watcher(ends.first.get());
+  rawSend(ends.second.get(), "x");
+  loop().stop();
+  loop().run();
+
+  EXPECT_EQ(watcher.reads, 0);
+}
+
+TEST_F(Loop, IsEndedOnceByOneStop) {
+  guard();
+  loop().stop();
+  loop().run();
+  onceRunning([] { loop().stop(); });
+  loop().run();
+
+  EXPECT_EQ(starter_.fired, 1);
+}
+
+TEST_F(Loop, RunsWithinARunAndIsStoppedOneByOne) {
+  guard();
+  Alarm inner;
+  inner.onTimeout = [] { loop().stop(); };
+  onceRunning([&] {
+    inner.timer->arm(0);
+    loop().run();
+    EXPECT_EQ(inner.fired, 1);
+    inner.timer->arm(0);
+  });
+  loop().run();
+
+  EXPECT_EQ(inner.fired, 2);
+}
+
+TEST_F(Loop, GoesOnRunningAfterAnInterruption) {
+  guard();
+  const Faults::Fail fail(Call::kEpollWait, EINTR, 2);
+  onceRunning([] { loop().stop(); });
+  loop().run();
+
+  EXPECT_EQ(fail.hits(), 2);
+  EXPECT_EQ(starter_.fired, 1);
+}
+
+// --- one turn ---
+
+TEST_F(Loop, WaitsForAsLongAsItWasTold) {
+  const auto before = Clock::now();
+  EXPECT_FALSE(loop().runOnce(20ms));
+  EXPECT_GE(Clock::now() - before, 19ms);
+
+  const Faults::Trace trace;
+  EXPECT_FALSE(loop().runOnce(0ms));
+  EXPECT_EQ(trace.count(Call::kEpollWait), 1);
+}
+
+TEST_F(Loop, WaitsForEverIfTheTimeIsNegative) {
+  for (const auto time : {std::chrono::milliseconds(-1), std::chrono::milliseconds(-5),
+                          std::chrono::milliseconds::min(), std::chrono::milliseconds::max()}) {
+    starter_.timer->arm(0.003);
+    EXPECT_TRUE(loop().runOnce(time)) << time.count();
+  }
+  EXPECT_EQ(starter_.fired, 4);
+}
+
+TEST_F(Loop, DoesNotWaitWhenItDispatches) {
+  starter_.timer->arm(5);
+  const auto before = Clock::now();
+  EXPECT_FALSE(loop().dispatch());
+  EXPECT_LT(Clock::now() - before, 4s);
+}
+
+TEST_F(Loop, TakesOneTurnOnly) {
+  starter_.onTimeout = [&] { starter_.timer->arm(0); };
+  starter_.timer->arm(0);
+  EXPECT_TRUE(loop().runOnce(1s));
+  EXPECT_EQ(starter_.fired, 1);
+  starter_.timer->disarm();
+}
+
+TEST_F(Loop, TellsThatNoCallbackWasMadeWhenOnlyAStopWokeIt) {
+  loop().stop();
+  EXPECT_FALSE(loop().runOnce(10s));
+  EXPECT_FALSE(somethingIsDue());
+  loop().run();  // takes the stop
+}
+
+TEST_F(Loop, TellsThatACallbackWasMadeWhicheverItWas) {
+  const auto ends = rawPair();
+  Watcher watcher(ends.first.get());
+  watcher.control->setWriteInterest(true);
+  EXPECT_TRUE(loop().runOnce(0ms));
+  watcher.control->setWriteInterest(false);
+  rawSend(ends.second.get(), "x");
+  EXPECT_TRUE(loop().runOnce(0ms));
+  watcher.control->detach();
+  starter_.timer->arm(0.001);
+  EXPECT_TRUE(loop().runOnce(1s));
+  EXPECT_FALSE(loop().runOnce(0ms));
+}
+
+TEST_F(Loop, ReturnsWithoutACallbackWhenInterrupted) {
+  const Faults::Fail fail(Call::kEpollWait, EINTR, 1);
+  EXPECT_FALSE(loop().runOnce(10s));
+  EXPECT_EQ(fail.hits(), 1);
+}
+
+std::atomic<bool> signalled{false};
+
+TEST_F(Loop, WaitsLessLongIfASignalArrives) {
+  const Signal signal([](int) { signalled = true; });
+  std::atomic<bool> done{false};
+  std::thread sender([&, target = pthread_self()] {
+    while (!done) {
+      pthread_kill(target, SIGUSR1);
+      std::this_thread::yield();
+    }
+  });
+  const auto before = Clock::now();
+  EXPECT_FALSE(loop().runOnce(30s));
+  done = true;
+  sender.join();
+
+  EXPECT_LT(Clock::now() - before, 20s);
+  EXPECT_TRUE(signalled);
+}
+
+TEST_F(Loop, ThrowsWhenTheKernelRefusesToWaitAndIsUsableAfterwards) {
+  starter_.timer->arm(0);
+  {
+    const Faults::Fail fail(Call::kEpollWait, EINVAL, 3);
+    const std::string text = "EventLoop: epoll_wait failed: Invalid argument";
+    EXPECT_EQ(thrownBy([] { loop().run(); }), text);
+    EXPECT_EQ(thrownBy([] { loop().runOnce(1s); }), text);
+    EXPECT_EQ(thrownBy([] { loop().dispatch(); }), text);
+  }
+  EXPECT_TRUE(turnUntil([&] { return starter_.fired == 1; }));
+}
+
+// --- foreign loops ---
+
+TEST_F(Loop, HasAReadableDescriptorExactlyWhileADescriptorIsDue) {
+  const auto ends = rawPair();
+  Watcher watcher(ends.first.get());
+  watcher.onRead = [](int fd) { rawReceiveNow(fd); };
+  EXPECT_FALSE(somethingIsDue());
+  rawSend(ends.second.get(), "x");
+  EXPECT_TRUE(somethingIsDue());
+  EXPECT_TRUE(loop().dispatch());
+  EXPECT_FALSE(somethingIsDue());
+}
+
+bool becomesReadable(int fd, int milliseconds) {
+  pollfd query{fd, POLLIN, 0};
+  return poll(&query, 1, milliseconds) == 1;
+}
+
+TEST_F(Loop, HasAReadableDescriptorExactlyWhileATimerIsDue) {
+  starter_.timer->arm(0.002);
+  EXPECT_TRUE(becomesReadable(loop().fd(), 10000));
+  EXPECT_TRUE(somethingIsDue()) << "level-triggered";
+  EXPECT_TRUE(loop().dispatch());
+  EXPECT_FALSE(somethingIsDue());
+
+  starter_.timer->arm(0);
+  EXPECT_TRUE(becomesReadable(loop().fd(), 10000));
+  starter_.timer->disarm();
+  EXPECT_FALSE(somethingIsDue());
+}
+
+TEST_F(Loop, HasAReadableDescriptorWhileAStopIsToBeSeen) {
+  loop().stop();
+  EXPECT_TRUE(somethingIsDue());
+  EXPECT_FALSE(loop().dispatch());
+  EXPECT_FALSE(somethingIsDue());
+  loop().run();
+}
+
+TEST_F(Loop, IsDrivenByAForeignLoop) {
+  const auto ends = rawPair();
+  Watcher watcher(ends.first.get());
+  watcher.onRead = [](int fd) { rawReceiveNow(fd); };
+  Alarm ticker;
+  ticker.onTimeout = [&] {
+    rawSend(ends.second.get(), "tick");
+    ticker.timer->arm(0.001);
+  };
+  ticker.timer->arm(0.001);
+  while (watcher.reads < 10) {
+    ASSERT_TRUE(becomesReadable(loop().fd(), 10000)) << watcher.reads;
+    loop().dispatch();
+  }
+
+  EXPECT_GE(ticker.fired, 10);
+}
+
+// --- one loop a thread ---
+
+TEST_F(Loop, IsOneForEachThread) {
+  EventLoop* const mine = &loop();
+  EventLoop* others = nullptr;
+  std::thread([&] {
+    others = &loop();
+    EXPECT_EQ(&loop(), others);
+  }).join();
+
+  EXPECT_EQ(&loop(), mine);
+  EXPECT_NE(others, mine);
+}
+
+TEST_F(Loop, ServesTheThreadThatMadeTheRegistration) {
+  starter_.timer->arm(0);
+  Alarm* theirs = nullptr;
+  std::thread([&] {
+    Alarm alarm;
+    alarm.timer->arm(0);
+    theirs = &alarm;
+    EXPECT_TRUE(turnUntil([&] { return alarm.fired == 1; }));
+    EXPECT_FALSE(loop().dispatch());
+  }).join();
+
+  EXPECT_EQ(starter_.fired, 0);
+  EXPECT_TRUE(turnUntil([&] { return starter_.fired == 1; }));
+}
+
+/// At its end, reports with its exit status whether the thread's loop still serves.
+class Late {
+ public:
+  ~Late() {
+    if (active) {
+      Alarm alarm;
+      alarm.timer->arm(0);
+      _exit(turnUntil([&] { return alarm.fired == 1; }) ? 0 : 1);
+    }
+  }
+  bool active = false;
+};
+
+Late lateStatic;
+
+TEST_F(Loop, OfTheMainThreadServesTheDestructorsOfStaticObjects) {
+  EXPECT_EXIT(
+      {
+        loop().dispatch();
+        lateStatic.active = true;
+        std::exit(2);
+      },
+      testing::ExitedWithCode(0), "");
+}
+
+std::vector<int> madeBy(const std::function<void()>& action) {
+  const auto before = openDescriptors();
+  action();
+  const auto after = openDescriptors();
+  std::vector<int> made;
+  std::set_difference(after.begin(), after.end(), before.begin(), before.end(),
+                      std::back_inserter(made));
+  return made;
+}
+
+TEST_F(Loop, OpensThreeDescriptorsThatNoOtherProgramInherits) {
+  std::thread([] {
+    const auto made = madeBy([] { loop(); });
+    EXPECT_EQ(made.size(), 3U);
+    EXPECT_THAT(made, testing::Contains(loop().fd()));
+    for (const int fd : made) {
+      EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
+    }
+    EXPECT_TRUE(madeBy([] { loop().dispatch(); }).empty());
+  }).join();
+}
+
+TEST_F(Loop, ClosesItsDescriptorsWhenItsThreadEnds) {
+  EXPECT_TRUE(madeBy([] { std::thread([] { loop().dispatch(); }).join(); }).empty());
+}
+
+TEST_F(Loop, LetsControlsAndTimersBeReleasedAfterItsThreadHasEnded) {
+  const auto before = openDescriptors();
+  {
+    const auto ends = rawPair();
+    std::unique_ptr<Watcher> watcher;
+    std::unique_ptr<Alarm> alarm;
+    std::unique_ptr<Alarm> withheld;
+    std::thread([&] {
+      watcher = std::make_unique<Watcher>(ends.first.get());
+      alarm = std::make_unique<Alarm>();
+      withheld = std::make_unique<Alarm>(watcher.get());
+      alarm->timer->arm(1);
+      withheld->timer->arm(0);
+      loop().runOnce(1s);
+    }).join();
+    rawSend(ends.second.get(), "x");
+    watcher.reset();
+    alarm.reset();
+    withheld.reset();
+  }
+  EXPECT_EQ(openDescriptors(), before);
+}
+
+// --- a kernel that refuses ---
+
+struct Refusal {
+  Call call;
+  int skip;
+  const char* text;
+};
+
+class LoopCreation : public testing::TestWithParam<Refusal> {};
+
+INSTANTIATE_TEST_SUITE_P(
+    Each, LoopCreation,
+    testing::Values(Refusal{Call::kEpollCreate, 0,
+                            "making a descriptor of its own failed: Too many open files"},
+                    Refusal{Call::kEventfd, 0,
+                            "making a descriptor of its own failed: Too many open files"},
+                    Refusal{Call::kTimerfdCreate, 0,
+                            "making a descriptor of its own failed: Too many open files"},
+                    Refusal{Call::kEpollCtl, 0, "epoll_ctl failed: Too many open files"},
+                    Refusal{Call::kEpollCtl, 1, "epoll_ctl failed: Too many open files"}));
+
+TEST_P(LoopCreation, ThrowsLeaksNothingAndMayBeTriedAgain) {
+  std::thread([] {
+    const auto made = madeBy([] {
+      const Faults::Fail fail(GetParam().call, EMFILE, 1, GetParam().skip);
+      try {
+        loop();
+        ADD_FAILURE() << "not thrown";
+      } catch (const Kelvo::Exception& exception) {
+        EXPECT_EQ(exception.what(), std::string("EventLoop: ") + GetParam().text);
+        EXPECT_TRUE(exception.external());
+      }
+    });
+    EXPECT_TRUE(made.empty());
+
+    Alarm alarm;
+    alarm.timer->arm(0);
+    EXPECT_TRUE(turnUntil([&] { return alarm.fired == 1; }));
+  }).join();
+}
+
+}  // namespace
