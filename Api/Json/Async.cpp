@@ -32,9 +32,9 @@ void AsyncSender::setFd(int fd) {
 }
 
 void AsyncSender::asyncSendMsg(const Message& msg) {
-  const Kelvo::String text = Message::toStr(msg, false);
+  Kelvo::String text = Message::toStr(msg, false);
   TOVIK_LOG(3, "AsyncSender::asyncSendMSg() -> " << text);
-  sendQueue_.push_back(text);
+  sendQueue_.push_back(std::move(text));
   flushQueue();
 }
 
