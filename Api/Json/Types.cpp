@@ -5,6 +5,7 @@
 #include <rapidjson/writer.h>
 
 #include <cstring>
+#include <string>
 
 #include "Api/Json/Types.h"
 
@@ -17,7 +18,7 @@ Kelvo::String write(const Message& msg) {
   rapidjson::StringBuffer buffer;
   Writer writer(buffer);
   msg.Accept(writer);
-  return buffer.GetString();
+  return std::string(buffer.GetString(), buffer.GetSize());
 }
 
 }  // namespace
