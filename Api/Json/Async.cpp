@@ -15,13 +15,19 @@
 #define TOVIK_SOURCE_PATH "Api/Json/Async"
 #include "Api/Json/Debug.h"
 #include "Api/Json/Socket.h"
+#include "Api/Json/Unattached.h"
 
 namespace Tovik {
 
-AsyncSender::AsyncSender() : readBufferSize_(kReadBufferSize) {}
+std::atomic<int> unattachedSenders{0};
+
+AsyncSender::AsyncSender() : readBufferSize_(kReadBufferSize) {
+  unattachedSenders.fetch_add(1, std::memory_order_relaxed);
+}
 
 AsyncSender::~AsyncSender() {
   AsyncSender::terminateConnection();
+  unattachedSenders.fetch_sub(1, std::memory_order_relaxed);
 }
 
 void AsyncSender::setFd(int fd) {
@@ -29,6 +35,7 @@ void AsyncSender::setFd(int fd) {
   auto control = Kelvo::Platform::getFdControl(this);
   control->attach(fd);
   fdControl_ = std::move(control);
+  unattachedSenders.fetch_sub(1, std::memory_order_relaxed);
 }
 
 void AsyncSender::asyncSendMsg(const Message& msg) {
@@ -95,6 +102,7 @@ void AsyncSender::terminateConnection() {
   TOVIK_LOG(1, "AsyncSender::terminateConnection(): fd = " << fd);
   fdControl_->detach();
   fdControl_.reset();
+  unattachedSenders.fetch_add(1, std::memory_order_relaxed);
   ::close(fd);
   clearQueue();
 }

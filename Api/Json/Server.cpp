@@ -17,6 +17,7 @@
 #define TOVIK_SOURCE_PATH "Api/Json/Server"
 #include "Api/Json/Debug.h"
 #include "Api/Json/Socket.h"
+#include "Api/Json/Unattached.h"
 
 namespace Tovik {
 
@@ -116,6 +117,9 @@ void Server::notifyClients(const Message& msg) {
 }
 
 void Server::freeDeadConnections() {
+  if (unattachedSenders.load(std::memory_order_relaxed) == 0) {
+    return;  // spares the walk, which would make each admission dearer with every live connection
+  }
   for (auto at = connections_.begin(); at != connections_.end();) {
     at = (*at)->isAttached() ? std::next(at) : connections_.erase(at);
   }
