@@ -15,6 +15,7 @@
 #include <iterator>
 #include <memory>
 #include <optional>
+#include <string_view>
 #include <type_traits>
 #include <unordered_map>
 #include <unordered_set>
@@ -236,7 +237,8 @@ class OpenConnections {
  public:
   explicit OpenConnections(const Kelvo::String& serverName) {
     address_.sun_family = AF_UNIX;
-    std::strncpy(address_.sun_path + 1, serverName.data(), sizeof address_.sun_path - 1);
+    const std::string_view name = serverName.data();  // up to a NUL, as the server takes it
+    name.copy(address_.sun_path + 1, sizeof address_.sun_path - 1);
   }
 
   std::optional<std::size_t> operator()(unsigned uid) const {

@@ -17,8 +17,8 @@ namespace Tovik {
 /// Calls block without a time limit: construction while the server's backlog is full, the waits
 /// until the server sends or closes. The next record counts as the answer to a call, whatever it
 /// is; so make one call at a time, and never on a connection that is subscribed to notifications,
-/// which gets no replies. The library does nothing about SIGPIPE: what the system raises for a write
-/// to a server that is gone is the process's to ignore.
+/// which gets no replies. The library does nothing about SIGPIPE: what the system raises for a
+/// write to a server that is gone is the process's to ignore.
 class TOVIK_API Client {
  public:
   /// Connects to the server of that name (at most 106 bytes; a longer one ends the process).
@@ -49,7 +49,7 @@ class TOVIK_API Client {
   int waitAck() const;
 
  private:
-  int fd_ = -1;  // also once closed
+  int fd_ = -1;                                // also once closed
   [[maybe_unused]] const int readBufferSize_;  // part of the object's layout
 };
 
