@@ -1,0 +1,955 @@
+#!/usr/bin/env python3
+"""The command against peers that are not its own: raw sockets, socat, terminals, signals, hostile
+input. Each test case is a ctest test of its own."""
+
+import ctypes
+import json
+import os
+import platform
+import select
+import signal
+import socket
+import struct
+import subprocess
+import tempfile
+import unittest
+
+import support
+from support import LIMIT, Program, raw_client, raw_server, unique_name, until
+
+SWITCH_ON = b'{"command":"set","notification":true}'
+REPLY = b'{"type":"reply","status":%d}'
+
+
+class Case(unittest.TestCase):
+    def setUp(self):
+        self.name = unique_name()
+
+    def run_program(self, arguments, **options):
+        program = Program(arguments, **options)
+        self.addCleanup(program.kill)
+        return program
+
+    def start(self, *arguments, **options):
+        return self.run_program(["tovik", *arguments], **options)
+
+    def shell(self, command):
+        return self.run_program(command)
+
+    def server(self, *options, name=None):
+        """A `serve` that listens."""
+        name = name or self.name
+        program = self.start("serve", name, *options)
+        until(lambda: support.listens(name), "a listening server")
+        return program
+
+    def raw_server(self, path=None):
+        server = raw_server(self.name, path)
+        self.addCleanup(server.close)
+        return server
+
+    def accept(self, server):
+        client = server.accept()[0]
+        client.settimeout(LIMIT)
+        self.addCleanup(client.close)
+        return client
+
+    def client(self, name=None):
+        client = raw_client(name or self.name)
+        self.addCleanup(client.close)
+        return client
+
+    def expect(self, program, status, out=None, err=None):
+        """The program ends with that status; its output contains these texts."""
+        self.assertEqual(status, program.end(), (program.stdout(), program.stderr()))
+        if out is not None:
+            self.assertEqual(out, program.stdout().decode("utf-8", "replace"))
+        if err is not None:
+            self.assertIn(err, program.stderr().decode())
+
+    def output_of(self, *arguments, stdin=b"", status=0, err=None, **options):
+        program = self.start(*arguments, **options)
+        program.write(stdin) if stdin else None
+        self.expect(program, status, err=err)
+        return program.stdout()
+
+
+class Monitor(Case):
+    def subscribed(self, *options, **settings):
+        server = self.raw_server()
+        monitor = self.start("monitor", self.name, *options, **settings)
+        client = self.accept(server)
+        self.assertEqual(SWITCH_ON, client.recv(4096))
+        client.send(REPLY % 0)
+        monitor.says("subscribed to")
+        return server, monitor, client
+
+    def test_prints_messages_until_the_count(self):
+        _, monitor, client = self.subscribed("--count", "2")
+        client.send(b'{"n" : 1}')
+        monitor.says('{"n":1}\n')
+        self.assertIsNone(monitor.process.poll())
+        client.send(b'{"n":2}')
+        self.expect(monitor, 0, '{"n":1}\n{"n":2}\n', f"tovik: subscribed to '{self.name}'.\n")
+
+    def test_is_also_called_subscribe(self):
+        monitor = self.start("subscribe", self.name, "--no-reconnect")
+        self.expect(monitor, 3, "", "no server listens under")
+
+    def test_picks_out_what_is_asked_for(self):
+        wanted = [b'{"a":"on","n":1}', b'{"n":1.0,"a":"on"}']
+        _, monitor, client = self.subscribed("--where", "a=on", "--where", "n=1", "--count", "2")
+        for text in (b'{"a":"off","n":1}', b'{"a":"on"}', b'{"a":"on","n":2}', b'[1]', b'"a"',
+                     b'{"a":"on","n":"1 "}', *wanted):
+            client.send(text)
+        self.expect(monitor, 0, '{"a":"on","n":1}\n{"n":1.0,"a":"on"}\n')
+
+    def test_compares_values_as_json_and_as_text(self):
+        for where, text in (("x=true", b'{"x":true}'), ("x=null", b'{"x":null}'),
+                            ('x="1"', b'{"x":"1"}'), ("x=1", b'{"x":"1"}'), ("x=", b'{"x":""}'),
+                            ("x=a=b", b'{"x":"a=b"}'), ('x={"y":[1]}', b'{"x":{"y":[1]}}')):
+            self.name = unique_name()
+            _, monitor, client = self.subscribed("--where", where, "--count", "1")
+            client.send(b'{"x":"other"}')
+            client.send(text)
+            self.expect(monitor, 0, text.decode() + "\n")
+
+    def test_stamps_messages_with_the_time(self):
+        _, monitor, client = self.subscribed("--timestamps", "--count", "1")
+        client.send(b'{"n":1}')
+        self.expect(monitor, 0)
+        self.assertRegex(monitor.stdout().decode(), r'^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z {"n":1}\n$')
+
+    def test_stamps_json_inside(self):
+        _, monitor, client = self.subscribed("--timestamps", "--count", "1", "-j")
+        client.send(b'{"n":1}')
+        self.expect(monitor, 0)
+        stamped = json.loads(monitor.stdout())
+        self.assertEqual({"n": 1}, stamped["message"])
+        self.assertRegex(stamped["time"], r"^\d{4}-.*Z$")
+
+    def test_reconnects_and_says_so(self):
+        server, monitor, client = self.subscribed()
+        client.close()
+        monitor.says(f"tovik: the connection to '{self.name}' was lost; reconnecting.\n")
+        again = self.accept(server)
+        self.assertEqual(SWITCH_ON, again.recv(4096))
+        again.send(REPLY % 0)
+        again.send(b'{"n":1}')
+        monitor.says('{"n":1}\n')
+        self.assertEqual(0, monitor.interrupt())
+        self.assertEqual(2, monitor.stderr().count(b"subscribed to"))
+
+    def test_waits_for_a_server_that_is_not_there_yet(self):
+        monitor = self.start("monitor", self.name, "--count", "1", "-vvvv")
+        monitor.says(f"tovik: no server listens under '{self.name}' yet; waiting for it.\n")
+        until(lambda: monitor.stderr().count(b"AsyncClient::timeout()") >= 2, "a second attempt")
+        client = self.accept(self.raw_server())
+        client.recv(4096)
+        client.send(REPLY % 0)
+        client.send(b"{}")
+        self.expect(monitor, 0, "{}\n")
+        self.assertEqual(1, monitor.stderr().count(b"yet"))
+
+    def test_ends_at_a_loss_if_asked_to(self):
+        _, monitor, client = self.subscribed("--no-reconnect")
+        client.close()
+        self.expect(monitor, 5, "", "was lost; without --no-reconnect it is made anew.")
+
+    def test_ends_when_refused_if_asked_to(self):
+        self.server("--deny-all")
+        self.expect(self.start("monitor", self.name, "--no-reconnect"), 5, "",
+                    "closed the connection before an answer")
+
+    def test_says_when_it_is_refused_and_tries_on(self):
+        self.server("--deny-all")
+        monitor = self.start("monitor", self.name)
+        monitor.says("closed the connection at once and may not admit this user; trying on.\n")
+        self.assertEqual(0, monitor.interrupt(signal.SIGTERM))
+
+    def test_has_a_time_limit_only_if_given(self):
+        _, monitor, _ = self.subscribed("--timeout", "0.3")
+        self.expect(monitor, 4, "", "the 0.3 s of --timeout are over")
+
+    def test_reports_a_refused_subscription(self):
+        server = self.raw_server()
+        monitor = self.start("monitor", self.name)
+        client = self.accept(server)
+        client.recv(4096)
+        client.send(REPLY % 7)
+        self.expect(monitor, 1, "", "answered the subscription with status 7; ask its maker why.")
+
+    def test_ignores_what_is_not_json(self):
+        _, monitor, client = self.subscribed("--count", "1")
+        client.send(b"\x1b[2J\xff{")
+        client.send(b'{"n":1}\0rest')
+        self.expect(monitor, 0, '{"n":1}\n', "sent '\\x1b[2J\\xff{', which is not JSON and was ignored")
+
+    def test_keeps_the_terminal_safe(self):
+        _, monitor, client = self.subscribed("--count", "1", terminal=True)
+        client.send('{"a":"\x7f\u009b2J'.encode() + b'\xff"}')
+        self.expect(monitor, 0)
+        self.assertIn(b'{\x1b[34m"a"\x1b[0m:\x1b[32m"\\u007f\\u009b2J\\ufffd"\x1b[0m}\r\n',
+                      monitor.stdout())
+
+    def test_is_quiet(self):
+        server = self.raw_server()
+        monitor = self.start("monitor", self.name, "-q", "--count", "1")
+        client = self.accept(server)
+        client.recv(4096)
+        client.send(REPLY % 0)
+        client.send(b"{}")
+        self.expect(monitor, 0, "")
+        self.assertEqual(b"", monitor.stderr())
+
+    def test_ends_when_nobody_reads_its_output(self):
+        server = self.raw_server()
+        pipeline = self.shell(f"tovik monitor {self.name} | head -1; echo ${{PIPESTATUS[0]}}")
+        client = self.accept(server)
+        client.recv(4096)
+        client.send(REPLY % 0)
+        client.send(b'{"n":1}')  # and no second one
+        self.expect(pipeline, 0, '{"n":1}\n0\n')
+
+    def test_distrusts_another_users_server(self):
+        server = self.raw_server()
+        monitor = self.start("monitor", self.name, "--server-uid", "54321")
+        client = self.accept(server)
+        self.assertEqual(b"", client.recv(4096))
+        self.expect(monitor, 5, "", "and not to 54321, so nothing was sent")
+
+
+class Call(Case):
+    def called(self, *options, stdin=b""):
+        """A call that waits for its answer, and the server's end of it."""
+        server = self.raw_server()
+        call = self.start("call", self.name, *options)
+        call.write(stdin)
+        client = self.accept(server)
+        return call, client
+
+    def test_sends_the_compact_text_as_one_record(self):
+        call, client = self.called('{ "a" : [ 1, 2.50, "\\u00e9" ] }')
+        self.assertEqual('{"a":[1,2.5,"é"]}'.encode(), client.recv(4096))
+        client.send(b' {"status":0, "type":"reply"} ')
+        self.expect(call, 0, "status 0\n")
+        self.assertEqual(b"", client.recv(4096))
+
+    def test_waits_for_each_reply_before_the_next_message(self):
+        call, client = self.called("-", stdin=b'{"n":1}\n{"n":2}\n')
+        self.assertEqual(b'{"n":1}', client.recv(4096))
+        client.settimeout(0.1)
+        self.assertRaises(TimeoutError, client.recv, 4096)
+        client.settimeout(LIMIT)
+        client.send(REPLY % 0)
+        self.assertEqual(b'{"n":2}', client.recv(4096))
+        client.send(REPLY % 0)
+        self.expect(call, 0, "status 0\nstatus 0\n")
+
+    def test_takes_lines_as_they_come(self):
+        call, client = self.called(stdin=b'{"n":1}\n')
+        client.recv(4096)
+        client.send(REPLY % 0)
+        call.says("status 0\n")
+        call.write(b'{"n":2}\n')
+        self.assertEqual(b'{"n":2}', client.recv(4096))
+        client.send(REPLY % 0)
+        self.expect(call, 0, "status 0\nstatus 0\n")
+
+    def test_has_no_time_limit_for_its_input(self):
+        call, client = self.called("-", "-t", "0.3", stdin=b"{}\n")
+        client.recv(4096)
+        client.send(REPLY % 0)
+        call.says("status 0")
+        self.assertRaises(subprocess.TimeoutExpired, call.process.wait, 0.5)
+        self.expect(call, 0, "status 0\n")
+
+    def test_does_not_understand_other_answers(self):
+        for answer, shown in ((b'{"time":5}', '{"time":5}'), (b"[1]", "[1]"), (b"{", "{"),
+                              (b'{"type":5,"status":0}', '{"type":5,"status":0}'),
+                              (b"\xff\0{}", "\\xff\\x00{}"), (b"x" * 100000, "x" * 100000)):
+            self.name = unique_name()
+            call, client = self.called("{}")
+            client.recv(4096)
+            client.send(answer)
+            self.expect(call, 6, shown + "\n", "tovik: the answer is no reply (")
+
+    def test_a_nul_ends_the_answer(self):
+        call, client = self.called("{}")
+        client.recv(4096)
+        client.send((REPLY % 3) + b"\0{")
+        self.expect(call, 1, "status 3\n")
+
+    def test_reports_a_connection_that_is_lost(self):
+        call, client = self.called("{}")
+        client.recv(4096)
+        client.close()
+        self.expect(call, 5, "", "closed the connection before an answer")
+
+    def test_does_not_mind_a_server_that_answers_and_leaves(self):
+        call, client = self.called("{}")
+        client.recv(4096)
+        client.send(REPLY % 0)
+        client.close()
+        self.expect(call, 0, "status 0\n")
+
+    def test_minds_it_when_there_is_another_message(self):
+        server = self.raw_server()
+        call = self.start("call", self.name, "-")
+        call.write(b"{}\n")
+        client = self.accept(server)
+        client.recv(4096)
+        client.send(REPLY % 0)
+        call.says("status 0")
+        client.close()
+        self.assertEqual([], select.select([server], [], [], 0.1)[0], "it must not come again")
+        call.write(b"{}\n")
+        self.expect(call, 5, "status 0\n", "closed the connection before an answer")
+
+    def test_reports_what_comes_unasked(self):
+        call, client = self.called("-", stdin=b"{}\n")
+        client.recv(4096)
+        client.send(REPLY % 0)
+        client.send(b'{"news":1}')
+        call.says("""tovik: the server sent '{"news":1}' unasked; 'tovik monitor' subscribes.\n""")
+        self.expect(call, 0, "status 0\n")
+
+    def full_server(self):
+        """A server that does not accept, with as many clients waiting as can."""
+        server = self.raw_server()
+        server.listen(0)
+        self.client()
+        return server
+
+    def test_has_a_time_limit_when_connecting_blocks(self):
+        self.full_server()
+        self.expect(self.start("call", self.name, "{}", "-t", "0.3"), 4, "",
+                    "did not answer within 0.3 s")
+
+    def test_gets_through_when_connecting_stops_blocking(self):
+        server = self.full_server()
+        call = self.start("call", self.name, "{}", "-vvvv")
+        until(lambda: call.stderr().count(b"AsyncClient::timeout()") >= 2, "a second attempt")
+        self.accept(server)
+        client = self.accept(server)
+        client.recv(4096)
+        client.send(REPLY % 0)
+        self.expect(call, 0, "status 0\n")
+
+    def test_can_be_interrupted_when_connecting_blocks(self):
+        self.full_server()
+        call = self.start("call", self.name, "{}", "-t", "0", "-vvvv")
+        call.says("AsyncClient::timeout()")
+        self.assertEqual(-signal.SIGINT, call.interrupt())
+
+    def test_ends_by_the_signal_when_interrupted(self):
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+            self.name = unique_name()
+            call, client = self.called("{}")
+            client.recv(4096)
+            self.assertEqual(-number, call.interrupt(number))
+            self.assertEqual(b"", call.stderr())
+
+    def test_waits_for_ever_if_asked_to(self):
+        call, client = self.called("{}", "-t", "0")
+        client.recv(4096)
+        client.send(REPLY % 0)
+        self.expect(call, 0, "status 0\n")
+
+    def test_keeps_its_status_when_nobody_reads_its_output(self):
+        self.server("--status", "3", "-q")
+        pipeline = self.shell(f"tovik call {self.name} {{}} 2>/dev/null | true; echo ${{PIPESTATUS[0]}}")
+        self.expect(pipeline, 0, "1\n")
+
+    def test_keeps_results_out_of_the_socket_when_standard_streams_are_closed(self):
+        server = self.raw_server()
+        call = self.shell(f"exec tovik call {self.name} {{}} >&- <&- 2>&-")
+        client = self.accept(server)
+        self.assertEqual(b"{}", client.recv(4096))
+        client.send(REPLY % 0)
+        self.assertEqual(0, call.end())
+        self.assertEqual(b"", client.recv(4096))
+
+    def test_says_on_a_terminal_that_it_reads(self):
+        self.server("-q")
+        master, slave = os.openpty()
+        call = self.start("call", self.name, stdin=slave)
+        os.close(slave)
+        call.says("tovik: type messages, one a line; Ctrl-D ends.\n")
+        os.write(master, b'{"n":1}\n')
+        call.says("status 0\n")
+        os.write(master, b"\x04")
+        self.expect(call, 0, "status 0\n")
+        os.close(master)
+
+
+class Send(Case):
+    def test_returns_when_the_server_has_read_everything(self):
+        server = self.raw_server()
+        send = self.start("send", self.name, '{"n":1}', "--count", "2")
+        client = self.accept(server)
+        self.assertEqual(b'{"n":1}', client.recv(4096))
+        client.send(REPLY % 0)  # which nobody waits for
+        self.assertIsNone(send.process.poll())
+        self.assertEqual(b'{"n":1}', client.recv(4096))
+        self.expect(send, 0, "")
+
+    def test_does_not_take_a_refusal_for_reading(self):
+        server = self.raw_server()
+        send = self.start("send", self.name, "{}", "-vvv")
+        client = self.accept(server)
+        select.select([client], [], [], LIMIT)
+        send.process.send_signal(signal.SIGSTOP)  # so that it sees everything at once
+        os.waitid(os.P_PID, send.process.pid, os.WSTOPPED)
+        client.close()
+        send.process.send_signal(signal.SIGCONT)
+        self.expect(send, 5, "", "closed the connection before an answer")
+
+    def test_does_not_mind_a_server_that_reads_and_leaves(self):
+        server = self.raw_server()
+        send = self.start("send", self.name, "{}")
+        client = self.accept(server)
+        client.recv(4096)
+        client.close()
+        self.expect(send, 0, "")
+
+    def test_has_a_time_limit_for_a_server_that_does_not_read(self):
+        self.raw_server()
+        self.expect(self.start("send", self.name, "{}", "-t", "0.2"), 4, "",
+                    "did not read on within 0.2 s")
+
+    def test_waits_while_the_socket_is_full(self):
+        server = self.raw_server()
+        text = b'{"pad":"' + b"x" * 3000 + b'"}'
+        send = self.start("send", self.name, text.decode(), "--count", "500")
+        client = self.accept(server)
+        self.assertEqual([text] * 500, [client.recv(4096) for _ in range(500)])
+        self.expect(send, 0, "")
+
+    def test_pauses_between_messages(self):
+        server = self.raw_server()
+        send = self.start("send", self.name, "{}", "--count", "2", "--interval", "30")
+        client = self.accept(server)
+        self.assertEqual(b"{}", client.recv(4096))
+        client.settimeout(0.1)
+        self.assertRaises(TimeoutError, client.recv, 4096)
+        self.assertEqual(-signal.SIGINT, send.interrupt())
+
+    def test_stops_reading_after_the_count(self):
+        self.server("-q")
+        send = self.start("send", self.name, "--count", "1")
+        send.write(b"{}\n")  # and the pipe stays open
+        until(lambda: send.process.poll() is not None, "the end without the input's end")
+        self.expect(send, 0, "")
+
+
+class Serve(Case):
+    def exchange(self, client, text):
+        client.send(text)
+        return client.recv(4096)
+
+    def test_answers_as_the_wire_format_says(self):
+        server = self.server("--status", "9")
+        client = self.client()
+        self.assertEqual(REPLY % 9, self.exchange(client, b'{"n":1}'))
+        client.send(b"not JSON")
+        self.assertEqual(REPLY % 9, self.exchange(client, b'{"n":2}\0rest'))
+        self.assertEqual(REPLY % 0, self.exchange(client, SWITCH_ON))
+        server.says('{"n":1}\n{"n":2}\n')
+        self.assertEqual(0, server.interrupt(signal.SIGHUP))
+
+    def test_broadcasts_lines_to_subscribers(self):
+        server = self.server("--notify", "-")
+        silent, subscribed = self.client(), self.client()
+        self.assertEqual(REPLY % 0, self.exchange(subscribed, SWITCH_ON))
+        server.write(b'{"a": 1}\n\n[1]\n{"b":2}\n')
+        self.assertEqual(b'{"a":1}', subscribed.recv(4096))
+        self.assertEqual(b'{"b":2}', subscribed.recv(4096))
+        server.says("line 3 of the input must not be sent: its root is an array")
+        self.assertEqual(REPLY % 0, self.exchange(silent, b"{}"))
+        server.close_input()  # and it serves on
+        self.assertEqual(REPLY % 0, self.exchange(silent, b"{}"))
+        self.assertEqual(0, server.interrupt())
+
+    def test_broadcasts_what_comes_through_a_named_pipe(self):
+        with tempfile.TemporaryDirectory() as folder:
+            os.mkfifo(folder + "/pipe")
+            server = self.server("--notify", folder + "/pipe")
+            client = self.client()
+            self.assertEqual(REPLY % 0, self.exchange(client, SWITCH_ON))
+            with open(folder + "/pipe", "wb") as pipe:
+                pipe.write(b'{"n":1}')
+            self.assertEqual(b'{"n":1}', client.recv(4096))
+            self.assertEqual(0, server.interrupt())
+
+    def test_explains_what_ended_it(self):
+        server = self.server()
+        self.client().send(b"[1,2]")
+        self.expect(server, -signal.SIGABRT, "",
+                    "tovik: a client sent valid JSON of the wrong shape, which ends any server; "
+                    "find it with 'tovik check', or put 'tovik relay --refuse-unsafe' in between.")
+
+    def test_forgets_clients_that_leave_before_their_answer(self):
+        with tempfile.TemporaryDirectory() as folder:
+            server = self.server(
+                "--exec", f"echo run >>{folder}/runs; n=$(tr -dc 0-9); until test -e {folder}/$n; do sleep .01; done; exit 1")
+            leaver, stayer = raw_client(self.name), self.client()
+            leaver.send(b'{"n":1}')
+            server.says('{"n":1}')
+            stayer.send(b'{"n":2}')
+            leaver.close()
+            server.says('{"n":2}')
+            newcomer = self.client()  # which frees the leaver's connection
+            newcomer.send(b'{"n":3}')
+            server.says('{"n":3}')
+            for n in "321":
+                open(f"{folder}/{n}", "w").close()
+            self.assertEqual(REPLY % 1, stayer.recv(4096))
+            self.assertEqual(REPLY % 1, newcomer.recv(4096))
+            with open(f"{folder}/runs") as runs:
+                self.assertEqual(3, len(runs.readlines()))
+
+    def test_ends_its_command_when_it_ends(self):
+        server = self.server("--exec", "echo $$; exec sleep 1000")
+        self.client().send(b"{}")
+        until(lambda: server.stdout().count(b"\n") == 2, "the command's process number")
+        pid = int(server.stdout().split()[1])
+        self.assertEqual(0, server.interrupt())
+
+        def gone():
+            try:
+                with open(f"/proc/{pid}/stat") as stat:
+                    return stat.read().split()[2] == "Z"
+            except FileNotFoundError:
+                return True
+        until(gone, "the end of the command")
+
+    def test_ends_when_nobody_reads_its_output(self):
+        pipeline = self.shell(f"tovik serve {self.name} | head -1; echo ${{PIPESTATUS[0]}}")
+        until(lambda: support.listens(self.name), "a listening server")
+        self.assertEqual(REPLY % 0, self.exchange(self.client(), b"{}"))
+        self.expect(pipeline, 0, "{}\n0\n")
+
+    def test_admits_its_own_user_and_root_only(self):
+        self.server("-q")
+        self.assertEqual(REPLY % 0, self.exchange(self.client(), b"{}"))
+        if os.geteuid() == 0:  # only root can be somebody else
+            os.seteuid(54321)
+            stranger = self.client()
+            os.seteuid(0)
+            self.assertEqual(b"", stranger.recv(4096))
+
+    def test_serves_many_clients(self):
+        self.server("-q")
+        clients = [self.client() for _ in range(100)]
+        for client in clients:
+            client.send(b"{}")
+        self.assertEqual([REPLY % 0] * 100, [client.recv(4096) for client in clients])
+
+
+class Relay(Case):
+    def between(self, *options):
+        """A relay with a raw server behind it and a raw client in front."""
+        upstream = self.raw_server()
+        self.front = unique_name("front")
+        self.relay = self.start("relay", self.front, self.name, *options)
+        until(lambda: support.listens(self.front), "a listening relay")
+        client = self.client(self.front)
+        return client, self.accept(upstream)
+
+    def test_passes_every_byte_on(self):
+        client, server = self.between()
+        for record in (b"{}", b"not JSON", b"\xff\xfe\0x", b"[1,2]", b"x" * 4095, b"y" * 100000):
+            client.send(record)
+            self.assertEqual(record, server.recv(1 << 20))
+            server.send(record)
+            self.assertEqual(record, client.recv(1 << 20))
+        self.relay.says("1 -> \\xff\\xfe\\x00x\n")
+        self.assertEqual(0, self.relay.interrupt())
+
+    def test_records_bytes_that_are_no_text(self):
+        with tempfile.TemporaryDirectory() as folder:
+            client, server = self.between("--record", folder + "/talk")
+            client.send(b'{"a":"\xff\0"}')
+            server.recv(4096)
+            client.send("{\"b\":\"é\0\"}".encode())
+            server.recv(4096)
+            self.assertEqual(0, self.relay.interrupt())
+            with open(folder + "/talk", encoding="utf-8") as file:
+                first, second = map(json.loads, file)
+            self.assertEqual(b'{"a":"\xff\0"}'.hex(), first["hex"])
+            self.assertNotIn("text", first)
+            self.assertEqual('{"b":"é\0"}', second["text"])
+            self.assertEqual((os.getpid(), os.getuid(), 1, "to-server"),
+                             tuple(first[key] for key in ("pid", "uid", "connection", "direction")))
+            replay = self.start("relay", self.front, self.name, "--replay", folder + "/talk", "-q")
+            # The same bytes come again.
+            again = self.accept(self.listening)
+            self.assertEqual(b'{"a":"\xff\0"}', again.recv(4096))
+            self.assertEqual("{\"b\":\"é\0\"}".encode(), again.recv(4096))
+            self.expect(replay, 0, "")
+
+    def raw_server(self, path=None):
+        self.listening = super().raw_server(path)
+        return self.listening
+
+    def test_refuses_what_would_end_the_receiver(self):
+        client, server = self.between("--refuse-unsafe")
+        for record in (b"[1]", b'"x"', b"[1]\0{}", b'{"command":7,"notification":true}',
+                       b"x" * 4095):
+            client.send(record)
+        client.send(b'{"type":5,"status":0}')  # harmless to a server
+        self.assertEqual(b'{"type":5,"status":0}', server.recv(1 << 20))
+        for record in (b"[1]", b'{"type":5,"status":0}', b"{}" + b" " * 4093):
+            server.send(record)
+        server.send(b'{"command":7,"notification":true}')  # harmless to a client
+        self.assertEqual(b'{"command":7,"notification":true}', client.recv(1 << 20))
+        self.relay.says("1 -> [1] (refused)\n")
+        self.relay.says("connection 1: a record was not passed on: its root is an array and no "
+                        "object; 'tovik check' tells its sender more.\n")
+        self.relay.says("it has 4095 bytes, more than a record carries whole")
+        self.assertEqual(8, self.relay.stderr().count(b"not passed on"))
+
+    def test_lets_garbage_through_that_only_gets_dropped(self):
+        client, server = self.between("--refuse-unsafe")
+        client.send(b"garbage")
+        self.assertEqual(b"garbage", server.recv(4096))
+
+    def test_delivers_what_a_client_sent_before_it_left(self):
+        client, server = self.between()
+        for n in range(50):
+            client.send(b'{"n":%d}' % n)
+        client.close()
+        self.relay.says("the client left")
+        for n in range(50):
+            self.assertEqual(b'{"n":%d}' % n, server.recv(4096))
+            server.send(REPLY % 0)  # for nobody
+        until(lambda: self.ended(server), "the end of the connection")
+
+    def test_delivers_what_a_server_sent_before_it_left(self):
+        client, server = self.between("--json=short")
+        for n in range(500):  # more than sockets hold
+            server.send(b'{"n":%d,"pad":"%s"}' % (n, b"x" * 3000))
+        server.close()
+        self.relay.says("the server left")
+        for n in range(500):
+            self.assertTrue(client.recv(4096).startswith(b'{"n":%d,' % n))
+        self.assertEqual(b"", client.recv(4096))
+
+    def test_carries_subscriptions(self):
+        server = self.server("--notify", "-")
+        front = unique_name("front")
+        self.start("relay", front, self.name)
+        until(lambda: support.listens(front), "a listening relay")
+        monitor = self.start("monitor", front, "--count", "1")
+        monitor.says("subscribed")
+        server.write(b'{"n":1}\n')
+        self.expect(monitor, 0, '{"n":1}\n')
+
+    def test_keeps_connections_apart(self):
+        self.server("-q")
+        front = unique_name("front")
+        self.start("relay", front, self.name, "-q")
+        until(lambda: support.listens(front), "a listening relay")
+        clients = [self.client(front) for _ in range(20)]
+        for client in clients:
+            client.send(b"{}")
+        self.assertEqual([REPLY % 0] * 20, [client.recv(4096) for client in clients])
+
+    def test_admits_its_own_user_and_root_only(self):
+        client, server = self.between()
+        client.send(b"{}")
+        self.assertEqual(b"{}", server.recv(4096))
+        if os.geteuid() == 0:  # only root can be somebody else
+            os.seteuid(54321)
+            stranger = self.client(self.front)
+            os.seteuid(0)
+            self.assertEqual(b"", stranger.recv(4096))
+
+    def test_drops_a_reader_that_stalls(self):
+        client, server = self.between("-q")
+        try:
+            for _ in range(11000):
+                server.send(b"{}")
+        except (ConnectionResetError, BrokenPipeError):
+            pass
+        until(lambda: self.ended(server), "the end of the stalled conversation")
+        client.close()
+
+    @staticmethod
+    def ended(sock):
+        sock.setblocking(False)
+        try:
+            return sock.recv(1) == b""
+        except BlockingIOError:
+            return False
+        except ConnectionResetError:
+            return True
+
+
+class List(Case):
+    def listed(self, *options, **settings):
+        lines = self.output_of("list", *options, **settings).decode().splitlines()
+        return [line for line in lines if support.PREFIX in line]
+
+    def test_counts_who_is_in_and_who_waits(self):
+        server = self.raw_server()
+        clients = [self.client() for _ in range(3)]
+        self.accept(server)
+        line = self.listed("--long")[0].split()
+        self.assertEqual([self.name, str(os.getpid()), str(os.getuid()), "python3", "1", "2/5"],
+                         line[:3] + ["python3"] + line[4:])
+        self.assertEqual(3, len(clients))
+
+    def test_shows_only_padded_listening_seqpacket_names(self):
+        unpadded = b"\0" + (self.name + "-short").encode()
+        self.raw_server(unpadded)
+        self.raw_server(support.address(self.name + "-nul\0x"))
+        self.raw_server(unpadded + b"er\0")
+        bound = support.raw_socket()
+        stream = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self.addCleanup(bound.close)
+        self.addCleanup(stream.close)
+        bound.bind(support.address(self.name + "-bound"))
+        stream.bind(support.address(self.name + "-stream"))
+        stream.listen(1)
+        with tempfile.TemporaryDirectory() as folder:
+            self.raw_server(f"{folder}/{support.PREFIX}path".encode())
+            self.assertEqual([], self.listed())
+            self.assertEqual([self.name + "-nul\\x00x" + "\\x00" * (107 - len(self.name) - 6),
+                              self.name + "-short", self.name + "-shorter\\x00"],
+                             self.listed("--all"))
+
+    def test_tells_which_names_are_padded(self):
+        self.raw_server(b"\0" + (self.name + "a").encode())
+        for name in "ab":
+            self.raw_server(support.address(self.name + name))
+        self.raw_server(b"\0" + (self.name + "b").encode())
+        self.assertEqual([True, False] * 2,
+                         [json.loads(line)["padded"] for line in self.listed("--all", "-j")])
+        self.assertEqual(["yes", "no"] * 2,
+                         [line.split()[-1] for line in self.listed("--all", "--long")])
+
+    def test_keeps_odd_names_on_one_line(self):
+        name = self.name.encode() + b" \n\x1b\xff\\\xc3\xa9"
+        server = raw_server(name)
+        self.addCleanup(server.close)
+        self.assertEqual([self.name + " \\n\\x1b\\xff\\\\é"], self.listed())
+        self.assertEqual(self.name + "\\x20\\n\\x1b\\xff\\\\é", self.listed("--long")[0].split()[0])
+        self.assertEqual(0, self.start("wait", name).end())
+
+    def test_gives_names_as_they_are_in_json(self):
+        server = raw_server(self.name + "\n\\é")
+        self.addCleanup(server.close)
+        self.assertEqual(self.name + "\n\\é", json.loads(self.listed("-j")[0])["name"])
+
+    def test_has_headings_on_a_terminal(self):
+        self.raw_server()
+        heading = self.output_of("list", "--long", "--all", "--color=never", terminal=True)
+        self.assertEqual(b"NAME PID UID PROCESS CONNECTIONS WAITING PADDED".split(),
+                         heading.splitlines()[0].split())
+
+    def test_reads_proc_where_netlink_is_not_allowed(self):
+        server = self.raw_server()
+        self.client()
+        self.client()
+        self.accept(server)
+        self.assertEqual([self.name], self.listed(preexec=forbid_netlink))
+        line = self.listed("--long", preexec=forbid_netlink)[0].split()
+        self.assertEqual([self.name, str(os.getpid()), "-", "1", "-/-"],
+                         line[:3] + line[4:])
+        self.assertEqual([], self.listed("--server-uid", str(os.getuid()), preexec=forbid_netlink))
+
+    def test_the_two_sources_agree(self):
+        for name in (self.name, self.name + "@", "@" + self.name):
+            server = raw_server(name)
+            self.addCleanup(server.close)
+        self.raw_server(b"\0" + self.name.encode() + b"-short")
+        by_netlink = self.listed("--all")
+        by_proc = self.listed("--all", preexec=forbid_netlink)
+        # A trailing '@' cannot be told from padding there.
+        self.assertEqual(["@" + self.name, self.name, self.name, self.name + "-short"], by_proc)
+        self.assertEqual(["@" + self.name, self.name, self.name + "-short", self.name + "@"],
+                         by_netlink)
+
+    def test_wait_sees_a_server_come_and_go(self):
+        wait = self.start("wait", self.name, "-t", "0")
+        server = self.raw_server()
+        self.expect(wait, 0, "")
+        gone = self.start("wait", self.name, "--gone", "-t", "0")
+        server.close()
+        self.expect(gone, 0, "")
+
+    def test_wait_can_be_interrupted(self):
+        wait = self.start("wait", self.name, "-t", "0", "-j")
+        until(lambda: signals_are_blocked(wait.process.pid), "the start of waiting")
+        self.assertEqual(-signal.SIGINT, wait.interrupt())
+
+
+def signals_are_blocked(pid):
+    with open(f"/proc/{pid}/status") as status:
+        return any(line.startswith("SigBlk:") and int(line.split()[1], 16) & 2 for line in status)
+
+
+def forbid_netlink():
+    """A filter that answers socket(AF_NETLINK, ...) with EPERM, for this process from now on."""
+    number = {"x86_64": 41, "aarch64": 198}[platform.machine()]
+    program = b"".join(struct.pack("HBBI", *step) for step in (
+        (0x20, 0, 0, 0),         # load the system call's number
+        (0x15, 0, 3, number),    # socket? else allow
+        (0x20, 0, 0, 16),        # load its first argument
+        (0x15, 0, 1, socket.AF_NETLINK),
+        (0x06, 0, 0, 0x00050001),  # fail with EPERM
+        (0x06, 0, 0, 0x7FFF0000)))  # allow
+    buffer = ctypes.create_string_buffer(program)
+    filters = struct.pack("HxxxxxxP", len(program) // 8, ctypes.addressof(buffer))
+    libc = ctypes.CDLL(None, use_errno=True)
+    no_new_privileges, seccomp = 38, 22
+    if libc.prctl(no_new_privileges, 1, 0, 0, 0) or libc.prctl(seccomp, 2, filters, 0, 0):
+        raise OSError(ctypes.get_errno(), "prctl")
+
+
+class Hostile(Case):
+    def check(self, data):
+        with tempfile.NamedTemporaryFile() as file:
+            file.write(data)
+            file.flush()
+            program = self.start("check", file.name)
+            status = program.end()
+            return status, program.stdout().decode("utf-8", "replace")
+
+    def test_deep_nesting(self):
+        for depth in (100, 2047):
+            text = b'{"a":' + b"[" * depth + b"]" * depth + b"}"
+            self.assertEqual(0 if len(text) <= 4094 else 2, self.check(text)[0])
+        for text in (b"[" * 1000000, b'{"a":' * 200000, b"[" * 400000 + b"]" * 400000):
+            status, out = self.check(text)
+            self.assertEqual(2, status)
+            self.assertTrue(out.startswith("line 1: bad"), out[:100])
+        self.server("-q")
+        deepest = '{"a":' + "[" * 2044 + "]" * 2044 + "}"
+        self.assertEqual(4094, len(deepest))
+        self.expect(self.start("call", self.name, deepest), 0, "status 0\n")
+
+    def test_a_line_without_an_end(self):
+        status, out = self.check(b"x" * (5 << 20) + b"\n{}\n" + b'{"a":"' + b"y" * (3 << 20))
+        self.assertEqual(2, status)
+        self.assertEqual(["line 1: bad", "line 2: good", "line 3: bad"],
+                         [line[:12].rstrip(",") for line in out.splitlines()])
+
+    def test_bytes_that_are_no_text(self):
+        status, out = self.check(b'{"a":"\xff"}\n\0\n{"a":1}\0\n{"a":"\0"}\n\xef\xbb\xbf{}\n\x80\n')
+        self.assertEqual(2, status)
+        self.assertEqual([
+            "line 1: good, 9 bytes, message",
+            "line 2: bad, not JSON: a NUL byte at byte 1",
+            "line 3: bad, not JSON: a NUL byte at byte 8",
+            "line 4: bad, not JSON: a NUL byte at byte 7",
+            "line 5: bad, not JSON: Invalid value at byte 1",
+            "line 6: bad, not JSON: Invalid value at byte 1"], out.splitlines())
+
+    def test_every_byte_alone(self):
+        status, out = self.check(b"\n".join(bytes([byte]) for byte in range(256) if byte != 10))
+        self.assertEqual(2, status)
+        self.assertEqual(255 - 3, len(out.splitlines()))  # but for three blank ones
+        self.assertNotIn("good", out)
+
+    def test_random_bytes_as_messages_and_recordings(self):
+        noise = os.urandom(1 << 18)
+        self.check(noise)
+        for arguments in (("call", self.name), ("relay", self.name, self.name, "--replay", "-")):
+            program = self.start(*arguments)
+            try:
+                program.write(noise)
+            except BrokenPipeError:
+                pass
+            self.assertEqual(2, program.end())
+
+    def test_a_flood_on_standard_input(self):
+        self.expect(self.shell("yes '{}' | head -20000 | tovik check -q"), 0, "")
+
+    def test_long_answers_do_not_harm(self):
+        server = self.raw_server()
+        bench = self.start("bench", self.name, "--count", "1")
+        client = self.accept(server)
+        client.recv(4096)
+        client.send(b"\x1b" * 150000)
+        self.expect(bench, 6, "", "the answer '\\x1b\\x1b")
+        self.assertLess(len(bench.stderr()), 1000)
+
+    def test_check_can_be_interrupted(self):
+        check = self.start("check", "-")
+        check.write(b"{}\n")
+        check.says("line 1: good")
+        self.assertEqual(-signal.SIGINT, check.interrupt())
+
+
+class Socat(Case):
+    def test_calls_a_server(self):
+        self.server("--status", "5")
+        answer = self.shell(f"""printf '{{"n":1}}' | socat -t 5 - \
+            ABSTRACT-CONNECT:{self.name},type=5,unix-tightsocklen=0""")
+        answer.says((REPLY % 5).decode())
+
+    def test_is_called(self):
+        with tempfile.NamedTemporaryFile("w") as script:
+            script.write("head -c 7 >/dev/null\necho '" + (REPLY % 4).decode() + "'\n")
+            script.flush()
+            self.shell(f"exec socat ABSTRACT-LISTEN:{self.name},type=5,unix-tightsocklen=0 "
+                       f"EXEC:'bash {script.name}'")
+            until(lambda: support.listens(self.name), "a listening socat")
+            self.expect(self.start("call", self.name, '{"n":1}', "--ok", "4"), 0, "status 4\n")
+
+
+class Bench(Case):
+    def test_sums_up_what_it_measured(self):
+        self.server("-q")
+        result = json.loads(self.output_of("bench", self.name, "--count", "500", "-j"))
+        times = [result[key] for key in ("p50", "p90", "p99", "p99.9", "max")]
+        self.assertEqual(sorted(times), times)
+        self.assertLess(times[0], times[-1])
+        self.assertAlmostEqual(500, result["per_second"] * result["seconds"], 3)
+
+    def test_puts_every_round_trip_into_the_histogram(self):
+        self.server("-q")
+        lines = self.output_of("bench", self.name, "--count", "500").decode().splitlines()[2:]
+        self.assertEqual(500, sum(int(line.split()[3]) for line in lines))
+        self.assertTrue(all("#" in line for line in lines if int(line.split()[3]) > 0))
+        limits = [float(line.split()[1]) for line in lines]
+        self.assertEqual([2 * limit for limit in limits[:-1]], limits[1:])
+
+
+class Bash(Case):
+    def complete(self, *words):
+        script = ('source <(tovik completion bash); COMP_WORDS=("$@"); '
+                  'COMP_CWORD=$(($# - 1)); _tovik; printf "%s\\n" "${COMPREPLY[@]}"')
+        program = self.run_program(["bash", "-c", script, "bash", "tovik", *words])
+        self.expect(program, 0)
+        return program.stdout().decode().split("\n")[:-1]
+
+    def test_completes_verbs(self):
+        self.assertEqual(["call", "check", "completion"], sorted(self.complete("c")))
+        self.assertEqual(["monitor"], self.complete("m"))
+
+    def test_completes_options(self):
+        self.assertEqual(["--ok"], self.complete("call", "x", "--o"))
+        self.assertEqual(["--timeout", "--timestamps"],
+                         sorted(self.complete("subscribe", "--time")))
+        self.assertEqual(["short", "pretty"], self.complete("call", "--json", ""))
+        self.assertEqual(["pretty"], self.complete("call", "--json", "=", "p"))
+        self.assertEqual(["short", "pretty"], self.complete("call", "--json", "="))
+
+    def test_completes_names_of_servers(self):
+        server = raw_server(self.name + " two")
+        self.addCleanup(server.close)
+        self.assertEqual([self.name + "\\ two"], self.complete("call", self.name[:-1]))
+        self.assertEqual([self.name + "\\ two"], self.complete("wait", "x", self.name))
+
+    def test_completes_words_and_nothing(self):
+        self.assertEqual(["fish"], self.complete("completion", "f"))
+        self.assertEqual(["relay"], self.complete("help", "r"))
+        self.assertEqual([""], self.complete("list", ""))
+
+
+if __name__ == "__main__":
+    unittest.main()

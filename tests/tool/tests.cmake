@@ -1,0 +1,30 @@
+# The command, run as its users run it. Needs Python 3, bash, groff and socat, and looks at the
+# completions for zsh and fish where these are installed.
+find_package(Python3 COMPONENTS Interpreter REQUIRED)
+
+function(tovik_tool_test name)
+  add_test(NAME tool.${name} COMMAND ${Python3_EXECUTABLE} -B ${ARGN}
+           WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/tool)
+  set_tests_properties(tool.${name} PROPERTIES TIMEOUT 60 ENVIRONMENT
+                                               TOVIK_TOOL_DIR=$<TARGET_FILE_DIR:tovik_tool>)
+endfunction()
+
+# Transcripts: what is typed and what is answered.
+file(GLOB transcripts RELATIVE ${CMAKE_CURRENT_SOURCE_DIR}/tool CONFIGURE_DEPENDS tool/*.transcript)
+foreach(transcript IN LISTS transcripts)
+  string(REPLACE .transcript "" name ${transcript})
+  tovik_tool_test(${name} transcript.py ${transcript})
+endforeach()
+
+# Peers that are not the command itself.
+foreach(case IN ITEMS Bash Bench Call Hostile List Monitor Relay Send Serve Socat)
+  tovik_tool_test(${case} -W error live.py ${case})
+endforeach()
+
+foreach(shell IN ITEMS zsh fish)
+  find_program(TOVIK_${shell} ${shell})
+  if(TOVIK_${shell})
+    add_test(NAME tool.${shell}
+             COMMAND bash -c "${TOVIK_${shell}} -n <($<TARGET_FILE:tovik_tool> completion ${shell})")
+  endif()
+endforeach()

@@ -1,0 +1,129 @@
+#!/usr/bin/env python3
+"""Runs transcripts: what a user types, and what the command has to say to that.
+
+    # a comment
+    $ COMMAND          run in bash; then the expected output:
+    text               a line on standard output
+    ! text             a line on standard error
+    = N                the exit status, unless 0
+    % COMMAND          the same on a terminal, with escape sequences shown as ^[
+    & COMMAND          in the background, once it has written a line to standard error
+    > text             a line to the background command's standard input
+    ^C                 interrupts it; then its output as above
+    ^.                 waits for its end instead
+
+"@x" stands for a server name of this run, "@@" for what all of them begin with, "<*>" for any text
+in one line.
+"""
+
+import os
+import re
+import subprocess
+import sys
+import tempfile
+
+import support
+
+
+class Expectation:
+    def __init__(self, number, kind, command):
+        self.number, self.kind, self.command = number, kind, command
+        self.out, self.err, self.status = [], [], 0
+
+
+def parse(path):
+    steps = []
+    with open(path, encoding="utf-8") as lines:
+        for number, line in enumerate(lines, 1):
+            line = line.rstrip("\n")
+            if line.startswith(("$ ", "% ", "& ", "> ")):
+                steps.append(Expectation(number, line[0], line[2:]))
+            elif line in ("^C", "^."):
+                steps.append(Expectation(number, line, ""))
+            elif line.startswith("! "):
+                steps[-1].err.append(line[2:])
+            elif line.startswith("= "):
+                steps[-1].status = int(line[2:])
+            elif line and not line.startswith("#"):
+                steps[-1].out.append(line)
+    return steps
+
+
+class Run:
+    def __init__(self, path):
+        self.path = path
+        self.background = []
+        self.names = {}
+        self.folder = tempfile.TemporaryDirectory()
+
+    def close(self):
+        for program in self.background:
+            program.kill()
+        self.folder.cleanup()
+
+    def expand(self, text):
+        def name(match):
+            return self.names.setdefault(match.group(0), support.unique_name(match.group(1)))
+        return re.sub(r"@([a-z]+)", name, text.replace("@@", support.PREFIX))
+
+    def shown(self, data):
+        text = data.decode("utf-8", "replace").replace("\r\n", "\n").replace("\r", "^M")
+        for token, name in self.names.items():
+            text = text.replace(name, token)
+        return text.replace("\x1b", "^[").split("\n")
+
+    def compare(self, step, what, expected, got):
+        if got and got[-1] == "":
+            got.pop()
+        pattern = "\n".join(expected)
+        pattern = re.escape(pattern).replace(re.escape("<*>"), "[^\n]*")
+        # Blank lines cannot be expected in a transcript, so they are not compared.
+        text = "\n".join(line for line in got if line)
+        if not re.fullmatch(pattern, text):
+            raise AssertionError(
+                f"{self.path}:{step.number}: {what} of: {step.kind} {step.command}\n"
+                f"--- expected\n" + "\n".join(expected) + "\n--- got\n" + "\n".join(got))
+
+    def check(self, step, program, status):
+        self.compare(step, "standard error", step.err, self.shown(program.stderr()))
+        self.compare(step, "standard output", step.out, self.shown(program.stdout()))
+        if status != step.status:
+            raise AssertionError(f"{self.path}:{step.number}: exit status {status}, "
+                                 f"not {step.status}, of: {step.command}")
+
+    def run(self, step):
+        if step.kind in "$%":
+            program = support.Program(self.expand(step.command), terminal=step.kind == "%",
+                                      cwd=self.folder.name, stdin=subprocess.DEVNULL)
+            try:
+                self.check(step, program, program.end())
+            finally:
+                program.kill()
+        elif step.kind == "&":
+            program = support.Program("exec " + self.expand(step.command), cwd=self.folder.name)
+            self.background.append(program)
+            program.says("\n")
+        elif step.kind == ">":
+            self.background[-1].write(self.expand(step.command).encode() + b"\n")
+        else:
+            program = self.background[-1]
+            self.check(step, program, program.interrupt() if step.kind == "^C" else program.end())
+            self.background.pop().kill()
+
+
+def main():
+    for path in sys.argv[1:]:
+        run = Run(path)
+        try:
+            for step in parse(path):
+                run.run(step)
+            assert not run.background, f"{path}: some background command was never ended"
+        except AssertionError as error:
+            sys.exit(str(error))
+        finally:
+            run.close()
+        print(f"{os.path.basename(path)}: as expected")
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace tool {
+
+/// The exit statuses, the same for every verb. Scripts rely on them; `exitTexts` explains them.
+enum class Exit {
+  kSuccess = 0,
+  kStatus = 1,
+  kUsage = 2,
+  kNoServer = 3,
+  kTimeout = 4,
+  kLost = 5,
+  kNotUnderstood = 6,
+};
+
+/// What each exit status means, in their order.
+constexpr const char* kExitTexts[] = {
+    "success",
+    "the server answered with a status that is not allowed",
+    "wrong usage, or a message that must not be sent; nothing of it was sent",
+    "no server listens under the name",
+    "the time-out has passed",
+    "the connection was lost or refused before an answer",
+    "an answer that is not understood",
+};
+
+/// Ends the command: one sentence that says what to do next, and the status to exit with. Thrown
+/// from anywhere, out of the event loop's callbacks too; `main` reports it.
+class Failure : public std::runtime_error {
+ public:
+  Failure(Exit status, const std::string& sentence) : runtime_error(sentence), status_(status) {}
+  Exit status() const noexcept { return status_; }
+
+ private:
+  Exit status_;
+};
+
+/// Writes "tovik: " and the sentence to standard error.
+void report(std::string_view sentence);
+
+/// A report that -q suppresses.
+void notice(std::string_view sentence);
+void setQuiet(bool quiet);
+
+/// The text with everything that does not print (and the backslash) in the notation of a shell's
+/// $'...', so that no name or message can play with a terminal. UTF-8 stays as it is.
+std::string escaped(std::string_view text);
+
+/// `escaped`, in quotation marks.
+std::string inQuotes(std::string_view text);
+
+/// The number of bytes of the UTF-8 character that `text` begins with; 0 if there is none, or a
+/// control character.
+std::size_t printableLength(std::string_view text);
+
+/// True for UTF-8 without a flaw; control characters count as such here.
+bool isUtf8(std::string_view text);
+
+/// "1 message", "2 messages".
+std::string counted(std::uint64_t number, const std::string& noun);
+
+/// "0.5 s", "5 s".
+std::string seconds(double value);
+
+}  // namespace tool

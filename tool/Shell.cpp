@@ -1,0 +1,91 @@
+#include "tool/Shell.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstring>
+#include <utility>
+
+#include "tool/Report.h"
+
+namespace tool {
+
+namespace {
+
+/// A pipe that holds the whole input; its other end is closed already. A message is smaller than
+/// what a pipe takes, so writing it does not block.
+int pipeHolding(const std::string& input) {
+  int ends[2];
+  if (::pipe2(ends, O_CLOEXEC) < 0) {
+    throw Failure(Exit::kLost, std::string("no pipe for the command: ") + std::strerror(errno) +
+                                   "; free some descriptors.");
+  }
+  [[maybe_unused]] const auto written = ::write(ends[1], input.data(), input.size());
+  ::close(ends[1]);
+  return ends[0];
+}
+
+/// Starts a shell as any program expects to be started: with default signals, and without the
+/// sockets, whose names an inherited descriptor would keep taken. -1 if it cannot be started.
+int spawn(const std::string& command, int input) {
+  posix_spawn_file_actions_t files;
+  posix_spawn_file_actions_init(&files);
+  posix_spawn_file_actions_adddup2(&files, input, STDIN_FILENO);
+  posix_spawn_file_actions_addclosefrom_np(&files, STDERR_FILENO + 1);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  sigset_t set;
+  sigemptyset(&set);
+  posix_spawnattr_setsigmask(&attributes, &set);
+  sigaddset(&set, SIGPIPE);
+  posix_spawnattr_setsigdefault(&attributes, &set);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  std::string shell = "sh", option = "-c", text = command;
+  char* const arguments[] = {shell.data(), option.data(), text.data(), nullptr};
+  int pid = -1;
+  const int error = ::posix_spawn(&pid, "/bin/sh", &files, &attributes, arguments, environ);
+  posix_spawnattr_destroy(&attributes);
+  posix_spawn_file_actions_destroy(&files);
+  return error == 0 ? pid : -1;
+}
+
+}  // namespace
+
+ShellCommand::ShellCommand(const std::string& command, const std::string& input,
+                           std::function<void(unsigned)> finished)
+    : finished_(std::move(finished)), control_(Kelvo::Platform::getFdControl(this)) {
+  const int pipe = pipeHolding(input);
+  pid_ = spawn(command, pipe);
+  ::close(pipe);
+  pidFd_ = pid_ < 0 ? -1 : static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0));
+  if (pidFd_ < 0) {
+    throw Failure(Exit::kLost, std::string("the command cannot be run: ") + std::strerror(errno) +
+                                   "; free some resources.");
+  }
+  control_->attach(pidFd_);
+}
+
+ShellCommand::~ShellCommand() {
+  control_->detach();
+  ::close(pidFd_);
+  if (pid_ > 0) {
+    ::kill(pid_, SIGTERM);  // not waited for yet, so the number is still the command's
+  }
+}
+
+void ShellCommand::readFdEvent(int /*fd*/) {
+  int status = 0;
+  if (::waitpid(pid_, &status, WNOHANG) != pid_) {
+    return;
+  }
+  control_->detach();
+  pid_ = -1;
+  finished_(
+      static_cast<unsigned>(WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status)));
+}
+
+}  // namespace tool
