@@ -1,0 +1,38 @@
+#include "tests/adapters/PollHost.h"
+
+#include "tests/adapters/LoopSuite.h"
+
+INSTANTIATE_TYPED_TEST_SUITE_P(PollAdapter, Adapter, PollHost, Numbered);
+
+namespace {
+
+TEST(PollAdapterAlone, TurnsOnlyWhenItsEntryWasReported) {
+  Kelvo::Adapters::Poll adapter;
+  int fired = 0;
+  CallingTimer timer([&] { ++fired; });
+  timer.arm(0);
+  pollfd entry = adapter.entry();
+  EXPECT_FALSE(adapter.dispatch(entry));
+  EXPECT_EQ(fired, 0);
+  ASSERT_EQ(poll(&entry, 1, 10000), 1);
+  EXPECT_TRUE(adapter.dispatch(entry));
+  EXPECT_EQ(fired, 1);
+}
+
+TEST(PollAdapterAlone, TakesAFalseReportForNothing) {
+  const auto name = uniqueName();
+  const Tovik::Server server(
+      name, [](Tovik::Connection& from, const Tovik::Message&) { from.acknowledge(3); },
+      [](int, unsigned, unsigned) { return true; });
+  const Fd peer = rawConnect(name);
+  turnUntilIdle();
+  Kelvo::Adapters::Poll adapter;
+  pollfd entry = adapter.entry();
+  entry.revents = POLLIN | POLLERR;
+  EXPECT_FALSE(adapter.dispatch(entry)) << "neither a client to accept nor a record to read";
+  rawSend(peer.get(), R"({"a":1})");
+  EXPECT_TRUE(adapter.dispatch(entry));
+  EXPECT_EQ(rawReceiveNow(peer.get()), kThree);
+}
+
+}  // namespace
