@@ -1,0 +1,25 @@
+"""Tovik in Python: JSON messages between processes on one Linux machine.
+
+A blocking client::
+
+    with tovik.Client("adder", timeout=5) as client:
+        status = client.call({"add": 5})
+
+A client for asyncio, which reconnects and subscribes again by itself::
+
+    async with tovik.AsyncClient("adder", subscribe=True) as client:
+        async for message in client:
+            print(message)
+
+A server for tests of clients is in `tovik.testing`. Only the standard library is needed.
+"""
+
+from ._aio import AsyncClient
+from ._client import Client
+from ._wire import (ConnectionLost, Credentials, Message, ProtocolError, TovikError, address,
+                    decode, encode)
+
+__all__ = [
+    "AsyncClient", "Client", "ConnectionLost", "Credentials", "Message", "ProtocolError",
+    "TovikError", "address", "decode", "encode",
+]

@@ -1,0 +1,66 @@
+"""What the tests of the Python package share. Where things are comes in the environment."""
+
+import itertools
+import os
+import pathlib
+import subprocess
+import sys
+import time
+import unittest
+
+SOURCE = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, os.environ.get("TOVIK_PYTHON_PATH", str(SOURCE / "python")))
+sys.dont_write_bytecode = True
+
+DEADLINE = 10  # seconds for anything to happen
+_numbers = itertools.count(1)
+
+
+def unique_name():
+    return f"tovik-python-{os.getpid()}-{next(_numbers)}"
+
+
+def wait_until(condition):
+    deadline = time.monotonic() + DEADLINE
+    while not condition():
+        if time.monotonic() > deadline:
+            raise AssertionError("it did not happen in time")
+        time.sleep(0.002)
+
+
+def listens(name):
+    """True once the kernel lists a listening socket of that name, padded to the whole path."""
+    padded = ("@" + name).ljust(108, "@")
+    with open("/proc/net/unix", errors="replace") as table:
+        return any(line.rstrip("\n").endswith(" " + padded) and " 00010000 " in line
+                   for line in table)
+
+
+class HostmonCase(unittest.TestCase):
+    """With the example service hostmon, which is this system's own C++ code."""
+
+    def start(self, *arguments):
+        process = subprocess.Popen([os.environ["HOSTMON"], *arguments], stdout=subprocess.PIPE,
+                                   stderr=subprocess.STDOUT, text=True)
+        self.addCleanup(process.stdout.close)
+        self.addCleanup(self.stop, process)
+        return process
+
+    @staticmethod
+    def stop(process):
+        process.terminate()
+        return process.wait(DEADLINE)
+
+    def serve(self, name):
+        process = self.start("serve", name)
+        wait_until(lambda: listens(name))
+        return process
+
+    def lines_until(self, process, start):
+        """The lines a process prints, up to the first that starts so."""
+        lines = []
+        for line in process.stdout:
+            lines.append(line.rstrip("\n"))
+            if line.startswith(start):
+                return lines
+        raise AssertionError(f"no line starts with {start!r}: {lines}")

@@ -1,0 +1,47 @@
+"""The examples of the package's README, run as they stand."""
+
+import re
+import subprocess
+import sys
+import unittest
+
+import support
+import tovik.testing
+
+
+class Readme(unittest.TestCase):
+    def setUp(self):
+        self.name = support.unique_name()
+        text = (support.SOURCE / "python" / "README.md").read_text()
+        blocks = re.findall(r"```python\n(.*?)```", text, re.S)
+        self.blocking, self.asynchronous, self.server = (
+            block.replace('"adder"', f'"{self.name}"') for block in blocks)
+
+    def start(self, text):
+        path = f"import sys; sys.path.insert(0, {sys.path[0]!r})\n"
+        process = subprocess.Popen([sys.executable, "-B", "-u", "-c", path + text], text=True,
+                                   stdout=subprocess.PIPE)
+        self.addCleanup(process.stdout.close)
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        return process
+
+    def test_blocking_client_prints_the_status(self):
+        with tovik.testing.Server(self.name, lambda message: message["add"]):
+            output, _errors = self.start(self.blocking).communicate(timeout=support.DEADLINE)
+        self.assertEqual(output, "5\n")
+
+    def test_asyncio_client_prints_notifications(self):
+        with tovik.testing.Server(self.name) as server:
+            process = self.start(self.asynchronous)
+            support.wait_until(lambda: server.subscribers == 1)
+            server.notify({"total": 5})
+            self.assertEqual(process.stdout.readline(), "{'total': 5}\n")
+
+    def test_server_for_tests_passes_its_own_test(self):
+        process = self.start(self.server)
+        self.assertEqual(process.wait(support.DEADLINE), 0)
+
+
+if __name__ == "__main__":
+    unittest.main()
