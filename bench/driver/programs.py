@@ -1,0 +1,182 @@
+"""The programs that are measured, started and ended, and what the kernel knows about them."""
+
+import array
+import itertools
+import os
+import pathlib
+import signal
+import subprocess
+import tempfile
+import time
+
+SUBJECT = "tovik"
+FLOOR = "floor-epoll"
+
+
+class Contestant:
+    """One way to do the work: a server's program and a client's, with their roles."""
+
+    def __init__(self, name, label, program, serve="serve", drive="drive", streams=True):
+        self.name = name
+        self.label = label
+        self.program = program
+        self.serve = serve
+        self.drive = drive
+        self.streams = streams
+        self.on_path = program not in ("floors", "library")  # wants a socket in the file system
+
+
+CONTESTANTS = [
+    Contestant("floor-bytes", "floor (i): blocking, bytes only", "floors", "serve-bytes",
+               "drive-bytes"),
+    Contestant("floor-json", "floor (ii): blocking, JSON", "floors", "serve-json", "drive-json"),
+    Contestant(FLOOR, "floor (iii): epoll server, JSON", "floors", "serve-epoll", "drive-json"),
+    Contestant(SUBJECT, "Tovik, blocking client", "library"),
+    Contestant("floor-async", "floor (iii), epoll client", "floors", "serve-epoll", "drive-epoll",
+               streams=False),
+    Contestant("tovik-async", "Tovik, asynchronous client", "library", "serve", "drive-async",
+               streams=False),
+    Contestant("sd-bus", "sd-bus, direct", "sdbus"),
+    Contestant("zeromq", "ZeroMQ, ipc", "zmq"),
+    Contestant("nng", "nng, ipc", "nng"),
+    Contestant("capnp", "Cap'n Proto RPC", "capnp"),
+    Contestant("grpc", "gRPC, unix socket", "grpc"),
+]
+
+
+class Placement:
+    """Where processes may run."""
+
+    def __init__(self, name, cores):
+        self.name = name
+        self.cores = cores
+
+    def apply(self):
+        os.sched_setaffinity(0, self.cores)
+
+
+def placements():
+    cores = sorted(os.sched_getaffinity(0))
+    return [Placement("one core", {cores[-1]}), Placement("free", set(cores))]
+
+
+class Programs:
+    """Finds programs, hands out addresses, and ends whatever it has started."""
+
+    def __init__(self, build):
+        self.build = pathlib.Path(build)
+        self.work = tempfile.TemporaryDirectory(prefix="bench-")
+        self._numbers = itertools.count()
+        self._running = []
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.end_all()
+        self.work.cleanup()
+
+    def file(self, name):
+        return self.build / "bench" / name
+
+    def path(self, program):
+        return self.file("bench_" + program)
+
+    def installed(self, contestant):
+        return self.path(contestant.program).exists()
+
+    def address(self, on_path):
+        number = next(self._numbers)
+        return f"{self.work.name}/{number}" if on_path else f"bench-{os.getpid()}-{number}"
+
+    def server(self, contestant, placement, wrapper=(), environment=None):
+        address = self.address(contestant.on_path)
+        command = [*wrapper, self.path(contestant.program), contestant.serve, address]
+        return self._started(Server(command, address, placement, environment))
+
+    def client(self, contestant, server, placement, wrapper=(), environment=None):
+        command = [*wrapper, self.path(contestant.program), contestant.drive, server.address]
+        return self._started(Client(command, placement, environment))
+
+    def crowd(self, server, placement):
+        return self._started(Client([self.path("floors"), "crowd", server.address], placement))
+
+    def _started(self, process):
+        self._running.append(process)
+        return process
+
+    def end_all(self):
+        for process in reversed(self._running):
+            process.end()
+        self._running.clear()
+
+
+class Process:
+    def __init__(self, command, placement, environment, **pipes):
+        variables = None if environment is None else {**os.environ, **environment}
+        self.popen = subprocess.Popen(command, env=variables, preexec_fn=placement.apply, **pipes)
+        self.pid = self.popen.pid
+
+    def cpu(self):
+        """The processor time of all its threads so far, in nanoseconds."""
+        return time.clock_gettime_ns((~self.pid << 3) | 2)  # the kernel's clock for that process
+
+    def status(self, key):
+        for line in pathlib.Path(f"/proc/{self.pid}/status").read_text().splitlines():
+            if line.startswith(key + ":"):
+                return int(line.split()[1])
+        raise KeyError(key)
+
+    def resident_kib(self):
+        return self.status("VmRSS")
+
+    def threads(self):
+        return self.status("Threads")
+
+
+class Server(Process):
+    def __init__(self, command, address, placement, environment=None):
+        super().__init__(command, placement, environment, stdout=subprocess.PIPE)
+        self.address = address
+        words = self.popen.stdout.readline().split()
+        if words[:1] != [b"ready"]:
+            raise RuntimeError(f"{command[-3:]} did not start")
+        self.pid = int(words[1])  # of the program, not of what it is wrapped in
+
+    def end(self):
+        if self.popen.poll() is None:
+            os.kill(self.pid, signal.SIGTERM)
+        self.popen.wait()
+        self.popen.stdout.close()
+
+
+class Client(Process):
+    def __init__(self, command, placement, environment=None):
+        super().__init__(command, placement, environment, stdin=subprocess.PIPE,
+                         stdout=subprocess.PIPE)
+        self.name = " ".join(str(word) for word in command[-3:])
+
+    def do(self, verb, count=1):
+        """Has it done, and returns the samples in nanoseconds."""
+        self.popen.stdin.write(f"{verb} {count}\n".encode())
+        self.popen.stdin.flush()
+        samples = array.array("Q")
+        number = int.from_bytes(self._read(8), "little")
+        samples.frombytes(self._read(8 * number))
+        return samples
+
+    def _read(self, size):
+        data = self.popen.stdout.read(size)
+        if len(data) < size:
+            raise RuntimeError(f"{self.name} has ended")
+        return data
+
+    def end(self):
+        if not self.popen.stdin.closed:
+            self.popen.stdin.close()
+        try:
+            self.popen.wait(10)
+        except subprocess.TimeoutExpired:
+            self.popen.kill()
+            self.popen.wait()
+        self.popen.stdout.close()

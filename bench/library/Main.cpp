@@ -1,0 +1,117 @@
+// The library as an application uses it: a server, a blocking client, an asynchronous client.
+
+#include <unistd.h>
+
+#include <chrono>
+#include <stdexcept>
+
+#include "Api/Json/Client.h"
+#include "Api/Json/Server.h"
+#include "Kelvo/Platform/EventLoop.h"
+#include "bench/support/Driven.h"
+#include "bench/support/Work.h"
+
+namespace Bench {
+
+namespace {
+
+using Kelvo::Platform::EventLoop;
+
+Tovik::Message message(const char* text) {
+  Tovik::Message message;
+  parse(message, text);
+  return message;
+}
+
+void serve(const std::string& name) {
+  const auto news = message(kNews);
+  Tovik::Server* self = nullptr;
+  Tovik::Server server(
+      name,
+      [&](Tovik::Connection& client, const Tovik::Message& msg) {
+        const Request request = understand(msg);
+        if (request.wanted == Wanted::kNothing) {
+          return;
+        }
+        if (request.wanted == Wanted::kBroadcast) {
+          self->notifyClients(news);
+        }
+        client.acknowledge(request.status);
+      },
+      [](int /*pid*/, unsigned uid, unsigned /*gid*/) { return uid == ::geteuid(); });
+  self = &server;
+  announceReady();
+  EventLoop::current().run();
+}
+
+class Blocking : public Client {
+ public:
+  explicit Blocking(const std::string& name) : client_(name) {}
+
+  void call() override { expectStatus(static_cast<unsigned>(client_.sendMsg(request_, true))); }
+  void stream(unsigned count) override {
+    for (unsigned i = 0; i < count; ++i) {
+      if (client_.sendMsg(note_, false) != 0) {
+        throw std::runtime_error("a note was not sent");
+      }
+    }
+    call();
+  }
+
+ private:
+  const Tovik::Client client_;
+  const Tovik::Message request_ = message(kRequest);
+  const Tovik::Message note_ = message(kNote);
+};
+
+class Asynchronous : public Client {
+ public:
+  explicit Asynchronous(const std::string& name)
+      : client_(
+            name, [this](auto&, const Tovik::Message& reply) { take(reply); },
+            [](Tovik::AsyncClient&) {}, 1) {
+    while (!client_.isAttached()) {
+      EventLoop::current().runOnce(std::chrono::seconds(1));
+    }
+  }
+
+  void call() override {
+    answered_ = false;
+    client_.asyncSendMsg(request_);
+    while (!answered_) {
+      EventLoop::current().runOnce(std::chrono::milliseconds(-1));
+    }
+  }
+
+ private:
+  void take(const Tovik::Message& reply) {
+    const auto type = reply.FindMember("type");
+    const auto status = reply.FindMember("status");
+    if (type == reply.MemberEnd() || status == reply.MemberEnd() || type->value != "reply") {
+      throw std::runtime_error("an answer that is no reply");
+    }
+    expectStatus(status->value.GetUint());
+    answered_ = true;
+  }
+
+  bool answered_ = false;
+  Tovik::AsyncClient client_;
+  const Tovik::Message request_ = message(kRequest);
+};
+
+template <class Kind>
+void drive(const std::string& name) {
+  Kind client(name);
+  obey(client);
+}
+
+}  // namespace
+
+}  // namespace Bench
+
+int main(int argc, char** argv) {
+  return Bench::runAs(argc, argv,
+                      {{"serve", Bench::serve},
+                       {"drive", Bench::drive<Bench::Blocking>},
+                       {"drive-async", Bench::drive<Bench::Asynchronous>}});
+}

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+#include "bench/support/Driven.h"
+#include "bench/support/Work.h"
+
+// The JSON work in the shape in which messaging systems take it: texts in, texts out.
+
+namespace Bench {
+
+/// The reply's text, or none if the request wants none.
+inline std::string answerTo(const char* text) {
+  const rapidjson::Document message = parsed(text);
+  const Request request = understand(message);
+  if (request.wanted == Wanted::kNothing) {
+    return {};
+  }
+  rapidjson::StringBuffer reply;
+  serialiseReply(request.status, reply);
+  return {reply.GetString(), reply.GetSize()};
+}
+
+inline std::string textOf(const rapidjson::Document& message) {
+  rapidjson::StringBuffer text;
+  serialise(message, text);
+  return {text.GetString(), text.GetSize()};
+}
+
+/// A peer's client, which serialises the request each time and checks each reply.
+class TextClient : public Client {
+ protected:
+  std::string request() const { return textOf(request_); }
+  std::string note() const { return textOf(note_); }
+  static void check(const std::string& reply) { expectStatus(statusOf(reply.c_str())); }
+
+ private:
+  const rapidjson::Document request_ = parsed(kRequest);
+  const rapidjson::Document note_ = parsed(kNote);
+};
+
+/// Both roles of a peer's program.
+template <class Kind>
+int runPeer(int argc, char** argv, const Role& serve) {
+  return runAs(argc, argv, {{"serve", serve}, {"drive", [](const std::string& address) {
+                                                 Kind client(address);
+                                                 obey(client);
+                                               }}});
+}
+
+}  // namespace Bench
