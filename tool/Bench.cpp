@@ -129,6 +129,10 @@ double percentile(const std::vector<double>& times, double share) {
 constexpr std::pair<const char*, double> kPercentiles[] = {
     {"p50", 0.5}, {"p90", 0.9}, {"p99", 0.99}, {"p99.9", 0.999}, {"max", 1.0}};
 
+std::string rightAligned(const std::string& text, std::size_t width) {
+  return std::string(width - std::min(width, text.size()), ' ') + text;
+}
+
 /// One line for each doubling of the time.
 void printHistogram(const std::vector<double>& times, Output& output) {
   std::vector<std::size_t> counts;
@@ -143,10 +147,9 @@ void printHistogram(const std::vector<double>& times, Output& output) {
     const std::string upTo = rounded(std::exp2(first + static_cast<int>(i) + 1));
     const std::size_t length = (counts[i] * kBarWidth + most - 1) / most;
     const std::string count = std::to_string(counts[i]);
-    output.line("below " + std::string(std::max<std::size_t>(10, upTo.size()) - upTo.size(), ' ') +
-                upTo + " us " +
-                std::string(std::max<std::size_t>(9, count.size()) - count.size(), ' ') + count +
-                "  " + painted(std::string(length, '#'), "32", output.colour()));
+    std::string line = "below " + rightAligned(upTo, 10) + " us " + rightAligned(count, 9);
+    line += "  " + painted(std::string(length, '#'), "32", output.colour());
+    output.line(line);
   }
 }
 

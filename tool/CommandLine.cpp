@@ -34,9 +34,9 @@ void parseWords(CLI::App& app, std::vector<std::string> words) {
 }
 
 template <class T>
-constexpr bool isList = false;
+constexpr bool kIsList = false;
 template <class T>
-constexpr bool isList<std::vector<T>> = true;
+constexpr bool kIsList<std::vector<T>> = true;
 
 double duration(const std::string& word) {
   char* end = nullptr;
@@ -81,7 +81,7 @@ struct Store {
 
 bool takesMany(const Field& field) {
   return std::visit(
-      [](auto member) { return isList<std::decay_t<decltype(std::declval<Options>().*member)>>; },
+      [](auto member) { return kIsList<std::decay_t<decltype(std::declval<Options>().*member)>>; },
       field);
 }
 
@@ -96,7 +96,7 @@ CLI::Option* addWords(CLI::App& app, const std::string& flags, const std::string
   const std::string choices = label.find('|') == std::string::npos ? "" : label;
   auto take = [=](const CLI::results_t& words) mutable {
     for (const std::string& word : words) {
-      store.word = word.c_str();  // without the guard
+      store.word = word.substr(0, word.find('\0'));  // without the guard
       try {
         if (!choices.empty() && !isOneOf(choices, store.word)) {
           throw CLI::ValidationError("is none of " + choices);
@@ -177,11 +177,11 @@ Failure usageFailure(const CLI::ParseError& error, const Verb* verb) {
     what.front() = 't';
   }
   if (const std::size_t colon = what.find(": 1 required"); colon != std::string::npos) {
-    what.replace(colon, std::string::npos, " needs a value");
+    what = what.substr(0, colon) + " needs a value";
   }
   const std::string name = verb == nullptr ? "" : verb->name;
-  return Failure(Exit::kUsage, (name.empty() ? "" : name + ": ") + what + "; see 'tovik help" +
-                                   (name.empty() ? "" : " " + name) + "'.");
+  return {Exit::kUsage, (name.empty() ? "" : name + ": ") + what + "; see 'tovik help" +
+                            (name.empty() ? "" : " " + name) + "'."};
 }
 
 std::string askedText(const CLI::App& app, const Verb* verb) {

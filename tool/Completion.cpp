@@ -147,8 +147,9 @@ std::string zshOptions(const std::vector<OptionInfo>& options, const std::string
     }
     for (const std::string& flag : splitAt(option.flags, ',')) {
       const bool equals = option.value != nullptr && flag.rfind("--", 0) == 0;
-      specs += indent + "'*" + flag + (equals ? "=" : "") + "[" + described(option.text) + "]" +
-               action + "' \\\n";
+      specs += indent + "'*";
+      specs += flag + (equals ? "=" : "") + "[";
+      specs += described(option.text) + "]" + action + "' \\\n";
     }
   }
   return specs;
@@ -220,7 +221,8 @@ std::string fishScript() {
     } else if (arguments == "files") {
       script += "complete -c tovik" + condition + " -F\n";
     } else if (arguments != "none") {
-      script += "complete -c tovik" + condition + " -a '" + arguments + "'\n";
+      script += "complete -c tovik" + condition + " -a '";
+      script += arguments + "'\n";
     }
   }
   return script;

@@ -19,7 +19,7 @@ class Conversation::Client : public Tovik::AsyncSender {
   Client(Conversation& conversation, int fd) : conversation_(conversation) { setFd(fd); }
 
   void pass(const std::string& text) {
-    sendQueue_.push_back(text);
+    sendQueue_.emplace_back(text);
     flushQueue();
     if (sendQueue_.size() > kMostWaiting) {
       terminateConnection();
@@ -59,7 +59,7 @@ class Conversation::Upstream : public Session {
       : Session(options.upstream, options), conversation_(conversation) {}
 
   void pass(const std::string& text) {
-    sendQueue_.push_back(text);
+    sendQueue_.emplace_back(text);
     flushQueue();  // which waits for the connection
     if (sendQueue_.size() > kMostWaiting) {
       conversation_.serverLeft({Exit::kLost, "the server does not read; see what it does."});

@@ -30,6 +30,7 @@ using Kind = Seen::Kind;
 /// change nothing.
 class Observer {
  public:
+  // NOLINTBEGIN(readability-identifier-naming): the parser calls them by these names
   bool Null() { return value({Kind::kOther, {}, 0}, "null") && writer_.Null(); }
   bool Bool(bool b) {
     return value({b ? Kind::kTrue : Kind::kFalse, {}, 0}, "a boolean") && writer_.Bool(b);
@@ -52,6 +53,7 @@ class Observer {
   bool EndObject(rapidjson::SizeType) { return close() && writer_.EndObject(); }
   bool StartArray() { return open("an array") && writer_.StartArray(); }
   bool EndArray(rapidjson::SizeType) { return close() && writer_.EndArray(); }
+  // NOLINTEND(readability-identifier-naming)
 
   const std::string& root() const { return root_; }
   std::string compact() const { return {buffer_.GetString(), buffer_.GetSize()}; }
@@ -117,7 +119,7 @@ void judgeForServer(Lint& lint, const Observer& seen) {
     return;
   }
   if (seen.command.kind != Kind::kString) {
-    lint.endsServer = "\"command\" stands beside \"notification\" and is no string";
+    lint.endsServer = R"("command" stands beside "notification" and is no string)";
     return;
   }
   if (is(seen.command, "set")) {
@@ -135,9 +137,9 @@ void judgeForClient(Lint& lint, const Observer& seen) {
   } else if (seen.status.kind != Kind::kUnsigned) {
     lint.noReply = "it has no \"status\" from 0 to 2147483647";
   } else if (seen.type.kind != Kind::kString) {
-    lint.endsClient = "\"type\" stands beside a \"status\" and is no string";
+    lint.endsClient = R"("type" stands beside a "status" and is no string)";
   } else if (!is(seen.type, "reply")) {
-    lint.noReply = "its \"type\" is not \"reply\"";
+    lint.noReply = R"(its "type" is not "reply")";
   } else if (seen.status.number > 2147483647U) {
     lint.noReply = "its \"status\" is above 2147483647";
   } else {

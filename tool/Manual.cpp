@@ -54,7 +54,7 @@ struct Example {
 
 constexpr Example kExamples[] = {
     {"tovik list --long", "Who listens here, in which process, and who waits to be let in."},
-    {"tovik wait lamp && tovik call lamp '{\"state\":\"on\"}'",
+    {R"(tovik wait lamp && tovik call lamp '{"state":"on"}')",
      "Call a server as soon as it is up."},
     {"tovik check messages && tovik call lamp - <messages",
      "Send each line of a file and wait for each reply."},

@@ -14,11 +14,23 @@ struct Options {
   // Common to every verb.
   std::optional<double> timeout;  // seconds, 0 for ever; without one, the verb has its default
   std::string json;               // "short", "pretty" or none
+  std::string color = "auto";
+  std::optional<std::uint64_t> serverUid;
+  int verbose = 0;
   bool jsonByTerminal = false;
   bool quiet = false;
-  int verbose = 0;
-  std::optional<std::uint64_t> serverUid;
-  std::string color = "auto";
+
+  // Flags of single verbs.
+  bool all = false;
+  bool denyAll = false;
+  bool gone = false;
+  bool longForm = false;
+  bool man = false;
+  bool noReconnect = false;
+  bool refuseUnsafe = false;
+  bool reply = false;
+  bool statusOnly = false;
+  bool timestamps = false;
 
   // Arguments.
   std::vector<std::string> names;
@@ -29,36 +41,25 @@ struct Options {
   std::string word;  // a shell, or a verb
 
   // Options of single verbs.
-  bool all = false;
   std::vector<std::uint64_t> allowGids;
   std::vector<std::uint64_t> allowUids;
   std::optional<std::uint64_t> clients;
   std::optional<std::uint64_t> count;
-  bool denyAll = false;
   std::string exec;
-  bool gone = false;
   std::optional<double> interval;
-  bool longForm = false;
-  bool man = false;
-  bool noReconnect = false;
   std::string notify;
   std::vector<std::uint64_t> okStatuses;
   std::string record;
-  bool refuseUnsafe = false;
   std::string replay;
-  bool reply = false;
   std::optional<std::uint64_t> size;
   std::optional<std::uint64_t> status;
-  bool statusOnly = false;
-  bool timestamps = false;
   std::vector<std::string> where;
 
   JsonStyle jsonStyle() const {
-    if (jsonByTerminal && json.empty()) {
-      return JsonStyle::kByTerminal;
+    if (json.empty()) {
+      return jsonByTerminal ? JsonStyle::kByTerminal : JsonStyle::kNone;
     }
-    return json.empty() ? JsonStyle::kNone
-                        : (json == "pretty" ? JsonStyle::kPretty : JsonStyle::kShort);
+    return json == "pretty" ? JsonStyle::kPretty : JsonStyle::kShort;
   }
 };
 

@@ -17,7 +17,7 @@ class Output {
   /// As it is, unless -q.
   void text(std::string_view text);
   /// The same with a line end.
-  void line(std::string_view text);
+  void line(std::string_view line);
   /// A message in the style that the options ask for: on one line unless pretty.
   void message(const Tovik::Message& message, const std::string& prefix = {});
 

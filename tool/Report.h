@@ -44,7 +44,7 @@ void report(std::string_view sentence);
 
 /// A report that -q suppresses.
 void notice(std::string_view sentence);
-void setQuiet(bool quiet);
+void setQuiet(bool wanted);
 
 /// The text with everything that does not print (and the backslash) in the notation of a shell's
 /// $'...', so that no name or message can play with a terminal. UTF-8 stays as it is.

@@ -137,19 +137,19 @@ void Session::notConnected(int error) {
 }
 
 Failure Session::lostFailure() const {
-  return Failure(Exit::kLost, "the server " + inQuotes(name_) +
-                                  " closed the connection before an answer; see whether it admits "
-                                  "uid " +
-                                  std::to_string(::getuid()) + " and whether it still runs.");
+  return {Exit::kLost, "the server " + inQuotes(name_) +
+                           " closed the connection before an answer; see whether it admits "
+                           "uid " +
+                           std::to_string(::getuid()) + " and whether it still runs."};
 }
 
 Failure Session::notConnectedFailure(int error) const {
   if (error == ECONNREFUSED) {
-    return Failure(Exit::kNoServer, "no server listens under " + inQuotes(name_) +
-                                        "; start it, or see the names with 'tovik list'.");
+    return {Exit::kNoServer, "no server listens under " + inQuotes(name_) +
+                                 "; start it, or see the names with 'tovik list'."};
   }
-  return Failure(Exit::kLost, "the connection to " + inQuotes(name_) + " failed: " +
-                                  std::strerror(error) + "; mend that and try again.");
+  return {Exit::kLost, "the connection to " + inQuotes(name_) + " failed: " + std::strerror(error) +
+                           "; mend that and try again."};
 }
 
 long readRecord(int fd, std::string& record) {

@@ -44,8 +44,8 @@ int spawn(const std::string& command, int input) {
   sigaddset(&set, SIGPIPE);
   posix_spawnattr_setsigdefault(&attributes, &set);
   posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-  std::string shell = "sh", option = "-c", text = command;
-  char* const arguments[] = {shell.data(), option.data(), text.data(), nullptr};
+  std::string words[] = {"sh", "-c", command};  // whose characters posix_spawn may not take const
+  char* const arguments[] = {words[0].data(), words[1].data(), words[2].data(), nullptr};
   int pid = -1;
   const int error = ::posix_spawn(&pid, "/bin/sh", &files, &attributes, arguments, environ);
   posix_spawnattr_destroy(&attributes);

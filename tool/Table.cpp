@@ -124,10 +124,12 @@ bool queryKernel(std::vector<Socket>& sockets) {
 /// Num RefCount Protocol Flags Type St Inode Path, where NULs of the path are shown as '@'.
 std::optional<Socket> socketFrom(const std::string& line) {
   std::istringstream fields(line);
-  std::string number, references, protocol;
-  unsigned long flags = 0, type = 0, state = 0;
+  std::string skipped;
+  unsigned long flags = 0;
+  unsigned long type = 0;
+  unsigned long state = 0;
   Socket socket;
-  fields >> number >> references >> protocol >> std::hex >> flags >> type >> state >> std::dec >>
+  fields >> skipped >> skipped >> skipped >> std::hex >> flags >> type >> state >> std::dec >>
       socket.listener.inode;
   if (!fields || fields.get() != ' ' || type != SOCK_SEQPACKET || socket.listener.inode == 0) {
     return std::nullopt;
