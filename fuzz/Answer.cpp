@@ -1,0 +1,114 @@
+// Answers into the blocking client's wait for a reply. The first byte decides whether the client
+// sends a message before each wait.
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "Api/Json/Client.h"
+#include "fuzz/Reader.h"
+#include "fuzz/Support.h"
+
+namespace fuzz {
+
+namespace {
+
+/// What came out of one wait.
+struct Outcome {
+  std::string text;  // "status N", "throws ...", or "" after an assertion
+  std::string stop;
+};
+
+Outcome wait(const Tovik::Client& client, bool asking) {
+  Outcome outcome;
+  try {
+    outcome.stop = stoppedBy([&] {
+      Tovik::Message question;
+      question.SetObject();
+      outcome.text =
+          "status " + std::to_string(asking ? client.sendMsg(question, true) : client.waitAck());
+    });
+  } catch (const Tovik::SocketException& error) {
+    outcome.text = std::string("throws ") + error.what();
+  }
+  return outcome;
+}
+
+Outcome predicted(const std::string& record, const Text& seen, std::vector<std::string>& log) {
+  if (record.empty()) {
+    return {"throws Broken pipe", ""};
+  }
+  switch (atClient(seen)) {
+    case AtClient::kInvalid:
+      log = {"0 waitAck: Client::waitAck(): message isn't valid JSON"};
+      break;
+    case AtClient::kStops:
+      return {"", std::string(failedCondition(seen))};
+    case AtClient::kNoReply:
+      log = {"0 waitAck: Client::waitAck(): message isn't valid ack"};
+      break;
+    case AtClient::kBadStatus:
+      log = {"0 waitAck: Client::waitAck(): invalid status " +
+             std::to_string(static_cast<std::int32_t>(seen.status.number))};
+      break;
+    case AtClient::kStatus:
+      return {"status " + std::to_string(seen.status.number), ""};
+  }
+  return {"status -1", ""};
+}
+
+class Conversation {
+ public:
+  explicit Conversation(const Listener& listener)
+      : client_(listener.name()), server_(listener.accept()) {}
+  ~Conversation() { ::close(server_); }
+
+  void run(const std::vector<Batch>& batches, bool asking) {
+    for (const Batch& batch : batches) {
+      for (const std::string& record : batch) {
+        require(sendRecord(server_, record) == 0, "the server cannot send");
+      }
+      for (const std::string& record : batch) {
+        if (!step(record, asking)) {
+          return;
+        }
+      }
+    }
+    ::shutdown(server_, SHUT_RDWR);
+    requireEqual(wait(client_, false).text, "throws Broken pipe", "the end");
+  }
+
+ private:
+  /// False after what ends the process.
+  bool step(const std::string& record, bool asking) {
+    const Text seen = read(cutText(record));
+    if (seen.huge) {
+      return false;
+    }
+    std::vector<std::string> lines;
+    const Outcome expected = predicted(record, seen, lines);
+    const Outcome actual = wait(client_, asking);
+    requireEqual(actual.stop, expected.stop, "the assertion");
+    requireEqual(actual.text, expected.text, "the outcome");
+    log_.expect(lines);
+    requireEqual(receiveNow(server_), asking ? "{}" : "<nothing>", "the question");
+    return expected.stop.empty();
+  }
+
+  Log log_;
+  Tovik::Client client_;
+  const int server_;
+};
+
+}  // namespace
+
+}  // namespace fuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static const fuzz::Listener listener;
+  const fuzz::DescriptorCheck descriptors;
+  fuzz::Decisions decisions(data, size);
+  const bool asking = (decisions.byte() & 1) != 0;
+  const std::string_view rest(reinterpret_cast<const char*>(data), size);
+  fuzz::Conversation(listener).run(fuzz::batchesOf(rest.substr(size > 0 ? 1 : 0)), asking);
+  return 0;
+}

@@ -1,0 +1,169 @@
+// Records into a server's connection. The first byte decides whether the peer closes its end right
+// after the last batch, so that answers meet a peer that is gone, or waits for them.
+
+#include "Api/Json/Connection.h"
+
+#include <unistd.h>
+
+#include "Kelvo/Platform/EventLoop.h"
+#include "fuzz/Reader.h"
+#include "fuzz/Support.h"
+
+namespace fuzz {
+
+namespace {
+
+class Conversation {
+ public:
+  /// The connection is the model's: alive until it should be dead.
+  Conversation()
+      : fd_(sockets_.near()), connection_(fd_, [this](auto& connection, const auto& message) {
+          handled_ = Tovik::Message::toStr(message, false).data();
+          connection.acknowledge(++status_);
+        }) {
+    sockets_.nearHasOwner();
+  }
+
+  void run(const std::vector<Batch>& batches, bool hastyPeer) {
+    for (std::size_t i = 0; i < batches.size() && alive_ && !stopped_; ++i) {
+      for (const std::string& record : batches[i]) {
+        require(sendRecord(sockets_.far(), record) == 0, "the peer cannot send");
+      }
+      if (hastyPeer && i + 1 == batches.size()) {
+        closePeer();
+      }
+      for (Batch waiting = batches[i]; !waiting.empty() && alive_ && !stopped_;) {
+        turn(takeText(waiting));
+      }
+    }
+    if (alive_ && !stopped_) {
+      closePeer();
+      turn("");
+    }
+    require(stopped_ || !connection_.isAttached(), "the end was not seen");
+  }
+
+ private:
+  void closePeer() {
+    sockets_.closeFar();
+    peerOpen_ = false;
+  }
+
+  /// One turn of the loop, which delivers one event, which is one text.
+  void turn(const std::string& text) {
+    const Text seen = read(text);
+    if (seen.huge) {
+      stopped_ = true;
+      return;
+    }
+    handled_ = "<nothing>";
+    const auto stop = stoppedBy([] { Kelvo::Platform::EventLoop::current().dispatch(); });
+    predict(text, seen);
+    requireEqual(stop, stop_, "the assertion");
+    log_.expect(expectedLog_);
+    expectedLog_.clear();
+    require((handled_ != "<nothing>") == expectHandler_, "the handler, for " + text);
+    require(!expectHandler_ || read(handled_) == seen, "the message, for " + text);
+    require(connection_.isAttached() == alive_, "whether the connection lives");
+    expectReply();
+  }
+
+  void predict(const std::string& text, const Text& seen) {
+    expectHandler_ = false;
+    stop_.clear();
+    reply_ = alive_ && peerOpen_ ? "<nothing>" : "";
+    log("2 readFdEvent: Connection::readFdEvent(): fd = " + std::to_string(fd_));
+    if (text.empty()) {
+      return predictEnd();
+    }
+    log("3 readFdEvent: msg = '" + text + "'");
+    switch (atServer(seen)) {
+      case AtServer::kInvalid:
+        return log("0 readFdEvent: Connection::readFdEvent(): Invalid JSON message");
+      case AtServer::kStops:
+        stopped_ = true;
+        stop_ = failedCondition(seen);
+        return;
+      case AtServer::kSwallowed:
+        return;
+      case AtServer::kSwitchOn:
+        return predictSwitch(true);
+      case AtServer::kSwitchOff:
+        return predictSwitch(false);
+      case AtServer::kHandled:
+        expectHandler_ = true;
+        return predictReply(status_);
+    }
+  }
+
+  void predictSwitch(bool on) {
+    predictReply(0);
+    log("1 handleNotifMsg: Connection::readFdEvent(): Client (fd = " +
+        std::to_string(alive_ ? fd_ : -1) + ") notification: " + std::to_string(subscribed_) +
+        " -> " + std::to_string(on));
+    subscribed_ = on;
+  }
+
+  void predictReply(unsigned status) {
+    if (subscribed_) {
+      return;
+    }
+    const std::string text = R"({"type":"reply","status":)" + std::to_string(status) + "}";
+    log("3 asyncSendMsg: AsyncSender::asyncSendMSg() -> " + text);
+    log("2 flushQueue: AsyncSender::flushQueue(), queue size = 1");
+    if (!peerOpen_) {
+      return predictEnd();
+    }
+    reply_ = text;
+  }
+
+  void predictEnd() {
+    alive_ = false;
+    log("1 terminateConnection: AsyncSender::terminateConnection(): fd = " + std::to_string(fd_));
+  }
+
+  /// What the peer gets of this turn. At its own end it has read everything, so there is no reset.
+  void expectReply() {
+    if (!peerOpen_) {
+      return;
+    }
+    if (!alive_) {
+      const auto end = receiveNow(sockets_.far());
+      return require(end == "<end>" || end == "<reset>", "no end at the peer, but " + end);
+    }
+    requireEqual(receiveNow(sockets_.far()), reply_, "the reply");
+    require(reply_ == "<nothing>" || receiveNow(sockets_.far()) == "<nothing>", "a second reply");
+  }
+
+  void log(const std::string& line) { expectedLog_.push_back(line); }
+
+  Pair sockets_;
+  const int fd_;
+  Log log_;
+  std::string handled_;
+  unsigned status_ = 0;
+  Tovik::Connection connection_;
+
+  // The model.
+  bool alive_ = true;
+  bool stopped_ = false;
+  bool peerOpen_ = true;
+  bool subscribed_ = false;
+  bool expectHandler_ = false;
+  std::string stop_, reply_;
+  std::vector<std::string> expectedLog_;
+};
+
+}  // namespace
+
+}  // namespace fuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  Kelvo::Platform::EventLoop::current();
+  const fuzz::DescriptorCheck descriptors;
+  fuzz::Decisions decisions(data, size);
+  const bool hastyPeer = (decisions.byte() & 1) != 0;
+  const std::string_view rest(reinterpret_cast<const char*>(data), size);
+  fuzz::Conversation().run(fuzz::batchesOf(rest.substr(size > 0 ? 1 : 0)), hastyPeer);
+  return 0;
+}

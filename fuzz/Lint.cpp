@@ -1,0 +1,63 @@
+// The tool's judgement of a text, which is to be right about what the text would do at either end.
+
+#include "tool/Lint.h"
+
+#include "Api/Json/Types.h"
+#include "fuzz/Reader.h"
+#include "fuzz/Support.h"
+
+namespace fuzz {
+
+namespace {
+
+tool::Switch switchOf(AtServer outcome) {
+  switch (outcome) {
+    case AtServer::kSwitchOn:
+      return tool::Switch::kOn;
+    case AtServer::kSwitchOff:
+      return tool::Switch::kOff;
+    case AtServer::kSwallowed:
+      return tool::Switch::kSwallowed;
+    default:
+      return tool::Switch::kNone;
+  }
+}
+
+void judge(std::string_view text) {
+  const tool::Lint lint = tool::lint(text);
+  const Text seen = read(text);
+  if (seen.huge) {
+    return;
+  }
+  const bool json = seen.root != Text::Root::kNotJson && text.find('\0') == std::string_view::npos;
+  require(lint.notJson.empty() == json, "whether it is JSON: " + lint.notJson);
+  if (!json) {
+    return;
+  }
+  require(lint.isObject() == (seen.root == Text::Root::kObject), "the root");
+  require(lint.endsServer.empty() == (atServer(seen) != AtServer::kStops), "what ends a server");
+  require(lint.notification == switchOf(atServer(seen)), "the switch");
+  const AtClient outcome = atClient(seen);
+  require(lint.endsClient.empty() == (outcome != AtClient::kStops), "what ends a client");
+  require(lint.replyStatus.has_value() == (outcome == AtClient::kStatus), "a valid reply");
+  require(!lint.replyStatus || *lint.replyStatus == seen.status.number, "the status");
+  require(lint.noReply.empty() == (outcome == AtClient::kStatus || outcome == AtClient::kStops),
+          "why it is no reply");
+
+  Tovik::Message message;
+  message.Parse(std::string(text).c_str());
+  requireEqual(lint.compact, Tovik::Message::toStr(message, false).data(), "the compact text");
+  require(read(lint.compact) == seen, "the compact text means something else");
+  require(tool::whyNotSendable(lint).empty() ==
+              (lint.isObject() && lint.endsServer.empty() && lint.compact.size() <= 4094),
+          "whether it may be sent");
+}
+
+}  // namespace
+
+}  // namespace fuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  fuzz::judge({reinterpret_cast<const char*>(data), size});
+  return 0;
+}

@@ -1,0 +1,182 @@
+#include "fuzz/Support.h"
+
+#include <assert.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+void __assert_fail(const char* condition, const char* /*file*/, unsigned /*line*/,
+                   const char* /*function*/) {
+  throw fuzz::Stop{condition};
+}
+
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+  std::signal(SIGPIPE, SIG_IGN);
+  return 0;
+}
+
+namespace fuzz {
+
+void finding(const std::string& what) {
+  std::fprintf(stderr, "FINDING: %s\n", what.c_str());
+  std::abort();
+}
+
+void requireEqual(const std::string& actual, const std::string& expected, const char* what) {
+  require(actual == expected,
+          std::string(what) + "\n  expected: " + expected + "\n  actual:   " + actual);
+}
+
+std::string stoppedBy(const std::function<void()>& step) {
+  try {
+    step();
+  } catch (const Stop& stop) {
+    return stop.condition;
+  }
+  return {};
+}
+
+namespace {
+
+int lowestFreeDescriptor() {
+  const int fd = ::dup(STDERR_FILENO);
+  ::close(fd);
+  return fd;
+}
+
+}  // namespace
+
+DescriptorCheck::DescriptorCheck() : lowestFree_(lowestFreeDescriptor()) {}
+
+DescriptorCheck::~DescriptorCheck() noexcept(false) {
+  require(lowestFreeDescriptor() == lowestFree_, "a descriptor was left open");
+}
+
+std::vector<Batch> batchesOf(std::string_view input) {
+  constexpr std::size_t kMostRecords = 64;  // what any socket has room for
+  std::vector<Batch> batches;
+  Batch batch;
+  while (!input.empty()) {
+    const auto end = std::min(input.find_first_of("\x1D\x1E"), input.size());
+    batch.emplace_back(input.substr(0, end));
+    const bool last = end == input.size() || input[end] == '\x1D';
+    input.remove_prefix(std::min(end + 1, input.size()));
+    if (last || input.empty() || batch.size() == kMostRecords) {
+      batches.push_back(std::exchange(batch, {}));
+    }
+  }
+  return batches;
+}
+
+namespace {
+
+constexpr std::size_t kLongestRead = 4095;
+
+std::string upToNul(const std::string& bytes) {
+  return bytes.substr(0, bytes.find('\0'));
+}
+
+}  // namespace
+
+std::string takeText(Batch& waiting) {
+  std::string text;
+  while (!waiting.empty()) {
+    const std::string arrived = waiting.front().substr(0, kLongestRead);
+    waiting.pop_front();
+    text += upToNul(arrived);
+    if (arrived.size() < kLongestRead) {
+      break;
+    }
+  }
+  return text;
+}
+
+std::string cutText(const std::string& record) {
+  return upToNul(record.substr(0, kLongestRead));
+}
+
+int sendRecord(int fd, const std::string& record) {
+  const auto sent = ::send(fd, record.data(), record.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+  return sent < 0 ? -errno : 0;
+}
+
+std::string receiveNow(int fd) {
+  static char buffer[300000];  // more than any record
+  const auto length = ::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
+  if (length < 0) {
+    return errno == EAGAIN ? "<nothing>" : errno == ECONNRESET ? "<reset>" : "<error>";
+  }
+  return length == 0 ? "<end>" : std::string(buffer, static_cast<std::size_t>(length));
+}
+
+Pair::Pair() {
+  int fds[2];
+  require(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, fds) == 0, "no socketpair");
+  near_ = fds[0];
+  far_ = fds[1];
+}
+
+Pair::~Pair() {
+  if (near_ >= 0) {
+    ::close(near_);
+  }
+  closeFar();
+}
+
+void Pair::closeFar() {
+  if (far_ >= 0) {
+    ::close(std::exchange(far_, -1));
+  }
+}
+
+Listener::Listener()
+    : name_("tovik-fuzz-" + std::to_string(::getpid())), fd_(::socket(AF_UNIX, SOCK_SEQPACKET, 0)) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path + 1, name_.data(), name_.size());
+  require(::bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+              ::listen(fd_, 5) == 0,
+          "cannot listen");
+}
+
+int Listener::accept() const {
+  const int fd = ::accept(fd_, nullptr, nullptr);
+  require(fd >= 0, "nothing to accept");
+  return fd;
+}
+
+Log::Log() {
+  Kelvo::Platform::setDebugSink("Tovik", [this](const Kelvo::Platform::DebugRecord& record) {
+    lines_.push_back(std::to_string(record.level) + " " + record.function + ": " + record.text);
+  });
+  Kelvo::Platform::setDebugLevels("Tovik", 0xF);
+}
+
+Log::~Log() {
+  Kelvo::Platform::setDebugLevels("Tovik", 0);
+  Kelvo::Platform::setDebugSink("Tovik", nullptr);
+}
+
+void Log::expect(const std::vector<std::string>& lines) {
+  const auto joined = [](const std::vector<std::string>& all) {
+    std::string text;
+    for (const std::string& line : all) {
+      text += line + "\n";
+    }
+    return text;
+  };
+  if (lines_ != lines) {
+    requireEqual(joined(lines_), joined(lines), "the log");
+  }
+  lines_.clear();
+}
+
+}  // namespace fuzz

@@ -1,0 +1,142 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Kelvo/Platform/Debug.h"
+
+// What the fuzz targets share. Each runs one input against the real library on real sockets, and
+// compares every step with what a small model of it says.
+
+namespace fuzz {
+
+/// Ends the run: libFuzzer keeps the input.
+[[noreturn]] void finding(const std::string& what);
+
+inline void require(bool condition, const std::string& what) {
+  if (!condition) {
+    finding(what);
+  }
+}
+
+void requireEqual(const std::string& actual, const std::string& expected, const char* what);
+
+/// An assertion of the library that failed. In an application this is the end of the process; here
+/// the harness defines __assert_fail, which throws one of these instead. That is sound: this
+/// build's <assert.h> promises no compiler that the function does not throw, so every frame on the
+/// way has its clean-up code; none of them is noexcept; and the library and its event loop promise
+/// to come through an exception of the application with nothing leaked or half done, which this one
+/// is to them. The leak checker and the count of descriptors hold them to it.
+struct Stop {
+  std::string condition;
+};
+
+/// Runs `step`; the condition of the assertion that stopped it, or "".
+std::string stoppedBy(const std::function<void()>& step);
+
+/// Holds that the input has left as many descriptors open as it found.
+class DescriptorCheck {
+ public:
+  DescriptorCheck();
+  DescriptorCheck(const DescriptorCheck&) = delete;
+  DescriptorCheck& operator=(const DescriptorCheck&) = delete;
+  ~DescriptorCheck() noexcept(false);
+
+ private:
+  const int lowestFree_;
+};
+
+/// The fuzzer's bytes as a stream of small decisions; zeros when they have run out.
+class Decisions {
+ public:
+  Decisions(const std::uint8_t* data, std::size_t size) : data_(data), left_(size) {}
+
+  bool any() const { return left_ > 0; }
+  unsigned byte() {
+    if (left_ == 0) {
+      return 0;
+    }
+    --left_;
+    return *data_++;
+  }
+  /// Less than `bound`.
+  unsigned below(unsigned bound) { return byte() % bound; }
+
+ private:
+  const std::uint8_t* data_;
+  std::size_t left_;
+};
+
+// Records. The bytes 0x1D and 0x1E, which JSON has no use for, cut an input into records; 0x1D also
+// ends a batch, the records that are in the socket together before anything reads.
+
+using Batch = std::deque<std::string>;
+std::vector<Batch> batchesOf(std::string_view input);
+
+/// What one `asyncRead` makes of the records that wait, which it takes: each cut to 4095 bytes and
+/// at its first NUL, and joined with the next after a read of just that length.
+std::string takeText(Batch& waiting);
+
+/// What one blocking read makes of a record.
+std::string cutText(const std::string& record);
+
+// Sockets.
+
+/// Sends a record, without waiting. The negated errno, or 0.
+int sendRecord(int fd, const std::string& record);
+
+/// Takes the next record; "<nothing>", "<end>" (also for a record without bytes) or "<reset>".
+std::string receiveNow(int fd);
+
+/// A pair of connected sockets. What is left of it is closed.
+class Pair {
+ public:
+  Pair();
+  Pair(const Pair&) = delete;
+  Pair& operator=(const Pair&) = delete;
+  ~Pair();
+
+  int near() const { return near_; }
+  int far() const { return far_; }
+  /// Somebody else owns the near end from now on.
+  void nearHasOwner() { near_ = -1; }
+  void closeFar();
+
+ private:
+  int near_;
+  int far_;
+};
+
+/// A server of raw sockets, for clients to connect to.
+class Listener {
+ public:
+  Listener();
+  const char* name() const { return name_.c_str(); }
+  int accept() const;
+
+ private:
+  const std::string name_;
+  const int fd_;
+};
+
+/// Collects what the library logs, as "level function: text" without the function's class.
+class Log {
+ public:
+  Log();
+  Log(const Log&) = delete;
+  Log& operator=(const Log&) = delete;
+  ~Log();
+
+  /// Holds that these lines, and no others, have been logged since the last time.
+  void expect(const std::vector<std::string>& lines);
+
+ private:
+  std::vector<std::string> lines_;
+};
+
+}  // namespace fuzz

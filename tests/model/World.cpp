@@ -1,0 +1,371 @@
+#include "tests/model/World.h"
+
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <new>
+
+#include "Kelvo/Platform/EventLoop.h"
+#include "tests/model/VirtualClock.h"
+
+using Kelvo::Platform::EventLoop;
+
+namespace model {
+
+namespace {
+
+void require(bool condition, const std::string& what) {
+  if (!condition) {
+    throw Difference{what};
+  }
+}
+
+void requireEqual(const std::string& actual, const std::string& expected, const std::string& what) {
+  require(actual == expected, what + ": expected " + expected + ", got " + actual);
+}
+
+/// For records that are small.
+std::string receiveRaw(int fd) {
+  char buffer[512];
+  const auto length = ::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
+  if (length < 0) {
+    return errno == EAGAIN ? "<nothing>" : errno == ECONNRESET ? "<reset>" : std::strerror(errno);
+  }
+  return length == 0 ? "<end>" : std::string(buffer, static_cast<std::size_t>(length));
+}
+
+/// The number that the next descriptor to be opened gets.
+int nextDescriptor() {
+  const int fd = ::dup(STDERR_FILENO);
+  ::close(fd);
+  return fd;
+}
+
+/// Real seconds, which the virtual clock does not stop.
+long realSeconds() {
+  timespec time{};
+  clock_gettime(CLOCK_MONOTONIC_RAW, &time);
+  return time.tv_sec;
+}
+
+constexpr long kPatience = 20;  // seconds
+
+Report* sharedReport() {
+  void* const memory =
+      ::mmap(nullptr, sizeof(Report), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  return new (memory) Report;
+}
+
+std::string textOf(const std::map<std::string, unsigned>& lines) {
+  std::string text;
+  for (const auto& [line, count] : lines) {
+    text += "\n  " + std::to_string(count) + " times: " + line;
+  }
+  return text;
+}
+
+std::string placeText(unsigned place) {
+  return "client " + std::to_string(place);
+}
+
+}  // namespace
+
+World::World()
+    : name_(uniqueName()),
+      model_(VirtualClock::now()),
+      report_(sharedReport()),
+      openAtFirst_((EventLoop::current(), openDescriptors().size())) {}
+
+World::~World() {
+  server_.reset();
+  ::munmap(report_, sizeof(Report));
+}
+
+// --- the server ---
+
+void World::startServer(bool inChild) {
+  report_->validations = report_->readEvents = 0;
+  inChild_ = inChild;
+  log_.readEvents = 0;
+  if (inChild) {
+    server_ = std::make_unique<ChildServer>(name_, report_);
+  } else {
+    server_ = std::make_unique<LocalServer>(name_, report_);
+  }
+  model_.start();
+}
+
+void World::stopServer() {
+  server_.reset();
+  model_.stop();
+}
+
+void World::notify(unsigned count) {
+  for (unsigned i = 0; i < count; ++i) {
+    server_->notify(++lastNumber_);
+    model_.notify(notice(lastNumber_));
+  }
+}
+
+void World::admit(bool yes) {
+  report_->admits = yes;
+  model_.admits = yes;
+}
+
+void World::freeDead() {
+  server_->freeDead();
+}
+
+// --- clients ---
+
+void World::connect(unsigned place) {
+  const bool expected = model_.connect(place);
+  bool connected = false;
+  if (place < kRawClients) {
+    raw_[place] = rawConnect(name_);
+    descriptors_[place] = raw_[place].get();
+    connected = raw_[place].get() >= 0;
+  } else {
+    descriptors_[place] = nextDescriptor();
+    try {
+      blocking_[place - kRawClients] = std::make_unique<Tovik::Client>(name_.c_str());
+      connected = true;
+    } catch (const Tovik::SocketException& error) {
+      requireEqual(error.what(), std::strerror(ECONNREFUSED), "a refused connect");
+    }
+  }
+  require(connected == expected, placeText(place) + " connects");
+}
+
+void World::send(unsigned place, Kind kind) {
+  const std::string text = record(kind, ++lastNumber_, place);
+  if (place >= kFirstAsync) {
+    model_.asyncSend(place, text);
+    if (kind != Kind::kNotJson) {
+      async_[place - kFirstAsync].client->asyncSendMsg(parsed(text));
+    }
+    return;
+  }
+  const int expected = model_.send(place, text);
+  if (place < kRawClients) {
+    const auto sent = ::send(descriptors_[place], text.data(), text.size(), MSG_NOSIGNAL);
+    require((sent < 0 ? errno : 0) == expected, "what a send meets");
+    return;
+  }
+  const int result = blocking_[place - kRawClients]->sendMsg(parsed(text), false);
+  require(result == (expected == 0 ? 0 : -1), "the result of Client::sendMsg");
+  const std::string line = "Client::sendMsg(): Failed to write() ";
+  require(expected == 0 || log_.errors.erase(line + std::strerror(expected)) == 1,
+          "the log of Client::sendMsg");
+}
+
+void World::close(unsigned place) {
+  model_.close(place);
+  if (place < kRawClients) {
+    raw_[place].reset();
+  } else {
+    blocking_[place - kRawClients].reset();
+  }
+}
+
+void World::setReading(unsigned place, bool reading) {
+  model_.clients[place].reading = reading;
+}
+
+void World::create(unsigned place, bool subscribes, unsigned interval) {
+  AsyncEnd& end = async_[place - kFirstAsync];
+  end.events.clear();
+  end.client = std::make_unique<Tovik::AsyncClient>(
+      name_.c_str(),
+      [&end](auto&, const auto& message) {
+        end.events.emplace_back(Tovik::Message::toStr(message, false).data());
+      },
+      [&end, subscribes](auto& client) {
+        end.events.emplace_back("connected");
+        if (subscribes) {
+          client.asyncSendMsg(parsed(record(Kind::kOn, 0, 0)));
+        }
+      },
+      static_cast<int>(interval));
+  model_.create(place, subscribes, std::chrono::seconds(interval));
+}
+
+void World::destroy(unsigned place) {
+  async_[place - kFirstAsync].client.reset();
+  async_[place - kFirstAsync].events.clear();
+  model_.destroy(place);
+}
+
+void World::drop(unsigned place) {
+  async_[place - kFirstAsync].client->terminateConnection();
+  model_.drop(place);
+}
+
+void World::retry(unsigned place) {
+  async_[place - kFirstAsync].client->timeout();
+  model_.retry(place);
+}
+
+// --- time, and everybody's turn ---
+
+void World::advance(Time by) {
+  VirtualClock::advance(by);
+  model_.advance(by);
+}
+
+void World::settle() {
+  model_.settle();
+  turnUntilTheServerIsDone();
+  compare();
+  for (unsigned place = 0; place < kFirstAsync; ++place) {
+    if (model_.clients[place].link && model_.clients[place].reading) {
+      drain(place);
+    }
+  }
+}
+
+/// A server of this process is done when the loop is. Of one in a child, and of what it sends to
+/// clients in the loop, the model knows how much is to come.
+void World::turnUntilTheServerIsDone() {
+  const long deadline = realSeconds() + kPatience;
+  const auto isDone = [this] {
+    bool done = !model_.up || (report_->readEvents == model_.readEvents &&
+                               report_->validations == model_.validations);
+    for (unsigned i = 0; i < kAsyncClients; ++i) {
+      const Client& client = model_.clients[kFirstAsync + i];
+      done = done && async_[i].events.size() >= client.events.size() &&
+             (!async_[i].client || async_[i].client->isAttached() == (client.link != nullptr));
+    }
+    return done;
+  };
+  do {
+    turnUntilIdle();
+  } while (inChild_ && !isDone() && realSeconds() < deadline &&
+           (EventLoop::current().runOnce(std::chrono::milliseconds(1)), true));
+}
+
+void World::compare() {
+  for (unsigned i = 0; i < kAsyncClients; ++i) {
+    Client& client = model_.clients[kFirstAsync + i];
+    const std::string who = placeText(kFirstAsync + i);
+    const auto& events = async_[i].events;
+    for (std::size_t at = 0; at < std::max(events.size(), client.events.size()); ++at) {
+      requireEqual(at < events.size() ? events[at] : "nothing",
+                   at < client.events.size() ? client.events[at] : "nothing", "event of " + who);
+    }
+    async_[i].events.clear();
+    client.events.clear();
+    require(!async_[i].client || async_[i].client->isAttached() == (client.link != nullptr),
+            "whether " + who + " is connected");
+  }
+  compareServer();
+  compareLog();
+}
+
+void World::compareServer() {
+  for (unsigned place = 0; place < kClients; ++place) {
+    const auto& expected = model_.handled[place];
+    require(report_->handled[place] == expected.size(),
+            "messages of " + placeText(place) + " handled");
+    if (auto* local = dynamic_cast<LocalServer*>(server_.get())) {
+      require(local->handled[place] == expected, "the messages of " + placeText(place));
+      local->handled[place].clear();
+    }
+    report_->handled[place] = 0;
+    model_.handled[place].clear();
+  }
+  if (model_.up) {
+    const unsigned readEvents = inChild_ ? report_->readEvents.load() : log_.readEvents;
+    require(readEvents == model_.readEvents, "read events of the server's connections: expected " +
+                                                 std::to_string(model_.readEvents) + ", got " +
+                                                 std::to_string(readEvents));
+    require(report_->validations == model_.validations, "clients judged");
+  }
+}
+
+void World::compareLog() {
+  for (auto [line, count] :
+       {std::pair(kInvalid, &report_->invalid), std::pair(kReadReset, &report_->readResets)}) {
+    if (const unsigned more = count->exchange(0)) {
+      log_.errors[line] += more;
+    }
+  }
+  if (inChild_) {
+    // How much a client that is refused has sent by then is a race between two processes.
+    for (const char* line : {kReadReset, kWriteReset}) {
+      log_.errors.erase(line);
+      model_.log.erase(line);
+    }
+  }
+  requireEqual(textOf(log_.errors), textOf(model_.log), "the log of errors");
+}
+
+// --- what raw and blocking clients receive ---
+
+void World::drain(unsigned place) {
+  Link& link = *model_.clients[place].link;
+  const long deadline = realSeconds() + kPatience;
+  while (true) {
+    const std::string expected = model_.next(place);
+    const std::string actual = receive(place);
+    if (actual == "<nothing>" && expected != actual && realSeconds() < deadline) {
+      EventLoop::current().runOnce(std::chrono::milliseconds(inChild_ ? 1 : 0));
+      continue;  // what did not fit into the socket at first is on its way
+    }
+    if (actual == "<end>" && link.mayBeCut && link.readSince >= kSurelyInSocket) {
+      link.toClient.clear();
+    } else {
+      requireEqual(actual, expected, placeText(place) + " receives");
+    }
+    if (actual == "<nothing>" || actual == "<end>") {
+      return;
+    }
+    model_.take(place);
+  }
+}
+
+std::string World::receive(unsigned place) {
+  pollfd query{descriptors_[place], POLLIN, 0};
+  if (::poll(&query, 1, 0) == 0) {
+    return "<nothing>";
+  }
+  return place < kRawClients ? receiveRaw(descriptors_[place])
+                             : receiveBlocking(*blocking_[place - kRawClients], model_.next(place));
+}
+
+std::string World::receiveBlocking(const Tovik::Client& client, const std::string& expected) {
+  try {
+    if (expected.rfind(R"({"type":"reply")", 0) == 0) {
+      return reply(static_cast<unsigned>(client.waitAck()));
+    }
+    return Tovik::Message::toStr(client.waitForMsg(), false).data();
+  } catch (const Tovik::SocketException& error) {
+    const std::string text = error.what();
+    return text == std::strerror(ECONNRESET) ? "<reset>"
+           : text == std::strerror(EPIPE)    ? "<end>"
+                                             : text;
+  }
+}
+
+void World::finish() {
+  for (unsigned place = 0; place < kFirstAsync; ++place) {
+    if (model_.clients[place].link) {
+      close(place);
+    }
+  }
+  for (unsigned place = kFirstAsync; place < kClients; ++place) {
+    destroy(place);
+  }
+  settle();
+  if (model_.up) {
+    stopServer();
+  }
+  require(openDescriptors().size() == openAtFirst_, "descriptors are left open");
+}
+
+}  // namespace model
