@@ -6,8 +6,10 @@ if(TOVIK_WERROR)
   target_compile_options(tovik_flags INTERFACE -Werror)
 endif()
 if(TOVIK_SANITIZE)
-  target_compile_options(tovik_flags INTERFACE -fsanitize=${TOVIK_SANITIZE} -fno-omit-frame-pointer
-                                               -fno-sanitize-recover=all)
+  # The check of virtual calls probes memory through a pipe, and so raises a false alarm in the tests
+  # that use up all descriptors.
+  target_compile_options(tovik_flags INTERFACE -fsanitize=${TOVIK_SANITIZE} -fno-sanitize=vptr
+                                               -fno-omit-frame-pointer -fno-sanitize-recover=all)
   target_link_options(tovik_flags INTERFACE -fsanitize=${TOVIK_SANITIZE})
 endif()
 
