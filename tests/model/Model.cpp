@@ -131,7 +131,8 @@ void Model::handle(Link& link, const std::string& text) {
     }
     link.subscribed = on;
   } else if (text != record(Kind::kSwallowed, 0, 0)) {
-    handled[static_cast<std::size_t>(text[text.size() - 2] - '0')].push_back(text);
+    const auto place = static_cast<std::size_t>(text[text.size() - 2] - '0');
+    handled[place][link.number].push_back(text);
     if (text.rfind("{\"echo\"", 0) == 0) {
       answer(link, text);
     } else if (text.rfind("{\"call\"", 0) == 0 && !link.subscribed) {
@@ -144,6 +145,7 @@ void Model::handle(Link& link, const std::string& text) {
 
 std::shared_ptr<Link> Model::newLink() {
   backlog_.push_back(std::make_shared<Link>());
+  backlog_.back()->number = ++lastLink_;
   return backlog_.back();
 }
 

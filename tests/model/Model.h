@@ -38,6 +38,7 @@ extern const char* const kWriteReset;
 
 /// One connection.
 struct Link {
+  unsigned number = 0;                         // in the order of connecting
   std::deque<std::string> toServer, toClient;  // sent and not read
   bool accepted = false;
   bool subscribed = false;
@@ -101,8 +102,8 @@ class Model {
   // What the server has seen since its start, and what all have since it was last cleared.
   unsigned validations = 0;
   unsigned readEvents = 0;
-  std::array<std::vector<std::string>, kClients> handled;
-  std::map<std::string, unsigned> log;  // lines of level 0
+  std::array<std::map<unsigned, std::vector<std::string>>, kClients> handled;  // by link
+  std::map<std::string, unsigned> log;                                         // lines of level 0
 
  private:
   std::shared_ptr<Link> newLink();
@@ -117,6 +118,7 @@ class Model {
   void lose(Client& client);
 
   Time now_;
+  unsigned lastLink_ = 0;
   std::deque<std::shared_ptr<Link>> backlog_;
   std::vector<std::shared_ptr<Link>> links_;  // accepted, and open at the server
 };
