@@ -21,6 +21,20 @@ namespace Tovik {
 
 std::atomic<int> unattachedSenders{0};
 
+namespace {
+
+/// The only text leaves by the back: a deque whose end moves on with each text would need memory
+/// again and again.
+void dropFirst(std::deque<Kelvo::String>& queue) {
+  if (queue.size() == 1) {
+    queue.pop_back();
+  } else {
+    queue.pop_front();
+  }
+}
+
+}  // namespace
+
 AsyncSender::AsyncSender() : readBufferSize_(kReadBufferSize) {
   unattachedSenders.fetch_add(1, std::memory_order_relaxed);
 }
@@ -53,7 +67,7 @@ void AsyncSender::flushQueue() {
   while (!sendQueue_.empty()) {
     const Kelvo::String& text = sendQueue_.front();
     if (::write(fdControl_->fd(), text.data(), text.size()) >= 0) {
-      sendQueue_.pop_front();  // a record is written whole or not at all
+      dropFirst(sendQueue_);  // a record is written whole or not at all
       continue;
     }
     if (errno == EPIPE) {

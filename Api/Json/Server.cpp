@@ -1,6 +1,4 @@
-// The listening end. readable -> free the dead -> accept -> credentials -> validator ->
-// non-blocking
-// -> connection.
+// The listening end. readable -> free the dead -> accept -> credentials -> validator -> connection.
 
 #include "Api/Json/Assertions.h"
 //
