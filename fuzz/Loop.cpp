@@ -94,7 +94,6 @@ struct HandlerState {
   Pause pause;
   bool closedFirst = false;  // its descriptor was closed while it was attached
   bool overridden = false;   // and the number has gone to another handler since
-  unsigned lastAttachedTurn = 0;
   std::array<TimerState, 2> timers;
 };
 
@@ -110,6 +109,9 @@ struct Turn {
   unsigned firstNewOrder = 0;
   bool called = false;
   bool disturbed = false;  // overtaken by another turn, or left by an exception
+  // A handler with a withheld timer was detached. That timer comes next turn, and what was due
+  // after it may have to wait with it.
+  bool letGo = false;
 };
 
 class World {
@@ -280,9 +282,10 @@ class World {
     if (!state.overridden && file != table_.end()) {
       watched_.erase({file->second, state.fd});
     }
-    // A timer that was withheld comes in the next turn; whether the loop has come past it in this
-    // one already, nobody can see.
-    state.lastAttachedTurn = lastTurn_;
+    for (Turn* turn : turns_) {
+      const TimerState& guarded = state.timers[1];
+      turn->letGo |= guarded.pending && guarded.deadline <= VirtualClock::now();
+    }
     state.fd = -1;
     state.registration = 0;
     state.interest = false;
@@ -485,7 +488,7 @@ class World {
   }
 
   void end(const Turn& turn) {
-    const bool sure = !turn.disturbed && !hasLetGo(turn);
+    const bool sure = !turn.disturbed && !turn.letGo;
     for (unsigned place = 0; place < kHandlers; ++place) {
       HandlerState& state = states_[place];
       const auto ready = turn.ready.find(state.registration);
@@ -504,14 +507,6 @@ class World {
     if (sure) {
       requireTimers(turn);
     }
-  }
-
-  /// Whether a withheld timer's handler was detached in that turn. Such a timer comes next turn,
-  /// and those that were due after it may have to wait with it.
-  bool hasLetGo(const Turn& turn) const {
-    return std::any_of(states_.begin(), states_.end(), [&turn](const HandlerState& state) {
-      return state.timers[1].pending && state.lastAttachedTurn >= turn.number;
-    });
   }
 
   void requireTimers(const Turn& turn) const {
