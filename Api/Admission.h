@@ -23,20 +23,21 @@
 
 #include "Kelvo/String.h"
 
-// Ready-made admission for `Tovik::Server`. Rules are plain values: make them, combine them, hand
-// one to the server as its validator.
-//
-//     using namespace Tovik::Admission;
-//     Tovik::Server server("adder", handler, root() || (sameUser() && ratePerUser(5, 20)));
-//
-// Everything fails closed: a rule that cannot be decided refuses, negated or not.
-//
-// No rule looks at the process id. The kernel notes it when the client connects; by the time it is
-// looked at, that process may be gone and its number another's, and a connected socket may have
-// been handed on. It serves for logs, not for decisions.
-//
-// In another user namespace the kernel shows every user that has no mapping here as 65534, and
-// every such group likewise: that number stands for many, and rules treat them as one.
+/// @file
+/// Ready-made admission for `Tovik::Server`. Rules are plain values: make them, combine them, hand
+/// one to the server as its validator.
+///
+///     using namespace Tovik::Admission;
+///     Tovik::Server server("adder", handler, root() || (sameUser() && ratePerUser(5, 20)));
+///
+/// Everything fails closed: a rule that cannot be decided refuses, negated or not.
+///
+/// No rule looks at the process id. The kernel notes it when the client connects; by the time it is
+/// looked at, that process may be gone and its number another's, and a connected socket may have
+/// been handed on. It serves for logs, not for decisions.
+///
+/// In another user namespace the kernel shows every user that has no mapping here as 65534, and
+/// every such group likewise: that number stands for many, and rules treat them as one.
 
 namespace Tovik::Admission {
 
@@ -45,14 +46,17 @@ namespace Tovik::Admission {
 /// admitted for certain is refused:
 ///  - an empty callable admits nobody, and neither does anything combined from it;
 ///  - what cannot be told stays so under `!`, and in `&&` and `||` once it is asked for.
+///
 /// What a callable throws leaves through the server, like a validator's own exception.
 ///
 /// Copies share whatever a rule counts, so a rule that is given to two servers limits both
 /// together. Rules that count belong to one thread.
 class Rule {
  public:
+  /// What a rule is made of: true admits, nothing means that it cannot tell.
   using Check = std::function<std::optional<bool>(int pid, unsigned uid, unsigned gid)>;
 
+  /// Takes any callable that `Check` can hold; an empty one makes an empty rule.
   template <class Callable, class = std::enable_if_t<std::is_constructible_v<Check, Callable> &&
                                                      !std::is_same_v<std::decay_t<Callable>, Rule>>>
   Rule(Callable&& callable) : check_(std::forward<Callable>(callable)) {}
@@ -65,9 +69,9 @@ class Rule {
   /// True if it admits nobody because a callable is missing.
   bool empty() const { return !check_; }
 
-  // Operands are asked from left to right, and no more of them than it takes. What stands behind a
-  // refusal counts nothing: put limits last.
-
+  /// Operands are asked from left to right, and no more of them than it takes. What stands behind a
+  /// refusal counts nothing: put limits last.
+  /// @{
   friend Rule operator&&(Rule left, Rule right) {
     return combined(std::move(left), std::move(right), true);
   }
@@ -75,6 +79,7 @@ class Rule {
   friend Rule operator||(Rule left, Rule right) {
     return combined(std::move(left), std::move(right), false);
   }
+  /// @}
 
   /// Admits whomever `rule` refuses, ids included that nobody has thought of; so it is best used to
   /// take some away from those that another rule admits: `groups({100}) && !users({1001})`.
@@ -115,6 +120,7 @@ inline Rule users(std::unordered_set<unsigned> admitted) {
   };
 }
 
+/// The user 0.
 inline Rule root() {
   return users({0});
 }
@@ -141,8 +147,10 @@ inline Rule groups(std::unordered_set<unsigned> admitted) {
 /// of late and not all there ever were.
 class TokenBuckets {
  public:
+  /// Does not jump when somebody sets the time.
   using Clock = std::chrono::steady_clock;
 
+  /// Buckets are full at first.
   TokenBuckets(double perSecond, double burst) : perSecond_(perSecond), burst_(burst) {}
 
   /// True if the user had a token, which is then taken. A time before the last one counts as it.
@@ -158,6 +166,7 @@ class TokenBuckets {
     return true;
   }
 
+  /// How many users are remembered.
   std::size_t size() const { return buckets_.size(); }
 
  private:
@@ -194,7 +203,7 @@ class TokenBuckets {
 /// Each user may connect `burst` times at once, and `perSecond` times a second in the long run. It
 /// limits how often users connect, not how many connections they keep. Refused attempts cost the
 /// user nothing. Admits nobody if `burst` is below 1, `perSecond` negative, or either not finite.
-/// @param now the clock, for tests
+/// `now` is the clock, for tests.
 inline Rule ratePerUser(
     double perSecond, double burst,
     std::function<TokenBuckets::Clock::time_point()> now = &TokenBuckets::Clock::now) {
@@ -235,12 +244,14 @@ inline Rule limitPerUser(std::size_t limit, Count count) {
 /// has one, so the name is not this server's. The cost is some microseconds for each descriptor.
 class OpenConnections {
  public:
+  /// Takes the name under which the server listens.
   explicit OpenConnections(const Kelvo::String& serverName) {
     address_.sun_family = AF_UNIX;
     const std::string_view name = serverName.data();  // up to a NUL, as the server takes it
     name.copy(address_.sun_path + 1, sizeof address_.sun_path - 1);
   }
 
+  /// The user's connections, the one that is being judged included.
   std::optional<std::size_t> operator()(unsigned uid) const {
     const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir("/proc/self/fd"), &closedir);
     if (folder == nullptr) {

@@ -15,10 +15,12 @@ class KELVO_API Exception : public std::exception {
   Exception(String&& message, bool external);
   ~Exception() override;
 
+  /// The sentence. It lives as long as the exception.
   const char* what() const noexcept override;
   /// The exception's qualified class name, for logs. A constant, never released.
   virtual const char* name() const noexcept;
 
+  /// As the constructor was told.
   bool external() const noexcept { return external_; }
 
  private:

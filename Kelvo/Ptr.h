@@ -52,17 +52,22 @@ template <class T>
 class Ptr {
  public:
   Ptr() noexcept = default;
+  /// The first or a further handle to `object`, which may be null.
   explicit Ptr(T* object) noexcept : object_(object) {
     if (object_ != nullptr) {
       object_->addReference();
     }
   }
+  /// A further handle to the same object, or one in place of `other`, which is then empty.
+  /// @{
   Ptr(const Ptr& other) noexcept : Ptr(other.object_) {}
   Ptr(Ptr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
   template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
   Ptr(const Ptr<U>& other) noexcept : Ptr(other.get()) {}
+  /// @}
   ~Ptr() { release(object_); }
 
+  /// Releases what it held before.
   Ptr& operator=(Ptr other) noexcept {
     std::swap(object_, other.object_);
     return *this;
@@ -72,11 +77,18 @@ class Ptr {
   /// handle's owner finds it empty already.
   void reset() noexcept { release(std::exchange(object_, nullptr)); }
 
+  /// The object, or null. Not to be dereferenced while empty.
+  /// @{
   T* get() const noexcept { return object_; }
   T* operator->() const noexcept { return object_; }
   T& operator*() const noexcept { return *object_; }
+  /// @}
+
+  /// Whether it holds an object.
+  /// @{
   bool empty() const noexcept { return object_ == nullptr; }
   explicit operator bool() const noexcept { return object_ != nullptr; }
+  /// @}
 
  private:
   static void release(T* object) noexcept {

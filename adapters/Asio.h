@@ -13,6 +13,7 @@ namespace Kelvo::Adapters {
 /// callback throws leaves the host's own `run` at once, and that may be called again.
 class Asio {
  public:
+  /// Watches from now on, until it is destroyed.
   explicit Asio(asio::io_context& host) : waiting_(std::make_shared<Waiting>(host)) {
     waiting_->wait();
   }

@@ -15,6 +15,7 @@ namespace Kelvo::Adapters {
 /// default priority, and also while a callback runs a main loop of its own (a dialog, say).
 class GLib {
  public:
+  /// Watches from now on, until it is destroyed; an exception quits `host`.
   explicit GLib(GMainLoop* host)
       : GLib(g_main_loop_get_context(host), [host] { g_main_loop_quit(host); }) {
     run_ = [host] { g_main_loop_run(host); };

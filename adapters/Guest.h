@@ -5,21 +5,22 @@
 
 #include "Kelvo/Platform/EventLoop.h"
 
-// Adapters let a foreign event loop, the host, carry this library's: servers and asynchronous
-// clients then live in an application that is built on GLib, Qt, sd-event, libuv, Asio or a plain
-// poll. An adapter watches the one descriptor of this thread's loop, level-triggered, and makes one
-// turn without waiting each time the host reports it readable; timers come through it too. One turn
-// at a time, so that the host's own events get theirs under load.
-//
-// What all adapters have in common:
-//  - They belong to the thread that makes them, and the host is run on that thread.
-//  - The host outlives its adapter. The adapter may be destroyed inside a callback that it
-//    delivers; what lives in the loop is then just not served any more.
-//  - An exception out of a callback must not cross a host that is written in C. The adapter keeps
-//    it, makes the host stop, and throws it from its own `run`. An application that runs the host
-//    by its own means calls `rethrow` when the host returns. Until then there are no more turns, so
-//    nothing is lost, and the host may be run again afterwards unless its own rules forbid it.
-//  - `EventLoop::stop` ends `EventLoop::run`, not a host: use the host's own way to stop.
+/// @file
+/// Adapters let a foreign event loop, the host, carry this library's: servers and asynchronous
+/// clients then live in an application that is built on GLib, Qt, sd-event, libuv, Asio or a plain
+/// poll. An adapter watches the one descriptor of this thread's loop, level-triggered, and makes
+/// one turn without waiting each time the host reports it readable; timers come through it too. One
+/// turn at a time, so that the host's own events get theirs under load.
+///
+/// What all adapters have in common:
+///  - They belong to the thread that makes them, and the host is run on that thread.
+///  - The host outlives its adapter. The adapter may be destroyed inside a callback that it
+///    delivers; what lives in the loop is then just not served any more.
+///  - An exception out of a callback must not cross a host that is written in C. The adapter keeps
+///    it, makes the host stop, and throws it from its own `run`. An application that runs the host
+///    by its own means calls `rethrow` when the host returns. Until then there are no more turns,
+///    so nothing is lost, and the host may be run again afterwards unless its own rules forbid it.
+///  - `EventLoop::stop` ends `EventLoop::run`, not a host: use the host's own way to stop.
 
 namespace Kelvo::Adapters {
 
@@ -45,6 +46,7 @@ class Guest {
     return failure_ == nullptr;
   }
 
+  /// Whether an exception is kept.
   bool failed() const noexcept { return failure_ != nullptr; }
 
   /// Throws the exception that is kept, if there is one. The next turn is then possible again.

@@ -60,8 +60,11 @@ class TOVIK_API AsyncSender : public Kelvo::Platform::FdEventHandler {
  protected:
   AsyncSender();
 
-  Kelvo::Ptr<Kelvo::Platform::FdControl> fdControl_;  // empty while there is no socket
+  /// Empty while there is no socket.
+  Kelvo::Ptr<Kelvo::Platform::FdControl> fdControl_;
+  /// The texts that wait, oldest first.
   std::deque<Kelvo::String> sendQueue_;
+  /// 4096: a reader's bytes and the NUL behind them.
   const int readBufferSize_;
 };
 

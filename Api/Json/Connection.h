@@ -26,6 +26,7 @@ namespace Tovik {
 /// either may destroy the connection whose handler runs.
 class TOVIK_API Connection : public AsyncSender {
  public:
+  /// Gets every message that is no notification switch.
   using Handler = std::function<void(Connection&, const Message&)>;
 
   /// Attaches `fd`, an accepted, non-blocking socket, to this thread's event loop and owns it,

@@ -35,6 +35,7 @@ class Message : public rapidjson::Document {
 /// not kept.
 class TOVIK_API SocketException : public Kelvo::Exception {
  public:
+  /// Takes an error number, as `errno` holds it.
   explicit SocketException(int errnum);
   ~SocketException() override;
 

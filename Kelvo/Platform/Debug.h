@@ -8,12 +8,13 @@
 #include "Kelvo/Export.h"
 #include "Kelvo/String.h"
 
-// Debug channels.
-//
-// A channel has a name, a mask of enabled levels and one sink. Libraries ask for a channel's
-// handler once, keep the pointer, and test `enabled(level)` before they format anything, so that a
-// disabled statement costs one load and one branch. Levels start at none. Enabled records go to
-// standard error, one line each, until the application sets a sink of its own.
+/// @file
+/// Debug channels.
+///
+/// A channel has a name, a mask of enabled levels and one sink. Libraries ask for a channel's
+/// handler once, keep the pointer, and test `enabled(level)` before they format anything, so that a
+/// disabled statement costs one load and one branch. Levels start at none. Enabled records go to
+/// standard error, one line each, until the application sets a sink of its own.
 
 namespace Kelvo::Platform {
 
@@ -26,13 +27,17 @@ class KELVO_API DebugStream : public std::ostringstream {
 
 /// One finished record, as a sink sees it.
 struct DebugRecord {
+  /// The name of the channel.
   std::string channel;
+  /// From 0, errors, upwards.
   int level = 0;
   /// The emitting source, as its library names it.
   std::string file;
   /// The emitting function's bare name.
   std::string function;
+  /// The line of that source.
   int line = 0;
+  /// What happened, without a line's end.
   std::string text;
 };
 

@@ -7,53 +7,55 @@
 #include "Kelvo/Platform/TimeoutHandler.h"
 #include "Kelvo/Ptr.h"
 
-// The event loop and its contract.
-//
-// A loop belongs to one thread. Descriptors are watched through an `FdControl`, time through a
-// `Timer`; both call back their handler from inside a turn of the loop, never otherwise. In one
-// turn the loop asks the kernel once what is ready and delivers that.
-//
-// Descriptors
-//  - Readiness is level-triggered: what a callback leaves unread is reported again next turn, and a
-//    listening socket with more clients waiting likewise. `attach` switches read interest on and
-//    leaves the descriptor's flags alone.
-//  - A turn makes at most one read and one write callback per descriptor, read first. Errors and
-//    hang-ups arrive as a read event, so the last data is read before the end is seen.
-//  - A callback is made only for what the kernel has reported in this same turn for this same
-//    registration. Each event carries its registration's generation and is looked up right before
-//    the call; it is dropped if the handler has detached or died, or if the descriptor's number was
-//    closed and reused, earlier in the turn. A false event would be costly: a reader may take an
-//    empty read for the end of a connection, and a blocking `accept` would hang the process.
-//  - `detach` takes the descriptor out of the kernel's set, and the owner closes it afterwards. In
-//    the other order a duplicate in a child process could keep reporting for ever.
-//
-// No progress
-//  - Two conditions can persist while nothing is done about them. They are delivered again at a
-//    falling rate, after 1, 2, 4 ... up to 100 ms, and at once again after progress: write
-//    readiness that is still there right after a write callback which left write interest on; and a
-//    listening socket whose callback attached nothing while the process cannot open another
-//    descriptor.
-//
-// Timers
-//  - Monotonic, in seconds as `double`, true below a millisecond. Arming replaces a pending expiry;
-//    arming inside `timeout()` takes effect. What is armed during a turn expires in a later one.
-//
-// Callbacks
-//  - They may attach, detach, arm and destroy anything, themselves included, may stop the loop, and
-//    may run turns of the same loop; a turn that was overtaken so drops the rest of its batch,
-//    which is reported again.
-//  - An exception out of a callback is first shown to its handler's hook (`handleFdException`,
-//    `handleTimeoutException`). If the hook returns false, the exception leaves `run`, `runOnce` or
-//    `dispatch`. The loop stays usable and no other event is lost.
-//
-// Foreign loops
-//  - `fd()` is one descriptor that becomes readable when anything is due, timers included. A host
-//    watches it for reading, level-triggered, and calls `dispatch()`. There is no state to prepare
-//    before the host waits.
-//
-// Fork
-//  - A child that uses its parent's loop gets a `Kelvo::Exception`. Detaching, disarming and
-//    destroying are allowed there and leave the parent's registrations alone.
+/// @file
+/// The event loop and its contract.
+///
+/// A loop belongs to one thread. Descriptors are watched through an `FdControl`, time through a
+/// `Timer`; both call back their handler from inside a turn of the loop, never otherwise. In one
+/// turn the loop asks the kernel once what is ready and delivers that.
+///
+/// **Descriptors**
+///  - Readiness is level-triggered: what a callback leaves unread is reported again next turn, and
+///    a listening socket with more clients waiting likewise. `attach` switches read interest on and
+///    leaves the descriptor's flags alone.
+///  - A turn makes at most one read and one write callback per descriptor, read first. Errors and
+///    hang-ups arrive as a read event, so the last data is read before the end is seen.
+///  - A callback is made only for what the kernel has reported in this same turn for this same
+///    registration. Each event carries its registration's generation and is looked up right before
+///    the call; it is dropped if the handler has detached or died, or if the descriptor's number
+///    was closed and reused, earlier in the turn. A false event would be costly: a reader may take
+///    an empty read for the end of a connection, and a blocking `accept` would hang the process.
+///  - `detach` takes the descriptor out of the kernel's set, and the owner closes it afterwards. In
+///    the other order a duplicate in a child process could keep reporting for ever.
+///
+/// **No progress**
+///  - Two conditions can persist while nothing is done about them. They are delivered again at a
+///    falling rate, after 1, 2, 4 ... up to 100 ms, and at once again after progress: write
+///    readiness that is still there right after a write callback which left write interest on; and
+///    a listening socket whose callback attached nothing while the process cannot open another
+///    descriptor.
+///
+/// **Timers**
+///  - Monotonic, in seconds as `double`, true below a millisecond. Arming replaces a pending
+///    expiry; arming inside `timeout()` takes effect. What is armed during a turn expires in a
+///    later one.
+///
+/// **Callbacks**
+///  - They may attach, detach, arm and destroy anything, themselves included, may stop the loop,
+///    and may run turns of the same loop; a turn that was overtaken so drops the rest of its batch,
+///    which is reported again.
+///  - An exception out of a callback is first shown to its handler's hook (`handleFdException`,
+///    `handleTimeoutException`). If the hook returns false, the exception leaves `run`, `runOnce`
+///    or `dispatch`. The loop stays usable and no other event is lost.
+///
+/// **Foreign loops**
+///  - `fd()` is one descriptor that becomes readable when anything is due, timers included. A host
+///    watches it for reading, level-triggered, and calls `dispatch()`. There is no state to prepare
+///    before the host waits.
+///
+/// **Fork**
+///  - A child that uses its parent's loop gets a `Kelvo::Exception`. Detaching, disarming and
+///    destroying are allowed there and leave the parent's registrations alone.
 
 namespace Kelvo::Platform {
 

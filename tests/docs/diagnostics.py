@@ -1,0 +1,246 @@
+"""Holds docs/diagnostics.md against the sources, in both directions: every text that they log or
+throw stands on the page, and no other. Runs the page's snippets, and provokes the deaths it
+lists."""
+
+import argparse
+import errno
+import os
+import pathlib
+import re
+import resource
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+DEADLINE = 20  # seconds for anything to happen
+OPTIONS = argparse.Namespace()
+LITERAL = r'"((?:[^"\\]|\\.)*)"'
+
+
+def page():
+    return (OPTIONS.source / "docs/diagnostics.md").read_text()
+
+
+def rows(heading):
+    """The cells of every table row below a heading, code marks taken off."""
+    section = re.search(rf"^## {heading}\n(.*?)(?=^## |\Z)", page(), re.S | re.M).group(1)
+    lines = [line for line in section.splitlines()
+             if re.match(r"\| (?!-|level|from|error|last)", line)]
+    return [[re.sub(r"^(`+)(.*)\1$", r"\2", cell.strip()) for cell in line[1:-1].split(" | ")]
+            for line in lines]
+
+
+def without_names(text):
+    """Names of what varies say nothing to the compiler."""
+    return re.sub(r"\{\w+\}", "{}", text)
+
+
+def sources(*patterns):
+    return [path for pattern in patterns for path in sorted(OPTIONS.source.glob(pattern))]
+
+
+# --- what the sources say ---
+
+
+def balanced(text, start):
+    """From an opening parenthesis to its closing one, without them. Literals may hold others."""
+    depth, at = 0, start
+    while True:
+        if text[at] == '"':
+            at = re.compile(LITERAL).match(text, at).end()
+            continue
+        depth += {"(": 1, ")": -1}.get(text[at], 0)
+        at += 1
+        if depth == 0:
+            return text[start + 1:at - 1]
+
+
+def without_comments(text):
+    return re.sub(rf"({LITERAL})|//[^\n]*", lambda match: match.group(1) or "", text)
+
+
+def pieces(chain, separator):
+    """Splits at a separator that stands in no parentheses and in no literal."""
+    found, depth, last = [], 0, 0
+    for match in re.finditer(rf"{LITERAL}|[()]|{separator}", chain):
+        token = match.group(0)
+        depth += {"(": 1, ")": -1}.get(token, 0)
+        if depth == 0 and re.fullmatch(separator, token):
+            found.append(chain[last:match.start()].strip())
+            last = match.end()
+    return [*found, chain[last:].strip()]
+
+
+def template(chain, separator="<<"):
+    """The text of a chain of pieces: literals as they are, and {} for all else."""
+    return "".join("".join(re.findall(LITERAL, piece))
+                   if re.fullmatch(rf"(?:{LITERAL}\s*)+", piece) else "{}"
+                   for piece in pieces(chain, separator))
+
+
+def logged():
+    """(source as logs name it, level, text) of every log statement."""
+    found = set()
+    for path in sources("Api/**/*.cpp", "Api/**/*.h", "Kelvo/**/*.cpp", "Kelvo/**/*.h"):
+        text = without_comments(path.read_text())
+        for match in re.finditer(r"(?<!define )\bTOVIK_LOG\(", text):
+            level, _, chain = balanced(text, match.end() - 1).partition(",")
+            name = re.search(rf"#define TOVIK_SOURCE_PATH {LITERAL}", text).group(1)
+            found.add((name, level.strip(), template(chain.strip())))
+    return found
+
+
+def thrown():
+    """(file, class, text, external) of every exception that is thrown."""
+    found = set()
+    for path in sources("Api/**/*.cpp", "Api/**/*.h", "Kelvo/**/*.cpp", "Kelvo/**/*.h",
+                        "adapters/*.h"):
+        text = without_comments(path.read_text())
+        file = str(path.relative_to(OPTIONS.source))
+        for match in re.finditer(r"\bthrow\b\s*([\w:]*)", text):
+            if match.group(1):  # otherwise it throws again what was caught
+                argument = balanced(text, text.index("(", match.end()))
+                found.add((file, *what_is_thrown(match.group(1), argument, text)))
+    return found
+
+
+def what_is_thrown(kind, argument, text):
+    if kind == "SocketException":
+        known = getattr(errno, argument, None)
+        return kind, os.strerror(known) if known else "{}", "true"
+    if kind == "systemError":
+        before, after, external = re.search(
+            rf"return \{{{LITERAL} \+ \(call \+ \({LITERAL} \+ reason\)\), (\w+)\}};",
+            text).groups()
+        return "Exception", before + "".join(re.findall(LITERAL, argument)) + after + "{}", external
+    if kind == "Exception":
+        message, external = pieces(argument, ",")
+        return kind, template(message, r"\+"), external
+    return kind, argument, ""
+
+
+# --- the tests ---
+
+
+class Texts(unittest.TestCase):
+    maxDiff = None
+
+    def test_that_are_logged_are_those_of_the_page(self):
+        listed = set()
+        for heading, source in (("Log: servers", "Api/Json/Server"),
+                                ("Log: a server's connections", "Api/Json/Connection"),
+                                ("Log: sending and reading", "Api/Json/Async"),
+                                ("Log: clients", "Api/Json/Client")):
+            self.assertIn(f"## {heading}\n\nFrom `{source}`", page())
+            listed |= {(source, level, without_names(text))
+                       for level, text, _cause, _remedy in rows(heading)}
+        found = logged()
+        self.assertGreater(len(found), 20)
+        self.assertEqual(found, listed)
+
+    def test_that_are_thrown_are_those_of_the_page(self):
+        listed = {(file, "SocketException", without_names(text), "true")
+                  for file, text, *_ in rows("Exceptions of the library") if "/" in file}
+        listed |= {(file, "Exception", without_names(text), external)
+                   for file, text, external, *_ in rows("Exceptions of the base library")}
+        found = thrown()
+        standard = {entry for entry in found if entry[1].startswith("std::")}
+        self.assertEqual({(file, kind) for file, kind, *_ in standard},
+                         {("Kelvo/Platform/EventLoop.cpp", "std::bad_alloc")})
+        self.assertEqual(found - standard, listed)
+
+    def test_of_the_system_are_the_systems(self):
+        reasons = [row for row in rows("Exceptions of the library") if "/" not in row[0]]
+        self.assertGreater(len(reasons), 5)
+        for name, reason, *_ in reasons:
+            self.assertEqual(reason, os.strerror(getattr(errno, name)))
+
+
+class Programs(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.folder = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(cls.folder.cleanup)
+        cls.snippets = dict(re.findall(r"<!-- snippet: (\w+) -->\n```cpp\n(.*?)```", page(), re.S))
+        cls.outputs = dict(re.findall(r"<!-- output: (\w+) -->\n```\n(.*?)```", page(), re.S))
+        for name, text in cls.snippets.items():
+            source = pathlib.Path(cls.folder.name, name + ".cpp")
+            source.write_text(text)
+            libraries = [OPTIONS.tovik, OPTIONS.kelvo]
+            subprocess.run(
+                [OPTIONS.compiler, "-std=c++17", "-Wall", "-Wextra", "-Werror",
+                 *OPTIONS.flags.split(), f"-I{OPTIONS.source}", source, "-o",
+                 source.with_suffix(""), *libraries,
+                 *(f"-Wl,-rpath,{os.path.dirname(library)}" for library in libraries)], check=True)
+
+    def setUp(self):
+        self.name = f"diagnostics-{os.getpid()}-{self.id().split('.')[-1]}"
+
+    def starts(self, snippet, name):
+        process = subprocess.Popen(
+            [pathlib.Path(self.folder.name, snippet), name], stderr=subprocess.PIPE, text=True,
+            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_CORE, (0, 0)))
+        self.addCleanup(process.stderr.close)
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        return process
+
+    def connects(self):
+        connection = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+        self.addCleanup(connection.close)
+        deadline = time.monotonic() + DEADLINE
+        while connection.connect_ex(b"\0" + self.name.encode().ljust(107, b"\0")) != 0:
+            self.assertLess(time.monotonic(), deadline)
+            time.sleep(0.01)
+        return connection
+
+    @staticmethod
+    def numbers_apart(text):
+        return re.sub(r"\d+", "N", text)
+
+    def test_log_lines_as_shown(self):
+        server = self.starts("levels", self.name)
+        self.connects()
+        expected = self.outputs["levels"].splitlines()
+        self.assertEqual(len(expected), 3)
+        for line in expected:
+            self.assertEqual(self.numbers_apart(server.stderr.readline()),
+                             self.numbers_apart(line + "\n"))
+
+    def test_fill_a_sink_as_shown(self):
+        _, errors = self.starts("sink", self.name).communicate(timeout=DEADLINE)
+        self.assertEqual(self.numbers_apart(errors), self.numbers_apart(self.outputs["sink"]))
+
+    def last_words(self, record):
+        server = self.starts("levels", self.name)
+        self.connects().send(record)
+        _, errors = server.communicate(timeout=DEADLINE)
+        self.assertNotEqual(server.returncode, 0)
+        return errors
+
+    def test_die_with_the_last_words_listed(self):
+        listed = [words for words, *_ in rows("What ends the process")]
+        self.assertEqual(len(listed), 4)
+        for words, record in zip(listed, (b"[]", b'{"command":1,"notification":true}')):
+            self.assertIn(words.strip(), self.last_words(record))
+        if not OPTIONS.flags:  # sanitizers have their own words for it
+            _, errors = self.starts("levels", "x" * 107).communicate(timeout=DEADLINE)
+            self.assertIn(listed[2], errors)
+        with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as first:
+            first.bind(b"\0" + self.name.encode().ljust(107, b"\0"))
+            _, errors = self.starts("sink", self.name).communicate(timeout=DEADLINE)
+            self.assertIn(listed[3] + " 'Tovik::SocketException'", errors)
+            self.assertIn(os.strerror(errno.EADDRINUSE), errors)
+
+
+if __name__ == "__main__":
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--source", required=True, type=pathlib.Path)
+    for option in ("--compiler", "--tovik", "--kelvo"):
+        parser.add_argument(option, required=True)
+    parser.add_argument("--flags", default="")
+    parser.parse_args(namespace=OPTIONS)
+    unittest.main(argv=sys.argv[:1])
