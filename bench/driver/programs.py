@@ -16,13 +16,15 @@ FLOOR = "floor-epoll"
 class Contestant:
     """One way to do the work: a server's program and a client's, with their roles."""
 
-    def __init__(self, name, label, program, serve="serve", drive="drive", streams=True):
+    def __init__(self, name, label, program, serve="serve", drive="drive", streams=True,
+                 crowd=None):
         self.name = name
         self.label = label
         self.program = program
         self.serve = serve
         self.drive = drive
         self.streams = streams
+        self.crowd = crowd  # the program of many subscribers, if it has broadcasts
         self.on_path = program not in ("floors", "library")  # wants a socket in the file system
 
 
@@ -30,15 +32,16 @@ CONTESTANTS = [
     Contestant("floor-bytes", "floor (i): blocking, bytes only", "floors", "serve-bytes",
                "drive-bytes"),
     Contestant("floor-json", "floor (ii): blocking, JSON", "floors", "serve-json", "drive-json"),
-    Contestant(FLOOR, "floor (iii): epoll server, JSON", "floors", "serve-epoll", "drive-json"),
-    Contestant(SUBJECT, "Tovik, blocking client", "library"),
+    Contestant(FLOOR, "floor (iii): epoll server, JSON", "floors", "serve-epoll", "drive-json",
+               crowd="floors"),
+    Contestant(SUBJECT, "Tovik, blocking client", "library", crowd="floors"),
     Contestant("floor-async", "floor (iii), epoll client", "floors", "serve-epoll", "drive-epoll",
                streams=False),
     Contestant("tovik-async", "Tovik, asynchronous client", "library", "serve", "drive-async",
                streams=False),
     Contestant("sd-bus", "sd-bus, direct", "sdbus"),
-    Contestant("zeromq", "ZeroMQ, ipc", "zmq"),
-    Contestant("nng", "nng, ipc", "nng"),
+    Contestant("zeromq", "ZeroMQ, ipc", "zmq", crowd="zmq"),
+    Contestant("nng", "nng, ipc", "nng", crowd="nng"),
     Contestant("capnp", "Cap'n Proto RPC", "capnp"),
     Contestant("grpc", "gRPC, unix socket", "grpc"),
 ]
@@ -98,8 +101,8 @@ class Programs:
         command = [*wrapper, self.path(contestant.program), contestant.drive, server.address]
         return self._started(Client(command, placement, environment))
 
-    def crowd(self, server, placement):
-        return self._started(Client([self.path("floors"), "crowd", server.address], placement))
+    def crowd(self, server, placement, program="floors"):
+        return self._started(Client([self.path(program), "crowd", server.address], placement))
 
     def _started(self, process):
         self._running.append(process)

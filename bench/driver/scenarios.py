@@ -98,13 +98,13 @@ def stream(bench, placement):
 
 def broadcast(bench, placement):
     """One message to all subscribers: the server's processor time for each of them."""
-    contestants = bench.pick(FLOOR, SUBJECT)
+    contestants = [c for c in bench.contestants if c.crowd]
     result = {}
     for subscribers, count in bench.sizes.broadcasts.items():
         pairs = {}
         for contestant in contestants:
             server = bench.programs.server(contestant, placement)
-            crowd = bench.programs.crowd(server, placement)
+            crowd = bench.programs.crowd(server, placement, contestant.crowd)
             crowd.do("subscribe", subscribers)
             crowd.do("broadcast", 5)
             pairs[contestant.name] = server, crowd

@@ -1,13 +1,18 @@
 // nng: a req and a rep socket for requests. Notes go through push and pull, which a thread of its
-// own reads; when a request comes that way, it is answered by a pair that goes back.
+// own reads; when a request comes that way, it is answered by a pair that goes back. News go from a
+// pub socket to one sub socket for each subscriber.
 
 #include <nng/nng.h>
 #include <nng/protocol/pipeline0/pull.h>
 #include <nng/protocol/pipeline0/push.h>
+#include <nng/protocol/pubsub0/pub.h>
+#include <nng/protocol/pubsub0/sub.h>
 #include <nng/protocol/reqrep0/rep.h>
 #include <nng/protocol/reqrep0/req.h>
 
+#include <memory>
 #include <thread>
+#include <vector>
 
 #include "bench/peers/Texts.h"
 
@@ -36,6 +41,21 @@ class Socket {
     succeed(nng_msg_alloc(&message, 0));
     succeed(nng_msg_append(message, text.c_str(), text.size() + 1));
     succeed(nng_sendmsg(socket_, message, 0));
+  }
+  void subscribe() { succeed(nng_socket_set(socket_, NNG_OPT_SUB_SUBSCRIBE, "", 0)); }
+
+  /// False if nothing has come in time.
+  bool receive(std::chrono::milliseconds patience) {
+    succeed(
+        nng_socket_set_ms(socket_, NNG_OPT_RECVTIMEO, static_cast<nng_duration>(patience.count())));
+    nng_msg* message = nullptr;
+    const int result = nng_recvmsg(socket_, &message, 0);
+    if (result == NNG_ETIMEDOUT) {
+      return false;
+    }
+    succeed(result);
+    nng_msg_free(message);
+    return true;
   }
   std::string receive() {
     nng_msg* message = nullptr;
@@ -66,10 +86,16 @@ void serve(const std::string& path) {
   const std::string url = "ipc://" + path;
   Socket requests(nng_rep0_open);
   requests.listen(url);
+  Socket news(nng_pub0_open);
+  news.listen(url + "-news");
   std::thread(serveNotes, url).detach();
   announceReady();
   while (true) {
-    requests.send(answerTo(requests.receive().c_str()));
+    const std::string request = requests.receive();
+    if (wantsBroadcast(request)) {
+      news.send(newsText());
+    }
+    requests.send(answerTo(request.c_str()));
   }
 }
 
@@ -103,10 +129,34 @@ class NngClient : public TextClient {
   bool streaming_ = false;
 };
 
+class NngCrowd : public TextCrowd {
+ public:
+  explicit NngCrowd(const std::string& path) : url_("ipc://" + path) { requests_.dial(url_); }
+
+ private:
+  void join() override {
+    members_.push_back(std::make_unique<Socket>(nng_sub0_open));
+    members_.back()->subscribe();
+    members_.back()->dial(url_ + "-news");
+  }
+  void tell() override {
+    requests_.send(kTrigger);
+    requests_.receive();
+  }
+  bool hear(unsigned member, std::chrono::milliseconds patience) override {
+    return members_[member]->receive(patience);
+  }
+
+  const std::string url_;
+  Socket requests_{nng_req0_open};
+  std::vector<std::unique_ptr<Socket>> members_;
+};
+
 }  // namespace
 
 }  // namespace Bench
 
 int main(int argc, char** argv) {
-  return Bench::runPeer<Bench::NngClient>(argc, argv, Bench::serve);
+  return Bench::runPeer<Bench::NngClient>(argc, argv, Bench::serve,
+                                          {{"crowd", Bench::driveCrowd<Bench::NngCrowd>}});
 }

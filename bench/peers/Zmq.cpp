@@ -1,7 +1,9 @@
 // ZeroMQ: REQ and REP for requests. Notes go through a PUSH to a PULL socket, which a thread of its
-// own reads; when a request comes that way, it is answered by a pair that goes back.
+// own reads; when a request comes that way, it is answered by a pair that goes back. News go from a
+// PUB socket to one SUB socket for each subscriber.
 
 #include <thread>
+#include <vector>
 #include <zmq.hpp>
 
 #include "bench/peers/Texts.h"
@@ -42,10 +44,16 @@ void serve(const std::string& path) {
   zmq::context_t context;
   zmq::socket_t requests(context, zmq::socket_type::rep);
   requests.bind(address);
+  zmq::socket_t news(context, zmq::socket_type::pub);
+  news.bind(address + "-news");
   std::thread(serveNotes, std::ref(context), address).detach();
   announceReady();
   while (true) {
-    send(requests, answerTo(received(requests).c_str()));
+    const std::string request = received(requests);
+    if (wantsBroadcast(request)) {
+      send(news, newsText());
+    }
+    send(requests, answerTo(request.c_str()));
   }
 }
 
@@ -82,10 +90,41 @@ class ZmqClient : public TextClient {
   bool streaming_ = false;
 };
 
+class ZmqCrowd : public TextCrowd {
+ public:
+  explicit ZmqCrowd(const std::string& path) : address_("ipc://" + path) {
+    context_.set(zmq::ctxopt::max_sockets, 4096);
+    requests_ = zmq::socket_t(context_, zmq::socket_type::req);
+    requests_.connect(address_);
+  }
+
+ private:
+  void join() override {
+    members_.emplace_back(context_, zmq::socket_type::sub);
+    members_.back().set(zmq::sockopt::subscribe, "");
+    members_.back().connect(address_ + "-news");
+  }
+  void tell() override {
+    send(requests_, kTrigger);
+    received(requests_);
+  }
+  bool hear(unsigned member, std::chrono::milliseconds patience) override {
+    zmq::message_t message;
+    members_[member].set(zmq::sockopt::rcvtimeo, static_cast<int>(patience.count()));
+    return members_[member].recv(message).has_value();
+  }
+
+  const std::string address_;
+  zmq::context_t context_;
+  zmq::socket_t requests_;
+  std::vector<zmq::socket_t> members_;
+};
+
 }  // namespace
 
 }  // namespace Bench
 
 int main(int argc, char** argv) {
-  return Bench::runPeer<Bench::ZmqClient>(argc, argv, Bench::serve);
+  return Bench::runPeer<Bench::ZmqClient>(argc, argv, Bench::serve,
+                                          {{"crowd", Bench::driveCrowd<Bench::ZmqCrowd>}});
 }
