@@ -19,3 +19,37 @@ if(TARGET hostmon)
                    $<$<BOOL:${TOVIK_SOCAT}>:--socat>)
   set_tests_properties(docs.WireIsAsWritten PROPERTIES TIMEOUT 120)
 endif()
+
+# The guides: what a reader would type, and the recipes' C++ in a program of tests.
+set(snippets ${CMAKE_CURRENT_LIST_DIR}/snippets.py)
+if(TARGET tovik_tool)
+  foreach(guide IN ITEMS docs/tutorial docs/recipes docs/why python/README)
+    string(REPLACE "/" "_" name ${guide})
+    add_test(NAME docs.GuideWorks_${name}
+             COMMAND Python3::Interpreter -B -W error ${snippets}
+                     run ${PROJECT_SOURCE_DIR}/${guide}.md --source ${PROJECT_SOURCE_DIR}
+                     --build ${PROJECT_BINARY_DIR} --compiler ${CMAKE_CXX_COMPILER}
+                     "--flags=${TOVIK_SANITIZE_FLAG}")
+    set_tests_properties(docs.GuideWorks_${name} PROPERTIES TIMEOUT 180)
+  endforeach()
+  add_test(NAME docs.BrokenGuidesFail
+           COMMAND Python3::Interpreter -B -W error ${CMAKE_CURRENT_LIST_DIR}/broken.py)
+  set_tests_properties(docs.BrokenGuidesFail PROPERTIES TIMEOUT 180)
+endif()
+
+set(recipes ${CMAKE_CURRENT_BINARY_DIR}/docs/recipes.h)
+add_custom_command(
+  OUTPUT ${recipes}
+  COMMAND Python3::Interpreter -B ${snippets} extract ${PROJECT_SOURCE_DIR}/docs/recipes.md ${recipes}
+  DEPENDS ${snippets} ${PROJECT_SOURCE_DIR}/docs/recipes.md
+  VERBATIM)
+file(MAKE_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/docs)
+tovik_test(recipes_test docs/RecipesTest.cpp ${recipes})
+target_include_directories(recipes_test PRIVATE ${CMAKE_CURRENT_BINARY_DIR}/docs)
+
+add_test(NAME docs.DiagnosticsAreTheSources
+         COMMAND Python3::Interpreter -B -W error ${CMAKE_CURRENT_LIST_DIR}/diagnostics.py
+                 --source ${PROJECT_SOURCE_DIR} --compiler ${CMAKE_CXX_COMPILER}
+                 "--flags=${TOVIK_SANITIZE_FLAG}"
+                 --tovik $<TARGET_FILE:Tovik> --kelvo $<TARGET_FILE:Kelvo>)
+set_tests_properties(docs.DiagnosticsAreTheSources PROPERTIES TIMEOUT 120)
