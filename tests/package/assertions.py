@@ -1,11 +1,13 @@
 """Messages of the wrong shape and names that do not fit end the process, whatever the application,
-or the library, was built with. The argument says whose build is the unfriendly one."""
+or the library, was built with. The argument says whose build is the unfriendly one; "static" means
+the application's, which has the library linked in."""
 
 import os
 import signal
 import sys
 
-from package import CXX, HERE, LIB, PREFIX, SOURCE, WORK, check, flags, run, start
+from package import (CXX, HERE, LIB, PREFIX, SOURCE, STATIC_PREFIX, WORK, check, flags, run,
+                     start)
 
 WRONG = [
     ("client", '{"type":5,"status":0}', "Assertion `IsString()' failed"),
@@ -26,8 +28,9 @@ RIGHT = [
 def build_application():
     """Without assertions, and with its own functions of RapidJSON there for the library to find."""
     program = WORK / f"misuse-{sys.argv[1]}"
+    prefix = STATIC_PREFIX if sys.argv[1] == "static" else PREFIX
     run([CXX, "-std=c++17", "-O0", "-DNDEBUG", "-rdynamic", HERE / "misuse.cpp", "-o", program,
-         *flags(PREFIX, "--cflags", "--libs")])
+         *flags(prefix, "--cflags", "--libs")])
     exported = run(["nm", "-D", "-C", "--defined-only", program])
     for function in ("::FindMember(", "::GetString()", "::GetUint()", "::GetBool()"):
         check("rapidjson::GenericValue" in exported and function in exported,
@@ -46,7 +49,7 @@ def build_library():
     return [build / "Api", build / "Kelvo"]
 
 
-libraries = [PREFIX / LIB] if sys.argv[1] == "application" else build_library()
+libraries = build_library() if sys.argv[1] == "library" else [PREFIX / LIB]
 application = build_application()
 for mode, argument, status in RIGHT:
     done = start(application, mode, argument, libraries=libraries)

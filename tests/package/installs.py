@@ -4,7 +4,7 @@ import filecmp
 import os
 import re
 
-from package import LIB, PREFIX, PUBLIC_HEADERS, SOURCE, check, install, run
+from package import LIB, PREFIX, PUBLIC_HEADERS, SHARED, SOURCE, check, install, run
 
 
 def headers():
@@ -17,6 +17,10 @@ def headers():
 
 
 def libraries():
+    if not SHARED:
+        found = sorted(path.name for path in (PREFIX / LIB).glob("lib*"))
+        check(found == ["libKelvo.a", "libTovik.a"], f"installed libraries: {found}")
+        return
     for name in ("Tovik", "Kelvo"):
         link = PREFIX / LIB / f"lib{name}.so"
         check(link.is_symlink() and os.readlink(link) == f"lib{name}.so.1", f"{link}")

@@ -12,7 +12,7 @@ function(tovik_package_test name script)
                ENVIRONMENT
                "TOVIK_SOURCE_DIR=${PROJECT_SOURCE_DIR};TOVIK_BUILD_DIR=${PROJECT_BINARY_DIR};\
 TOVIK_WORK_DIR=${CMAKE_CURRENT_BINARY_DIR}/package;TOVIK_CXX=${CMAKE_CXX_COMPILER};\
-TOVIK_LIBDIR=${CMAKE_INSTALL_LIBDIR}")
+TOVIK_LIBDIR=${CMAKE_INSTALL_LIBDIR};TOVIK_SHARED=$<BOOL:${BUILD_SHARED_LIBS}>")
 endfunction()
 
 file(MAKE_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/package)
@@ -22,12 +22,42 @@ set_tests_properties(Package.InstallsLibrariesPublicHeadersAndPkgConfigFiles
 tovik_package_test(CompilesEachPublicHeaderAlone headers.py)
 set_tests_properties(Package.CompilesEachPublicHeaderAlone PROPERTIES PROCESSORS 2)
 
-# An ordinary application cannot load sanitized libraries, and those export and import more.
-if(NOT TOVIK_SANITIZE)
+# An ordinary application cannot load sanitized libraries, and those export and import more. The
+# rest looks at shared libraries, and builds static ones beside them.
+if(BUILD_SHARED_LIBS AND NOT TOVIK_SANITIZE)
   tovik_package_test(BuildsAndRunsApplicationsWithPkgConfigAlone applications.py)
   tovik_package_test(ExportsItsInterfaceAndNothingElse exports.py)
   tovik_package_test(HoldsItsAssertionsInAnApplicationWithoutAny assertions.py application)
   tovik_package_test(HoldsItsAssertionsInALibraryBuiltWithoutAny assertions.py library)
   set_tests_properties(Package.HoldsItsAssertionsInALibraryBuiltWithoutAny PROPERTIES PROCESSORS 2)
+  tovik_package_test(HoldsItsAssertionsInAStaticLibrary assertions.py static)
   tovik_package_test(StartsNoThreadOpensNoFileAndReadsNoEnvironment promises.py)
+  tovik_package_test(IsHardened hardening.py $<CONFIG> $<$<TARGET_EXISTS:tovik_tool>:tovik>)
+
+  tovik_package_test(IsFoundByCMakeWhereItIsInstalled consumers.py installed)
+  tovik_package_test(IsFoundByCMakeInAMovedTree consumers.py moved)
+  tovik_package_test(IsFoundByCMakeInItsBuildFolder consumers.py build_tree)
+  tovik_package_test(SaysThatRapidJsonIsMissing consumers.py without_rapidjson)
+  tovik_package_test(BecomesPartOfAnApplicationThatFetchesIt consumers.py fetch)
+  tovik_package_test(BecomesPartOfAnApplicationAsAStaticLibrary consumers.py subdirectory)
+  tovik_package_test(IsFoundByCMakeAndPkgConfigAsAStaticLibrary consumers.py static)
+  set_tests_properties(Package.IsFoundByCMakeWhereItIsInstalled
+                       Package.BecomesPartOfAnApplicationThatFetchesIt
+                       Package.BecomesPartOfAnApplicationAsAStaticLibrary PROPERTIES PROCESSORS 2)
+  set_tests_properties(Package.BecomesPartOfAnApplicationAsAStaticLibrary
+                       PROPERTIES FIXTURES_SETUP static_prefix)
+  set_tests_properties(
+    Package.IsFoundByCMakeAndPkgConfigAsAStaticLibrary Package.HoldsItsAssertionsInAStaticLibrary
+    PROPERTIES FIXTURES_REQUIRED "package_prefix;static_prefix")
+
+  find_program(TOVIK_ABIDIFF abidiff)
+  if(TOVIK_ABIDIFF AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    tovik_package_test(KeepsItsBinaryInterface interface.py)
+    set_tests_properties(Package.HoldsItsAssertionsInALibraryBuiltWithoutAny
+                         PROPERTIES FIXTURES_SETUP debug_library)
+    set_tests_properties(Package.KeepsItsBinaryInterface
+                         PROPERTIES FIXTURES_REQUIRED "package_prefix;debug_library")
+  else()
+    message(STATUS "Not tested, as that takes g++ and abidiff: the binary interface")
+  endif()
 endif()
