@@ -1,0 +1,122 @@
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <climits>
+#include <csignal>
+#include <cstddef>
+#include <cstdlib>
+#include <iostream>
+#include <string>
+#include <utility>
+
+#include "Api/Json/Connection.h"
+#include "tests/support/Support.h"
+
+// How large a stack a thread needs to serve whatever a record can hold. Messages are parsed and
+// written recursively, so the deepest nesting decides. Each size is tried in a child process, which
+// dies if it is too small.
+
+#if defined(__has_feature)
+#define TOVIK_HAS(feature) __has_feature(feature)
+#else
+#define TOVIK_HAS(feature) 0
+#endif
+
+namespace {
+
+#if defined(__SANITIZE_THREAD__) || TOVIK_HAS(thread_sanitizer)
+constexpr std::size_t kDocumentedKib = 2048;
+#elif defined(__SANITIZE_ADDRESS__) || TOVIK_HAS(address_sanitizer)
+constexpr std::size_t kDocumentedKib = 1024;
+#else
+constexpr std::size_t kDocumentedKib = 512;
+#endif
+
+constexpr std::size_t kLongestText = 4094;
+
+/// The deepest text: nothing but opening brackets. It is no JSON, but the parser follows it down.
+std::string deepestText() {
+  return std::string(kLongestText, '[');
+}
+
+/// The deepest message.
+std::string deepestMessage() {
+  const std::string frame = R"({"m":})";
+  const std::size_t depth = (kLongestText - frame.size()) / 2;
+  return R"({"m":)" + std::string(depth, '[') + std::string(depth, ']') + "}";
+}
+
+/// A thread that sends every message back and acknowledges it, until its client leaves.
+void* serve(void* socket) {
+  Tovik::Connection connection(static_cast<Fd*>(socket)->release(),
+                               [](Tovik::Connection& client, const Tovik::Message& msg) {
+                                 client.sendMsg(msg);
+                                 client.acknowledge(7);
+                               });
+  while (connection.isAttached()) {
+    Kelvo::Platform::EventLoop::current().runOnce(std::chrono::seconds(1));
+  }
+  return nullptr;
+}
+
+/// Whether a thread with that stack, not yet started, gets through the deepest records.
+bool serves(std::size_t kib) {
+  auto [client, server] = rawPair();
+  setNonBlocking(server.get());
+  pthread_attr_t attributes;
+  pthread_t thread{};
+  if (pthread_attr_init(&attributes) != 0 ||
+      pthread_attr_setstacksize(&attributes, kib * 1024) != 0 ||
+      pthread_create(&thread, &attributes, &serve, &server) != 0) {
+    return false;
+  }
+  rawSend(client.get(), deepestText());
+  rawSend(client.get(), deepestMessage());
+  const bool answered = rawReceive(client.get()) == deepestMessage() &&
+                        rawReceive(client.get()) == R"({"type":"reply","status":7})";
+  client.reset();
+  pthread_join(thread, nullptr);
+  return answered;
+}
+
+bool isEnough(std::size_t kib) {
+  const pid_t child = fork();
+  if (child == 0) {
+    const rlimit none{0, 0};
+    setrlimit(RLIMIT_CORE, &none);
+    ::close(STDERR_FILENO);  // a sanitizer's word on the overflow that is looked for
+    alarm(10);
+    _exit(serves(kib) ? 0 : 1);
+  }
+  int status = -1;
+  return waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+/// To a page. A thread without any stack to speak of cannot even start.
+std::size_t smallestThatIsEnough() {
+  std::size_t tooSmall = 16;
+  std::size_t enough = kDocumentedKib;
+  while (enough - tooSmall > 4) {
+    const std::size_t middle = (tooSmall + enough) / 8 * 4;
+    (isEnough(middle) ? enough : tooSmall) = middle;
+  }
+  return enough;
+}
+
+}  // namespace
+
+TEST(ThreadStack, OfTheDocumentedSizeIsEnoughForTheDeepestRecord) {
+  ASSERT_EQ(deepestMessage().size(), kLongestText);
+  EXPECT_TRUE(isEnough(kDocumentedKib));
+}
+
+// Or what the documents say would be far from the truth.
+TEST(ThreadStack, OfAQuarterOfTheDocumentedSizeIsTooSmall) {
+  const std::size_t smallest = smallestThatIsEnough();
+  std::cout << "The smallest stack that is enough: " << smallest << " KiB" << std::endl;
+  EXPECT_GT(smallest, kDocumentedKib / 4);
+}
