@@ -1,9 +1,10 @@
-"""Compiles the README's example and runs it as a reader would: server, subscriber, client."""
+"""Compiles the README's example and runs it as a reader would: server, client, and a subscriber."""
 
 import argparse
 import os
 import pathlib
 import re
+import socket
 import subprocess
 import sys
 import tempfile
@@ -42,6 +43,15 @@ def wait_for_server(name):
     sys.exit(f"no server listens as {name}")
 
 
+def subscribed_to(name):
+    subscriber = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+    subscriber.settimeout(DEADLINE)
+    subscriber.connect(b"\0" + name.encode().ljust(107, b"\0"))
+    subscriber.send(b'{"command":"set","notification":true}')
+    assert subscriber.recv(4096) == b'{"type":"reply","status":0}'
+    return subscriber
+
+
 def main():
     parser = argparse.ArgumentParser()
     for option in ("--source", "--compiler", "--tovik", "--kelvo"):
@@ -50,31 +60,24 @@ def main():
     options = parser.parse_args()
 
     found = snippets(pathlib.Path(options.source) / "README.md")
-    assert set(found) == {"server", "client", "subscriber"}, sorted(found)
+    assert set(found) == {"server", "client"}, sorted(found)
     name = f"adder-{os.getpid()}"  # test runs may overlap
-    running = []
     with tempfile.TemporaryDirectory() as temporary:
         programs = {key: compile_snippet(options, pathlib.Path(temporary), key,
                                          text.replace('"adder"', f'"{name}"'))
                     for key, text in found.items()}
+        server = subprocess.Popen([programs["server"]])
         try:
-            running.append(subprocess.Popen([programs["server"]]))
             wait_for_server(name)
-            subscriber = subprocess.Popen([programs["subscriber"]], stdout=subprocess.PIPE,
-                                          text=True)
-            running.append(subscriber)
-            assert subscriber.stdout.readline() == '{"type":"reply","status":0}\n'
-            for total in (5, 10):
-                status = subprocess.run([programs["client"]], timeout=DEADLINE).returncode
-                assert status == 0, status
-                line = subscriber.stdout.readline()
-                assert line == '{"total":%d}\n' % total, line
+            with subscribed_to(name) as subscriber:
+                for total in (5, 10):
+                    status = subprocess.run([programs["client"]], timeout=DEADLINE).returncode
+                    assert status == 0, status
+                    news = subscriber.recv(4096)
+                    assert news == b'{"total":%d}' % total, news
         finally:
-            for process in running:
-                process.terminate()
-                process.wait()
-                if process.stdout:
-                    process.stdout.close()
+            server.terminate()
+            server.wait()
 
 
 if __name__ == "__main__":
