@@ -107,12 +107,20 @@ def staged(text, own):
             parts = re.split(CODE, line)  # prose, code, its marks, prose ...
             parts[::3] = [re.sub(r"\*\*(.+?)\*\*", r"<b>\1</b>",
                                  re.sub(r"([@\\])", r"\\\1", part)) for part in parts[::3]]
-            parts[1::3] = [re.sub(r"^`([^`].*)`$", r"``\1``", code) for code in parts[1::3]]
+            parts[1::3] = [staged_code(code) for code in parts[1::3]]
             del parts[2::3]
             line = re.sub(r"\]\(#", f"]({own}#", "".join(parts))
             line = re.sub(r"(\]\([\w/.-]+\.md)\)", r"\1#)", line)
         lines.append(line)
     return "\n".join(lines)
+
+
+def staged_code(code):
+    """Doxygen takes a leading :: for a link, even in code."""
+    code = re.sub(r"^`([^`].*)`$", r"``\1``", code)
+    if not re.search(r"(?<![\w>])::", code):
+        return code
+    return "<code>" + html.escape(code.strip("`"), quote=False).replace("::", r"\::") + "</code>"
 
 
 def stage(files):
@@ -205,7 +213,7 @@ class Writer:
 
     def code(self, element):
         text = text_of(element)
-        inner = self.all(element)
+        inner = self.all(element).replace(r"\|", "|")  # as a bar in a table is written
         if TREE.fullmatch(text) and not any((ROOT / (text + end)).exists() for end in ("", ".cpp")):
             fail(f"{self.page.url}: {text} is not in the tree")
         if "<a " not in inner and text in self.files:

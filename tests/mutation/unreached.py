@@ -50,7 +50,7 @@ def listed(document):
     """The exceptions: (file, line or branch, text), from the rows of the document's table."""
     rows = re.findall(r"^\| `([^`]+)` \| (line|branch) \| `(.+?)` \| (.+) \|$",
                       document.read_text(), re.M)
-    return {(file, what, text) for file, what, text, _ in rows}
+    return {(file, what, text.replace(r"\|", "|")) for file, what, text, _ in rows}
 
 
 def main():
