@@ -101,7 +101,7 @@ _tovik() {
     return
   fi
   for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
-    [[ $word != -* ]] && verb=$word && break
+    [[ " $arguments " == *" $word "* ]] && verb=$word && break
   done
   case $verb in
 )sh" + verbCases() +
@@ -164,10 +164,12 @@ _tovik_names() {
   compadd -a names
 }
 _tovik() {
-  local verb= word
+  local verb= word verbs=')sh" +
+                       verbWords() +
+                       R"sh('
   local -a common
   for word in "${(@)words[2,CURRENT-1]}"; do
-    [[ $word != -* ]] && verb=$word && break
+    [[ " $verbs " == *" $word "* ]] && verb=$word && break
   done
   common=(
 )sh" + zshOptions(commonOptions(), "    ");

@@ -936,6 +936,7 @@ class Bash(Case):
         self.assertEqual(["--timeout", "--timestamps"],
                          sorted(self.complete("subscribe", "--time")))
         self.assertEqual(["short", "pretty"], self.complete("call", "--json", ""))
+        self.assertEqual(["--ok"], self.complete("--timeout", "5", "call", "x", "--o"))
         self.assertEqual(["pretty"], self.complete("call", "--json", "=", "p"))
         self.assertEqual(["short", "pretty"], self.complete("call", "--json", "="))
 
