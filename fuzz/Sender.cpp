@@ -238,8 +238,11 @@ class Run {
     if ((which & 16) != 0 && !record.empty()) {
       record[record.size() * (which / 32) / 8] = '\0';
     }
-    require(sendRecord(pair_->far(), record) == 0, "the peer cannot send");
-    toRead_.push_back(record);
+    const int error = sendRecord(pair_->far(), record);
+    require(error == 0 || error == -EAGAIN, "the peer cannot send");
+    if (error == 0) {  // and the socket was not full
+      toRead_.push_back(record);
+    }
   }
 
   void peerCloses() {
