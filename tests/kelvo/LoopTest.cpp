@@ -165,6 +165,17 @@ TEST_F(Loop, EndsAtOnceIfItWasStoppedBeforeItRan) {
   EXPECT_EQ(watcher.reads, 0);
 }
 
+TEST_F(Loop, EndsAtOnceIfAnotherThreadStoppedItBeforeItRan) {
+  guard();
+  const auto ends = rawPair();
+  Watcher watcher(ends.first.get());
+  rawSend(ends.second.get(), "x");
+  std::thread([&mine = loop()] { mine.stop(); }).join();
+  loop().run();
+
+  EXPECT_EQ(watcher.reads, 0);
+}
+
 TEST_F(Loop, IsEndedOnceByOneStop) {
   guard();
   loop().stop();

@@ -3,12 +3,14 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <memory>
 #include <string>
 #include <thread>
 
 #include "Api/Json/Server.h"
 #include "tests/kelvo/Handlers.h"
+#include "tests/support/Faults.h"
 #include "tests/support/Support.h"
 
 // A process that was started without standard input gets 0 for a descriptor like any other.
@@ -79,6 +81,14 @@ TEST_F(DescriptorZero, IsClosedWhenItsServerCannotListen) {
   const Fd other = rawListen(name_);
   taken.reset();
   EXPECT_THROW(serverThatAdmits(true), Tovik::SocketException);
+  EXPECT_FALSE(isTaken());
+}
+
+TEST_F(DescriptorZero, IsClosedWhenItsServerCannotBeWatched) {
+  {
+    const Faults::Fail refused(Faults::Call::kEpollCtl, ENOSPC);
+    EXPECT_THROW(serverThatAdmits(true), Kelvo::Exception);
+  }
   EXPECT_FALSE(isTaken());
 }
 
