@@ -4,18 +4,16 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <malloc.h>
 #include <sys/socket.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <new>
 #include <stdexcept>
 #include <utility>
 
 #include "Kelvo/Exception.h"
+#include "tests/support/Memory.h"
 #include "tests/tovik/Peers.h"
 
 using Faults::Call;
@@ -23,52 +21,6 @@ using Faults::Fail;
 using Faults::Trace;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-
-// Every allocation of this program, the libraries' included, is counted.
-
-namespace {
-
-std::atomic<std::size_t> allocatedBytes{0};
-
-void* countedAllocation(std::size_t size) noexcept {
-  void* const memory = std::malloc(size == 0 ? 1 : size);
-  if (memory != nullptr) {
-    allocatedBytes += malloc_usable_size(memory);
-  }
-  return memory;
-}
-
-void countedRelease(void* memory) noexcept {
-  if (memory != nullptr) {
-    allocatedBytes -= malloc_usable_size(memory);
-  }
-  std::free(memory);
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-  if (void* const memory = countedAllocation(size)) {
-    return memory;
-  }
-  throw std::bad_alloc();
-}
-
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return countedAllocation(size);
-}
-
-void operator delete(void* memory) noexcept {
-  countedRelease(memory);
-}
-
-void operator delete(void* memory, std::size_t) noexcept {
-  countedRelease(memory);
-}
-
-void operator delete(void* memory, const std::nothrow_t&) noexcept {
-  countedRelease(memory);
-}
 
 namespace {
 
@@ -672,19 +624,19 @@ TEST_F(AsyncSender, ReportsATerminationWhileTheDescriptorIsStillItsOwn) {
 }
 
 TEST_F(AsyncSender, GivesBackTheStorageOfALongBacklog) {
-  const std::size_t before = allocatedBytes;
+  const std::size_t before = Faults::allocatedBytes();
   for (int i = 0; i < 20000; ++i) {
     send(kOne);
   }
-  ASSERT_GT(allocatedBytes, before + 500000);
+  ASSERT_GT(Faults::allocatedBytes(), before + 500000);
   sender.clearQueue();
   EXPECT_TRUE(sender.sendQueue_.empty());
-  EXPECT_LT(allocatedBytes, before + 2000);
+  EXPECT_LT(Faults::allocatedBytes(), before + 2000);
 }
 
 TEST_F(AsyncSender, GivesBackTheStorageOfABacklogWhenItEnds) {
   attach();
-  const std::size_t before = allocatedBytes;
+  const std::size_t before = Faults::allocatedBytes();
   {
     const Fail full(Call::kWrite, EAGAIN);
     for (int i = 0; i < 20000; ++i) {
@@ -692,7 +644,7 @@ TEST_F(AsyncSender, GivesBackTheStorageOfABacklogWhenItEnds) {
     }
   }
   sender.terminateConnection();
-  EXPECT_LT(allocatedBytes, before + 2000);
+  EXPECT_LT(Faults::allocatedBytes(), before + 2000);
 }
 
 TEST_F(AsyncSender, ReplacesTheSocketItHolds) {
