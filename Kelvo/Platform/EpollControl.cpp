@@ -10,7 +10,7 @@
 #include <chrono>
 #include <utility>
 
-#include "Kelvo/Platform/Running.h"
+#include "Kelvo/Platform/CallbackFrame.h"
 
 namespace Kelvo::Platform {
 

@@ -42,8 +42,9 @@
 ///
 /// **Callbacks**
 ///  - They may attach, detach, arm and destroy anything, themselves included, may stop the loop,
-///    and may run turns of the same loop; a turn that was overtaken so drops the rest of its batch,
-///    which is reported again.
+///    and may run turns of the same loop; after a nested turn the outer one drops the rest of its
+///    batch, which is reported again. An owner that must not destroy a handler whose callback runs
+///    hands its share to `FdEventHandler::keepWhileRunning`.
 ///  - An exception out of a callback is first shown to its handler's hook (`handleFdException`,
 ///    `handleTimeoutException`). If the hook returns false, the exception leaves `run`, `runOnce`
 ///    or `dispatch`. The loop stays usable and no other event is lost.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <memory>
+
 #include "Kelvo/Export.h"
 #include "Kelvo/Ptr.h"
 
@@ -25,6 +27,13 @@ class KELVO_API FdEventHandler {
   /// `std::current_exception()` is that exception; not called if the handler died meanwhile. True:
   /// dealt with, the loop goes on. False, the default: the exception leaves the loop.
   virtual bool handleFdException(int fd);
+
+  /// For the owner of this handler: lets it drop the handler at any time, also inside the handler's
+  /// own callback, or in a turn that the callback runs. If the loop is running a callback of this
+  /// handler on this thread, `owner`, a share in what owns the handler, is held until the outermost
+  /// such callback has returned or thrown; otherwise nothing happens. Takes no memory. A second
+  /// call during the same callback has nothing to add, since one share keeps the handler alive.
+  void keepWhileRunning(std::shared_ptr<const void> owner) noexcept;
 
  protected:
   FdEventHandler() = default;

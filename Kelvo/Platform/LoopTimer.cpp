@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "Kelvo/Exception.h"
-#include "Kelvo/Platform/Running.h"
+#include "Kelvo/Platform/CallbackFrame.h"
 
 namespace Kelvo::Platform {
 
