@@ -9,13 +9,11 @@
 
 #include <cerrno>
 #include <cstring>
-#include <iterator>
 #include <utility>
 
 #define TOVIK_SOURCE_PATH "Api/Json/Server"
 #include "Api/Json/Debug.h"
 #include "Api/Json/Socket.h"
-#include "Api/Json/Unattached.h"
 
 namespace Tovik {
 
@@ -43,6 +41,9 @@ Server::~Server() {
   const int fd = fdControl_->fd();
   fdControl_->detach();
   ::close(fd);
+  for (const auto& connection : connections_) {
+    connection->keepWhileRunning(connection);  // one of them may be destroying this server
+  }
 }
 
 int Server::createSocket(const Kelvo::String& name) {
@@ -115,11 +116,14 @@ void Server::notifyClients(const Message& msg) {
 }
 
 void Server::freeDeadConnections() {
-  if (unattachedSenders.load(std::memory_order_relaxed) == 0) {
-    return;  // spares the walk, which would make each admission dearer with every live connection
-  }
   for (auto at = connections_.begin(); at != connections_.end();) {
-    at = (*at)->isAttached() ? std::next(at) : connections_.erase(at);
+    const auto& connection = *at;
+    if (connection->isAttached()) {
+      ++at;
+      continue;
+    }
+    connection->keepWhileRunning(connection);  // a handler may be the one who calls this
+    at = connections_.erase(at);
   }
 }
 

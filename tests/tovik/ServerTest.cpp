@@ -700,6 +700,102 @@ TEST_F(Server, FreesTheDeadOnRequestAndKeepsTheLiving) {
   EXPECT_EQ(rawReceiveNow(clients[4].get()), kNews);
 }
 
+/// A sender that attaches another socket while it ends, as an override may.
+class Reattaching : public Tovik::AsyncSender {
+ public:
+  void readFdEvent(int /*fd*/) override {}
+
+  void terminateConnection() override {
+    AsyncSender::terminateConnection();
+    if (other_.get() >= 0) {
+      setFd(other_.release());
+    }
+  }
+
+ private:
+  Fd other_ = rawPair().first;
+};
+
+/// A sender that lets go of its socket without ending, as a subclass may.
+class Forgetful : public Tovik::AsyncSender {
+ public:
+  ~Forgetful() override { fdControl_.reset(); }
+  void readFdEvent(int /*fd*/) override {}
+};
+
+TEST_F(Server, FreesTheDeadBesideASenderThatAttachesWhileItEnds) {
+  Reattaching other;
+  other.setFd(rawPair().first.release());
+  join().reset();
+  EXPECT_TRUE(turn());
+  server->freeDeadConnections();
+  EXPECT_EQ(connections(), 0);
+}
+
+TEST_F(Server, FreesTheDeadAfterASenderThatLetGoOfItsSocket) {
+  {
+    const Fd socket = rawPair().first;
+    Forgetful other;
+    other.setFd(socket.get());
+  }
+  join().reset();
+  EXPECT_TRUE(turn());
+  const Fd next = join();
+  EXPECT_EQ(connections(), 1);
+}
+
+// --- a handler that turns the loop, frees or destroys ---
+
+TEST_F(Server, KeepsAConnectionWhoseHandlerTurnsTheLoopUntilTheHandlerReturns) {
+  Fd client = join();
+  long insideTheHandler = 0;
+  onMessage = [&](Tovik::Connection& from, const Tovik::Message& /*msg*/) {
+    client.reset();
+    while (from.isAttached()) {
+      turn();
+    }
+    const Fd next = join();
+    insideTheHandler = connections();
+    from.acknowledge(0);
+  };
+  rawSend(client.get(), kNews);
+  EXPECT_TRUE(turn());
+  EXPECT_EQ(insideTheHandler, 2);
+  server->freeDeadConnections();
+  turnUntilIdle();
+  server->freeDeadConnections();
+  EXPECT_EQ(connections(), 0);
+}
+
+TEST_F(Server, MayBeToldToFreeTheDeadByAHandler) {
+  const Fd client = join();
+  onMessage = [&](Tovik::Connection& from, const Tovik::Message& /*msg*/) {
+    from.terminateConnection();
+    server->freeDeadConnections();
+    EXPECT_EQ(connections(), 1);
+    from.acknowledge(0);
+  };
+  rawSend(client.get(), kNews);
+  EXPECT_TRUE(turn());
+  EXPECT_EQ(connections(), 0);
+}
+
+TEST_F(Server, MayBeDestroyedByOneOfItsOwnHandlers) {
+  const Fd client = join();
+  const Fd other = join();
+  onMessage = [&](Tovik::Connection& from, const Tovik::Message& /*msg*/) {
+    server.reset();
+    EXPECT_EQ(rawReceive(other.get()), "<end>");
+    from.acknowledge(5);
+  };
+  rawSend(client.get(), kNews);
+  EXPECT_TRUE(turn());
+  EXPECT_EQ(rawReceive(client.get()), R"({"type":"reply","status":5})");
+  EXPECT_EQ(rawReceive(client.get()), "<end>");
+  EXPECT_EQ(copies.use_count(), 1);
+  EXPECT_EQ(rawConnect(name).get(), -1);
+}
+
 // --- broadcasting ---
 
 TEST_F(Server, NotifiesSubscribersOnly) {
