@@ -15,33 +15,40 @@
 #define TOVIK_SOURCE_PATH "Api/Json/Async"
 #include "Api/Json/Debug.h"
 #include "Api/Json/Socket.h"
-#include "Api/Json/Unattached.h"
 
 namespace Tovik {
 
-std::atomic<int> unattachedSenders{0};
-
 namespace {
 
-/// The only text leaves by the back: a deque whose end moves on with each text would need memory
-/// again and again.
-void dropFirst(std::deque<Kelvo::String>& queue) {
-  if (queue.size() == 1) {
+using Queue = std::deque<Kelvo::String>;
+
+/// Drops the oldest text. The only text leaves by the back: a deque whose end moves on with each
+/// text would need memory again and again. After a backlog, the front never rests on the first
+/// place of a block, since the standard library would not give back the storage of such a deque.
+void dropFirst(Queue& queue) {
+  const bool nextStartsBlock = queue.size() == 2 && &queue[1] != &queue[0] + 1;
+  if (nextStartsBlock) {
+    queue[0] = std::move(queue[1]);
+  }
+  if (queue.size() == 1 || nextStartsBlock) {
     queue.pop_back();
   } else {
     queue.pop_front();
   }
 }
 
+void wantWriteEvents(const Kelvo::Ptr<Kelvo::Platform::FdControl>& control, bool wanted) {
+  if (!control.empty()) {  // as it is once the log's sink has ended the connection
+    control->setWriteInterest(wanted);
+  }
+}
+
 }  // namespace
 
-AsyncSender::AsyncSender() : readBufferSize_(kReadBufferSize) {
-  unattachedSenders.fetch_add(1, std::memory_order_relaxed);
-}
+AsyncSender::AsyncSender() : readBufferSize_(kReadBufferSize) {}
 
 AsyncSender::~AsyncSender() {
   AsyncSender::terminateConnection();
-  unattachedSenders.fetch_sub(1, std::memory_order_relaxed);
 }
 
 void AsyncSender::setFd(int fd) {
@@ -49,7 +56,6 @@ void AsyncSender::setFd(int fd) {
   auto control = Kelvo::Platform::getFdControl(this);
   control->attach(fd);
   fdControl_ = std::move(control);
-  unattachedSenders.fetch_sub(1, std::memory_order_relaxed);
 }
 
 void AsyncSender::asyncSendMsg(const Message& msg) {
@@ -64,7 +70,7 @@ void AsyncSender::flushQueue() {
     return;
   }
   TOVIK_LOG(2, "AsyncSender::flushQueue(), queue size = " << sendQueue_.size());
-  while (!sendQueue_.empty()) {
+  while (isAttached() && !sendQueue_.empty()) {  // the log's sink may have ended the connection
     const Kelvo::String& text = sendQueue_.front();
     if (::write(fdControl_->fd(), text.data(), text.size()) >= 0) {
       dropFirst(sendQueue_);  // a record is written whole or not at all
@@ -76,9 +82,9 @@ void AsyncSender::flushQueue() {
     if (errno != EAGAIN) {
       TOVIK_LOG(0, "AsyncSender::flushQueue(): write error " << std::strerror(errno));
     }
-    return fdControl_->setWriteInterest(true);
+    return wantWriteEvents(fdControl_, true);
   }
-  fdControl_->setWriteInterest(false);
+  wantWriteEvents(fdControl_, false);
 }
 
 void AsyncSender::writeFdEvent(int /*fd*/) {
@@ -112,19 +118,26 @@ void AsyncSender::terminateConnection() {
   if (fdControl_.empty()) {
     return;
   }
-  const int fd = fdControl_->fd();
+  auto ended = fdControl_;
+  const int fd = ended->fd();
   TOVIK_LOG(1, "AsyncSender::terminateConnection(): fd = " << fd);
+  if (fdControl_.get() != ended.get()) {
+    return;  // the log's sink has ended this connection itself, and may have attached another
+  }
+  ended.reset();
   fdControl_->detach();
   fdControl_.reset();
-  unattachedSenders.fetch_add(1, std::memory_order_relaxed);
   ::close(fd);
   clearQueue();
 }
 
+// Part of every teardown, so it must not fail: without memory for a fresh queue the old storage
+// stays, with no text in it. A queue that never had a backlog is fresh, and nothing is allocated.
 void AsyncSender::clearQueue() {
-  if (!sendQueue_.empty()) {  // a fresh queue needs memory, which most teardowns can do without
-    std::deque<Kelvo::String>().swap(sendQueue_);
+  while (!sendQueue_.empty()) {
+    dropFirst(sendQueue_);
   }
+  sendQueue_.shrink_to_fit();
 }
 
 }  // namespace Tovik

@@ -11,6 +11,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <memory>
 #include <new>
 #include <stdexcept>
 #include <utility>
@@ -29,8 +31,13 @@ using ::testing::IsEmpty;
 namespace {
 
 std::atomic<std::size_t> allocatedBytes{0};
+std::atomic<int> refusedAllocations{-1};  // counts while it is not negative
 
 void* countedAllocation(std::size_t size) noexcept {
+  if (refusedAllocations >= 0) {
+    ++refusedAllocations;
+    return nullptr;
+  }
   void* const memory = std::malloc(size == 0 ? 1 : size);
   if (memory != nullptr) {
     allocatedBytes += malloc_usable_size(memory);
@@ -71,6 +78,17 @@ void operator delete(void* memory, const std::nothrow_t&) noexcept {
 }
 
 namespace {
+
+/// While it lives, no memory is left.
+class NoMemory {
+ public:
+  NoMemory() { refusedAllocations = 0; }
+  NoMemory(const NoMemory&) = delete;
+  NoMemory& operator=(const NoMemory&) = delete;
+  ~NoMemory() { refusedAllocations = -1; }
+
+  static int refused() { return refusedAllocations; }
+};
 
 class Subject : public Tovik::AsyncSender {
  public:
@@ -693,6 +711,143 @@ TEST_F(AsyncSender, GivesBackTheStorageOfABacklogWhenItEnds) {
   }
   sender.terminateConnection();
   EXPECT_LT(allocatedBytes, before + 2000);
+}
+
+TEST_F(AsyncSender, GivesBackTheStorageOfABacklogThatWasSent) {
+  for (const int backlog : {17, 32, 33, 20000, 20010}) {
+    attach();
+    const std::size_t before = allocatedBytes;
+    {
+      const Fail full(Call::kWrite, EAGAIN);
+      for (int i = 0; i < backlog; ++i) {
+        send(kOne);
+      }
+    }
+    for (; !sender.sendQueue_.empty(); receivedBy(peer.get())) {
+      sender.flushQueue();
+    }
+    (backlog % 2 == 0) ? sender.clearQueue() : sender.terminateConnection();
+    EXPECT_LT(allocatedBytes, before + 200) << backlog;
+    sender.terminateConnection();
+  }
+}
+
+TEST_F(AsyncSender, EndsAConnectionWithoutMemory) {
+  attach();
+  {
+    const Fail full(Call::kWrite, EAGAIN);
+    for (int i = 0; i < 100; ++i) {
+      send(kOne);
+    }
+  }
+  {
+    const NoMemory noMemory;
+    sender.terminateConnection();
+  }
+  EXPECT_EQ(rawReceive(peer.get()), "<end>");
+  attach();
+  send(kTwo);
+  EXPECT_THAT(receivedBy(peer.get()), ElementsAre(kTwo));  // and nothing of the former peer's
+}
+
+TEST_F(AsyncSender, NeedsNoMemoryToEndAConnectionThatHadNoBacklog) {
+  attach();
+  for (int i = 0; i < 100; ++i) {
+    send(kOne);
+  }
+  const NoMemory noMemory;
+  sender.terminateConnection();
+  EXPECT_EQ(NoMemory::refused(), 0);
+}
+
+TEST_F(AsyncSender, IsDestroyedWithoutMemory) {
+  auto other = std::make_unique<Subject>();
+  auto [ours, theirs] = rawPair();
+  setNonBlocking(ours.get());
+  other->setFd(ours.release());
+  {
+    const Fail full(Call::kWrite, EAGAIN);
+    for (int i = 0; i < 100; ++i) {
+      other->asyncSendMsg(parsed(kOne));
+    }
+  }
+  const NoMemory noMemory;
+  other.reset();
+}
+
+// --- a log sink that uses the sender ---
+
+class AsyncSenderLog : public AsyncSender {
+ protected:
+  /// At each record whose text holds `text`, the sink does that.
+  void onRecord(const std::string& text, std::function<void()> action) {
+    Kelvo::Platform::setDebugLevels("Tovik", 0xF);
+    Kelvo::Platform::setDebugSink(
+        "Tovik", [text, action = std::move(action)](const Kelvo::Platform::DebugRecord& record) {
+          if (record.text.find(text) != std::string::npos) {
+            action();
+          }
+        });
+  }
+
+  ~AsyncSenderLog() override {
+    Kelvo::Platform::setDebugLevels("Tovik", 0);
+    Kelvo::Platform::setDebugSink("Tovik", nullptr);
+  }
+};
+
+TEST_F(AsyncSenderLog, MayEndTheConnectionThatIsAboutToBeFlushed) {
+  attach();
+  onRecord("flushQueue()", [this] { sender.terminateConnection(); });
+  send(kOne);
+  EXPECT_EQ(rawReceive(peer.get()), "<end>");
+  EXPECT_FALSE(sender.isAttached());
+}
+
+TEST_F(AsyncSenderLog, MayEndAConnectionOverItsWriteError) {
+  attach();
+  onRecord("write error", [this] { sender.terminateConnection(); });
+  const Fail tooLong(Call::kWrite, EMSGSIZE);
+  send(kOne);
+  EXPECT_EQ(rawReceive(peer.get()), "<end>");
+  EXPECT_FALSE(sender.isAttached());
+}
+
+TEST_F(AsyncSenderLog, MayEndTheConnectionThatIsEnding) {
+  attach();
+  onRecord("terminateConnection()", [this] { sender.terminateConnection(); });
+  Trace trace;
+  sender.terminateConnection();
+  EXPECT_EQ(trace.count(Call::kClose), 1);
+  EXPECT_EQ(rawReceive(peer.get()), "<end>");
+}
+
+TEST_F(AsyncSenderLog, MayAttachAnotherSocketWhileOneEnds) {
+  attach();
+  const int first = fd;
+  const Fd firstPeer = std::move(peer);
+  onRecord("terminateConnection(): fd = " + std::to_string(first), [this] {
+    if (peer.get() < 0) {
+      attach();
+    }
+  });
+  sender.terminateConnection();
+  EXPECT_EQ(rawReceive(firstPeer.get()), "<end>");
+  ASSERT_TRUE(sender.isAttached());
+  send(kOne);
+  EXPECT_THAT(receivedBy(peer.get()), ElementsAre(kOne));
+}
+
+TEST_F(AsyncSenderLog, MaySendOverTheSenderThatLogs) {
+  attach();
+  bool sent = false;
+  onRecord("asyncSendMSg()", [&] {
+    if (!std::exchange(sent, true)) {
+      send(kOne);
+    }
+  });
+  send(kTwo);
+  EXPECT_THAT(receivedBy(peer.get()), ElementsAre(kOne, kTwo));
 }
 
 TEST_F(AsyncSender, ReplacesTheSocketItHolds) {
