@@ -14,6 +14,7 @@
 
 #define TOVIK_SOURCE_PATH "Api/Json/Client"
 #include "Api/Json/Debug.h"
+#include "Api/Json/Parse.h"
 #include "Api/Json/Socket.h"
 
 namespace Tovik {
@@ -157,7 +158,7 @@ void AsyncClient::readFdEvent(int /*fd*/) {
     return terminateConnection();
   }
   Message msg;
-  msg.Parse(text.data());
+  parse(text, msg);
   TOVIK_LOG(3, "AsyncClient::readFdEvent(): msg = '" << text << "'");
   if (msg.HasParseError()) {
     TOVIK_LOG(0, "AsyncClient::readFdEvent(): Invalid JSON message");

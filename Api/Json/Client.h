@@ -19,6 +19,9 @@ namespace Tovik {
 /// is; so make one call at a time, and never on a connection that is subscribed to notifications,
 /// which gets no replies. The library does nothing about SIGPIPE: what the system raises for a
 /// write to a server that is gone is the process's to ignore.
+///
+/// A connection that closes with replies unread loses records that were written: the server's next
+/// read fails, and what it had not read by then is gone. Read the last reply before closing.
 class TOVIK_API Client {
  public:
   /// Connects to the server of that name (at most 106 bytes; a longer one ends the process).

@@ -9,6 +9,7 @@
 
 #define TOVIK_SOURCE_PATH "Api/Json/Connection"
 #include "Api/Json/Debug.h"
+#include "Api/Json/Parse.h"
 
 namespace Tovik {
 
@@ -25,7 +26,7 @@ void Connection::readFdEvent(int fd) {
     return terminateConnection();
   }
   Message msg;
-  msg.Parse(text.data());
+  parse(text, msg);
   TOVIK_LOG(3, "msg = '" << text << "'");
   if (msg.HasParseError()) {
     TOVIK_LOG(0, "Connection::readFdEvent(): Invalid JSON message");
