@@ -2,10 +2,14 @@
 
 #include <cxxabi.h>
 
+#include <cstdint>
 #include <memory>
 #include <utility>
 
 namespace Kelvo::Platform {
+
+/// What a callback is made for.
+enum class Event : std::uint8_t { kRead, kWrite, kTimeout };
 
 /// A callback in progress. The frames of a thread form a chain from the innermost callback
 /// outwards: a callback may turn the loop, and that turn may call the same handler again. Handlers
@@ -14,7 +18,8 @@ namespace Kelvo::Platform {
 template <class Handler>
 class CallbackFrame {
  public:
-  explicit CallbackFrame(Handler& handler) noexcept : handler_(&handler), outer_(innermost_) {
+  CallbackFrame(Handler& handler, Event event) noexcept
+      : handler_(&handler), outer_(innermost_), event_(event) {
     innermost_ = this;
   }
   CallbackFrame(const CallbackFrame&) = delete;
@@ -23,6 +28,7 @@ class CallbackFrame {
   ~CallbackFrame() { innermost_ = outer_; }
 
   Handler* handlerIfAlive() const noexcept { return handler_; }
+  bool deferred() const noexcept { return deferred_; }
 
   static void forget(const Handler* dead) noexcept {
     for (CallbackFrame* frame = innermost_; frame != nullptr; frame = frame->outer_) {
@@ -44,18 +50,31 @@ class CallbackFrame {
     }
   }
 
+  /// The handler's innermost callback for `event` cannot deal with it now.
+  static void defer(const Handler* handler, Event event) noexcept {
+    for (CallbackFrame* frame = innermost_; frame != nullptr; frame = frame->outer_) {
+      if (frame->handler_ == handler && frame->event_ == event) {
+        frame->deferred_ = true;
+        return;
+      }
+    }
+  }
+
  private:
   std::shared_ptr<const void> owner_;
   Handler* handler_;
   CallbackFrame* const outer_;
+  const Event event_;
+  bool deferred_ = false;
   static inline thread_local CallbackFrame* innermost_ = nullptr;
 };
 
 /// Makes one callback; an exception is shown to the handler's hook and leaves unless that deals
-/// with it. Nothing of the loop is held meanwhile, so leaving needs no clean-up.
+/// with it. Nothing of the loop is held meanwhile, so leaving needs no clean-up. True if the
+/// handler has deferred the event.
 template <class Handler, class Callback, class Hook>
-void runGuarded(Handler& handler, Callback callback, Hook hook) {
-  const CallbackFrame<Handler> frame(handler);
+bool runGuarded(Handler& handler, Event event, Callback callback, Hook hook) {
+  const CallbackFrame<Handler> frame(handler, event);
   try {
     callback(handler);
   } catch (const abi::__forced_unwind&) {
@@ -66,6 +85,7 @@ void runGuarded(Handler& handler, Callback callback, Hook hook) {
       throw;
     }
   }
+  return frame.deferred();
 }
 
 }  // namespace Kelvo::Platform

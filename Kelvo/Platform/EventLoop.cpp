@@ -92,6 +92,14 @@ void FdEventHandler::keepWhileRunning(std::shared_ptr<const void> owner) noexcep
   CallbackFrame<FdEventHandler>::keep(this, std::move(owner));
 }
 
+void FdEventHandler::deferReadEvent() noexcept {
+  CallbackFrame<FdEventHandler>::defer(this, Event::kRead);
+}
+
+void FdEventHandler::deferWriteEvent() noexcept {
+  CallbackFrame<FdEventHandler>::defer(this, Event::kWrite);
+}
+
 void FdEventHandler::writeFdEvent(int /*fd*/) {}
 
 bool FdEventHandler::handleFdException(int /*fd*/) {

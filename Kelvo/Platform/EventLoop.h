@@ -28,12 +28,11 @@
 ///  - `detach` takes the descriptor out of the kernel's set, and the owner closes it afterwards. In
 ///    the other order a duplicate in a child process could keep reporting for ever.
 ///
-/// **No progress**
-///  - Two conditions can persist while nothing is done about them. They are delivered again at a
-///    falling rate, after 1, 2, 4 ... up to 100 ms, and at once again after progress: write
-///    readiness that is still there right after a write callback which left write interest on; and
-///    a listening socket whose callback attached nothing while the process cannot open another
-///    descriptor.
+/// **Deferred events**
+///  - What a callback can do nothing about, such as a client to accept while no descriptor can be
+///    opened, would be reported again at once and for ever. Only the handler knows, so it says so,
+///    `deferReadEvent` or `deferWriteEvent`, and the event comes back after 1, 2, 4 ... up to
+///    100 ms. The loop itself slows nothing down.
 ///
 /// **Timers**
 ///  - Monotonic, in seconds as `double`, true below a millisecond. Arming replaces a pending

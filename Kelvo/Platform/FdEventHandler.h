@@ -37,6 +37,20 @@ class KELVO_API FdEventHandler {
 
  protected:
   FdEventHandler() = default;
+
+  /// Called in `readFdEvent` or in `writeFdEvent` respectively: what was reported cannot be dealt
+  /// with now, for a reason that outlasts this callback, such as a limit that is reached or a
+  /// record that the socket never takes. The event is then reported again after 1 ms, twice as late
+  /// each further time up to 100 ms, and at once again after a callback that does not say so.
+  /// Attaching, detaching and, for writing, switching write interest off and on start over. Called
+  /// elsewhere these do nothing.
+  ///
+  /// The kernel reports errors and hang-ups unasked, so a deferred read event takes the descriptor
+  /// out of its set, and write events wait with it.
+  /// @{
+  void deferReadEvent() noexcept;
+  void deferWriteEvent() noexcept;
+  /// @}
 };
 
 /// One handler's registration with one event loop: watches at most one descriptor. It does not own

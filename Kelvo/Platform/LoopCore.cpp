@@ -227,7 +227,6 @@ LoopCore::Token LoopCore::add(int fd, Registration& registration) {
     control(epoll_.fd(), EPOLL_CTL_DEL, fd, 0, token);
     throw;
   }
-  ++attachments_;
   notifyWatchers(registration.handler(), +1);
   return token;
 }
@@ -239,7 +238,7 @@ void LoopCore::occupy(std::size_t index, Registration& registration) {
   if (const Registration* closed = slots_[index].registration) {
     notifyWatchers(closed->handler(), -1);  // its owner has closed the descriptor and not detached
   }
-  slots_[index] = Slot{lastGeneration_, &registration};
+  slots_[index] = Slot{lastGeneration_, &registration, EPOLLIN};
 }
 
 void LoopCore::setEvents(Token token, std::uint32_t events) {
@@ -247,9 +246,17 @@ void LoopCore::setEvents(Token token, std::uint32_t events) {
   if (find(token) == nullptr) {
     return;  // the number has come to serve another registration
   }
-  if (!control(fd(), EPOLL_CTL_MOD, fdOf(token), events, token)) {
+  Slot& slot = slots_[static_cast<std::size_t>(fdOf(token))];
+  if (slot.events == events) {
+    return;
+  }
+  const int operation = slot.events == 0 ? EPOLL_CTL_ADD
+                        : events == 0    ? EPOLL_CTL_DEL
+                                         : EPOLL_CTL_MOD;
+  if (!control(fd(), operation, fdOf(token), events, token)) {
     throw systemError("epoll_ctl");
   }
+  slot.events = events;
 }
 
 void LoopCore::remove(Token token) {
@@ -257,8 +264,8 @@ void LoopCore::remove(Token token) {
   if (registration == nullptr) {
     return;  // its owner closed the descriptor first, and the number serves another registration
   }
-  slots_[static_cast<std::size_t>(fdOf(token))] = Slot{};
-  if (ours()) {  // a child shares the set with its parent
+  const Slot slot = std::exchange(slots_[static_cast<std::size_t>(fdOf(token))], Slot{});
+  if (slot.events != 0 && ours()) {  // a child shares the set with its parent
     control(fd(), EPOLL_CTL_DEL, fdOf(token), 0, token);
   }
   notifyWatchers(registration->handler(), -1);

@@ -56,12 +56,12 @@ class LoopCore : public Counted {
   bool takeStop() noexcept;
   int fd() const noexcept { return epoll_.fd(); }
 
-  // Registrations. `add` throws if the kernel refuses; `remove` never fails.
+  // Registrations. `add` and `setEvents` throw if the kernel refuses; `remove` never fails. Without
+  // events a descriptor leaves the kernel's set, which reports errors and hang-ups unasked.
   Token add(int fd, Registration& registration);
   void setEvents(Token token, std::uint32_t events);
   void remove(Token token);
   Registration* find(Token token) const noexcept;
-  std::uint64_t attachments() const noexcept { return attachments_; }
 
   // Attachments of single handlers. The initial number comes back from `watch`.
   int watch(const FdEventHandler* handler, AttachmentWatcher& watcher);
@@ -90,6 +90,7 @@ class LoopCore : public Counted {
   struct Slot {
     std::uint32_t generation = 0;
     Registration* registration = nullptr;
+    std::uint32_t events = 0;  // asked of the kernel; none: not in its set
   };
 
   bool ours() const noexcept;
@@ -110,7 +111,6 @@ class LoopCore : public Counted {
 
   std::vector<Slot> slots_;  // by descriptor number
   std::uint32_t lastGeneration_ = 0;
-  std::uint64_t attachments_ = 0;
   std::unordered_multimap<const FdEventHandler*, AttachmentWatcher*> watchers_;
 
   TimerQueue timers_;

@@ -173,6 +173,9 @@ FdEventHandler::~FdEventHandler() {
 
 void FdEventHandler::keepWhileRunning(std::shared_ptr<const void> /*owner*/) noexcept {}
 
+void FdEventHandler::deferReadEvent() noexcept {}
+void FdEventHandler::deferWriteEvent() noexcept {}
+
 void FdEventHandler::writeFdEvent(int /*fd*/) {
   note("base writeFdEvent");
 }
