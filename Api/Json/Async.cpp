@@ -1,7 +1,7 @@
 // The queued sender. send -> queue -> flush -> (socket full) -> write event -> flush; and, for the
 // subclasses' read events, read -> text. Both ends of it come together in terminateConnection.
 
-#include "Api/Json/Assertions.h"
+#include "Api/Json/detail/Assertions.h"
 //
 #include "Api/Json/Async.h"
 
@@ -13,8 +13,8 @@
 #include <utility>
 
 #define TOVIK_SOURCE_PATH "Api/Json/Async"
-#include "Api/Json/Debug.h"
-#include "Api/Json/Socket.h"
+#include "Api/Json/detail/Debug.h"
+#include "Api/Json/detail/Socket.h"
 
 namespace Tovik {
 

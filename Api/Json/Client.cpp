@@ -1,7 +1,7 @@
 // Both clients. Blocking: connect -> write -> read -> check the reply. In the event loop:
 // timer -> connect -> read events -> loss -> timer.
 
-#include "Api/Json/Assertions.h"
+#include "Api/Json/detail/Assertions.h"
 //
 #include "Api/Json/Client.h"
 
@@ -13,9 +13,9 @@
 #include <utility>
 
 #define TOVIK_SOURCE_PATH "Api/Json/Client"
-#include "Api/Json/Debug.h"
-#include "Api/Json/Parse.h"
-#include "Api/Json/Socket.h"
+#include "Api/Json/detail/Debug.h"
+#include "Api/Json/detail/Parse.h"
+#include "Api/Json/detail/Socket.h"
 
 namespace Tovik {
 

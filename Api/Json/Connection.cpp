@@ -1,6 +1,6 @@
 // One client of a server. read event -> text -> message -> notification switch or handler -> reply.
 
-#include "Api/Json/Assertions.h"
+#include "Api/Json/detail/Assertions.h"
 //
 #include "Api/Json/Connection.h"
 
@@ -8,8 +8,8 @@
 #include <utility>
 
 #define TOVIK_SOURCE_PATH "Api/Json/Connection"
-#include "Api/Json/Debug.h"
-#include "Api/Json/Parse.h"
+#include "Api/Json/detail/Debug.h"
+#include "Api/Json/detail/Parse.h"
 
 namespace Tovik {
 

@@ -1,6 +1,6 @@
 // The listening end. readable -> free the dead -> accept -> credentials -> validator -> connection.
 
-#include "Api/Json/Assertions.h"
+#include "Api/Json/detail/Assertions.h"
 //
 #include "Api/Json/Server.h"
 
@@ -12,8 +12,8 @@
 #include <utility>
 
 #define TOVIK_SOURCE_PATH "Api/Json/Server"
-#include "Api/Json/Debug.h"
-#include "Api/Json/Socket.h"
+#include "Api/Json/detail/Debug.h"
+#include "Api/Json/detail/Socket.h"
 
 namespace Tovik {
 

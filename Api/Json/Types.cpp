@@ -1,4 +1,4 @@
-#include "Api/Json/Assertions.h"
+#include "Api/Json/detail/Assertions.h"
 //
 #include <rapidjson/prettywriter.h>
 #include <rapidjson/stringbuffer.h>

@@ -9,10 +9,10 @@
 #include <utility>
 
 #include "Kelvo/Exception.h"
-#include "Kelvo/Platform/CallbackFrame.h"
-#include "Kelvo/Platform/EpollControl.h"
-#include "Kelvo/Platform/LoopCore.h"
-#include "Kelvo/Platform/LoopTimer.h"
+#include "Kelvo/Platform/detail/CallbackFrame.h"
+#include "Kelvo/Platform/detail/EpollControl.h"
+#include "Kelvo/Platform/detail/LoopCore.h"
+#include "Kelvo/Platform/detail/LoopTimer.h"
 
 namespace Kelvo::Platform {
 

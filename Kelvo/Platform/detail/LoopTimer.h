@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Kelvo/Platform/LoopCore.h"
 #include "Kelvo/Platform/TimeoutHandler.h"
+#include "Kelvo/Platform/detail/LoopCore.h"
 
 namespace Kelvo::Platform {
 

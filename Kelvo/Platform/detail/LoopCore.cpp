@@ -2,7 +2,7 @@
 // due. Everything that a callback may have changed is looked up again after it: registrations by
 // token, the turn by its number, timers one at a time.
 
-#include "Kelvo/Platform/LoopCore.h"
+#include "Kelvo/Platform/detail/LoopCore.h"
 
 #include <pthread.h>
 #include <sys/epoll.h>

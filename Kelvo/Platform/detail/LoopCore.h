@@ -8,7 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "Kelvo/Platform/TimerQueue.h"
+#include "Kelvo/Platform/detail/TimerQueue.h"
 #include "Kelvo/Ptr.h"
 
 struct epoll_event;

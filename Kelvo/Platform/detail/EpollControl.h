@@ -4,9 +4,9 @@
 #include <cstdint>
 #include <memory>
 
-#include "Kelvo/Platform/CallbackFrame.h"
 #include "Kelvo/Platform/FdEventHandler.h"
-#include "Kelvo/Platform/LoopCore.h"
+#include "Kelvo/Platform/detail/CallbackFrame.h"
+#include "Kelvo/Platform/detail/LoopCore.h"
 
 namespace Kelvo::Platform {
 

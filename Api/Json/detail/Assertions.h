@@ -8,7 +8,7 @@
 // depend on what the application defines for its own use of RapidJSON.
 
 #ifdef RAPIDJSON_RAPIDJSON_H_
-#error "Api/Json/Assertions.h comes before any RapidJSON header"
+#error "Api/Json/detail/Assertions.h comes before any RapidJSON header"
 #endif
 
 #undef NDEBUG

@@ -16,7 +16,7 @@
 //
 // What is asked of the kernel follows from the write interest and the two pauses: `events()`.
 
-#include "Kelvo/Platform/EpollControl.h"
+#include "Kelvo/Platform/detail/EpollControl.h"
 
 #include <sys/epoll.h>
 

@@ -2,8 +2,8 @@
 
 // Private. How the event-driven readers parse what they have read.
 
-#include "Api/Json/Socket.h"
 #include "Api/Json/Types.h"
+#include "Api/Json/detail/Socket.h"
 #include "Kelvo/String.h"
 
 namespace Tovik {

@@ -1,11 +1,11 @@
-#include "Kelvo/Platform/LoopTimer.h"
+#include "Kelvo/Platform/detail/LoopTimer.h"
 
 #include <algorithm>
 #include <cmath>
 #include <utility>
 
 #include "Kelvo/Exception.h"
-#include "Kelvo/Platform/CallbackFrame.h"
+#include "Kelvo/Platform/detail/CallbackFrame.h"
 
 namespace Kelvo::Platform {
 
