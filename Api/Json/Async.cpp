@@ -1,5 +1,21 @@
-// The queued sender. send -> queue -> flush -> (socket full) -> write event -> flush; and, for the
-// subclasses' read events, read -> text. Both ends of it come together in terminateConnection.
+// The queued sender: attach -> send -> flush -> (socket full) -> write event -> flush -> end.
+//
+// setFd ends what is held and has the loop watch the new socket. asyncSendMsg makes a message its
+// compact text, queues it and flushes: there is no way around the queue, so records leave in the
+// order of the calls. flushQueue writes one record a call until one of these happens:
+//
+//   the queue is empty   write interest goes off, so that an idle connection never wakes the loop
+//   EAGAIN               the socket is full: write interest goes on, the write event flushes again
+//   EPIPE                the peer is gone: the connection ends
+//   any other error      logged; the record stays first, and is tried again at a falling rate
+//
+// asyncRead gives a subclass's read event the text of all that the socket holds, and leaves the
+// meaning of an empty text to it. terminateConnection is the one way to an end: log, detach, let go
+// of the registration, close, drop the queue, in this order, and without any memory. A sender is
+// attached exactly while fdControl_ holds a registration; its owner knows no other sign of life.
+//
+// Two kinds of calls leave this file: overrides of terminateConnection, after which everything
+// returns, and sinks of the debug channel, after which the sender looks again at what it holds.
 
 #include "Api/Json/detail/Assertions.h"
 //
@@ -52,7 +68,7 @@ AsyncSender::~AsyncSender() {
 }
 
 void AsyncSender::setFd(int fd) {
-  terminateConnection();
+  terminateConnection();  // an override may attach meanwhile: what it attached is replaced below
   auto control = Kelvo::Platform::getFdControl(this);
   control->attach(fd);
   fdControl_ = std::move(control);

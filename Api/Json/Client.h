@@ -64,7 +64,11 @@ class TOVIK_API Client {
 /// It lives on the event loop of the thread that makes it, and is used on that thread only. Both
 /// handlers run there and may send, arm, attach; they may not destroy the client they run for
 /// (another object's callback may). An empty handler is a mistake that shows as
-/// `std::bad_function_call` out of the loop. Connecting blocks while the server's backlog is full.
+/// `std::bad_function_call` out of the loop.
+///
+/// Connecting blocks while the server's backlog of 5 is full, until the server accepts. A server on
+/// the same loop accepts between two expiries of timers, so that any number of clients may be made
+/// next to it; but six calls of `timeout()` by hand in one callback would wait for ever.
 ///
 /// A loss is seen by overriding `terminateConnection`; call this class's version first. It also
 /// runs before each successful connection and after each failed one.

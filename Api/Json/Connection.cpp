@@ -1,4 +1,14 @@
-// One client of a server. read event -> text -> message -> notification switch or handler -> reply.
+// One client of a server: read event -> text -> message -> notification switch or handler -> reply.
+//
+// readFdEvent takes one text from the socket. No text is the end of the connection; text that is
+// not JSON is logged and dropped; what remains is a message. handleNotifMsg takes the notification
+// switch out of them and applies it. All others go to the application's handler, which answers with
+// acknowledge or sendMsg, now or later, or not at all: the connection never answers by itself, but
+// for the switch. acknowledge is silent for a dead connection and for a subscribed one.
+//
+// The handler may do anything, ending this connection or its server included. So it comes last: no
+// member is touched after it. Whoever drops the connection meanwhile lets the running callback
+// share it, so that the handler and what it has captured stay until it returns.
 
 #include "Api/Json/detail/Assertions.h"
 //
@@ -55,7 +65,9 @@ bool Connection::handleNotifMsg(const Message& msg) {
     return true;
   }
   const bool before = notification_;
-  acknowledge(0);  // before the flag changes: a client that was subscribed gets no reply
+  // Before the flag changes: a client that was subscribed gets no reply. The write may end the
+  // connection; it stays an object, whose flag is no longer looked at.
+  acknowledge(0);
   notification_ = notification->value.GetBool();
   TOVIK_LOG(1, "Connection::readFdEvent(): Client (fd = "
                    << (fdControl_.empty() ? -1 : fdControl_->fd())  // the reply may have met EPIPE

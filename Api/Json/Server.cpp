@@ -1,4 +1,22 @@
-// The listening end. readable -> free the dead -> accept -> credentials -> validator -> connection.
+// The listening end: readable -> free the dead -> accept -> credentials -> validator -> connection.
+//
+// The constructor makes, binds and watches the listening socket. Each read event frees the
+// connections that have died and accepts one client; the loop reports the others again. The client
+// passes these gates, each of which closes it unless said otherwise:
+//
+//   accept fails         nothing to close; logged, and deferred if the next try would fail too
+//   getsockopt fails     logged
+//   the validator        says no; what it throws leaves with the client still open
+//   F_GETFL fails        logged
+//   F_SETFL fails        logged; the client stays open, on purpose
+//
+// Behind them it is a Connection, which watches its own socket. It is dead once it has let go of
+// its registration, stays in the set until the next read event or freeDeadConnections, and
+// outlives its own running handler in any case. notifyClients does not look for the dead: their
+// send path drops what they get.
+//
+// The destructor closes the listening socket before the first connection goes, so that no client
+// finds a server that is about to leave.
 
 #include "Api/Json/detail/Assertions.h"
 //
@@ -45,9 +63,9 @@ Server::Server(const Kelvo::String& name, Handler handler, Validator validator)
   if (fd < 0) {
     throw SocketException(-fd);
   }
-  UnownedFd unowned(fd);
+  ScopedFd socket(fd);
   fdControl_->attach(fd);
-  unowned.hasOwner();
+  socket.release();
   TOVIK_LOG(0, "Server(): socket fd = " << fd);
 }
 
@@ -87,6 +105,8 @@ void Server::readFdEvent(int fd) {
     TOVIK_LOG(0, "Server::readFdEvent: Failed to accept() -> " << std::strerror(errno));
     return;
   }
+  // The validator may turn the loop, and thereby accept others or free connections. All that is
+  // used below is this client's descriptor and the server, which it may not destroy.
   if (!validateConnection(client)) {
     ::close(client);
     return;
@@ -101,9 +121,9 @@ void Server::readFdEvent(int fd) {
     TOVIK_LOG(0, "Server::readFdEvent: Failed to SETFL -> " << std::strerror(errno));
     return;  // the descriptor stays open, on purpose
   }
-  UnownedFd unowned(client);
+  ScopedFd socket(client);
   const auto connection = std::make_shared<Connection>(client, handler_);
-  unowned.hasOwner();
+  socket.release();
   connections_.insert(connection);
   TOVIK_LOG(1, "Server::readFdEvent(): New connection, fd = " << client);
 }
