@@ -17,8 +17,6 @@
 // Two kinds of calls leave this file: overrides of terminateConnection, after which everything
 // returns, and sinks of the debug channel, after which the sender looks again at what it holds.
 
-#include "Api/Json/detail/Assertions.h"
-//
 #include "Api/Json/Async.h"
 
 #include <unistd.h>

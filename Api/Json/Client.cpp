@@ -17,8 +17,6 @@
 // the client is attached: so the timer stands for "try again" and never ends a connection that
 // works. What was queued while unconnected leaves with the first message after the next connect.
 
-#include "Api/Json/detail/Assertions.h"
-//
 #include "Api/Json/Client.h"
 
 #include <fcntl.h>

@@ -10,8 +10,6 @@
 // member is touched after it. Whoever drops the connection meanwhile lets the running callback
 // share it, so that the handler and what it has captured stay until it returns.
 
-#include "Api/Json/detail/Assertions.h"
-//
 #include "Api/Json/Connection.h"
 
 #include <cstring>

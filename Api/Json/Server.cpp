@@ -18,8 +18,6 @@
 // The destructor closes the listening socket before the first connection goes, so that no client
 // finds a server that is about to leave.
 
-#include "Api/Json/detail/Assertions.h"
-//
 #include "Api/Json/Server.h"
 
 #include <fcntl.h>
