@@ -349,28 +349,34 @@ TYPED_TEST_P(Adapter, LetsTheHostsOwnEventsThroughUnderLoad) {
   EXPECT_GT(this->received.size(), before) << "and the load goes on meanwhile";
 }
 
+// Lateness is counted in messages and not in time: a process that has to wait for its processor
+// handles no messages meanwhile.
 TYPED_TEST_P(Adapter, KeepsTimersToTheirScheduleUnderLoad) {
-  this->flood();
   constexpr int kTicks = 40;
   constexpr milliseconds kPeriod(5);
-  const auto start = SteadyClock::now();
-  std::vector<SteadyClock::duration> late;
+  auto due = SteadyClock::now() + kPeriod;
+  int overdue = 0;  // messages handled since the timer was due
+  int latest = 0;
+  this->flood();
+  this->onReply = [&, next = this->onReply] {
+    overdue += SteadyClock::now() > due ? 1 : 0;
+    next();
+  };
+  int ticks = 0;
   CallingTimer* again = nullptr;
   CallingTimer timer([&] {
-    const auto due = start + kPeriod * static_cast<int>(late.size() + 1);
-    late.push_back(SteadyClock::now() - due);
-    if (late.size() == kTicks) {
+    EXPECT_GE(SteadyClock::now(), due - milliseconds(1));
+    latest = std::max(latest, std::exchange(overdue, 0));
+    if (++ticks >= kTicks && this->received.size() > 1000) {
       return this->host.stop();
     }
-    again->arm(std::chrono::duration<double>(due + kPeriod - SteadyClock::now()).count());
+    due = std::max(due + kPeriod, SteadyClock::now());
+    again->arm(std::chrono::duration<double>(due - SteadyClock::now()).count());
   });
   again = &timer;
-  timer.arm(std::chrono::duration<double>(start + kPeriod - SteadyClock::now()).count());
+  timer.arm(std::chrono::duration<double>(due - SteadyClock::now()).count());
   this->host.run();
-  EXPECT_GE(*std::min_element(late.begin(), late.end()), milliseconds(-1));
-  std::nth_element(late.begin(), late.begin() + kTicks / 2, late.end());
-  EXPECT_LT(late[kTicks / 2], milliseconds(50)) << "the median does not drift away";
-  EXPECT_GT(this->received.size(), 100U) << "that was no load";
+  EXPECT_LE(latest, 10) << "a due timer waits for the turn at hand and no more";
 }
 
 REGISTER_TYPED_TEST_SUITE_P(

@@ -398,7 +398,7 @@ def run_all(wanted, results, versions, tests, jobs):
 def report(chosen, possible, results, explained):
     outcomes = collections.Counter()
     by_kind = collections.defaultdict(collections.Counter)
-    unexplained = []
+    unexplained, noticed = [], []
     for mutant in chosen:
         outcome = results[mutant.key()]["outcome"]
         if outcome == "survived":
@@ -406,17 +406,19 @@ def report(chosen, possible, results, explained):
             if outcome == "survived":
                 unexplained.append(mutant)
         elif outcome == "killed" and mutant.key() in explained:
-            print(f"Killed, so it needs no explanation:\n{show(mutant)}")
+            noticed.append(mutant)
         outcomes[outcome] += 1
         by_kind[mutant.kind][outcome] += 1
     for mutant in unexplained:
         print(f"Survived:\n{show(mutant)}")
+    for mutant in noticed:
+        print(f"Explained, and killed by {results[mutant.key()]['by']}:\n{show(mutant)}")
     columns = ["killed", "explained", "survived", "invalid"]
     print(f"{'':12}{''.join(f'{name:>11}' for name in columns)}")
     for kind, counts in [*sorted(by_kind.items()), ("all", outcomes)]:
         print(f"{kind:12}{''.join(f'{counts[name]:11}' for name in columns)}")
     print(f"{len(chosen)} of {len(possible)} breakages tried; invalid ones do not compile")
-    return 1 if unexplained else 0
+    return 1 if unexplained or noticed else 0
 
 
 if __name__ == "__main__":

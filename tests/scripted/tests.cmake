@@ -5,7 +5,6 @@ set(scripted_tests
     scripted/AsyncSenderTest.cpp
     scripted/ConnectionTest.cpp
     scripted/DiagnosticsTest.cpp
-    scripted/LayoutTest.cpp
     scripted/ServerTest.cpp)
 add_executable(
   scripted_test

@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <cstring>
 #include <iterator>
+#include <string_view>
 
 namespace Faults {
 
@@ -58,21 +59,21 @@ struct Interposer {
 
   static int error(const Fail& fail) { return fail.error_; }
 
-  static void record(const Seen& seen) {
+  static void record(Call call, int fd, std::size_t size, long result, std::string_view bytes) {
     if (busy || traces.empty()) {
       return;
     }
     const int callersErrno = errno;
     busy = true;
     for (Trace* trace : traces) {
-      trace->calls_.push_back(seen);
+      trace->calls_.push_back(Seen{call, fd, size, result, std::string(bytes)});
     }
     busy = false;
     errno = callersErrno;
   }
 
   template <class Result, class Go>
-  static Result call(Call kind, int fd, std::size_t size, const std::string& bytes, Go go) {
+  static Result call(Call kind, int fd, std::size_t size, std::string_view bytes, Go go) {
     if (busy) {
       return go();
     }
@@ -87,7 +88,7 @@ struct Interposer {
       errno = error(*fail);
       result = static_cast<Result>(-1);
     }
-    record(Seen{kind, fd, size, static_cast<long>(result), bytes});
+    record(kind, fd, size, static_cast<long>(result), bytes);
     return result;
   }
 };
@@ -99,6 +100,10 @@ Fail::Fail(Call call, int error, int times, int skip, int onlyFd)
 
 Fail::~Fail() {
   fails.erase(std::find(fails.begin(), fails.end(), this));
+}
+
+bool collecting() {
+  return busy;
 }
 
 Trace::Trace() {
@@ -122,17 +127,6 @@ using Faults::Call;
 using Faults::Interposer;
 using Faults::next;
 
-namespace {
-
-/// A copy of the bytes, only if somebody collects them.
-std::string copied(const void* bytes, std::size_t size) {
-  return Faults::traces.empty() || Faults::busy
-             ? std::string()
-             : std::string(static_cast<const char*>(bytes), size);
-}
-
-}  // namespace
-
 extern "C" {
 
 int socket(int domain, int type, int protocol) {
@@ -143,7 +137,8 @@ int socket(int domain, int type, int protocol) {
 
 int bind(int fd, const sockaddr* address, socklen_t size) {
   static const auto real = next<int (*)(int, const sockaddr*, socklen_t)>("bind");
-  return Interposer::call<int>(Call::kBind, fd, size, copied(address, size),
+  return Interposer::call<int>(Call::kBind, fd, size,
+                               {reinterpret_cast<const char*>(address), size},
                                [&] { return real(fd, address, size); });
 }
 
@@ -161,7 +156,8 @@ int accept(int fd, sockaddr* address, socklen_t* size) {
 
 int connect(int fd, const sockaddr* address, socklen_t size) {
   static const auto real = next<int (*)(int, const sockaddr*, socklen_t)>("connect");
-  return Interposer::call<int>(Call::kConnect, fd, size, copied(address, size),
+  return Interposer::call<int>(Call::kConnect, fd, size,
+                               {reinterpret_cast<const char*>(address), size},
                                [&] { return real(fd, address, size); });
 }
 
@@ -193,7 +189,7 @@ ssize_t read(int fd, void* buffer, size_t size) {
 
 ssize_t write(int fd, const void* bytes, size_t size) {
   static const auto real = next<ssize_t (*)(int, const void*, size_t)>("write");
-  return Interposer::call<ssize_t>(Call::kWrite, fd, size, copied(bytes, size),
+  return Interposer::call<ssize_t>(Call::kWrite, fd, size, {static_cast<const char*>(bytes), size},
                                    [&] { return real(fd, bytes, size); });
 }
 
@@ -205,7 +201,7 @@ int close(int fd) {
 char* strerror(int error) noexcept {
   static const auto real = next<char* (*)(int)>("strerror");
   char* const text = real(error);
-  Interposer::record(Faults::Seen{Call::kStrerror, -1, 0, error, {}});
+  Interposer::record(Call::kStrerror, -1, 0, error, {});
   return text;
 }
 

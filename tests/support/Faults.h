@@ -65,6 +65,9 @@ struct Seen {
   std::string bytes;  // what was written; the address's bytes
 };
 
+/// Whether this thread is at work for a Trace, and not for what is tested.
+bool collecting();
+
 /// Collects the calls that this thread makes while it lives.
 class Trace {
  public:

@@ -1,5 +1,4 @@
-# The command, run as its users run it. Needs Python 3, bash, groff and socat, and looks at the
-# completions for zsh and fish where these are installed.
+# The command, run as its users run it. Needs Python 3, bash, groff and socat.
 find_package(Python3 COMPONENTS Interpreter REQUIRED)
 
 function(tovik_tool_test name)
@@ -26,5 +25,7 @@ foreach(shell IN ITEMS zsh fish)
   if(TOVIK_${shell})
     add_test(NAME tool.${shell}
              COMMAND bash -c "${TOVIK_${shell}} -n <($<TARGET_FILE:tovik_tool> completion ${shell})")
+  else()
+    tovik_missing_test(tool.${shell})
   endif()
 endforeach()

@@ -4,20 +4,18 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <malloc.h>
 #include <sys/socket.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <memory>
-#include <new>
 #include <stdexcept>
 #include <utility>
 
 #include "Kelvo/Exception.h"
+#include "tests/support/Memory.h"
 #include "tests/tovik/Peers.h"
 
 using Faults::Call;
@@ -26,69 +24,7 @@ using Faults::Trace;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-// Every allocation of this program, the libraries' included, is counted.
-
 namespace {
-
-std::atomic<std::size_t> allocatedBytes{0};
-std::atomic<int> refusedAllocations{-1};  // counts while it is not negative
-
-void* countedAllocation(std::size_t size) noexcept {
-  if (refusedAllocations >= 0) {
-    ++refusedAllocations;
-    return nullptr;
-  }
-  void* const memory = std::malloc(size == 0 ? 1 : size);
-  if (memory != nullptr) {
-    allocatedBytes += malloc_usable_size(memory);
-  }
-  return memory;
-}
-
-void countedRelease(void* memory) noexcept {
-  if (memory != nullptr) {
-    allocatedBytes -= malloc_usable_size(memory);
-  }
-  std::free(memory);
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-  if (void* const memory = countedAllocation(size)) {
-    return memory;
-  }
-  throw std::bad_alloc();
-}
-
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return countedAllocation(size);
-}
-
-void operator delete(void* memory) noexcept {
-  countedRelease(memory);
-}
-
-void operator delete(void* memory, std::size_t) noexcept {
-  countedRelease(memory);
-}
-
-void operator delete(void* memory, const std::nothrow_t&) noexcept {
-  countedRelease(memory);
-}
-
-namespace {
-
-/// While it lives, no memory is left.
-class NoMemory {
- public:
-  NoMemory() { refusedAllocations = 0; }
-  NoMemory(const NoMemory&) = delete;
-  NoMemory& operator=(const NoMemory&) = delete;
-  ~NoMemory() { refusedAllocations = -1; }
-
-  static int refused() { return refusedAllocations; }
-};
 
 class Subject : public Tovik::AsyncSender {
  public:
@@ -702,19 +638,19 @@ TEST_F(AsyncSender, ReportsATerminationWhileTheDescriptorIsStillItsOwn) {
 }
 
 TEST_F(AsyncSender, GivesBackTheStorageOfALongBacklog) {
-  const std::size_t before = allocatedBytes;
+  const std::size_t before = Faults::allocatedBytes();
   for (int i = 0; i < 20000; ++i) {
     send(kOne);
   }
-  ASSERT_GT(allocatedBytes, before + 500000);
+  ASSERT_GT(Faults::allocatedBytes(), before + 500000);
   sender.clearQueue();
   EXPECT_TRUE(sender.sendQueue_.empty());
-  EXPECT_LT(allocatedBytes, before + 2000);
+  EXPECT_LT(Faults::allocatedBytes(), before + 2000);
 }
 
 TEST_F(AsyncSender, GivesBackTheStorageOfABacklogWhenItEnds) {
   attach();
-  const std::size_t before = allocatedBytes;
+  const std::size_t before = Faults::allocatedBytes();
   {
     const Fail full(Call::kWrite, EAGAIN);
     for (int i = 0; i < 20000; ++i) {
@@ -722,13 +658,13 @@ TEST_F(AsyncSender, GivesBackTheStorageOfABacklogWhenItEnds) {
     }
   }
   sender.terminateConnection();
-  EXPECT_LT(allocatedBytes, before + 2000);
+  EXPECT_LT(Faults::allocatedBytes(), before + 2000);
 }
 
 TEST_F(AsyncSender, GivesBackTheStorageOfABacklogThatWasSent) {
   for (const int backlog : {17, 32, 33, 20000, 20010}) {
     attach();
-    const std::size_t before = allocatedBytes;
+    const std::size_t before = Faults::allocatedBytes();
     {
       const Fail full(Call::kWrite, EAGAIN);
       for (int i = 0; i < backlog; ++i) {
@@ -739,7 +675,7 @@ TEST_F(AsyncSender, GivesBackTheStorageOfABacklogThatWasSent) {
       sender.flushQueue();
     }
     (backlog % 2 == 0) ? sender.clearQueue() : sender.terminateConnection();
-    EXPECT_LT(allocatedBytes, before + 200) << backlog;
+    EXPECT_LT(Faults::allocatedBytes(), before + 200) << backlog;
     sender.terminateConnection();
   }
 }
@@ -753,7 +689,7 @@ TEST_F(AsyncSender, EndsAConnectionWithoutMemory) {
     }
   }
   {
-    const NoMemory noMemory;
+    const Faults::NoMemory noMemory;
     sender.terminateConnection();
   }
   EXPECT_EQ(rawReceive(peer.get()), "<end>");
@@ -767,9 +703,10 @@ TEST_F(AsyncSender, NeedsNoMemoryToEndAConnectionThatHadNoBacklog) {
   for (int i = 0; i < 100; ++i) {
     send(kOne);
   }
-  const NoMemory noMemory;
+  const int failedBefore = Faults::failedAllocations();
+  const Faults::NoMemory noMemory;
   sender.terminateConnection();
-  EXPECT_EQ(NoMemory::refused(), 0);
+  EXPECT_EQ(Faults::failedAllocations(), failedBefore);
 }
 
 TEST_F(AsyncSender, IsDestroyedWithoutMemory) {
@@ -783,7 +720,7 @@ TEST_F(AsyncSender, IsDestroyedWithoutMemory) {
       other->asyncSendMsg(parsed(kOne));
     }
   }
-  const NoMemory noMemory;
+  const Faults::NoMemory noMemory;
   other.reset();
 }
 

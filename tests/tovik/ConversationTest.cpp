@@ -18,6 +18,7 @@
 
 #include "Api/Json/Client.h"
 #include "Api/Json/Server.h"
+#include "tests/tovik/ClientSupport.h"
 #include "tests/tovik/Peers.h"
 
 using ::testing::ElementsAre;
@@ -426,6 +427,32 @@ TEST(AcrossProcesses, ABlockingClientWaitsForItsNotifications) {
   ASSERT_EQ(subscriber.sendMsg(parsed(kSubscribe), true), 0);
   ASSERT_EQ(other.sendMsg(parsed(R"({"tell":{"n":1},"status":2})"), true), 2);
   EXPECT_EQ(Tovik::Message::toStr(subscriber.waitForMsg(), false), R"({"n":1})");
+}
+
+/// What a subscribed client's call returns that blocks until this notification comes.
+int resultOfACallEndedBy(const std::string& notification) {
+  const std::string name = uniqueName();
+  const ServiceProcess service(name);
+  const Tovik::Client subscriber(name);
+  const Tovik::Client other(name);
+  EXPECT_EQ(subscriber.sendMsg(parsed(kSubscribe), true), 0);
+  const OnceThisThreadSleeps telling(
+      [&] { EXPECT_EQ(other.sendMsg(parsed("{\"tell\":" + notification + "}"), false), 0); });
+  return subscriber.sendMsg(parsed(R"({"status":4})"), true);
+}
+
+TEST(AcrossProcesses, ACallOfASubscribedClientBlocksAndANotificationEndsIt) {
+  const CapturedLog log;
+  EXPECT_EQ(resultOfACallEndedBy(R"({"n":1})"), -1);
+  EXPECT_EQ(log.lines(0),
+            std::vector<std::string>{
+                "0 Api/Json/Client waitAck: Client::waitAck(): message isn't valid ack"});
+}
+
+TEST(AcrossProcesses, ACallOfASubscribedClientTakesANotificationThatLooksLikeAReplyForOne) {
+  const CapturedLog log;
+  EXPECT_EQ(resultOfACallEndedBy(R"({"n":1,"status":7,"type":"reply"})"), 7);
+  EXPECT_EQ(log.lines(0), std::vector<std::string>());
 }
 
 TEST(AcrossProcesses, ABlockingClientLearnsThatItsServerWasKilled) {

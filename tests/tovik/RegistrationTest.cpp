@@ -18,35 +18,8 @@
 
 #include "tests/kelvo/Handlers.h"
 #include "tests/support/Faults.h"
+#include "tests/support/Memory.h"
 #include "tests/support/Support.h"
-
-namespace {
-
-bool memoryIsExhausted = false;
-
-}  // namespace
-
-// Not to be inlined, or the compiler takes them for a mismatch of malloc's kind with its own.
-
-[[gnu::noinline]] void* operator new(std::size_t size) {
-  void* memory = memoryIsExhausted ? nullptr : std::malloc(size);
-  if (memory == nullptr) {
-    throw std::bad_alloc();
-  }
-  return memory;
-}
-
-/// Wipes it, so that nobody lives on what is left there.
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-  if (memory != nullptr) {
-    explicit_bzero(memory, malloc_usable_size(memory));
-  }
-  std::free(memory);
-}
-
-[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
-  operator delete(memory);
-}
 
 // The first test of all: what counts the process's connections has counted none yet.
 TEST(DeadConnections, AreFreedOneByOne) {
@@ -141,14 +114,13 @@ TEST(Registration, WithoutMemoryIsRefusedAndLeavesNothing) {
     Watcher watcher;
     const auto attach = [&] { watcher.control->attach(far.get()); };
 
-    memoryIsExhausted = true;
     bool refused = false;
     try {
+      const Faults::NoMemory exhausted;
       attach();
     } catch (const std::bad_alloc&) {
       refused = true;
     }
-    memoryIsExhausted = false;
 
     EXPECT_TRUE(refused);
     EXPECT_EQ(watcher.control->fd(), -1);

@@ -55,6 +55,24 @@ TEST_P(Reply, IsJudgedByItsRecord) {
   EXPECT_EQ(client_.waitAck(), 5) << "the client goes on with the next record";
 }
 
+/// Members that a record lacks, and that stood in the same place of the one before it, whose memory
+/// it is likely to get.
+TEST(ReplyAfterAnother, IsNotCompletedFromIt) {
+  RawServer server;
+  const Tovik::Client client(server.name());
+  const Fd peer = server.accept();
+  const CapturedLog log;
+  for (const auto& [whole, part] :
+       {std::pair{R"({"type":"reply","status":7})", R"({"type":"reply"})"},
+        std::pair{R"({"status":7,"type":"reply"})", R"({"status":7})"}}) {
+    rawSend(peer.get(), whole);
+    rawSend(peer.get(), part);
+    EXPECT_EQ(client.waitAck(), 7);
+    EXPECT_EQ(client.waitAck(), -1) << part;
+  }
+  EXPECT_EQ(log.lines(), Lines(2, "0 Api/Json/Client waitAck: Client::waitAck(): " + kNoReply));
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Accepted, Reply,
     testing::Values(

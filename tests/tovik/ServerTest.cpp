@@ -22,6 +22,7 @@
 
 #include "Kelvo/Exception.h"
 #include "Kelvo/Platform/TimeoutHandler.h"
+#include "tests/support/Memory.h"
 #include "tests/tovik/Peers.h"
 
 using Faults::Call;
@@ -1031,6 +1032,70 @@ TEST_F(Server, MayBeDestroyedByAnotherServersHandler) {
   EXPECT_TRUE(turn());
   EXPECT_EQ(server, nullptr);
   EXPECT_EQ(rawReceive(client.get()), "<end>");
+}
+
+// --- memory that runs out ---
+
+/// Lets the `nth` allocation of `action`, from 0, fail; false if it makes no more than that.
+template <class Action>
+bool withoutMemoryForThe(std::size_t nth, Action action) {
+  const int before = Faults::failedAllocations();
+  try {
+    const Faults::NoMemory exhausted(static_cast<int>(nth), 1);
+    action();
+  } catch (const std::bad_alloc&) {
+  }
+  return Faults::failedAllocations() > before;
+}
+
+int failedCloses(const Trace& trace) {
+  int failed = 0;
+  for (const auto& seen : trace.of(Call::kClose)) {
+    failed += seen.result == 0 ? 0 : 1;
+  }
+  return failed;
+}
+
+TEST_F(Server, ClosesAClientOnceOrKeepsItWhereverMemoryRunsOut) {
+  std::vector<Fd> clients;
+  for (bool failed = true; failed;) {
+    clients.push_back(knock());
+    const auto before = openDescriptors().size();
+    const long connected = connections();
+    const Trace trace;
+    failed = withoutMemoryForThe(clients.size() - 1, [] { turn(); });
+    turnUntilIdle();
+    EXPECT_EQ(failedCloses(trace), 0) << "allocation " << clients.size();
+    const auto made = static_cast<std::size_t>(connections() - connected);
+    EXPECT_EQ(openDescriptors().size(), before + made) << "allocation " << clients.size();
+    EXPECT_EQ(rawReceiveNow(clients.back().get()), made == 0 ? "<end>" : "<nothing>");
+  }
+}
+
+TEST_F(Server, KeepsAClientThatItHasReportedThoughMemoryRunsOut) {
+  CapturedLog log(1U << 1);
+  std::vector<Fd> clients;
+  for (bool failed = true; failed;) {
+    log.clear();
+    clients.push_back(knock());
+    const Trace trace;
+    failed = withoutMemoryForThe(clients.size() - 1, [] { turn(); });
+    const auto accepted = trace.of(Call::kAccept);
+    if (!accepted.empty() && log.has(admittedLine(static_cast<int>(accepted.at(0).result)))) {
+      EXPECT_EQ(rawReceiveNow(clients.back().get()), "<nothing>");
+    }
+    turnUntilIdle();
+  }
+}
+
+TEST_F(Server, IsMadeOrLeavesNothingBehindWhereverMemoryRunsOut) {
+  const CapturedLog log;
+  server.reset();
+  const auto before = openDescriptors().size();
+  for (std::size_t nth = 0; withoutMemoryForThe(nth, [this] { start(); }); ++nth) {
+    EXPECT_EQ(openDescriptors().size(), before + (server ? 1U : 0U)) << "allocation " << nth;
+    server.reset();
+  }
 }
 
 }  // namespace

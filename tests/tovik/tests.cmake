@@ -12,3 +12,7 @@ tovik_test(admission_test tovik/AdmissionTest.cpp)
 tovik_test(descriptor_zero_test tovik/DescriptorZeroTest.cpp)
 tovik_test(log_date_test tovik/LogDateTest.cpp)
 tovik_test(registration_test tovik/RegistrationTest.cpp)
+tovik_test(layout_test tovik/LayoutTest.cpp)
+# Members' offsets, of private members too, and of classes with virtual functions.
+set_source_files_properties(tovik/LayoutTest.cpp PROPERTIES COMPILE_OPTIONS
+                                                 "-fno-access-control;-Wno-invalid-offsetof")

@@ -1,0 +1,178 @@
+// An application and a library that were built apart agree on a class by the order of its members
+// and of its virtual functions. This file is compiled without access control: most members are
+// private.
+
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstring>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "Api/Json/Client.h"
+#include "Api/Json/Server.h"
+
+namespace {
+
+using Kelvo::Platform::FdControl;
+using Kelvo::Platform::FdEventHandler;
+using Kelvo::Platform::TimeoutHandler;
+
+// --- virtual functions ---
+
+/// The place of a virtual function in its class's table. By the C++ ABI that Linux uses, a pointer
+/// to such a function holds the offset in the table, in some processors' variants plus one.
+template <class Member>
+std::size_t slot(Member member) {
+  std::size_t offset = 0;
+  std::memcpy(&offset, &member, sizeof offset);
+  return (offset & ~std::size_t{1}) / sizeof(void*);
+}
+
+/// How many places a class's table has: a virtual function of a class derived from it comes next.
+template <class Base>
+struct Derived : Base {
+  virtual void next() {}
+};
+template <class Base>
+std::size_t slots() {
+  return slot(&Derived<Base>::next);
+}
+
+// The destructor comes first in every class and takes two places.
+
+TEST(VirtualOrder, OfADescriptorsHandler) {
+  EXPECT_EQ(slot(&FdEventHandler::readFdEvent), 2U);
+  EXPECT_EQ(slot(&FdEventHandler::writeFdEvent), 3U);
+  EXPECT_EQ(slot(&FdEventHandler::handleFdException), 4U);
+  EXPECT_EQ(slots<FdEventHandler>(), 5U);
+}
+
+TEST(VirtualOrder, OfAControl) {
+  EXPECT_EQ(slot(&FdControl::setWriteInterest), 2U);
+  EXPECT_EQ(slot(&FdControl::attach), 3U);
+  EXPECT_EQ(slot(&FdControl::fd), 4U);
+  EXPECT_EQ(slot(&FdControl::detach), 5U);
+}
+
+TEST(VirtualOrder, OfATimersHandlerAndATimer) {
+  EXPECT_EQ(slot(&TimeoutHandler::timeout), 2U);
+  EXPECT_EQ(slot(&TimeoutHandler::handleTimeoutException), 3U);
+  EXPECT_EQ(slots<TimeoutHandler>(), 4U);
+  EXPECT_EQ(slot(&Kelvo::Platform::Timer::arm), 2U);
+}
+
+TEST(VirtualOrder, OfTheSenderAndTheConnection) {
+  EXPECT_EQ(slot(&Tovik::AsyncSender::readFdEvent), 2U);
+  EXPECT_EQ(slot(&Tovik::AsyncSender::writeFdEvent), 3U);
+  EXPECT_EQ(slot(&Tovik::AsyncSender::handleFdException), 4U);
+  EXPECT_EQ(slot(&Tovik::AsyncSender::terminateConnection), 5U);
+  EXPECT_EQ(slots<Tovik::AsyncSender>(), 6U);
+  EXPECT_EQ(slot(&Tovik::Connection::readFdEvent), 2U);
+  EXPECT_EQ(slots<Tovik::Connection>(), 6U);
+}
+
+TEST(VirtualOrder, OfTheServer) {
+  EXPECT_EQ(slot(&Tovik::Server::readFdEvent), 2U);
+  EXPECT_EQ(slot(&Tovik::Server::writeFdEvent), 3U);
+  EXPECT_EQ(slot(&Tovik::Server::handleFdException), 4U);
+  EXPECT_EQ(slots<Tovik::Server>(), 5U);
+}
+
+TEST(VirtualOrder, OfTheBlockingClientIsItsDestructor) {
+  EXPECT_TRUE(std::has_virtual_destructor_v<Tovik::Client>);
+  EXPECT_EQ(slots<Tovik::Client>(), 2U);
+}
+
+TEST(VirtualOrder, OfTheClientForTheLoopIsTheTimersAndThenItsOwn) {
+  EXPECT_EQ(slot(&Tovik::AsyncClient::timeout), 2U);
+  EXPECT_EQ(slot(&Tovik::AsyncClient::handleTimeoutException), 3U);
+  EXPECT_EQ(slot(&Tovik::AsyncClient::readFdEvent), 4U);
+  EXPECT_EQ(slot(&Tovik::AsyncClient::terminateConnection), 5U);
+  EXPECT_EQ(slots<Tovik::AsyncClient>(), 6U);
+}
+
+TEST(VirtualOrder, OfTheException) {
+  EXPECT_EQ(slot(&Tovik::SocketException::what), 2U);
+  EXPECT_EQ(slot(&Tovik::SocketException::name), 3U);
+  EXPECT_EQ(slots<Tovik::SocketException>(), 4U);
+}
+
+// --- members ---
+
+struct Field {
+  const char* name;
+  std::size_t offset, size, alignment;
+};
+
+#define FIELD(Class, member)                                                                  \
+  Field {                                                                                     \
+#member, offsetof(Class, member), sizeof(Class::member), alignof(decltype(Class::member)) \
+  }
+
+constexpr std::size_t roundedUp(std::size_t offset, std::size_t alignment) {
+  return (offset + alignment - 1) / alignment * alignment;
+}
+
+/// Holds that the fields follow each other in this order from `begin` on, with nothing in between
+/// and nothing behind the last.
+void expectInOrder(std::size_t begin, const std::vector<Field>& fields, std::size_t size) {
+  std::size_t end = begin;
+  for (const Field& field : fields) {
+    EXPECT_EQ(field.offset, roundedUp(end, field.alignment)) << field.name;
+    end = field.offset + field.size;
+  }
+  EXPECT_EQ(size, roundedUp(end, alignof(void*)));
+}
+
+constexpr std::size_t kTable = sizeof(void*);  // where an object's virtual functions are
+
+const std::vector<Field> kSender{FIELD(Tovik::AsyncSender, fdControl_),
+                                 FIELD(Tovik::AsyncSender, sendQueue_),
+                                 FIELD(Tovik::AsyncSender, readBufferSize_)};
+
+/// Where the sender's last member ends and a derived class's first may begin.
+constexpr std::size_t kEndOfSender =
+    kTable + sizeof(void*) + sizeof(std::deque<Kelvo::String>) + sizeof(int);
+
+TEST(Layout, OfTheSender) {
+  static_assert(std::is_base_of_v<FdEventHandler, Tovik::AsyncSender>);
+  expectInOrder(kTable, kSender, sizeof(Tovik::AsyncSender));
+}
+
+TEST(Layout, OfTheConnectionGoesOnWhereTheSenderEnds) {
+  expectInOrder(kEndOfSender,
+                {FIELD(Tovik::Connection, notification_), FIELD(Tovik::Connection, handler_),
+                 FIELD(Tovik::Connection, extraQueue_)},
+                sizeof(Tovik::Connection));
+}
+
+TEST(Layout, OfTheServer) {
+  expectInOrder(kTable,
+                {FIELD(Tovik::Server, handler_), FIELD(Tovik::Server, fdControl_),
+                 FIELD(Tovik::Server, validator_), FIELD(Tovik::Server, connections_)},
+                sizeof(Tovik::Server));
+}
+
+TEST(Layout, OfTheBlockingClient) {
+  expectInOrder(kTable, {FIELD(Tovik::Client, fd_), FIELD(Tovik::Client, readBufferSize_)},
+                sizeof(Tovik::Client));
+}
+
+TEST(Layout, OfTheClientForTheLoopIsATimersHandlerAndASender) {
+  static_assert(std::is_base_of_v<TimeoutHandler, Tovik::AsyncClient>);
+  EXPECT_EQ(offsetof(Tovik::AsyncClient, fdControl_), sizeof(TimeoutHandler) + kTable)
+      << "the sender comes second";
+  expectInOrder(sizeof(TimeoutHandler) + kEndOfSender,
+                {FIELD(Tovik::AsyncClient, socketName_), FIELD(Tovik::AsyncClient, messageHandler_),
+                 FIELD(Tovik::AsyncClient, connectHandler_), FIELD(Tovik::AsyncClient, timer_),
+                 FIELD(Tovik::AsyncClient, reconnectInterval_)},
+                sizeof(Tovik::AsyncClient));
+}
+
+TEST(Layout, OfAMessageIsItsDocuments) {
+  EXPECT_EQ(sizeof(Tovik::Message), sizeof(rapidjson::Document));
+}
+
+}  // namespace
