@@ -16,10 +16,10 @@ A server for tests of clients is in `tovik.testing`. Only the standard library i
 
 from ._aio import AsyncClient
 from ._client import Client
-from ._wire import (ConnectionLost, Credentials, Message, ProtocolError, TovikError, address,
-                    decode, encode)
+from ._wire import (ConnectionLost, Credentials, Message, ProtocolError, TovikError, WrongShape,
+                    address, decode, encode)
 
 __all__ = [
     "AsyncClient", "Client", "ConnectionLost", "Credentials", "Message", "ProtocolError",
-    "TovikError", "address", "decode", "encode",
+    "TovikError", "WrongShape", "address", "decode", "encode",
 ]

@@ -65,7 +65,7 @@ def encode(message: Message) -> bytes:
     try:
         text = json.dumps(message, ensure_ascii=False, allow_nan=False, separators=(",", ":"))
         record = text.encode("utf-8", "surrogateescape")
-    except ValueError as error:
+    except (ValueError, RecursionError) as error:
         raise ProtocolError(f"the message is not expressible in JSON: {error}") from error
     if len(record) > LONGEST_RECORD:
         raise ProtocolError(f"a record has at most {LONGEST_RECORD} bytes, this one {len(record)}")
@@ -102,6 +102,18 @@ def status_of(reply: Message) -> int:
 def new_socket() -> socket.socket:
     """An unconnected socket, close-on-exec as all of Python's."""
     return socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+
+
+def receive(connection: socket.socket) -> bytes:
+    """The next record; no bytes at the end.
+
+    If the peer closed without reading all that it got, the first read fails. What the peer had sent
+    can still be read.
+    """
+    try:
+        return connection.recv(RECEIVE_SIZE)
+    except ConnectionResetError:
+        return connection.recv(RECEIVE_SIZE)
 
 
 def credentials(connection: socket.socket) -> Credentials:
