@@ -147,6 +147,36 @@ class Connecting(unittest.TestCase):
         self.assertEqual(os.listdir("/proc/self/fd"), before)
 
 
+class RaisingHandler(unittest.TestCase):
+    """Code of the test that fails on the thread of the server for tests."""
+
+    def call(self, name):
+        with tovik.Client(name, timeout=support.DEADLINE) as client:
+            client.call({"a": 1})
+
+    def test_surfaces_where_the_server_s_block_ends(self):
+        name = support.unique_name()
+        with self.assertRaisesRegex(KeyError, "mine"):
+            with tovik.testing.Server(name, lambda message: message["mine"]):
+                with self.assertRaises(tovik.ConnectionLost):
+                    self.call(name)
+                with self.assertRaises(tovik.ConnectionLost):
+                    support.wait_until(lambda: self.call(name))
+
+    def test_surfaces_with_what_it_made_fail(self):
+        name = support.unique_name()
+        with self.assertRaises(ZeroDivisionError) as caught:
+            with tovik.testing.Server(name, validator=lambda peer: 1 // 0):
+                self.call(name)
+        self.assertIsInstance(caught.exception.__context__, tovik.ConnectionLost)
+
+    def test_surfaces_where_its_answer_cannot_be_sent(self):
+        name = support.unique_name()
+        with self.assertRaises(tovik.ProtocolError):
+            with tovik.testing.Server(name, lambda message: {"m": "x" * 5000}):
+                self.call(name)
+
+
 class TestServer(unittest.TestCase):
     """The server for tests, against raw records."""
 
