@@ -14,7 +14,7 @@ class Readme(unittest.TestCase):
         self.name = support.unique_name()
         text = (support.SOURCE / "python" / "README.md").read_text()
         blocks = re.findall(r"```python\n(.*?)```", text, re.S)
-        self.blocking, self.asynchronous, self.server = (
+        self.blocking, self.batch, self.asynchronous, self.server = (
             block.replace('"adder"', f'"{self.name}"') for block in blocks)
 
     def start(self, text):
@@ -30,6 +30,11 @@ class Readme(unittest.TestCase):
         with tovik.testing.Server(self.name, lambda message: message["add"]):
             output, _errors = self.start(self.blocking).communicate(timeout=support.DEADLINE)
         self.assertEqual(output, "5\n")
+
+    def test_batch_is_handled_as_a_whole(self):
+        with tovik.testing.Server(self.name) as server:
+            self.assertEqual(self.start(self.batch).wait(support.DEADLINE), 0)
+        self.assertEqual(server.received, [{"add": n} for n in range(100)])
 
     def test_asyncio_client_prints_notifications(self):
         with tovik.testing.Server(self.name) as server:
