@@ -276,7 +276,3 @@ class TestServer(unittest.TestCase):
                 self.peer.connect(tovik.address(self.name))
                 self.assertEqual(self.answers(record), [b""])
         self.assertEqual(self.server.violations, ["[1,2]", '{"command":7,"notification":true}'])
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -46,7 +46,3 @@ class Readme(unittest.TestCase):
     def test_server_for_tests_passes_its_own_test(self):
         process = self.start(self.server)
         self.assertEqual(process.wait(support.DEADLINE), 0)
-
-
-if __name__ == "__main__":
-    unittest.main()
