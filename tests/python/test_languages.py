@@ -4,7 +4,6 @@ import os
 import pathlib
 import subprocess
 import tempfile
-import unittest
 
 import support
 import tovik.testing
@@ -69,8 +68,8 @@ class C(Sample, support.HostmonCase):
 
     @classmethod
     def build(cls, folder):
-        subprocess.run([os.environ["TOOL"], "-std=gnu11", "-Wall", "-Wextra", "-Wpedantic", "-Werror",
-                        SAMPLES / cls.SOURCE, "-o", folder / "client"], check=True)
+        subprocess.run([os.environ["TOOL"], "-std=gnu11", "-Wall", "-Wextra", "-Wpedantic",
+                        "-Werror", SAMPLES / cls.SOURCE, "-o", folder / "client"], check=True)
         return [folder / "client"]
 
 
