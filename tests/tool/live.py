@@ -6,6 +6,7 @@ import ctypes
 import json
 import os
 import platform
+import random
 import select
 import signal
 import socket
@@ -859,8 +860,13 @@ class Hostile(Case):
         self.assertNotIn("good", out)
 
     def test_random_bytes_as_messages_and_recordings(self):
-        noise = os.urandom(1 << 18)
-        self.check(noise)
+        noise = random.Random(1).randbytes(1 << 18)
+        status, out = self.check(noise)
+        self.assertEqual(2, status)
+        lines = [number for number, line in enumerate(noise.split(b"\n"), 1)
+                 if line.strip(b" \t\r")]
+        self.assertEqual([f"line {number}: bad" for number in lines],
+                         [line[:line.find(",")] for line in out.splitlines()])
         for arguments in (("call", self.name), ("relay", self.name, self.name, "--replay", "-")):
             program = self.start(*arguments)
             try:
