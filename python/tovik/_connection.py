@@ -10,7 +10,7 @@ import asyncio
 import collections
 import logging
 import socket
-from typing import Any, Callable, Deque, NamedTuple, Optional
+from typing import Any, Callable, Deque, NamedTuple, Optional, Tuple
 
 from . import _wire
 from ._wire import ConnectionLost, Message, ProtocolError
@@ -22,21 +22,25 @@ class _Waiting(NamedTuple):
     """A record that waits for room, and who waits for it."""
 
     record: bytes
-    outcome: "asyncio.Future[Any]"
+    outcome: "Optional[asyncio.Future[Any]]"
     asks: bool
+    kind: object = None
 
 
 class Connection:
     """Owns the socket from now on. What comes and answers nothing goes to `deliver`; what is no
-    message costs a log line, and the connection goes on, as records keep their boundaries."""
+    message goes to `on_garbage` or costs a log line, and the connection goes on, as records keep
+    their boundaries."""
 
     def __init__(self, owned: socket.socket, peer: str, deliver: Callable[[Message], None],
-                 on_close: Callable[[], None]) -> None:
+                 on_close: Callable[[], None],
+                 on_garbage: Optional[Callable[[ProtocolError], None]] = None) -> None:
         self._loop = asyncio.get_running_loop()
         self._socket = owned
         self._peer = peer
         self._deliver = deliver
         self._on_close = on_close
+        self._on_garbage = on_garbage
         self._waiting: Deque[_Waiting] = collections.deque()
         self._asked: Optional["asyncio.Future[Any]"] = None
         self.closed: "asyncio.Future[str]" = self._loop.create_future()  # the reason
@@ -61,6 +65,19 @@ class Connection:
                 self.close("a call was given up before its answer came")
             raise
 
+    def post(self, record: bytes, kind: object = None) -> None:
+        """Sends the record, now or when there is room; nobody waits for that."""
+        self._add(_Waiting(record, None, False, kind))
+
+    def forget(self, kind: object) -> None:
+        """Drops the posted records of that kind that still wait."""
+        self._waiting = collections.deque(w for w in self._waiting if w.kind != kind)
+
+    @property
+    def queued(self) -> Tuple[int, int]:
+        """The records that wait for room, and their bytes."""
+        return len(self._waiting), sum(len(waiting.record) for waiting in self._waiting)
+
     def close(self, reason: str) -> None:
         """Harmless on a closed one."""
         if self.closed.done():
@@ -75,13 +92,16 @@ class Connection:
         self._on_close()
 
     def _post(self, record: bytes, asks: bool) -> "asyncio.Future[Any]":
+        outcome = self._loop.create_future()
+        self._add(_Waiting(record, outcome, asks))
+        return outcome
+
+    def _add(self, waiting: _Waiting) -> None:
         if self.closed.done():
             raise ConnectionLost(self.closed.result())
-        outcome = self._loop.create_future()
-        self._waiting.append(_Waiting(record, outcome, asks))
+        self._waiting.append(waiting)
         if len(self._waiting) == 1:
             self._write()
-        return outcome
 
     def _write(self) -> None:
         while self._waiting:
@@ -91,32 +111,33 @@ class Connection:
                 return self._loop.add_writer(self._socket, self._write)
             except ConnectionError as error:  # what has come already is still read, up to the end
                 self._fail_waiting(str(error.strerror))
+            except OSError as error:  # a posted record, which cannot be left out
+                return self.close(str(error.strerror))
             else:
                 self._waiting.popleft()
         self._loop.remove_writer(self._socket)
 
     def _write_first(self) -> None:
-        record, outcome, asks = self._waiting[0]
-        if outcome.done():  # cancelled
+        record, outcome, asks, _kind = self._waiting[0]
+        if outcome is not None and outcome.done():  # cancelled
             return
         try:
             self._socket.send(record)
         except (BlockingIOError, ConnectionError):
             raise
         except OSError as error:  # too large for the socket, or no memory: the next one may pass
+            if outcome is None:
+                raise
             outcome.set_exception(error)
         else:
-            self._sent(outcome, asks)
-
-    def _sent(self, outcome: "asyncio.Future[Any]", asks: bool) -> None:
-        if asks:
-            self._asked = outcome
-        else:
-            outcome.set_result(None)
+            if asks:
+                self._asked = outcome
+            elif outcome is not None:
+                outcome.set_result(None)
 
     def _fail_waiting(self, reason: str) -> None:
         for waiting in self._waiting:
-            if not waiting.outcome.done():
+            if waiting.outcome is not None and not waiting.outcome.done():
                 waiting.outcome.set_exception(ConnectionLost(reason))
         self._waiting.clear()
 
@@ -128,7 +149,7 @@ class Connection:
         except OSError as error:
             return self.close(str(error.strerror))
         if not record:
-            return self.close("the server has closed the connection")
+            return self.close("the peer has closed the connection")
         try:
             self._receive(_wire.decode(record))
         except ProtocolError as error:
@@ -142,6 +163,8 @@ class Connection:
             asked.set_result(message)
 
     def _refuse(self, error: ProtocolError) -> None:
+        if self._on_garbage is not None:
+            return self._on_garbage(error)
         _log.warning("%s: a record was dropped: %s", self._peer, error)
         asked, self._asked = self._asked, None
         if asked is not None:

@@ -29,6 +29,10 @@ class ProtocolError(TovikError, ValueError):
     """A record is no message, or a message is not what is expected here."""
 
 
+class TooLong(ProtocolError):
+    """More than one record carries."""
+
+
 class WrongShape(ProtocolError):
     """Valid JSON that would end a C++ peer by assertion."""
 
@@ -62,20 +66,25 @@ def encode(message: Message) -> bytes:
     """The record that carries the message: its compact JSON text."""
     if not isinstance(message, dict):
         raise WrongShape("a message is an object: a server ends if it gets anything else")
+    record = encode_any(message)
+    if len(record) > LONGEST_RECORD:
+        raise TooLong(f"a record has at most {LONGEST_RECORD} bytes, this one {len(record)}")
+    return record
+
+
+def encode_any(value: object) -> bytes:
+    """The compact JSON text of any value, of any length."""
     try:
-        text = json.dumps(message, ensure_ascii=False, allow_nan=False, separators=(",", ":"))
-        record = text.encode("utf-8", "surrogateescape")
+        text = json.dumps(value, ensure_ascii=False, allow_nan=False, separators=(",", ":"))
+        return text.encode("utf-8", "surrogateescape")
     except (ValueError, RecursionError) as error:
         raise ProtocolError(f"the message is not expressible in JSON: {error}") from error
-    if len(record) > LONGEST_RECORD:
-        raise ProtocolError(f"a record has at most {LONGEST_RECORD} bytes, this one {len(record)}")
-    return record
 
 
 def decode(record: bytes) -> Message:
     """The message that a record carries. Bytes that are no UTF-8 become surrogate escapes."""
     if len(record) > LONGEST_RECORD:
-        raise ProtocolError(f"a record of more than {LONGEST_RECORD} bytes")
+        raise TooLong(f"a record of more than {LONGEST_RECORD} bytes")
     try:
         message = json.loads(record.decode("utf-8", "surrogateescape"), parse_constant=_refuse)
     except (ValueError, RecursionError) as error:
