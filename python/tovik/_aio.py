@@ -1,24 +1,15 @@
 """The client for asyncio."""
 
 import asyncio
-import contextlib
-import logging
-import math
-import socket
-from types import TracebackType
-from typing import AsyncIterator, Callable, Optional, Type
+from typing import AsyncIterator, Callable, Optional
 
 from . import _wire
 from ._connection import Connection
+from ._reconnecting import Reconnecting
 from ._wire import ConnectionLost, Message, ProtocolError
 
-_RETRY = 0.005  # seconds between attempts while the server has no room for another client
-_SHORTEST_RECONNECT = 0.001
 
-_log = logging.getLogger("tovik")
-
-
-class AsyncClient:
+class AsyncClient(Reconnecting):
     """A client that connects by itself, and again `reconnect` seconds after each loss.
 
     Used with `async with`, on one event loop. With `subscribe`, it subscribes after each connect;
@@ -40,43 +31,16 @@ class AsyncClient:
                  on_loss: Optional[Callable[[], None]] = None) -> None:
         """Nothing happens before `async with`. `reconnect` is at least 0.001. With `server_uid`,
         connects only to a server of that user."""
-        if not _SHORTEST_RECONNECT <= reconnect < math.inf:
-            raise ValueError(f"reconnect is at least {_SHORTEST_RECONNECT} s, not {reconnect}")
-        self._address = _wire.address(name)
-        self._peer = repr(name)  # as logs can show it, whatever characters it has
-        self._reconnect = reconnect
+        super().__init__(name, reconnect, 0, None if server_uid is None else {server_uid})
         self._subscribe = subscribe
-        self._server_uid = server_uid
         self._on_connect = on_connect
         self._on_loss = on_loss
-        self._connection: Optional[Connection] = None
-        self._task: Optional["asyncio.Task[None]"] = None
 
     async def __aenter__(self) -> "AsyncClient":
-        self._connected = asyncio.Event()  # or left
         self._messages: "asyncio.Queue[Optional[Message]]" = asyncio.Queue()  # None is the end
         self._call_lock = asyncio.Lock()
-        self._task = asyncio.ensure_future(self._stay_connected())
-        self._task.add_done_callback(self._end)
+        await self._enter()
         return self
-
-    async def __aexit__(self, kind: Optional[Type[BaseException]],
-                        value: Optional[BaseException],
-                        traceback: Optional[TracebackType]) -> None:
-        task = self._entered()
-        task.cancel()
-        await asyncio.wait({task})
-
-    def _end(self, _task: "asyncio.Task[None]") -> None:
-        self._messages.put_nowait(None)
-        self._connected.set()
-
-    async def wait_connected(self) -> None:
-        """Returns once there is a connection, subscribed if that is asked for."""
-        task = self._entered()
-        await self._connected.wait()
-        if task.done():
-            raise ConnectionLost("the client was left")
 
     async def send(self, message: Message) -> None:
         """Sends a message; raises `ConnectionLost` while there is no connection.
@@ -119,65 +83,27 @@ class AsyncClient:
                 return
             yield message
 
-    def _entered(self) -> "asyncio.Task[None]":
-        if self._task is None:
-            raise ConnectionLost("not connected: `async with` connects")
-        return self._task
-
     def _current(self) -> Connection:
         if self._connection is None:
             raise ConnectionLost("not connected")
         return self._connection
 
-    # connect -> (subscribe) -> until the loss -> wait -> connect
+    async def _greet(self, connection: Connection) -> None:
+        if self._subscribe:
+            _wire.status_of(await connection.ask(_wire.encode(_wire.SUBSCRIBE)))
 
-    async def _stay_connected(self) -> None:
-        while True:
-            try:
-                with contextlib.closing(_wire.new_socket()) as unconnected:
-                    await self._connect(unconnected)
-                    await self._serve(unconnected)
-            except (OSError, ProtocolError) as error:
-                _log.info("%s: no connection: %s", self._peer, error)
-            await asyncio.sleep(self._reconnect)
+    def _received(self, message: Message) -> None:
+        self._messages.put_nowait(message)
 
-    async def _connect(self, unconnected: socket.socket) -> None:
-        unconnected.setblocking(False)
-        if not self._connects(unconnected):
-            _log.info("%s: waiting, as the server's backlog is full", self._peer)
-            while not self._connects(unconnected):
-                await asyncio.sleep(_RETRY)  # nothing reports when there is room
-        if self._server_uid is not None:
-            _wire.require_server(unconnected, self._server_uid)
+    def _found(self) -> None:
+        self._call_soon(self._on_connect)
 
-    def _connects(self, unconnected: socket.socket) -> bool:
-        with contextlib.suppress(BlockingIOError):
-            unconnected.connect(self._address)
-            return True
-        return False
+    def _lost(self, reason: str) -> None:
+        self._call_soon(self._on_loss)
 
-    async def _serve(self, connected: socket.socket) -> None:
-        connection = Connection(connected, self._peer, self._messages.put_nowait,
-                                self._connected.clear)
-        try:
-            if self._subscribe:
-                _wire.status_of(await connection.ask(_wire.encode(_wire.SUBSCRIBE)))
-            await self._lend(connection)
-        finally:
-            connection.close("the client was left")
-
-    async def _lend(self, connection: Connection) -> None:
-        """To those who send and call, until it is lost."""
-        _log.info("%s: connected", self._peer)
-        self._connection = connection
-        self._connected.set()
-        try:
-            self._call_soon(self._on_connect)
-            _log.info("%s: connection lost: %s", self._peer,
-                      await asyncio.shield(connection.closed))
-        finally:
-            self._connection = None
-            self._call_soon(self._on_loss)
+    def _left(self) -> None:
+        self._messages.put_nowait(None)
+        super()._left()
 
     @staticmethod
     def _call_soon(function: Optional[Callable[[], None]]) -> None:

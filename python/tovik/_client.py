@@ -34,7 +34,7 @@ class Client:
         with self._operation() as connection:
             self._connect(connection, target)
             if server_uid is not None:
-                _wire.require_server(connection, server_uid)
+                _wire.require_server(connection, {server_uid})
 
     def close(self) -> None:
         """Closes the connection. Harmless on a closed one.

@@ -3,7 +3,7 @@
 import json
 import socket
 import struct
-from typing import Any, Dict, NamedTuple, NoReturn
+from typing import Any, Collection, Dict, NamedTuple, NoReturn
 
 Message = Dict[str, Any]
 """A message is a JSON object."""
@@ -132,8 +132,9 @@ def credentials(connection: socket.socket) -> Credentials:
     return Credentials(*layout.unpack(raw))
 
 
-def require_server(connection: socket.socket, uid: int) -> None:
+def require_server(connection: socket.socket, uids: Collection[int]) -> None:
     """Refuses a server that another user has started: any user may take a free name."""
     found = credentials(connection).uid
-    if found != uid:
-        raise ConnectionLost(f"the server runs as user {found}, not as user {uid}")
+    if found not in uids:
+        wanted = " or ".join(map(str, sorted(uids)))
+        raise ConnectionLost(f"the server runs as user {found}, not as user {wanted}")
