@@ -50,8 +50,8 @@ EventLoop& EventLoop::current() {
 }
 
 void EventLoop::run() {
-  core_->receiveStop();  // one that was called before
-  while (!core_->takeStop()) {
+  core_->drainStopRequest();  // one that was called before
+  while (!core_->consumeStop()) {
     core_->turn(-1);
   }
 }

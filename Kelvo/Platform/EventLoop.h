@@ -12,7 +12,9 @@
 ///
 /// A loop belongs to one thread. Descriptors are watched through an `FdControl`, time through a
 /// `Timer`; both call back their handler from inside a turn of the loop, never otherwise. In one
-/// turn the loop asks the kernel once what is ready and delivers that.
+/// turn the loop asks the kernel once what is ready and delivers that, 64 descriptors at most. A
+/// stop from another thread and a due timer are seen in the very next turn, however many
+/// descriptors are ready.
 ///
 /// **Descriptors**
 ///  - Readiness is level-triggered: what a callback leaves unread is reported again next turn, and
@@ -37,7 +39,8 @@
 /// **Timers**
 ///  - Monotonic, in seconds as `double`, true below a millisecond. Arming replaces a pending
 ///    expiry; arming inside `timeout()` takes effect. What is armed during a turn expires in a
-///    later one.
+///    later one. A turn makes one `timeout` call at most, so between any two of them the kernel is
+///    asked what else is ready.
 ///
 /// **Callbacks**
 ///  - They may attach, detach, arm and destroy anything, themselves included, may stop the loop,

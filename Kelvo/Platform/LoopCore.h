@@ -52,8 +52,8 @@ class LoopCore : public Counted {
   // One turn, and what wakes it.
   bool turn(int timeoutMilliseconds);
   void requestStop() noexcept;
-  void receiveStop() noexcept;
-  bool takeStop() noexcept;
+  void drainStopRequest() noexcept;
+  bool consumeStop() noexcept;
   int fd() const noexcept { return epoll_.fd(); }
 
   // Registrations. `add` and `setEvents` throw if the kernel refuses; `remove` never fails. Without
@@ -93,12 +93,12 @@ class LoopCore : public Counted {
     std::uint32_t events = 0;  // asked of the kernel; none: not in its set
   };
 
-  bool ours() const noexcept;
-  void requireOurs() const;
-  bool isStill(std::uint64_t turn) const;
+  bool inOwnerProcess() const noexcept;
+  void requireOwnerProcess() const;
+  bool isCurrentTurn(std::uint64_t turn) const;
   bool deliver(const epoll_event& event);
-  void occupy(std::size_t index, Registration& registration);
-  bool runDueTimers();
+  void claimSlot(std::size_t index, Registration& registration);
+  bool runDueTimer(Time time);
   bool programTimer() noexcept;
   void notifyWatchers(const FdEventHandler* handler, int by);
 
@@ -114,7 +114,8 @@ class LoopCore : public Counted {
   std::unordered_multimap<const FdEventHandler*, AttachmentWatcher*> watchers_;
 
   TimerQueue timers_;
-  Time programmed_;
+  Time programmed_;   // the kernel's timer is set to this,
+  Time readableFor_;  // or has expired and stands for every deadline up to this one
   std::uint64_t turns_ = 0;
   std::uint64_t timerMark_ = 0;  // timers queued from here on wait for a later turn
 };
