@@ -1,6 +1,7 @@
 # The base library.
 tovik_test(kelvo_string_test kelvo/StringTest.cpp)
 tovik_test(kelvo_ptr_test kelvo/PtrTest.cpp)
+tovik_test(kelvo_channel_memory_test kelvo/ChannelMemoryTest.cpp)
 tovik_test(kelvo_debug_test kelvo/DebugTest.cpp)
 tovik_test(kelvo_event_loop_test kelvo/EventLoopTest.cpp)
 tovik_test(kelvo_callback_test kelvo/CallbackTest.cpp)
