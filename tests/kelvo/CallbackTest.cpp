@@ -1,12 +1,14 @@
 // Callbacks: nested turns, and exceptions out of them.
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/epoll.h>
 
 #include <memory>
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "tests/kelvo/Handlers.h"
@@ -524,6 +526,21 @@ TEST_F(Callback, IsAskedThoughAnotherHandlerDiedMeanwhile) {
   EXPECT_EQ(a_.asked, 1);
 }
 
+TEST_F(Callback, MayEndItsThreadWithoutBeingAskedAboutAnException) {
+  int asked = 0;
+  std::thread([&] {
+    Watcher watcher(endsA_.second.get());
+    watcher.onRead = [](int /*fd*/) { pthread_exit(nullptr); };
+    watcher.onException = [&](int /*fd*/) {
+      ++asked;
+      return true;
+    };
+    rawSend(endsA_.first.get(), "x");
+    loop().run();
+  }).join();
+  EXPECT_EQ(asked, 0);
+}
+
 // --- exceptions of timers ---
 
 TEST_F(Callback, ShowsATimersExceptionToTheHookInsideTheCatch) {
@@ -553,6 +570,7 @@ TEST_F(Callback, LetsTheOtherTimersFireIfTheHookDealtWithIt) {
   }
   letPass(std::chrono::microseconds(100));
 
+  EXPECT_TRUE(loop().dispatch());
   EXPECT_TRUE(loop().dispatch());
   EXPECT_EQ(alarms[0].fired + alarms[1].fired, 2);
 }
