@@ -98,15 +98,15 @@ class Rule {
     return empty() ? std::nullopt : check_(pid, uid, gid);
   }
 
-  /// The left one's word, unless that is `undecidedBy`: then the right one's.
-  static Rule combined(Rule left, Rule right, bool undecidedBy) {
+  /// The left one's word, unless that is `neutral`, which decides nothing: then the right one's.
+  static Rule combined(Rule left, Rule right, bool neutral) {
     if (left.empty() || right.empty()) {
       return Check();
     }
-    return [left = std::move(left), right = std::move(right), undecidedBy](int pid, unsigned uid,
-                                                                           unsigned gid) {
+    return [left = std::move(left), right = std::move(right), neutral](int pid, unsigned uid,
+                                                                       unsigned gid) {
       const auto answer = left.ask(pid, uid, gid);
-      return answer == undecidedBy ? right.ask(pid, uid, gid) : answer;
+      return answer == neutral ? right.ask(pid, uid, gid) : answer;
     };
   }
 

@@ -1,4 +1,5 @@
-# Compile options that every target of this project shares, as one interface target.
+# Compile options that every target of this project shares, as one interface target. Everything is
+# set per target: an application that adds these sources to its own build keeps its own flags.
 add_library(tovik_flags INTERFACE)
 target_compile_features(tovik_flags INTERFACE cxx_std_17)
 target_compile_options(tovik_flags INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
@@ -6,11 +7,22 @@ if(TOVIK_WERROR)
   target_compile_options(tovik_flags INTERFACE -Werror)
 endif()
 if(TOVIK_SANITIZE)
-  # The check of virtual calls probes memory through a pipe, and so raises a false alarm in the tests
-  # that use up all descriptors.
-  target_compile_options(tovik_flags INTERFACE -fsanitize=${TOVIK_SANITIZE} -fno-sanitize=vptr
+  # Reports need line numbers and no more. The check of virtual calls probes memory through a pipe,
+  # and so raises a false alarm in the tests that use up all descriptors.
+  target_compile_options(tovik_flags INTERFACE -g1 -fsanitize=${TOVIK_SANITIZE} -fno-sanitize=vptr
                                                -fno-omit-frame-pointer -fno-sanitize-recover=all)
   target_link_options(tovik_flags INTERFACE -fsanitize=${TOVIK_SANITIZE})
+endif()
+if(TOVIK_BUILD_FUZZ)
+  # A folder that stands before the C library's <assert.h>, in the libraries too.
+  target_include_directories(tovik_flags INTERFACE ${PROJECT_SOURCE_DIR}/fuzz/libc)
+  target_compile_options(tovik_flags INTERFACE
+                         -fsanitize-ignorelist=${PROJECT_SOURCE_DIR}/fuzz/ignore.txt)
+endif()
+if(TOVIK_COVERAGE)
+  # Threads count together, so they have to count atomically.
+  target_compile_options(tovik_flags INTERFACE --coverage -fprofile-update=atomic)
+  target_link_options(tovik_flags INTERFACE --coverage)
 endif()
 
 # What distributions harden their builds with. Fortification needs optimisation, and the sanitizers

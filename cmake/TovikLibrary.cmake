@@ -1,23 +1,33 @@
-# How the two libraries are built and installed. BUILD_SHARED_LIBS says which kind they are: shared
+# How the libraries are built and installed. BUILD_SHARED_LIBS says which kind they are: shared
 # unless it is set to a false value.
 if(NOT DEFINED BUILD_SHARED_LIBS)
   set(BUILD_SHARED_LIBS ON)
 endif()
 
-# A library that exports what its headers mark, and binds its own calls to its own functions,
-# whatever an application defines under the same names. Its run-time part is installed as a
-# component named after the library in small letters, the rest as component dev.
-function(tovik_library target)
-  string(TOLOWER ${target} component)
+# tovik_library(<target> <namespace>::<name> <component>): a library that exports what its headers
+# mark, and binds its own calls to its own functions, whatever an application defines under the same
+# names. Applications link <namespace>::<name>, or ask pkg-config for <component>. The run-time part
+# is installed as that component, the rest as component dev. cmake/<component>.map has the exported
+# symbols, cmake/<component>.pc.in what pkg-config says.
+function(tovik_library target exported component)
+  add_library(${exported} ALIAS ${target})
+  string(REGEX MATCH "(.+)::(.+)" exported ${exported})
+  set(namespace ${CMAKE_MATCH_1})
+  set(name ${CMAKE_MATCH_2})
   target_compile_features(${target} PUBLIC cxx_std_17)
   # As by linking tovik_flags, which a static library would have to export.
-  target_include_directories(
-    ${target} PRIVATE $<TARGET_PROPERTY:tovik_flags,INTERFACE_INCLUDE_DIRECTORIES>)
-  target_compile_options(${target} PRIVATE $<TARGET_PROPERTY:tovik_flags,INTERFACE_COMPILE_OPTIONS>)
-  target_link_options(${target} PRIVATE $<TARGET_PROPERTY:tovik_flags,INTERFACE_LINK_OPTIONS>)
+  foreach(property IN ITEMS INCLUDE_DIRECTORIES COMPILE_OPTIONS LINK_OPTIONS)
+    set_property(TARGET ${target} APPEND PROPERTY
+                 ${property} $<TARGET_PROPERTY:tovik_flags,INTERFACE_${property}>)
+  endforeach()
+  # RapidJSON's assertions are part of the libraries' behaviour: valid JSON of the wrong shape ends
+  # the process instead of being half understood. They hold in every build type, whatever the
+  # application's build defines.
+  target_compile_options(${target} PRIVATE -UNDEBUG -URAPIDJSON_ASSERT)
   set_target_properties(
     ${target}
-    PROPERTIES SOVERSION 1
+    PROPERTIES EXPORT_NAME ${name}
+               SOVERSION 1
                VERSION ${PROJECT_VERSION}
                CXX_VISIBILITY_PRESET hidden
                VISIBILITY_INLINES_HIDDEN ON
@@ -33,7 +43,7 @@ function(tovik_library target)
 
   install(
     TARGETS ${target}
-    EXPORT ${target}Targets
+    EXPORT ${namespace}Targets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${component} NAMELINK_COMPONENT dev
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev
     FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev

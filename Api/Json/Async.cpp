@@ -1,8 +1,22 @@
-// The queued sender. send -> queue -> flush -> (socket full) -> write event -> flush; and, for the
-// subclasses' read events, read -> text. Both ends of it come together in terminateConnection.
-
-#include "Api/Json/Assertions.h"
+// The queued sender: attach -> send -> flush -> (socket full) -> write event -> flush -> end.
 //
+// setFd ends what is held and has the loop watch the new socket. asyncSendMsg makes a message its
+// compact text, queues it and flushes: there is no way around the queue, so records leave in the
+// order of the calls. flushQueue writes one record a call until one of these happens:
+//
+//   the queue is empty   write interest goes off, so that an idle connection never wakes the loop
+//   EAGAIN               the socket is full: write interest goes on, the write event flushes again
+//   EPIPE                the peer is gone: the connection ends
+//   any other error      logged; the record stays first, and is tried again at a falling rate
+//
+// asyncRead gives a subclass's read event the text of all that the socket holds, and leaves the
+// meaning of an empty text to it. terminateConnection is the one way to an end: log, detach, let go
+// of the registration, close, drop the queue, in this order, and without any memory. A sender is
+// attached exactly while fdControl_ holds a registration; its owner knows no other sign of life.
+//
+// Two kinds of calls leave this file: overrides of terminateConnection, after which everything
+// returns, and sinks of the debug channel, after which the sender looks again at what it holds.
+
 #include "Api/Json/Async.h"
 
 #include <unistd.h>
@@ -13,43 +27,49 @@
 #include <utility>
 
 #define TOVIK_SOURCE_PATH "Api/Json/Async"
-#include "Api/Json/Debug.h"
-#include "Api/Json/Socket.h"
-#include "Api/Json/Unattached.h"
+#include "Api/Json/detail/Debug.h"
+#include "Api/Json/detail/Socket.h"
 
 namespace Tovik {
 
-std::atomic<int> unattachedSenders{0};
-
 namespace {
 
-/// The only text leaves by the back: a deque whose end moves on with each text would need memory
-/// again and again.
-void dropFirst(std::deque<Kelvo::String>& queue) {
-  if (queue.size() == 1) {
+using Queue = std::deque<Kelvo::String>;
+
+/// Drops the oldest text. The only text leaves by the back: a deque whose end moves on with each
+/// text would need memory again and again. After a backlog, the front never rests on the first
+/// place of a block, since the standard library would not give back the storage of such a deque.
+void dropFirst(Queue& queue) {
+  const bool nextStartsBlock = queue.size() == 2 && &queue[1] != &queue[0] + 1;
+  if (nextStartsBlock) {
+    queue[0] = std::move(queue[1]);
+  }
+  if (queue.size() == 1 || nextStartsBlock) {
     queue.pop_back();
   } else {
     queue.pop_front();
   }
 }
 
+void wantWriteEvents(const Kelvo::Ptr<Kelvo::Platform::FdControl>& control, bool wanted) {
+  if (!control.empty()) {  // as it is once the log's sink has ended the connection
+    control->setWriteInterest(wanted);
+  }
+}
+
 }  // namespace
 
-AsyncSender::AsyncSender() : readBufferSize_(kReadBufferSize) {
-  unattachedSenders.fetch_add(1, std::memory_order_relaxed);
-}
+AsyncSender::AsyncSender() : readBufferSize_(kReadBufferSize) {}
 
 AsyncSender::~AsyncSender() {
   AsyncSender::terminateConnection();
-  unattachedSenders.fetch_sub(1, std::memory_order_relaxed);
 }
 
 void AsyncSender::setFd(int fd) {
-  terminateConnection();
+  terminateConnection();  // an override may attach meanwhile: what it attached is replaced below
   auto control = Kelvo::Platform::getFdControl(this);
   control->attach(fd);
   fdControl_ = std::move(control);
-  unattachedSenders.fetch_sub(1, std::memory_order_relaxed);
 }
 
 void AsyncSender::asyncSendMsg(const Message& msg) {
@@ -64,7 +84,7 @@ void AsyncSender::flushQueue() {
     return;
   }
   TOVIK_LOG(2, "AsyncSender::flushQueue(), queue size = " << sendQueue_.size());
-  while (!sendQueue_.empty()) {
+  while (isAttached() && !sendQueue_.empty()) {  // the log's sink may have ended the connection
     const Kelvo::String& text = sendQueue_.front();
     if (::write(fdControl_->fd(), text.data(), text.size()) >= 0) {
       dropFirst(sendQueue_);  // a record is written whole or not at all
@@ -74,11 +94,12 @@ void AsyncSender::flushQueue() {
       return terminateConnection();
     }
     if (errno != EAGAIN) {
+      deferWriteEvent();
       TOVIK_LOG(0, "AsyncSender::flushQueue(): write error " << std::strerror(errno));
     }
-    return fdControl_->setWriteInterest(true);
+    return wantWriteEvents(fdControl_, true);
   }
-  fdControl_->setWriteInterest(false);
+  wantWriteEvents(fdControl_, false);
 }
 
 void AsyncSender::writeFdEvent(int /*fd*/) {
@@ -112,19 +133,26 @@ void AsyncSender::terminateConnection() {
   if (fdControl_.empty()) {
     return;
   }
-  const int fd = fdControl_->fd();
+  auto ended = fdControl_;
+  const int fd = ended->fd();
   TOVIK_LOG(1, "AsyncSender::terminateConnection(): fd = " << fd);
+  if (fdControl_.get() != ended.get()) {
+    return;  // the log's sink has ended this connection itself, and may have attached another
+  }
+  ended.reset();
   fdControl_->detach();
   fdControl_.reset();
-  unattachedSenders.fetch_add(1, std::memory_order_relaxed);
   ::close(fd);
   clearQueue();
 }
 
+// Part of every teardown, so it must not fail: without memory for a fresh queue the old storage
+// stays, with no text in it. A queue that never had a backlog is fresh, and nothing is allocated.
 void AsyncSender::clearQueue() {
-  if (!sendQueue_.empty()) {  // a fresh queue needs memory, which most teardowns can do without
-    std::deque<Kelvo::String>().swap(sendQueue_);
+  while (!sendQueue_.empty()) {
+    dropFirst(sendQueue_);
   }
+  sendQueue_.shrink_to_fit();
 }
 
 }  // namespace Tovik

@@ -20,8 +20,11 @@ namespace Tovik {
 ///
 /// Everything runs on the thread of the event loop on which it was attached; nothing is locked. No
 /// operation waits, and none throws because of the socket: a peer that is gone terminates the
-/// connection, other failures are logged. The library does nothing about SIGPIPE, which is the
-/// process's to ignore.
+/// connection, other failures are logged. Ending a connection needs no memory. The library does
+/// nothing about SIGPIPE, which is the process's to ignore.
+///
+/// A sink of the debug channel may use the sender whose record it gets: send, terminate, attach. It
+/// may not destroy a sender or a server, nor free a server's connections.
 class TOVIK_API AsyncSender : public Kelvo::Platform::FdEventHandler {
  public:
   ~AsyncSender() override;
@@ -49,7 +52,7 @@ class TOVIK_API AsyncSender : public Kelvo::Platform::FdEventHandler {
   /// calls this one first.
   virtual void terminateConnection();
 
-  /// Drops every queued text and gives back the queue's storage.
+  /// Drops every queued text and gives back the storage of a backlog, sent or not. Never throws.
   void clearQueue();
 
   /// True from `setFd` until the connection ends.

@@ -1,8 +1,22 @@
-// Both clients. Blocking: connect -> write -> read -> check the reply. In the event loop:
-// timer -> connect -> read events -> loss -> timer.
-
-#include "Api/Json/Assertions.h"
+// Both clients, and how either connects.
 //
+// createSocket makes a connected socket; the connect itself always blocks. The blocking client does
+// one thing after the other on its caller's thread: connect, write a record, read the next one and
+// judge it as a reply. The asynchronous client is driven by its timer and its socket:
+//
+//   state         event                 what happens                                  next
+//   unconnected   timer                 connect succeeds: attach, connect handler     connected
+//   unconnected   timer                 connect fails: arm the timer                  unconnected
+//   connected     record                parse, message handler                        connected
+//   connected     record is no JSON     logged and dropped                            connected
+//   connected     end or read error     close, drop the queue, arm the timer          unconnected
+//   connected     write meets EPIPE     the same                                      unconnected
+//
+// Each way to "unconnected" goes through terminateConnection, and so does each attachment (setFd
+// ends first what it replaces), which arms the timer then too. The loop withholds that expiry while
+// the client is attached: so the timer stands for "try again" and never ends a connection that
+// works. What was queued while unconnected leaves with the first message after the next connect.
+
 #include "Api/Json/Client.h"
 
 #include <fcntl.h>
@@ -13,8 +27,9 @@
 #include <utility>
 
 #define TOVIK_SOURCE_PATH "Api/Json/Client"
-#include "Api/Json/Debug.h"
-#include "Api/Json/Socket.h"
+#include "Api/Json/detail/Debug.h"
+#include "Api/Json/detail/Parse.h"
+#include "Api/Json/detail/Socket.h"
 
 namespace Tovik {
 
@@ -145,9 +160,9 @@ void AsyncClient::timeout() {
   if (fd < 0) {
     return terminateConnection();  // which arms the timer for the next attempt
   }
-  UnownedFd unowned(fd);
+  ScopedFd socket(fd);
   setFd(fd);
-  unowned.hasOwner();
+  socket.release();
   connectHandler_(*this);
 }
 
@@ -157,7 +172,7 @@ void AsyncClient::readFdEvent(int /*fd*/) {
     return terminateConnection();
   }
   Message msg;
-  msg.Parse(text.data());
+  parse(text, msg);
   TOVIK_LOG(3, "AsyncClient::readFdEvent(): msg = '" << text << "'");
   if (msg.HasParseError()) {
     TOVIK_LOG(0, "AsyncClient::readFdEvent(): Invalid JSON message");

@@ -19,6 +19,9 @@ namespace Tovik {
 /// is; so make one call at a time, and never on a connection that is subscribed to notifications,
 /// which gets no replies. The library does nothing about SIGPIPE: what the system raises for a
 /// write to a server that is gone is the process's to ignore.
+///
+/// A connection that closes with replies unread loses records that were written: the server's next
+/// read fails, and what it had not read by then is gone. Read the last reply before closing.
 class TOVIK_API Client {
  public:
   /// Connects to the server of that name (at most 106 bytes; a longer one ends the process).
@@ -61,7 +64,11 @@ class TOVIK_API Client {
 /// It lives on the event loop of the thread that makes it, and is used on that thread only. Both
 /// handlers run there and may send, arm, attach; they may not destroy the client they run for
 /// (another object's callback may). An empty handler is a mistake that shows as
-/// `std::bad_function_call` out of the loop. Connecting blocks while the server's backlog is full.
+/// `std::bad_function_call` out of the loop.
+///
+/// Connecting blocks while the server's backlog of 5 is full, until the server accepts. A server on
+/// the same loop accepts between two expiries of timers, so that any number of clients may be made
+/// next to it; but six calls of `timeout()` by hand in one callback would wait for ever.
 ///
 /// A loss is seen by overriding `terminateConnection`; call this class's version first. It also
 /// runs before each successful connection and after each failed one.

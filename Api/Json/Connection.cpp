@@ -1,14 +1,23 @@
-// One client of a server. read event -> text -> message -> notification switch or handler -> reply.
-
-#include "Api/Json/Assertions.h"
+// One client of a server: read event -> text -> message -> notification switch or handler -> reply.
 //
+// readFdEvent takes one text from the socket. No text is the end of the connection; text that is
+// not JSON is logged and dropped; what remains is a message. handleNotifMsg takes the notification
+// switch out of them and applies it. All others go to the application's handler, which answers with
+// acknowledge or sendMsg, now or later, or not at all: the connection never answers by itself, but
+// for the switch. acknowledge is silent for a dead connection and for a subscribed one.
+//
+// The handler may do anything, ending this connection or its server included. So it comes last: no
+// member is touched after it. Whoever drops the connection meanwhile lets the running callback
+// share it, so that the handler and what it has captured stay until it returns.
+
 #include "Api/Json/Connection.h"
 
 #include <cstring>
 #include <utility>
 
 #define TOVIK_SOURCE_PATH "Api/Json/Connection"
-#include "Api/Json/Debug.h"
+#include "Api/Json/detail/Debug.h"
+#include "Api/Json/detail/Parse.h"
 
 namespace Tovik {
 
@@ -25,7 +34,7 @@ void Connection::readFdEvent(int fd) {
     return terminateConnection();
   }
   Message msg;
-  msg.Parse(text.data());
+  parse(text, msg);
   TOVIK_LOG(3, "msg = '" << text << "'");
   if (msg.HasParseError()) {
     TOVIK_LOG(0, "Connection::readFdEvent(): Invalid JSON message");
@@ -54,7 +63,9 @@ bool Connection::handleNotifMsg(const Message& msg) {
     return true;
   }
   const bool before = notification_;
-  acknowledge(0);  // before the flag changes: a client that was subscribed gets no reply
+  // Before the flag changes: a client that was subscribed gets no reply. The write may end the
+  // connection; it stays an object, whose flag is no longer looked at.
+  acknowledge(0);
   notification_ = notification->value.GetBool();
   TOVIK_LOG(1, "Connection::readFdEvent(): Client (fd = "
                    << (fdControl_.empty() ? -1 : fdControl_->fd())  // the reply may have met EPIPE

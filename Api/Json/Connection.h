@@ -21,9 +21,9 @@ namespace Tovik {
 /// peers are to be admitted.
 ///
 /// A failed or empty read ends the connection: it is dead from then on, sends nothing, and stays in
-/// the server's set until that frees it. Inside the handler, the connection may be used freely;
-/// neither its server may be destroyed there nor `Server::freeDeadConnections` be called, since
-/// either may destroy the connection whose handler runs.
+/// the server's set until that frees it. The handler may use the connection freely, turn the loop,
+/// free the server's dead connections and destroy the server: a connection whose handler the loop
+/// has called is destroyed after that handler has returned, not before.
 class TOVIK_API Connection : public AsyncSender {
  public:
   /// Gets every message that is no notification switch.

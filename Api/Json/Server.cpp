@@ -1,7 +1,23 @@
-// The listening end. readable -> free the dead -> accept -> credentials -> validator -> connection.
-
-#include "Api/Json/Assertions.h"
+// The listening end: readable -> free the dead -> accept -> credentials -> validator -> connection.
 //
+// The constructor makes, binds and watches the listening socket. Each read event frees the
+// connections that have died and accepts one client; the loop reports the others again. The client
+// passes these gates, each of which closes it unless said otherwise:
+//
+//   accept fails         nothing to close; logged, and deferred if the next try would fail too
+//   getsockopt fails     logged
+//   the validator        says no; what it throws leaves with the client still open
+//   F_GETFL fails        logged
+//   F_SETFL fails        logged; the client stays open, on purpose
+//
+// Behind them it is a Connection, which watches its own socket. It is dead once it has let go of
+// its registration, stays in the set until the next read event or freeDeadConnections, and
+// outlives its own running handler in any case. notifyClients does not look for the dead: their
+// send path drops what they get.
+//
+// The destructor closes the listening socket before the first connection goes, so that no client
+// finds a server that is about to leave.
+
 #include "Api/Json/Server.h"
 
 #include <fcntl.h>
@@ -9,19 +25,31 @@
 
 #include <cerrno>
 #include <cstring>
-#include <iterator>
 #include <utility>
 
 #define TOVIK_SOURCE_PATH "Api/Json/Server"
-#include "Api/Json/Debug.h"
-#include "Api/Json/Socket.h"
-#include "Api/Json/Unattached.h"
+#include "Api/Json/detail/Debug.h"
+#include "Api/Json/detail/Socket.h"
 
 namespace Tovik {
 
 namespace {
 
 constexpr int kBacklog = 5;
+
+/// Whether another accept may do better at once. All other failures last: a limit that is reached,
+/// no memory, a socket that a child has shut down.
+bool isPassing(int acceptError) {
+  switch (acceptError) {
+    case ECONNABORTED:  // the client has given up meanwhile
+    case EPROTO:        // the same, as some kernels say it
+    case EAGAIN:        // a process that shares the socket was faster
+    case EINTR:         // a signal came
+      return true;
+    default:
+      return false;
+  }
+}
 
 }  // namespace
 
@@ -33,9 +61,9 @@ Server::Server(const Kelvo::String& name, Handler handler, Validator validator)
   if (fd < 0) {
     throw SocketException(-fd);
   }
-  UnownedFd unowned(fd);
+  ScopedFd socket(fd);
   fdControl_->attach(fd);
-  unowned.hasOwner();
+  socket.release();
   TOVIK_LOG(0, "Server(): socket fd = " << fd);
 }
 
@@ -43,6 +71,9 @@ Server::~Server() {
   const int fd = fdControl_->fd();
   fdControl_->detach();
   ::close(fd);
+  for (const auto& connection : connections_) {
+    connection->keepWhileRunning(connection);  // one of them may be destroying this server
+  }
 }
 
 int Server::createSocket(const Kelvo::String& name) {
@@ -66,9 +97,14 @@ void Server::readFdEvent(int fd) {
   socklen_t peerSize = sizeof peer;
   const int client = ::accept(fd, reinterpret_cast<sockaddr*>(&peer), &peerSize);
   if (client < 0) {
+    if (!isPassing(errno)) {
+      deferReadEvent();
+    }
     TOVIK_LOG(0, "Server::readFdEvent: Failed to accept() -> " << std::strerror(errno));
     return;
   }
+  // The validator may turn the loop, and thereby accept others or free connections. All that is
+  // used below is this client's descriptor and the server, which it may not destroy.
   if (!validateConnection(client)) {
     ::close(client);
     return;
@@ -83,9 +119,9 @@ void Server::readFdEvent(int fd) {
     TOVIK_LOG(0, "Server::readFdEvent: Failed to SETFL -> " << std::strerror(errno));
     return;  // the descriptor stays open, on purpose
   }
-  UnownedFd unowned(client);
+  ScopedFd socket(client);
   const auto connection = std::make_shared<Connection>(client, handler_);
-  unowned.hasOwner();
+  socket.release();
   connections_.insert(connection);
   TOVIK_LOG(1, "Server::readFdEvent(): New connection, fd = " << client);
 }
@@ -115,11 +151,14 @@ void Server::notifyClients(const Message& msg) {
 }
 
 void Server::freeDeadConnections() {
-  if (unattachedSenders.load(std::memory_order_relaxed) == 0) {
-    return;  // spares the walk, which would make each admission dearer with every live connection
-  }
   for (auto at = connections_.begin(); at != connections_.end();) {
-    at = (*at)->isAttached() ? std::next(at) : connections_.erase(at);
+    const auto& connection = *at;
+    if (connection->isAttached()) {
+      ++at;
+      continue;
+    }
+    connection->keepWhileRunning(connection);  // a handler may be the one who calls this
+    at = connections_.erase(at);
   }
 }
 

@@ -26,9 +26,9 @@ namespace Tovik {
 /// empty, leaves through the event loop, and that client's descriptor stays open.
 ///
 /// A connection that has died stays in the set until the next client comes or `freeDeadConnections`
-/// is called. Another object's callback may destroy the server; the validator may not, nor may a
-/// handler of one of its own connections, which may not call `freeDeadConnections` either. The
-/// listening socket is not close-on-exec: a child that keeps it keeps the name taken.
+/// is called. Any callback may destroy the server, a handler of its own connections included; only
+/// the validator may not, nor a turn of the loop inside it. The listening socket is not
+/// close-on-exec: a child that keeps it keeps the name taken.
 class TOVIK_API Server : public Kelvo::Platform::FdEventHandler {
  public:
   /// Gets the messages of every connection, as Connection describes.
@@ -46,7 +46,7 @@ class TOVIK_API Server : public Kelvo::Platform::FdEventHandler {
   /// Sends `msg` to every client that has subscribed, in no particular order.
   void notifyClients(const Message& msg);
 
-  /// Drops the connections that have died.
+  /// Drops the connections that have died. It looks at each connection.
   void freeDeadConnections();
 
   // The steps of the server's work, which the constructor and the event loop take.

@@ -10,7 +10,7 @@
 
 #define TOVIK_SOURCE_PATH "bench/inside/Inside"
 #include "Api/Json/Async.h"
-#include "Api/Json/Debug.h"
+#include "Api/Json/detail/Debug.h"
 #include "Kelvo/Platform/EventLoop.h"
 #include "bench/support/Work.h"
 

@@ -34,10 +34,14 @@ class Client:
         with self._operation() as connection:
             self._connect(connection, target)
             if server_uid is not None:
-                _wire.require_server(connection, server_uid)
+                _wire.require_server(connection, {server_uid})
 
     def close(self) -> None:
-        """Closes the connection. Harmless on a closed one."""
+        """Closes the connection. Harmless on a closed one.
+
+        Read the last reply first. If replies or notifications are unread, the server's next read
+        fails, and the records that it has not read by then are lost.
+        """
         if self._socket is not None:
             self._socket.close()
             self._socket = None
@@ -49,7 +53,7 @@ class Client:
             return _wire.credentials(connection)
 
     def send(self, message: Message) -> None:
-        """Sends a message and waits for nothing."""
+        """Sends a message and waits for nothing; `receive` its reply before you close."""
         record = _wire.encode(message)
         with self._operation() as connection:
             connection.send(record)
@@ -57,7 +61,7 @@ class Client:
     def receive(self) -> Message:
         """Waits for the next message, whatever it is."""
         with self._operation() as connection:
-            record = connection.recv(_wire.RECEIVE_SIZE)
+            record = _wire.receive(connection)
             if not record:
                 raise ConnectionLost("the server has closed the connection")
             return _wire.decode(record)

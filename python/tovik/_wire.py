@@ -3,7 +3,7 @@
 import json
 import socket
 import struct
-from typing import Any, Dict, NamedTuple, NoReturn
+from typing import Any, Collection, Dict, NamedTuple, NoReturn
 
 Message = Dict[str, Any]
 """A message is a JSON object."""
@@ -27,6 +27,10 @@ class ConnectionLost(TovikError, ConnectionError):
 
 class ProtocolError(TovikError, ValueError):
     """A record is no message, or a message is not what is expected here."""
+
+
+class TooLong(ProtocolError):
+    """More than one record carries."""
 
 
 class WrongShape(ProtocolError):
@@ -62,20 +66,25 @@ def encode(message: Message) -> bytes:
     """The record that carries the message: its compact JSON text."""
     if not isinstance(message, dict):
         raise WrongShape("a message is an object: a server ends if it gets anything else")
-    try:
-        text = json.dumps(message, ensure_ascii=False, allow_nan=False, separators=(",", ":"))
-        record = text.encode("utf-8", "surrogateescape")
-    except ValueError as error:
-        raise ProtocolError(f"the message is not expressible in JSON: {error}") from error
+    record = encode_any(message)
     if len(record) > LONGEST_RECORD:
-        raise ProtocolError(f"a record has at most {LONGEST_RECORD} bytes, this one {len(record)}")
+        raise TooLong(f"a record has at most {LONGEST_RECORD} bytes, this one {len(record)}")
     return record
+
+
+def encode_any(value: object) -> bytes:
+    """The compact JSON text of any value, of any length."""
+    try:
+        text = json.dumps(value, ensure_ascii=False, allow_nan=False, separators=(",", ":"))
+        return text.encode("utf-8", "surrogateescape")
+    except (ValueError, RecursionError) as error:
+        raise ProtocolError(f"the message is not expressible in JSON: {error}") from error
 
 
 def decode(record: bytes) -> Message:
     """The message that a record carries. Bytes that are no UTF-8 become surrogate escapes."""
     if len(record) > LONGEST_RECORD:
-        raise ProtocolError(f"a record of more than {LONGEST_RECORD} bytes")
+        raise TooLong(f"a record of more than {LONGEST_RECORD} bytes")
     try:
         message = json.loads(record.decode("utf-8", "surrogateescape"), parse_constant=_refuse)
     except (ValueError, RecursionError) as error:
@@ -104,6 +113,18 @@ def new_socket() -> socket.socket:
     return socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
 
 
+def receive(connection: socket.socket) -> bytes:
+    """The next record; no bytes at the end.
+
+    If the peer closed without reading all that it got, the first read fails. What the peer had sent
+    can still be read.
+    """
+    try:
+        return connection.recv(RECEIVE_SIZE)
+    except ConnectionResetError:
+        return connection.recv(RECEIVE_SIZE)
+
+
 def credentials(connection: socket.socket) -> Credentials:
     """Who is at the other end."""
     layout = struct.Struct("iII")
@@ -111,8 +132,9 @@ def credentials(connection: socket.socket) -> Credentials:
     return Credentials(*layout.unpack(raw))
 
 
-def require_server(connection: socket.socket, uid: int) -> None:
+def require_server(connection: socket.socket, uids: Collection[int]) -> None:
     """Refuses a server that another user has started: any user may take a free name."""
     found = credentials(connection).uid
-    if found != uid:
-        raise ConnectionLost(f"the server runs as user {found}, not as user {uid}")
+    if found not in uids:
+        wanted = " or ".join(map(str, sorted(uids)))
+        raise ConnectionLost(f"the server runs as user {found}, not as user {wanted}")

@@ -22,7 +22,8 @@ class Server:
     It keeps to the protocol as the library does: the notification switch is consumed, and answered
     unless the client was subscribed before; a subscribed client gets notifications and no replies;
     records that are not JSON are dropped. What would end a C++ server by assertion ends the
-    connection here, and is noted in `violations`.
+    connection here, and is noted in `violations`. A handler or validator that raises ends the
+    server, and every client loses its connection; leaving the block raises the error there.
     """
 
     def __init__(self, name: str, handler: Optional[Callable[[Message], Answer]] = None,
@@ -36,6 +37,7 @@ class Server:
         self._clients: Dict[socket.socket, bool] = {}  # subscribed?
         self._lock = threading.RLock()
         self._ended = False
+        self._failure: Optional[Exception] = None
         self._thread = threading.Thread(target=self._run, daemon=True)
         self._selector = selectors.DefaultSelector()
         self._listener = _wire.new_socket()
@@ -54,10 +56,11 @@ class Server:
         self._ended = True
         self._waker.send(b"x")
         self._thread.join()
-        self.disconnect()
         self._selector.close()
-        for owned in (self._listener, self._waker, self._wakened):
+        for owned in (self._waker, self._wakened):
             owned.close()
+        if self._failure is not None:
+            raise self._failure
 
     @property
     def subscribers(self) -> int:
@@ -86,20 +89,29 @@ class Server:
                 self._drop(client)
 
     def _run(self) -> None:
-        while not self._ended:
-            for key, _events in self._selector.select():
-                with self._lock:
-                    if key.fileobj is self._listener:
-                        self._accept()
-                    elif key.fileobj in self._clients:
-                        self._read(key.fileobj)  # type: ignore[arg-type]
+        try:
+            while not self._ended:
+                for key, _events in self._selector.select():
+                    with self._lock:
+                        self._turn_to(key.fileobj)
+        except Exception as error:
+            self._failure = error
+        finally:
+            self._listener.close()
+            self.disconnect()
+
+    def _turn_to(self, ready: object) -> None:
+        if ready is self._listener:
+            self._accept()
+        elif ready in self._clients:
+            self._read(ready)  # type: ignore[arg-type]
 
     def _accept(self) -> None:
         client, _address = self._listener.accept()
-        if not self._validator(_wire.credentials(client)):
-            return client.close()
         client.settimeout(10)
         self._clients[client] = False
+        if not self._validator(_wire.credentials(client)):
+            return self._drop(client)
         self._selector.register(client, selectors.EVENT_READ)
 
     def _read(self, client: socket.socket) -> None:

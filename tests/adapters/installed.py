@@ -32,7 +32,7 @@ for host in options.hosts.split(","):
                            stdout=subprocess.PIPE, text=True, env=environment).stdout.split()
     flags = [flag.replace("-I/usr/include", "-isystem/usr/include") for flag in flags]
     for macros in ([], ["-DQT_NO_KEYWORDS"]):
-        subprocess.run([options.compiler, "-std=c++17", "-fPIC", "-fsyntax-only", "-Wall", "-Wextra",
-                        "-Wpedantic", "-Wshadow", "-Wconversion", "-Werror", *macros, *flags,
-                        "-xc++", "-"], text=True, check=True,
+        subprocess.run([options.compiler, "-std=c++17", "-fPIC", "-fsyntax-only", "-Wall",
+                        "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion", "-Werror", *macros,
+                        *flags, "-xc++", "-"], text=True, check=True,
                        input=f"#include <adapters/{header}>\n#include <adapters/{header}>\n")

@@ -19,7 +19,7 @@ tovik_adapter_test(qt adapters/QtTest.cpp)
 # Measures; run in short, it shows that there is something to measure.
 get_property(hosts GLOBAL PROPERTY TOVIK_HOSTS)
 add_executable(adapter_cost adapters/Cost.cpp)
-target_link_libraries(adapter_cost PRIVATE tovik_flags Tovik)
+target_link_libraries(adapter_cost PRIVATE tovik_test_flags Tovik)
 target_include_directories(adapter_cost PRIVATE ${PROJECT_SOURCE_DIR})
 foreach(host IN LISTS hosts)
   target_link_libraries(adapter_cost PRIVATE tovik_host_${host})

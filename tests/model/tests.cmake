@@ -3,7 +3,7 @@
 add_executable(model_test model/Model.cpp model/Servers.cpp model/VirtualClock.cpp model/World.cpp
                           model/main.cpp support/Support.cpp)
 target_include_directories(model_test PRIVATE ${PROJECT_SOURCE_DIR})
-target_link_libraries(model_test PRIVATE tovik_flags Tovik Kelvo GTest::gtest)
+target_link_libraries(model_test PRIVATE tovik_test_flags Tovik Kelvo GTest::gtest)
 # The libraries are to find the program's clock.
 target_link_options(model_test PRIVATE LINKER:--export-dynamic)
 add_test(NAME model COMMAND model_test --steps 100000)

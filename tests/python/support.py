@@ -1,8 +1,10 @@
 """What the tests of the Python package share. Where things are comes in the environment."""
 
+import asyncio
 import itertools
 import os
 import pathlib
+import socket
 import subprocess
 import sys
 import time
@@ -34,6 +36,27 @@ def listens(name):
     with open("/proc/net/unix", errors="replace") as table:
         return any(line.rstrip("\n").endswith(" " + padded) and " 00010000 " in line
                    for line in table)
+
+
+def listener(name):
+    """A server that does nothing by itself."""
+    import tovik  # found by now
+    server = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+    server.bind(tovik.address(name))
+    server.listen()
+    return server
+
+
+class AsyncCase(unittest.IsolatedAsyncioTestCase):
+    @staticmethod
+    async def within(awaitable):
+        return await asyncio.wait_for(awaitable, DEADLINE)
+
+    async def until(self, condition):
+        async def poll():
+            while not condition():
+                await asyncio.sleep(0.002)
+        await self.within(poll())
 
 
 class HostmonCase(unittest.TestCase):

@@ -1,5 +1,6 @@
 """The blocking client, against the server for tests."""
 
+import concurrent.futures
 import os
 import socket
 import time
@@ -57,6 +58,38 @@ class Client(unittest.TestCase):
             self.client.call({"a": 1})
         with self.assertRaisesRegex(ConnectionError, "closed"):
             self.client.send({"a": 1})
+
+    def test_closes_after_a_failure_of_the_kernel(self):
+        self.client.call({})
+        self.server.disconnect()
+        descriptors = len(os.listdir("/proc/self/fd"))
+        with self.assertRaisesRegex(tovik.ConnectionLost, "Broken pipe"):
+            self.client.send({"a": 1})
+        self.assertEqual(len(os.listdir("/proc/self/fd")), descriptors - 1)
+        with self.assertRaisesRegex(tovik.ConnectionLost, "the client is closed"):
+            self.client.receive()
+
+    def test_reads_what_a_server_sent_before_it_closed_with_records_unread(self):
+        name = support.unique_name()
+        with support.listener(name) as listener:
+            with tovik.Client(name, timeout=support.DEADLINE) as client:
+                client.send({"never": "read"})
+                with listener.accept()[0] as peer:
+                    peer.send(b'{"n":1}')
+                    peer.send(b'{"n":2}')
+                self.assertEqual(list(client), [{"n": 1}, {"n": 2}])
+
+    def test_loses_no_record_when_it_closes_once_the_last_reply_is_read(self):
+        def talk():
+            with tovik.Client(self.name, timeout=support.DEADLINE) as client:
+                for n in range(100):
+                    client.send({"n": n})
+                for n in range(100):
+                    client.receive()
+        with concurrent.futures.ThreadPoolExecutor(50) as pool:
+            for talked in [pool.submit(talk) for _ in range(50)]:
+                talked.result()
+        self.assertEqual(len(self.server.received), 5000)
 
     def test_gives_up_and_closes_at_its_time_limit(self):
         self.handler = lambda message: None
@@ -130,8 +163,7 @@ class Connecting(unittest.TestCase):
 
     def test_waits_for_room_in_the_backlog_up_to_its_time_limit(self):
         name = support.unique_name()
-        with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as listener:
-            listener.bind(tovik.address(name))
+        with support.listener(name) as listener:
             listener.listen(0)
             with tovik.Client(name, timeout=support.DEADLINE):
                 start = time.monotonic()
@@ -145,6 +177,36 @@ class Connecting(unittest.TestCase):
             with self.assertRaises(tovik.ConnectionLost):
                 tovik.Client(support.unique_name())
         self.assertEqual(os.listdir("/proc/self/fd"), before)
+
+
+class RaisingHandler(unittest.TestCase):
+    """Code of the test that fails on the thread of the server for tests."""
+
+    def call(self, name):
+        with tovik.Client(name, timeout=support.DEADLINE) as client:
+            client.call({"a": 1})
+
+    def test_surfaces_where_the_server_s_block_ends(self):
+        name = support.unique_name()
+        with self.assertRaisesRegex(KeyError, "mine"):
+            with tovik.testing.Server(name, lambda message: message["mine"]):
+                with self.assertRaises(tovik.ConnectionLost):
+                    self.call(name)
+                with self.assertRaises(tovik.ConnectionLost):
+                    support.wait_until(lambda: self.call(name))
+
+    def test_surfaces_with_what_it_made_fail(self):
+        name = support.unique_name()
+        with self.assertRaises(ZeroDivisionError) as caught:
+            with tovik.testing.Server(name, validator=lambda peer: 1 // 0):
+                self.call(name)
+        self.assertIsInstance(caught.exception.__context__, tovik.ConnectionLost)
+
+    def test_surfaces_where_its_answer_cannot_be_sent(self):
+        name = support.unique_name()
+        with self.assertRaises(tovik.ProtocolError):
+            with tovik.testing.Server(name, lambda message: {"m": "x" * 5000}):
+                self.call(name)
 
 
 class TestServer(unittest.TestCase):
@@ -214,7 +276,3 @@ class TestServer(unittest.TestCase):
                 self.peer.connect(tovik.address(self.name))
                 self.assertEqual(self.answers(record), [b""])
         self.assertEqual(self.server.violations, ["[1,2]", '{"command":7,"notification":true}'])
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -1,9 +1,7 @@
 """The package and this system's C++ code, each as the other's server."""
 
-import asyncio
 import os
 import subprocess
-import unittest
 
 import support
 import tovik
@@ -53,22 +51,23 @@ class ClientOfACppServer(support.HostmonCase):
         with self.assertRaises(tovik.ConnectionLost):
             client.call({"command": "dance"})
 
-    def test_reconnects_from_asyncio_when_the_server_is_killed_and_started_again(self):
-        async def watch():
-            losses = []
-            async with tovik.AsyncClient(self.name, reconnect=0.02, subscribe=True,
-                                         on_loss=lambda: losses.append(1)) as client:
-                messages = client.__aiter__()
-                for count in (1, 2, 3):
-                    await asyncio.wait_for(client.wait_connected(), support.DEADLINE)
-                    message = await asyncio.wait_for(messages.__anext__(), support.DEADLINE)
-                    self.assertEqual(message["type"], "hostmon")
-                    self.process.kill()
-                    while len(losses) < count:
-                        await asyncio.sleep(0.01)
-                    self.process.wait(support.DEADLINE)
-                    self.process = self.serve(self.name)
-        asyncio.run(watch())
+
+class AsyncClientOfACppServer(support.AsyncCase, support.HostmonCase):
+    async def test_reconnects_when_the_server_is_killed_and_started_again(self):
+        self.name = support.unique_name()
+        self.process = self.serve(self.name)
+        losses = []
+        async with tovik.AsyncClient(self.name, reconnect=0.02, subscribe=True,
+                                     on_loss=lambda: losses.append(1)) as client:
+            messages = client.__aiter__()
+            for count in (1, 2, 3):
+                await self.within(client.wait_connected())
+                message = await self.within(messages.__anext__())
+                self.assertEqual(message["type"], "hostmon")
+                self.process.kill()
+                await self.until(lambda: len(losses) == count)
+                self.process.wait(support.DEADLINE)
+                self.process = self.serve(self.name)
 
 
 class CppClientOfTheServer(support.HostmonCase):
@@ -115,7 +114,3 @@ class CppClientOfTheServer(support.HostmonCase):
                 lines = self.lines_until(watcher, "notification")
                 self.assertIn('"turn":%d' % turn, lines[-1])
             self.lines_until(watcher, "connection lost")
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -4,7 +4,6 @@ import os
 import pathlib
 import subprocess
 import tempfile
-import unittest
 
 import support
 import tovik.testing
@@ -69,8 +68,8 @@ class C(Sample, support.HostmonCase):
 
     @classmethod
     def build(cls, folder):
-        subprocess.run([os.environ["CC"], "-std=gnu11", "-Wall", "-Wextra", "-Wpedantic", "-Werror",
-                        SAMPLES / cls.SOURCE, "-o", folder / "client"], check=True)
+        subprocess.run([os.environ["TOOL"], "-std=gnu11", "-Wall", "-Wextra", "-Wpedantic",
+                        "-Werror", SAMPLES / cls.SOURCE, "-o", folder / "client"], check=True)
         return [folder / "client"]
 
 
@@ -87,7 +86,7 @@ class Rust(Sample, support.HostmonCase):
 
     @classmethod
     def build(cls, folder):
-        subprocess.run([os.environ["RUSTC"], "--edition", "2021", "-D", "warnings",
+        subprocess.run([os.environ["TOOL"], "--edition", "2021", "-D", "warnings",
                         SAMPLES / cls.SOURCE, "-o", folder / "client"], check=True)
         return [folder / "client"]
 
@@ -99,10 +98,6 @@ class Go(Sample, support.HostmonCase):
     def build(cls, folder):
         environment = dict(os.environ, GOCACHE=str(folder / "cache"), GOPATH=str(folder / "path"),
                            GO111MODULE="off")
-        subprocess.run([os.environ["GO"], "build", "-o", folder / "client", SAMPLES / cls.SOURCE],
+        subprocess.run([os.environ["TOOL"], "build", "-o", folder / "client", SAMPLES / cls.SOURCE],
                        check=True, env=environment)
         return [folder / "client"]
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -45,7 +45,3 @@ class LoopExample(unittest.TestCase):
         self.end()
         self.assertEqual(self.process.stdout.readline(), "done\n")
         self.assertEqual(self.process.wait(support.DEADLINE), 0)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -1,13 +1,15 @@
 """The package as pip installs it, without a network."""
 
+import os
 import pathlib
 import shutil
 import subprocess
-import sys
 import tempfile
 import unittest
 
 import support
+
+PYTHON = os.environ["PYTHON"]  # one that has pip
 
 
 class Installed(unittest.TestCase):
@@ -15,7 +17,7 @@ class Installed(unittest.TestCase):
         with tempfile.TemporaryDirectory() as folder:
             source, target = pathlib.Path(folder, "python"), pathlib.Path(folder, "target")
             shutil.copytree(support.SOURCE / "python", source)  # setuptools writes beside it
-            subprocess.run([sys.executable, "-m", "pip", "install", "--quiet", "--no-index",
+            subprocess.run([PYTHON, "-m", "pip", "install", "--quiet", "--no-index",
                             "--no-build-isolation", "--no-deps", "--disable-pip-version-check",
                             "--root-user-action=ignore", "--target", target, source],
                            check=True, timeout=100)
@@ -23,11 +25,7 @@ class Installed(unittest.TestCase):
             script = ("import tovik, tovik.testing\n"
                       f"with tovik.testing.Server('{support.unique_name()}x') as server:\n"
                       f"    print(tovik.__file__)\n")
-            found = subprocess.run([sys.executable, "-I", "-c",
+            found = subprocess.run([PYTHON, "-I", "-c",
                                     f"import sys; sys.path.insert(0, {str(target)!r})\n" + script],
                                    stdout=subprocess.PIPE, text=True, check=True, timeout=60).stdout
             self.assertEqual(found.strip(), str(target / "tovik" / "__init__.py"))
-
-
-if __name__ == "__main__":
-    unittest.main()

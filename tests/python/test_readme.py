@@ -6,6 +6,7 @@ import sys
 import unittest
 
 import support
+import tovik
 import tovik.testing
 
 
@@ -14,7 +15,7 @@ class Readme(unittest.TestCase):
         self.name = support.unique_name()
         text = (support.SOURCE / "python" / "README.md").read_text()
         blocks = re.findall(r"```python\n(.*?)```", text, re.S)
-        self.blocking, self.asynchronous, self.server = (
+        self.blocking, self.batch, self.asynchronous, self.service, self.server = (
             block.replace('"adder"', f'"{self.name}"') for block in blocks)
 
     def start(self, text):
@@ -31,6 +32,11 @@ class Readme(unittest.TestCase):
             output, _errors = self.start(self.blocking).communicate(timeout=support.DEADLINE)
         self.assertEqual(output, "5\n")
 
+    def test_batch_is_handled_as_a_whole(self):
+        with tovik.testing.Server(self.name) as server:
+            self.assertEqual(self.start(self.batch).wait(support.DEADLINE), 0)
+        self.assertEqual(server.received, [{"add": n} for n in range(100)])
+
     def test_asyncio_client_prints_notifications(self):
         with tovik.testing.Server(self.name) as server:
             process = self.start(self.asynchronous)
@@ -38,10 +44,14 @@ class Readme(unittest.TestCase):
             server.notify({"total": 5})
             self.assertEqual(process.stdout.readline(), "{'total': 5}\n")
 
+    def test_service_answers_with_a_value(self):
+        self.start(self.service)
+        support.wait_until(lambda: support.listens(self.name))
+        with tovik.Client(self.name, timeout=support.DEADLINE) as client:
+            for total in (5, 10):
+                client.send({"command": "add", "number": 5})
+                self.assertEqual(client.receive(), {"type": "reply", "status": 0, "result": total})
+
     def test_server_for_tests_passes_its_own_test(self):
         process = self.start(self.server)
         self.assertEqual(process.wait(support.DEADLINE), 0)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -85,7 +85,3 @@ class Reply(unittest.TestCase):
                      b'{"type":"reply","status":true}', b'{"type":"reply","status":2147483648}'):
             with self.assertRaises(tovik.ProtocolError, msg=text):
                 _wire.status_of(tovik.decode(text))
-
-
-if __name__ == "__main__":
-    unittest.main()

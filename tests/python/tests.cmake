@@ -1,60 +1,70 @@
 # The Python package, the sample clients in other languages, and the examples in foreign loops.
 find_package(Python3 REQUIRED COMPONENTS Interpreter)
 
-function(tovik_python_test name script)
-  cmake_parse_arguments(PARSE_ARGV 2 test "" "ONLY" "ENVIRONMENT")
-  add_test(NAME python.${name}
-           COMMAND Python3::Interpreter -B -W error
-                   ${PROJECT_SOURCE_DIR}/tests/python/${script}.py ${test_ONLY})
+# A module of tests, or one class of it. NEEDS are variables: if one is unset or not found, ctest
+# prints the test as not run.
+function(tovik_python_test name tests)
+  cmake_parse_arguments(PARSE_ARGV 2 test "" "" "NEEDS;ENVIRONMENT")
+  add_test(NAME python.${name} COMMAND Python3::Interpreter -B -W error -m unittest ${tests}
+           WORKING_DIRECTORY ${CMAKE_CURRENT_FUNCTION_LIST_DIR})
   set_tests_properties(python.${name} PROPERTIES TIMEOUT 120 ENVIRONMENT "${test_ENVIRONMENT}")
+  foreach(needed IN LISTS test_NEEDS)
+    if(NOT ${needed})
+      set_tests_properties(python.${name} PROPERTIES DISABLED TRUE)
+    endif()
+  endforeach()
+  string(REGEX REPLACE "\\..*" "" module ${tests})
+  set_property(GLOBAL APPEND PROPERTY TOVIK_TEST_SOURCES python/${module}.py)
 endfunction()
 
 tovik_python_test(Wire test_wire)
 tovik_python_test(Client test_client)
 tovik_python_test(AsyncClient test_aio)
+tovik_python_test(Service test_service)
 tovik_python_test(Readme test_readme)
+
+set(hostmon)
 if(TARGET hostmon)
   set(hostmon HOSTMON=$<TARGET_FILE:hostmon>)
-  tovik_python_test(WithHostmon test_hostmon ENVIRONMENT ${hostmon})
-  find_program(TOVIK_CC NAMES cc gcc clang)
-  if(TOVIK_CC)
-    tovik_python_test(SampleInC test_languages ONLY C ENVIRONMENT ${hostmon} CC=${TOVIK_CC})
-  endif()
-  find_program(TOVIK_SOCAT socat)
-  if(TOVIK_SOCAT)
-    tovik_python_test(SampleInShell test_languages ONLY Shell ENVIRONMENT ${hostmon})
-  endif()
-  find_program(TOVIK_RUSTC rustc)
-  if(TOVIK_RUSTC)
-    tovik_python_test(SampleInRust test_languages ONLY Rust ENVIRONMENT ${hostmon}
-                      RUSTC=${TOVIK_RUSTC})
-  endif()
-  find_program(TOVIK_GO go)
-  if(TOVIK_GO)
-    tovik_python_test(SampleInGo test_languages ONLY Go ENVIRONMENT ${hostmon} GO=${TOVIK_GO})
-  endif()
 endif()
+tovik_python_test(WithHostmon test_hostmon NEEDS hostmon ENVIRONMENT ${hostmon})
 
-foreach(host IN ITEMS poll sd_event glib uv asio qt)
-  if(TARGET loop_${host})
-    tovik_python_test(LoopExample_${host} test_loops ENVIRONMENT LOOP=$<TARGET_FILE:loop_${host}>)
-  endif()
+set(C_tools cc gcc clang)
+set(Shell_tools socat)
+set(Rust_tools rustc)
+set(Go_tools go)
+tovik_test_classes(languages python/test_languages.py)
+foreach(language IN LISTS languages)
+  find_program(TOVIK_${language} NAMES ${${language}_tools})
+  tovik_python_test(SampleIn${language} test_languages.${language} NEEDS hostmon TOVIK_${language}
+                    ENVIRONMENT ${hostmon} TOOL=${TOVIK_${language}})
 endforeach()
 
-# Installing takes pip and what builds packages; types are checked where mypy is.
+foreach(host IN ITEMS poll sd_event glib uv asio qt)
+  set(loop)
+  if(TARGET loop_${host})
+    set(loop LOOP=$<TARGET_FILE:loop_${host}>)
+  endif()
+  tovik_python_test(LoopExample_${host} test_loops NEEDS loop ENVIRONMENT ${loop})
+endforeach()
+
+# Installing takes pip and what builds packages. Types are checked where mypy is.
+set(python_that_installs)
 foreach(python IN ITEMS ${Python3_EXECUTABLE} /usr/bin/python3)
-  execute_process(COMMAND ${python} -c "import pip, setuptools, wheel" RESULT_VARIABLE missing
+  execute_process(COMMAND ${python} -c "import setuptools, wheel, pip" RESULT_VARIABLE missing
                   OUTPUT_QUIET ERROR_QUIET)
   if(missing EQUAL 0)
-    add_test(NAME python.Package
-             COMMAND ${python} -B ${PROJECT_SOURCE_DIR}/tests/python/test_package.py)
-    set_tests_properties(python.Package PROPERTIES TIMEOUT 120)
+    set(python_that_installs ${python})
     break()
   endif()
 endforeach()
+tovik_python_test(Package test_package NEEDS python_that_installs
+                  ENVIRONMENT PYTHON=${python_that_installs})
+
 find_program(TOVIK_MYPY mypy)
-if(TOVIK_MYPY)
-  add_test(NAME python.Types COMMAND ${TOVIK_MYPY} --strict --cache-dir=/dev/null tovik
-           WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}/python)
-  set_tests_properties(python.Types PROPERTIES TIMEOUT 120)
+add_test(NAME python.Types COMMAND ${TOVIK_MYPY} --strict --cache-dir=/dev/null tovik
+         WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}/python)
+set_tests_properties(python.Types PROPERTIES TIMEOUT 120)
+if(NOT TOVIK_MYPY)
+  set_tests_properties(python.Types PROPERTIES DISABLED TRUE)
 endif()

@@ -1,4 +1,4 @@
-"""Lets the soak program meet servers with faults: it has to call bad just what each fault spoils."""
+"""Lets the soak program meet servers with faults: it has to find just what each fault spoils."""
 
 import json
 import subprocess

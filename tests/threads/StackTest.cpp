@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <climits>
 #include <csignal>
@@ -11,14 +13,15 @@
 #include <cstdlib>
 #include <iostream>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "Api/Json/Connection.h"
 #include "tests/support/Support.h"
 
-// How large a stack a thread needs to serve whatever a record can hold. Messages are parsed and
-// written recursively, so the deepest nesting decides. Each size is tried in a child process, which
-// dies if it is too small.
+// How large a stack a thread needs to serve whatever a peer sends. One record is parsed
+// recursively, so its deepest nesting decides; texts joined from several records must not need
+// more. Each size is tried in a child process, which dies if it is too small.
 
 #if defined(__has_feature)
 #define TOVIK_HAS(feature) __has_feature(feature)
@@ -37,6 +40,7 @@ constexpr std::size_t kDocumentedKib = 512;
 #endif
 
 constexpr std::size_t kLongestText = 4094;
+constexpr auto kReply = R"({"type":"reply","status":7})";
 
 /// The deepest text: nothing but opening brackets. It is no JSON, but the parser follows it down.
 std::string deepestText() {
@@ -48,6 +52,18 @@ std::string deepestMessage() {
   const std::string frame = R"({"m":})";
   const std::size_t depth = (kLongestText - frame.size()) / 2;
   return R"({"m":)" + std::string(depth, '[') + std::string(depth, ']') + "}";
+}
+
+/// The deepest message of that many full-length records, which a reader joins, and one more.
+std::string joinedMessage(std::size_t records) {
+  const std::size_t depth = records * 4095 / 2;
+  return R"({"m":)" + std::string(depth, '[') + std::string(depth, ']') + "}";
+}
+
+void sendInFullRecords(int fd, std::string_view text) {
+  for (; !text.empty(); text.remove_prefix(std::min<std::size_t>(4095, text.size()))) {
+    rawSend(fd, text.substr(0, 4095));
+  }
 }
 
 /// A thread that sends every message back and acknowledges it, until its client leaves.
@@ -63,9 +79,8 @@ void* serve(void* socket) {
   return nullptr;
 }
 
-/// Whether a thread with that stack, not yet started, gets through the deepest records.
-bool serves(std::size_t kib) {
-  auto [client, server] = rawPair();
+/// Whether a thread with that stack gets through what `client` has sent, up to its reply.
+bool serves(std::size_t kib, const Fd& client, Fd server) {
   setNonBlocking(server.get());
   pthread_attr_t attributes;
   pthread_t thread{};
@@ -74,23 +89,34 @@ bool serves(std::size_t kib) {
       pthread_create(&thread, &attributes, &serve, &server) != 0) {
     return false;
   }
-  rawSend(client.get(), deepestText());
-  rawSend(client.get(), deepestMessage());
-  const bool answered = rawReceive(client.get()) == deepestMessage() &&
-                        rawReceive(client.get()) == R"({"type":"reply","status":7})";
-  client.reset();
+  const bool answered = rawReceive(client.get()) != "<end>" && rawReceive(client.get()) == kReply;
+  ::shutdown(client.get(), SHUT_RDWR);
   pthread_join(thread, nullptr);
   return answered;
 }
 
-bool isEnough(std::size_t kib) {
+bool servesDeepestRecords(std::size_t kib) {
+  auto [client, server] = rawPair();
+  rawSend(client.get(), deepestText());
+  rawSend(client.get(), deepestMessage());
+  return serves(kib, client, std::move(server));
+}
+
+bool servesJoinedRecords(std::size_t kib) {
+  constexpr std::size_t kRecords = 16;  // a socket's buffer holds a few more
+  auto [client, server] = rawPair();
+  sendInFullRecords(client.get(), joinedMessage(kRecords));
+  return serves(kib, client, std::move(server));
+}
+
+bool isEnough(std::size_t kib, bool (*served)(std::size_t) = &servesDeepestRecords) {
   const pid_t child = fork();
   if (child == 0) {
     const rlimit none{0, 0};
     setrlimit(RLIMIT_CORE, &none);
     ::close(STDERR_FILENO);  // a sanitizer's word on the overflow that is looked for
     alarm(10);
-    _exit(serves(kib) ? 0 : 1);
+    _exit(served(kib) ? 0 : 1);
   }
   int status = -1;
   return waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
@@ -112,6 +138,10 @@ std::size_t smallestThatIsEnough() {
 TEST(ThreadStack, OfTheDocumentedSizeIsEnoughForTheDeepestRecord) {
   ASSERT_EQ(deepestMessage().size(), kLongestText);
   EXPECT_TRUE(isEnough(kDocumentedKib));
+}
+
+TEST(ThreadStack, OfTheDocumentedSizeIsEnoughForRecordsThatAReaderJoins) {
+  EXPECT_TRUE(isEnough(kDocumentedKib, &servesJoinedRecords));
 }
 
 // Or what the documents say would be far from the truth.

@@ -6,6 +6,7 @@ import ctypes
 import json
 import os
 import platform
+import random
 import select
 import signal
 import socket
@@ -118,7 +119,8 @@ class Monitor(Case):
         _, monitor, client = self.subscribed("--timestamps", "--count", "1")
         client.send(b'{"n":1}')
         self.expect(monitor, 0)
-        self.assertRegex(monitor.stdout().decode(), r'^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z {"n":1}\n$')
+        self.assertRegex(monitor.stdout().decode(),
+                         r'^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z {"n":1}\n$')
 
     def test_stamps_json_inside(self):
         _, monitor, client = self.subscribed("--timestamps", "--count", "1", "-j")
@@ -183,7 +185,8 @@ class Monitor(Case):
         _, monitor, client = self.subscribed("--count", "1")
         client.send(b"\x1b[2J\xff{")
         client.send(b'{"n":1}\0rest')
-        self.expect(monitor, 0, '{"n":1}\n', "sent '\\x1b[2J\\xff{', which is not JSON and was ignored")
+        self.expect(monitor, 0, '{"n":1}\n',
+                    "sent '\\x1b[2J\\xff{', which is not JSON and was ignored")
 
     def test_keeps_the_terminal_safe(self):
         _, monitor, client = self.subscribed("--count", "1", terminal=True)
@@ -358,7 +361,8 @@ class Call(Case):
 
     def test_keeps_its_status_when_nobody_reads_its_output(self):
         self.server("--status", "3", "-q")
-        pipeline = self.shell(f"tovik call {self.name} {{}} 2>/dev/null | true; echo ${{PIPESTATUS[0]}}")
+        pipeline = self.shell(f"tovik call {self.name} {{}} 2>/dev/null | true; "
+                              "echo ${PIPESTATUS[0]}")
         self.expect(pipeline, 0, "1\n")
 
     def test_keeps_results_out_of_the_socket_when_standard_streams_are_closed(self):
@@ -492,7 +496,8 @@ class Serve(Case):
     def test_forgets_clients_that_leave_before_their_answer(self):
         with tempfile.TemporaryDirectory() as folder:
             server = self.server(
-                "--exec", f"echo run >>{folder}/runs; n=$(tr -dc 0-9); until test -e {folder}/$n; do sleep .01; done; exit 1")
+                "--exec", f"echo run >>{folder}/runs; n=$(tr -dc 0-9); "
+                f"until test -e {folder}/$n; do sleep .01; done; exit 1")
             leaver, stayer = raw_client(self.name), self.client()
             leaver.send(b'{"n":1}')
             server.says('{"n":1}')
@@ -855,8 +860,13 @@ class Hostile(Case):
         self.assertNotIn("good", out)
 
     def test_random_bytes_as_messages_and_recordings(self):
-        noise = os.urandom(1 << 18)
-        self.check(noise)
+        noise = random.Random(1).randbytes(1 << 18)
+        status, out = self.check(noise)
+        self.assertEqual(2, status)
+        lines = [number for number, line in enumerate(noise.split(b"\n"), 1)
+                 if line.strip(b" \t\r")]
+        self.assertEqual([f"line {number}: bad" for number in lines],
+                         [line[:line.find(",")] for line in out.splitlines()])
         for arguments in (("call", self.name), ("relay", self.name, self.name, "--replay", "-")):
             program = self.start(*arguments)
             try:

@@ -16,7 +16,8 @@ foreach(transcript IN LISTS transcripts)
 endforeach()
 
 # Peers that are not the command itself.
-foreach(case IN ITEMS Bash Bench Call Hostile List Monitor Relay Send Serve Socat)
+tovik_test_classes(cases tool/live.py)
+foreach(case IN LISTS cases)
   tovik_tool_test(${case} -W error live.py ${case})
 endforeach()
 

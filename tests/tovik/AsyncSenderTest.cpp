@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <memory>
 #include <stdexcept>
 #include <utility>
 
@@ -407,6 +409,18 @@ TEST_F(AsyncSender, EndsInAWriteEventWhenItsPeerIsGone) {
   EXPECT_EQ(terminations, 2);
 }
 
+TEST_F(AsyncSender, IsNotSlowedByAReaderThatEmptiesTheSocketMeanwhile) {
+  attach();
+  const Fail full(Call::kWrite, EAGAIN, 20);
+  send(kOne);
+  for (int turns = 2; turns <= 20; ++turns) {
+    ASSERT_TRUE(turn());
+    EXPECT_EQ(full.hits(), turns);
+  }
+  ASSERT_TRUE(turn());
+  EXPECT_THAT(receivedBy(peer.get()), ElementsAre(kOne));
+}
+
 class AsyncSenderMeeting : public AsyncSender, public ::testing::WithParamInterface<int> {};
 
 TEST_P(AsyncSenderMeeting, LogsEachAttemptAndKeepsItsBacklog) {
@@ -645,6 +659,144 @@ TEST_F(AsyncSender, GivesBackTheStorageOfABacklogWhenItEnds) {
   }
   sender.terminateConnection();
   EXPECT_LT(Faults::allocatedBytes(), before + 2000);
+}
+
+TEST_F(AsyncSender, GivesBackTheStorageOfABacklogThatWasSent) {
+  for (const int backlog : {17, 32, 33, 20000, 20010}) {
+    attach();
+    const std::size_t before = Faults::allocatedBytes();
+    {
+      const Fail full(Call::kWrite, EAGAIN);
+      for (int i = 0; i < backlog; ++i) {
+        send(kOne);
+      }
+    }
+    for (; !sender.sendQueue_.empty(); receivedBy(peer.get())) {
+      sender.flushQueue();
+    }
+    (backlog % 2 == 0) ? sender.clearQueue() : sender.terminateConnection();
+    EXPECT_LT(Faults::allocatedBytes(), before + 200) << backlog;
+    sender.terminateConnection();
+  }
+}
+
+TEST_F(AsyncSender, EndsAConnectionWithoutMemory) {
+  attach();
+  {
+    const Fail full(Call::kWrite, EAGAIN);
+    for (int i = 0; i < 100; ++i) {
+      send(kOne);
+    }
+  }
+  {
+    const Faults::NoMemory noMemory;
+    sender.terminateConnection();
+  }
+  EXPECT_EQ(rawReceive(peer.get()), "<end>");
+  attach();
+  send(kTwo);
+  EXPECT_THAT(receivedBy(peer.get()), ElementsAre(kTwo));  // and nothing of the former peer's
+}
+
+TEST_F(AsyncSender, NeedsNoMemoryToEndAConnectionThatHadNoBacklog) {
+  attach();
+  for (int i = 0; i < 100; ++i) {
+    send(kOne);
+  }
+  const int failedBefore = Faults::failedAllocations();
+  const Faults::NoMemory noMemory;
+  sender.terminateConnection();
+  EXPECT_EQ(Faults::failedAllocations(), failedBefore);
+}
+
+TEST_F(AsyncSender, IsDestroyedWithoutMemory) {
+  auto other = std::make_unique<Subject>();
+  auto [ours, theirs] = rawPair();
+  setNonBlocking(ours.get());
+  other->setFd(ours.release());
+  {
+    const Fail full(Call::kWrite, EAGAIN);
+    for (int i = 0; i < 100; ++i) {
+      other->asyncSendMsg(parsed(kOne));
+    }
+  }
+  const Faults::NoMemory noMemory;
+  other.reset();
+}
+
+// --- a log sink that uses the sender ---
+
+class AsyncSenderLog : public AsyncSender {
+ protected:
+  /// At each record whose text holds `text`, the sink does that.
+  void onRecord(const std::string& text, std::function<void()> action) {
+    Kelvo::Platform::setDebugLevels("Tovik", 0xF);
+    Kelvo::Platform::setDebugSink(
+        "Tovik", [text, action = std::move(action)](const Kelvo::Platform::DebugRecord& record) {
+          if (record.text.find(text) != std::string::npos) {
+            action();
+          }
+        });
+  }
+
+  ~AsyncSenderLog() override {
+    Kelvo::Platform::setDebugLevels("Tovik", 0);
+    Kelvo::Platform::setDebugSink("Tovik", nullptr);
+  }
+};
+
+TEST_F(AsyncSenderLog, MayEndTheConnectionThatIsAboutToBeFlushed) {
+  attach();
+  onRecord("flushQueue()", [this] { sender.terminateConnection(); });
+  send(kOne);
+  EXPECT_EQ(rawReceive(peer.get()), "<end>");
+  EXPECT_FALSE(sender.isAttached());
+}
+
+TEST_F(AsyncSenderLog, MayEndAConnectionOverItsWriteError) {
+  attach();
+  onRecord("write error", [this] { sender.terminateConnection(); });
+  const Fail tooLong(Call::kWrite, EMSGSIZE);
+  send(kOne);
+  EXPECT_EQ(rawReceive(peer.get()), "<end>");
+  EXPECT_FALSE(sender.isAttached());
+}
+
+TEST_F(AsyncSenderLog, MayEndTheConnectionThatIsEnding) {
+  attach();
+  onRecord("terminateConnection()", [this] { sender.terminateConnection(); });
+  Trace trace;
+  sender.terminateConnection();
+  EXPECT_EQ(trace.count(Call::kClose), 1);
+  EXPECT_EQ(rawReceive(peer.get()), "<end>");
+}
+
+TEST_F(AsyncSenderLog, MayAttachAnotherSocketWhileOneEnds) {
+  attach();
+  const int first = fd;
+  const Fd firstPeer = std::move(peer);
+  onRecord("terminateConnection(): fd = " + std::to_string(first), [this] {
+    if (peer.get() < 0) {
+      attach();
+    }
+  });
+  sender.terminateConnection();
+  EXPECT_EQ(rawReceive(firstPeer.get()), "<end>");
+  ASSERT_TRUE(sender.isAttached());
+  send(kOne);
+  EXPECT_THAT(receivedBy(peer.get()), ElementsAre(kOne));
+}
+
+TEST_F(AsyncSenderLog, MaySendOverTheSenderThatLogs) {
+  attach();
+  bool sent = false;
+  onRecord("asyncSendMSg()", [&] {
+    if (!std::exchange(sent, true)) {
+      send(kOne);
+    }
+  });
+  send(kTwo);
+  EXPECT_THAT(receivedBy(peer.get()), ElementsAre(kOne, kTwo));
 }
 
 TEST_F(AsyncSender, ReplacesTheSocketItHolds) {

@@ -112,6 +112,57 @@ TEST(Message, WritesNumbersInFull) {
   EXPECT_EQ(compact(parsed("[1.0,0.1,5e-324]")), "[1.0,0.1,5e-324]");
 }
 
+TEST(Message, WritesADocumentOfAnyDepthTheSameWay) {
+  for (const int depth : {99, 100, 101, 200000}) {
+    std::string text = R"({"a":[],"b":)";
+    for (int level = 0; level < depth; ++level) {
+      text += level % 2 == 0 ? R"([1,{},)" : R"({"k\u0000":"v","in":)";
+    }
+    text += "1.5";
+    for (int level = depth - 1; level >= 0; --level) {
+      text += level % 2 == 0 ? R"(,null])" : R"(,"out":true})";
+    }
+    text += R"(,"c":2})";
+    Tovik::Message msg;
+    msg.Parse<rapidjson::kParseIterativeFlag>(text.c_str());
+    EXPECT_EQ(compact(msg), text) << depth;
+  }
+}
+
+TEST(Message, EndsItsTextAtAValueThatJsonCannotExpressAtAnyDepth) {
+  for (const int depth : {1, 500}) {
+    Tovik::Message msg;
+    msg.SetDouble(std::numeric_limits<double>::quiet_NaN());
+    for (int level = 0; level < depth; ++level) {
+      Tovik::Message::ValueType outer(rapidjson::kArrayType);
+      outer.PushBack(7, msg.GetAllocator());
+      outer.PushBack(static_cast<Tovik::Message::ValueType&>(msg), msg.GetAllocator());
+      static_cast<Tovik::Message::ValueType&>(msg) = outer;
+    }
+    std::string expected;
+    for (int level = 0; level < depth; ++level) {
+      expected += "[7,";
+    }
+    EXPECT_EQ(compact(msg), expected);
+  }
+}
+
+TEST(Message, IndentsADocumentOfAnyDepth) {
+  std::string text;
+  std::string expected;
+  for (int level = 0; level < 300; ++level) {
+    text += '[';
+    expected += "[\n" + std::string(4 * (level + 1), ' ');
+  }
+  text += "1";
+  expected += "1";
+  for (int level = 299; level >= 0; --level) {
+    text += ']';
+    expected += "\n" + std::string(4 * level, ' ') + "]";
+  }
+  EXPECT_EQ(indented(parsed(text)), expected);
+}
+
 TEST(Message, GrowsBeyondTheWritersInitialSizes) {
   const std::string deep = std::string(100, '[') + std::string(100, ']');
   EXPECT_EQ(compact(parsed(deep)), deep);

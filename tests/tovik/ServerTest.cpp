@@ -379,12 +379,35 @@ TEST_F(Server, AdmitsAClientOnceDescriptorsAreLeftAgain) {
   CapturedLog log;
   {
     const Fail acceptFails(Call::kAccept, EMFILE);
-    const Fail allElseFails(Call::kEventfd, EMFILE);
     ASSERT_TRUE(turnUntil([&] { return acceptFails.hits() == 5; }));
   }
   EXPECT_THAT(log.lines(), SizeIs(5));
   EXPECT_THAT(log.lines(), Each(errorLine("accept()", EMFILE)));
   EXPECT_TRUE(turnUntil([&] { return connections() == 1; }));
+}
+
+TEST_F(Server, DoesNotSpinOnAListeningSocketThatAChildHasShutDown) {
+  if (const pid_t child = ::fork(); child == 0) {
+    ::_exit(::shutdown(listening, SHUT_RDWR));
+  } else {
+    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+  }
+  CapturedLog log;
+  turnUntil([] { return false; }, std::chrono::milliseconds(300));
+  EXPECT_LE(log.lines().size(), 10U);
+  EXPECT_GE(log.lines().size(), 3U);
+  EXPECT_THAT(log.lines(), Each(errorLine("accept()", EINVAL)));
+}
+
+TEST_F(Server, AcceptsAtOnceAfterAClientThatGaveUp) {
+  for (const int error : {ECONNABORTED, EPROTO, EAGAIN, EINTR}) {
+    const Fd client = knock();
+    const Fail fail(Call::kAccept, error, 10);
+    for (int i = 0; i < 11; ++i) {
+      ASSERT_TRUE(turn());
+    }
+    EXPECT_EQ(connections(), 1) << std::strerror(error);
+  }
 }
 
 TEST_F(Server, ClosesAClientWhoseFlagsCannotBeRead) {
@@ -699,6 +722,102 @@ TEST_F(Server, FreesTheDeadOnRequestAndKeepsTheLiving) {
   server->notifyClients(parsed(kNews));
   EXPECT_EQ(rawReceiveNow(clients[1].get()), kNews);
   EXPECT_EQ(rawReceiveNow(clients[4].get()), kNews);
+}
+
+/// A sender that attaches another socket while it ends, as an override may.
+class Reattaching : public Tovik::AsyncSender {
+ public:
+  void readFdEvent(int /*fd*/) override {}
+
+  void terminateConnection() override {
+    AsyncSender::terminateConnection();
+    if (other_.get() >= 0) {
+      setFd(other_.release());
+    }
+  }
+
+ private:
+  Fd other_ = rawPair().first;
+};
+
+/// A sender that lets go of its socket without ending, as a subclass may.
+class Forgetful : public Tovik::AsyncSender {
+ public:
+  ~Forgetful() override { fdControl_.reset(); }
+  void readFdEvent(int /*fd*/) override {}
+};
+
+TEST_F(Server, FreesTheDeadBesideASenderThatAttachesWhileItEnds) {
+  Reattaching other;
+  other.setFd(rawPair().first.release());
+  join().reset();
+  EXPECT_TRUE(turn());
+  server->freeDeadConnections();
+  EXPECT_EQ(connections(), 0);
+}
+
+TEST_F(Server, FreesTheDeadAfterASenderThatLetGoOfItsSocket) {
+  {
+    const Fd socket = rawPair().first;
+    Forgetful other;
+    other.setFd(socket.get());
+  }
+  join().reset();
+  EXPECT_TRUE(turn());
+  const Fd next = join();
+  EXPECT_EQ(connections(), 1);
+}
+
+// --- a handler that turns the loop, frees or destroys ---
+
+TEST_F(Server, KeepsAConnectionWhoseHandlerTurnsTheLoopUntilTheHandlerReturns) {
+  Fd client = join();
+  long insideTheHandler = 0;
+  onMessage = [&](Tovik::Connection& from, const Tovik::Message& /*msg*/) {
+    client.reset();
+    while (from.isAttached()) {
+      turn();
+    }
+    const Fd next = join();
+    insideTheHandler = connections();
+    from.acknowledge(0);
+  };
+  rawSend(client.get(), kNews);
+  EXPECT_TRUE(turn());
+  EXPECT_EQ(insideTheHandler, 2);
+  server->freeDeadConnections();
+  turnUntilIdle();
+  server->freeDeadConnections();
+  EXPECT_EQ(connections(), 0);
+}
+
+TEST_F(Server, MayBeToldToFreeTheDeadByAHandler) {
+  const Fd client = join();
+  onMessage = [&](Tovik::Connection& from, const Tovik::Message& /*msg*/) {
+    from.terminateConnection();
+    server->freeDeadConnections();
+    EXPECT_EQ(connections(), 1);
+    from.acknowledge(0);
+  };
+  rawSend(client.get(), kNews);
+  EXPECT_TRUE(turn());
+  EXPECT_EQ(connections(), 0);
+}
+
+TEST_F(Server, MayBeDestroyedByOneOfItsOwnHandlers) {
+  const Fd client = join();
+  const Fd other = join();
+  onMessage = [&](Tovik::Connection& from, const Tovik::Message& /*msg*/) {
+    server.reset();
+    EXPECT_EQ(rawReceive(other.get()), "<end>");
+    from.acknowledge(5);
+  };
+  rawSend(client.get(), kNews);
+  EXPECT_TRUE(turn());
+  EXPECT_EQ(rawReceive(client.get()), R"({"type":"reply","status":5})");
+  EXPECT_EQ(rawReceive(client.get()), "<end>");
+  EXPECT_EQ(copies.use_count(), 1);
+  EXPECT_EQ(rawConnect(name).get(), -1);
 }
 
 // --- broadcasting ---

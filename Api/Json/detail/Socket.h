@@ -28,18 +28,18 @@ inline sockaddr_un addressOf(const Kelvo::String& name) {
   return address;
 }
 
-/// Closes a descriptor unless it has found an owner.
-class UnownedFd {
+/// Closes a descriptor unless another has taken it over.
+class ScopedFd {
  public:
-  explicit UnownedFd(int fd) : fd_(fd) {}
-  UnownedFd(const UnownedFd&) = delete;
-  UnownedFd& operator=(const UnownedFd&) = delete;
-  ~UnownedFd() {
+  explicit ScopedFd(int fd) : fd_(fd) {}
+  ScopedFd(const ScopedFd&) = delete;
+  ScopedFd& operator=(const ScopedFd&) = delete;
+  ~ScopedFd() {
     if (fd_ >= 0) {
       ::close(fd_);
     }
   }
-  void hasOwner() { fd_ = -1; }
+  void release() { fd_ = -1; }
 
  private:
   int fd_;

@@ -1,0 +1,129 @@
+"""What the clients for asyncio share: connect -> greet -> until the loss -> wait -> connect."""
+
+import asyncio
+import contextlib
+import logging
+import math
+import random
+import socket
+from types import TracebackType
+from typing import Collection, Optional, Type
+
+from . import _wire
+from ._connection import Connection
+from ._wire import ConnectionLost, Message, ProtocolError
+
+_RETRY = 0.005  # seconds between attempts while the server has no room for another client
+_SHORTEST_RECONNECT = 0.001
+
+_log = logging.getLogger("tovik")
+
+
+class Reconnecting:
+    """Connects from `async with` to its end. Derived classes say what to do with a connection."""
+
+    def __init__(self, name: str, reconnect: float, jitter: float,
+                 server_uids: Optional[Collection[int]]) -> None:
+        if not _SHORTEST_RECONNECT <= reconnect < math.inf:
+            raise ValueError(f"reconnect is at least {_SHORTEST_RECONNECT} s, not {reconnect}")
+        if not 0 <= jitter < math.inf:
+            raise ValueError(f"jitter is at least 0 s, not {jitter}")
+        self._address = _wire.address(name)
+        self._peer = repr(name)  # as logs can show it, whatever characters it has
+        self._reconnect = reconnect
+        self._jitter = jitter
+        self._server_uids = server_uids
+        self._why_not = "not tried yet"  # connected
+        self._connection: Optional[Connection] = None
+        self._task: Optional["asyncio.Task[None]"] = None
+
+    async def _enter(self) -> None:
+        self._connected = asyncio.Event()  # or left
+        self._task = asyncio.ensure_future(self._stay_connected())
+        self._task.add_done_callback(lambda _task: self._left())
+
+    async def __aexit__(self, kind: Optional[Type[BaseException]],
+                        value: Optional[BaseException],
+                        traceback: Optional[TracebackType]) -> None:
+        task = self._entered()
+        task.cancel()
+        await asyncio.wait({task})
+
+    async def wait_connected(self) -> None:
+        """Returns once there is a connection, subscribed if that is asked for."""
+        task = self._entered()
+        await self._connected.wait()
+        if task.done():
+            raise ConnectionLost("the client was left")
+
+    def _entered(self) -> "asyncio.Task[None]":
+        if self._task is None:
+            raise ConnectionLost("not connected: `async with` connects")
+        return self._task
+
+    # for derived classes
+
+    async def _greet(self, connection: Connection) -> None:
+        """Before anybody else uses a new connection."""
+
+    def _received(self, message: Message) -> None:
+        """A message that answers nothing the connection was asked."""
+
+    def _found(self) -> None:
+        """There is a connection."""
+
+    def _lost(self, reason: str) -> None:
+        """There is none any more."""
+
+    def _left(self) -> None:
+        self._connected.set()
+
+    # the life of a connection
+
+    async def _stay_connected(self) -> None:
+        while True:
+            try:
+                with contextlib.closing(_wire.new_socket()) as unconnected:
+                    await self._connect(unconnected)
+                    await self._serve(unconnected)
+            except (OSError, ProtocolError) as error:
+                self._why_not = str(error)
+                _log.info("%s: no connection: %s", self._peer, error)
+            await asyncio.sleep(self._reconnect + random.uniform(0, self._jitter))
+
+    async def _connect(self, unconnected: socket.socket) -> None:
+        unconnected.setblocking(False)
+        if not self._connects(unconnected):
+            _log.info("%s: waiting, as the server's backlog is full", self._peer)
+            while not self._connects(unconnected):
+                await asyncio.sleep(_RETRY)  # nothing reports when there is room
+        if self._server_uids is not None:
+            _wire.require_server(unconnected, self._server_uids)
+
+    def _connects(self, unconnected: socket.socket) -> bool:
+        with contextlib.suppress(BlockingIOError):
+            unconnected.connect(self._address)
+            return True
+        return False
+
+    async def _serve(self, connected: socket.socket) -> None:
+        connection = Connection(connected, self._peer, self._received,
+                                self._connected.clear)
+        try:
+            await self._greet(connection)
+            await self._lend(connection)
+        finally:
+            connection.close("the client was left")
+
+    async def _lend(self, connection: Connection) -> None:
+        _log.info("%s: connected", self._peer)
+        self._connection = connection
+        self._connected.set()
+        reason = "the client was left"
+        try:
+            self._found()
+            reason = self._why_not = await asyncio.shield(connection.closed)
+            _log.info("%s: connection lost: %s", self._peer, reason)
+        finally:
+            self._connection = None
+            self._lost(reason)

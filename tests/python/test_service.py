@@ -1,0 +1,207 @@
+"""The service for asyncio: conversations as data, and what a client may do to it."""
+
+import asyncio
+import json
+import os
+
+import support
+import tovik
+
+CONVERSATIONS = json.loads((support.SOURCE / "tests/python/conversations.json").read_text())
+
+
+def matches(found, wanted):
+    """Whether the record is the wanted one, in which "*" stands for anything."""
+    return found.keys() == wanted.keys() and all(
+        value == "*" or json.dumps(found[name]) == json.dumps(value)
+        for name, value in wanted.items())
+
+
+class Case(support.AsyncCase):
+    async def serve(self, **options):
+        self.name = support.unique_name()
+        self.released = asyncio.Event()
+        service = tovik.Service(self.name, lambda peer: peer.uid == os.geteuid(), calls=4,
+                                **options)
+        self.add_commands(service)
+        service.topic("state", "Whether it is on.", keeps_last=True, latest=True)
+        service.topic("tick", "Counts.")
+        service.publish("state", {"on": False})
+        return await self.enterAsyncContext(service)
+
+    def add_commands(self, service):
+        integer = tovik.Argument(int, "A number.")
+
+        @service.command("add", "Adds.", a=integer, b=integer)
+        def add(request):
+            return request["a"] + request["b"]
+
+        @service.command("echo", "Gives back.", value=tovik.Argument(object, "Anything."))
+        async def echo(request):
+            return request["value"]
+
+        @service.command("wait", "Waits for go.")
+        async def wait(request):
+            await self.released.wait()
+            return "waited"
+
+        @service.command("count", "Counts in parts.", to=integer)
+        def count(request):
+            for n in range(1, request["to"]):
+                request.more(n)
+            return request["to"]
+
+        @service.command("publish", "Publishes.")
+        def publish(request):
+            service.publish(request["topic"], request["event"])
+
+        @service.command("refuse", "Never does.")
+        async def refuse(request):
+            raise tovik.Refusal(1001, "not today")
+
+        @service.command("babble", "Refuses at length, in characters that JSON escapes.")
+        def babble(request):
+            raise tovik.Refusal(1002, "\0\ud800" * 4000)
+
+        service.command("raise", "Has a fault.")(lambda request: 1 // 0)
+        service.command("go", "Lets waiters go.")(lambda request: self.released.set())
+        service.command("nothing", "Does nothing.")(lambda request: None)
+        service.command("long", "Answers too much.")(lambda request: "x" * 5000)
+
+    async def peer(self):
+        peer = tovik._wire.new_socket()
+        self.addCleanup(peer.close)
+        peer.setblocking(False)
+        peer.connect(tovik.address(self.name))
+        return peer
+
+    async def receive(self, peer):
+        record = await self.within(asyncio.get_running_loop().sock_recv(peer, 5000))
+        return json.loads(record) if record else None
+
+
+class Service(Case):
+    async def test_holds_each_conversation(self):
+        await self.serve()
+        with self.assertLogs("tovik") as logs:
+            for conversation in CONVERSATIONS:
+                with self.subTest(conversation["name"]):
+                    self.released.clear()
+                    with await self.peer() as peer:
+                        await self.talk(peer, conversation["talk"])
+                    self.released.set()
+        self.assertIn("ZeroDivisionError", "".join(logs.output))
+
+    async def talk(self, peer, lines):
+        for direction, message in lines:
+            if direction == ">":
+                text = message if isinstance(message, str) else json.dumps(message)
+                peer.send(text.encode())
+            else:
+                found = await self.receive(peer)
+                self.assertTrue(matches(found, message), f"{found}, not {message}")
+
+    async def test_describes_itself_in_parts_that_belong_together(self):
+        service = await self.serve(description="For tests.")
+        for n in range(100):
+            service.topic(f"topic {n}", "x" * 100)
+        with await self.peer() as peer:
+            peer.send(b'{"command":"describe","id":1}')
+            parts = [await self.receive(peer)]
+            while parts[-1].get("more"):
+                parts.append(await self.receive(peer))
+        self.assertEqual(parts[0]["result"]["description"], "For tests.")
+        commands = [entry for part in parts for entry in part["result"].get("commands", [])]
+        topics = [entry for part in parts for entry in part["result"].get("topics", [])]
+        self.assertEqual(commands[0], {
+            "name": "add", "description": "Adds.", "arguments": [
+                {"name": name, "type": "integer", "required": True, "description": "A number."}
+                for name in "ab"]})
+        self.assertEqual(len(topics), 102)
+        self.assertEqual(topics[0], {"name": "state", "description": "Whether it is on.",
+                                     "keepsLast": True})
+
+    async def test_answers_a_record_that_is_too_long(self):
+        await self.serve()
+        with await self.peer() as peer:
+            peer.send(b"{}".ljust(4095))
+            self.assertEqual((await self.receive(peer))["status"], 90)
+
+    async def test_serves_the_plain_clients(self):
+        await self.serve()
+        async with tovik.AsyncClient(self.name) as client:
+            await self.within(client.wait_connected())
+            self.assertEqual(await self.within(client.call({"command": "nothing"})), 0)
+            self.assertEqual(await self.within(client.call({"command": "dance"})), 38)
+
+    async def test_refuses_whom_its_admission_refuses(self):
+        name = support.unique_name()
+        with self.assertLogs("tovik", "WARNING"):
+            async with tovik.Service(name, lambda peer: False):
+                self.name = name
+                with await self.peer() as peer:
+                    self.assertIsNone(await self.receive(peer))
+
+    async def test_tells_of_clients_that_come_and_go_and_cancels_their_calls(self):
+        events, cancelled = [], asyncio.Event()
+        service = await self.serve(on_join=lambda session: events.append(session.peer.pid),
+                                   on_leave=lambda session: events.append(session.number))
+
+        @service.command("hang", "Waits for ever.")
+        async def hang(request):
+            try:
+                await asyncio.Event().wait()
+            finally:
+                cancelled.set()
+        with await self.peer() as peer:
+            peer.send(b'{"command":"hang"}')
+            await self.until(lambda: any(session.tasks for session in service.sessions))
+        await self.within(cancelled.wait())
+        await self.until(lambda: len(events) == 2)
+        self.assertEqual(events, [os.getpid(), 1])
+
+    async def test_ends_a_session_that_does_not_read_and_no_other(self):
+        service = await self.serve()
+        with await self.peer() as stalled, await self.peer() as reader:
+            for peer in (stalled, reader):
+                peer.send(b'{"command":"subscribe","topics":["tick"]}')
+                self.assertEqual((await self.receive(peer))["status"], 0)
+            n = 0
+            while len(service.sessions) == 2:
+                service.publish("tick", {"n": n, "fill": "x" * 3000})
+                self.assertEqual((await self.receive(reader))["n"], n)
+                n += 1
+                self.assertLess(n, 1000)
+
+    async def test_keeps_the_latest_event_alone_for_a_session_that_does_not_read(self):
+        service = await self.serve()
+        with await self.peer() as peer:
+            peer.send(b'{"command":"subscribe","topics":["state"]}')
+            await self.receive(peer)
+            for n in range(1000):
+                service.publish("state", {"n": n, "fill": "x" * 3000})
+            (session,) = service.sessions
+            self.assertEqual(session.queued[0], 1)
+            while (await self.receive(peer)).get("n") != 999:
+                pass
+
+    async def test_ends_a_session_that_floods_it_with_calls_that_wait(self):
+        service = await self.serve()
+        with await self.peer() as peer:
+            for _ in range(20):
+                peer.send(b'{"command":"wait"}')
+            await self.until(lambda: not service.sessions)
+
+    async def test_frees_its_name_and_everything_else_at_its_end(self):
+        before = set(os.listdir("/proc/self/fd"))
+        for _ in range(2):
+            async with tovik.Service(self.id(), lambda peer: True) as service:
+                @service.command("hang", "Waits for ever.")
+                async def hang(request):
+                    await asyncio.Event().wait()
+                self.name = self.id()
+                with await self.peer() as peer:
+                    peer.send(b'{"command":"hang"}')
+                    await self.until(lambda: any(each.tasks for each in service.sessions))
+        self.assertEqual(set(os.listdir("/proc/self/fd")), before)
+        self.assertEqual(len(asyncio.all_tasks()), 1)
