@@ -35,8 +35,8 @@ struct Thrown {};
 /// A real handler, which hands everything on to the world by its place.
 class Handler final : public Kelvo::Platform::FdEventHandler {
  public:
-  explicit Handler(unsigned place)
-      : place(place),
+  explicit Handler(unsigned its)
+      : place(its),
         control(Kelvo::Platform::getFdControl(this)),
         plain(this),
         guarded(this, this) {}
@@ -252,6 +252,9 @@ class World {
 
   void attach(unsigned place) {
     const int fd = someDescriptor();
+    if (isPausedElsewhere(place, fd)) {
+      return;
+    }
     modelDetach(place);
     const bool possible = fd >= 0 && watched_.count({table_[fd], fd}) == 0;
     try {
@@ -272,6 +275,14 @@ class World {
       watched_[{table_[fd], fd}] = state.registration;
     }
     require(handlers_[place]->control->fd() == state.fd, "the attached descriptor");
+  }
+
+  /// While reading pauses, the kernel does not know that the descriptor is taken.
+  bool isPausedElsewhere(unsigned place, int fd) const {
+    return std::any_of(states_.begin(), states_.end(), [&](const HandlerState& state) {
+      return &state != &states_[place] && fd >= 0 && state.fd == fd &&
+             state.readPause.state != Pause::State::kNone;
+    });
   }
 
   void detach(unsigned place) {
