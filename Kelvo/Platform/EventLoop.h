@@ -15,7 +15,7 @@
 /// A loop belongs to one thread. Descriptors are watched through an `FdControl`, time through a
 /// `Timer`; both call back their handler from inside a turn of the loop, never otherwise. In one
 /// turn the loop asks the kernel once what is ready and delivers that, 64 descriptors at most. A
-/// stop from another thread and a due timer are seen in the very next turn, however many
+/// stop, functions from other threads and a due timer are seen in the very next turn, however many
 /// descriptors are ready.
 ///
 /// **Descriptors**
@@ -39,10 +39,9 @@
 ///    100 ms. The loop itself slows nothing down.
 ///
 /// **Timers**
-///  - Monotonic, in seconds as `double`, true below a millisecond; zero and less mean the next
-///  turn.
-///    One timer expires at most once a millisecond. Arming replaces a pending expiry; arming inside
-///    `timeout()` takes effect. What is armed during a turn expires in a
+///  - Monotonic, in seconds as `double`, true below a millisecond; zero and less mean at
+///    the next turn. One timer expires at most once a millisecond. Arming replaces a pending
+///    expiry; arming inside `timeout()` takes effect. What is armed during a turn expires in a
 ///    later one. A turn makes one `timeout` call at most, so between any two of them the kernel is
 ///    asked what else is ready.
 ///
