@@ -15,7 +15,7 @@
 /// A loop belongs to one thread. Descriptors are watched through an `FdControl`, time through a
 /// `Timer`; both call back their handler from inside a turn of the loop, never otherwise. In one
 /// turn the loop asks the kernel once what is ready and delivers that, 64 descriptors at most. A
-/// stop from another thread and a due timer are seen in the very next turn, however many
+/// stop, functions from other threads and a due timer are seen in the very next turn, however many
 /// descriptors are ready.
 ///
 /// **Descriptors**

@@ -1,6 +1,6 @@
 // A server in an io_context, whose own timer makes the news. The message {"stop":true} ends it.
 #include <Api/Json/Server.h>
-#include <adapters/Asio.h>
+#include <Kelvo/Adapters/Asio.h>
 #include <unistd.h>
 #include <asio/steady_timer.hpp>
 #include <csignal>

@@ -1,7 +1,7 @@
 // A server in a GLib main loop, whose own timer makes the news. The message {"stop":true} ends it.
 
 #include <Api/Json/Server.h>
-#include <adapters/GLib.h>
+#include <Kelvo/Adapters/GLib.h>
 #include <unistd.h>
 
 #include <csignal>

@@ -2,7 +2,7 @@
 // there is broadcast to the subscribers; at its end the program ends.
 
 #include <Api/Json/Server.h>
-#include <adapters/Poll.h>
+#include <Kelvo/Adapters/Poll.h>
 #include <unistd.h>
 
 #include <csignal>

@@ -1,7 +1,7 @@
 // A server in a Qt application, whose own timer makes the news. The message {"stop":true} ends it.
 
 #include <Api/Json/Server.h>
-#include <adapters/QtCore.h>
+#include <Kelvo/Adapters/QtCore.h>
 #include <unistd.h>
 
 #include <QTimer>

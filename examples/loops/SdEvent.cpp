@@ -1,7 +1,7 @@
 // A server in an sd-event loop, whose own timer makes the news. The message {"stop":true} ends it.
 
 #include <Api/Json/Server.h>
-#include <adapters/SdEvent.h>
+#include <Kelvo/Adapters/SdEvent.h>
 #include <unistd.h>
 
 #include <csignal>

@@ -1,7 +1,7 @@
 // A server in a libuv loop, whose own timer makes the news. The message {"stop":true} ends it.
 
 #include <Api/Json/Server.h>
-#include <adapters/Uv.h>
+#include <Kelvo/Adapters/Uv.h>
 #include <unistd.h>
 
 #include <csignal>

@@ -11,18 +11,20 @@ A client for asyncio, which reconnects and subscribes again by itself::
         async for message in client:
             print(message)
 
-A service, with commands and topics, is `tovik.Service`. A server for tests of clients is in
-`tovik.testing`. Only the standard library is needed.
+A service, with commands and topics, is `tovik.Service`; `tovik.aio.Proxy` and `tovik.call` call it.
+A server for tests of clients is in `tovik.testing`. Only the standard library is needed.
 """
 
+from . import aio
 from ._aio import AsyncClient
 from ._client import Client
+from ._proxy import Outcome, call
 from ._service import Argument, Refusal, Request, Service, Session
 from ._wire import (ConnectionLost, Credentials, Message, ProtocolError, TooLong, TovikError,
                     WrongShape, address, decode, encode)
 
 __all__ = [
     "Argument", "AsyncClient", "Client", "ConnectionLost", "Credentials", "Message",
-    "ProtocolError", "Refusal", "Request", "Service", "Session", "TooLong", "TovikError",
-    "WrongShape", "address", "decode", "encode",
+    "Outcome", "ProtocolError", "Refusal", "Request", "Service", "Session", "TooLong", "TovikError",
+    "WrongShape", "address", "aio", "call", "decode", "encode",
 ]

@@ -48,7 +48,11 @@ class Connection:
 
     async def send(self, record: bytes) -> None:
         """Returns once the kernel has the record. Cancelled before that, it is not sent."""
-        await self._post(record, asks=False)
+        await self.start(record)
+
+    def start(self, record: bytes) -> "asyncio.Future[Any]":
+        """Sends the record, now or when there is room; done once the kernel has it."""
+        return self._post(record, asks=False)
 
     async def ask(self, record: bytes) -> Message:
         """Sends the record; what comes next is its answer. One at a time.

@@ -282,9 +282,9 @@ class Service:
             self._listener.setblocking(False)
             self._listener.bind(self._address)
             self._listener.listen(_BACKLOG)
-        except BaseException:
+        except OSError as error:
             self._listener.close()
-            raise
+            raise OSError(error.errno, error.strerror, self._name) from error
         self._loop.add_reader(self._listener, self._accept)
         return self
 

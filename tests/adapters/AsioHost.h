@@ -6,7 +6,7 @@
 #include <optional>
 #include <utility>
 
-#include "adapters/Asio.h"
+#include "Kelvo/Adapters/Asio.h"
 
 /// An `io_context` of standalone Asio.
 class AsioHost {

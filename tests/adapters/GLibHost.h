@@ -5,7 +5,7 @@
 #include <optional>
 #include <utility>
 
-#include "adapters/GLib.h"
+#include "Kelvo/Adapters/GLib.h"
 
 /// A GLib main loop on a context of its own.
 class GLibHost {

@@ -6,7 +6,7 @@
 #include <optional>
 #include <utility>
 
-#include "adapters/Poll.h"
+#include "Kelvo/Adapters/Poll.h"
 
 /// A plain poll, in a loop of the application's own.
 class PollHost {

@@ -1,6 +1,6 @@
 #include <stdexcept>
 
-#include "adapters/Guest.h"
+#include "Kelvo/Adapters/Guest.h"
 #include "tests/adapters/PollHost.h"
 
 #include "tests/adapters/LoopSuite.h"

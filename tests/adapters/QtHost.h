@@ -9,7 +9,7 @@
 #include <optional>
 #include <utility>
 
-#include "adapters/QtCore.h"
+#include "Kelvo/Adapters/QtCore.h"
 
 /// The event loop of a Qt application. Qt allows one application object at a time.
 class QtHost {

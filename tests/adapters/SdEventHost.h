@@ -6,7 +6,7 @@
 #include <optional>
 #include <utility>
 
-#include "adapters/SdEvent.h"
+#include "Kelvo/Adapters/SdEvent.h"
 
 /// An sd-event loop. It does not run again after an exit, so a stopped one is replaced.
 class SdEventHost {

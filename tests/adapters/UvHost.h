@@ -5,7 +5,7 @@
 #include <optional>
 #include <utility>
 
-#include "adapters/Uv.h"
+#include "Kelvo/Adapters/Uv.h"
 
 /// A libuv loop.
 class UvHost {

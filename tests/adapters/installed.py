@@ -22,17 +22,17 @@ options = parser.parse_args()
 
 environment = dict(os.environ)
 environment["PKG_CONFIG_PATH"] = f"{options.prefix}/{options.libdir}/pkgconfig"
-installed = set(os.listdir(f"{options.prefix}/include/tovik/adapters"))
+installed = set(os.listdir(f"{options.prefix}/include/Kelvo/Adapters"))
 if installed != {header for header, _modules in HOSTS.values()} | {"Guest.h"}:
     sys.exit(f"installed: {sorted(installed)}")
 
 for host in options.hosts.split(","):
     header, modules = HOSTS[host]
-    flags = subprocess.run(["pkg-config", "--cflags", "tovik-adapters", *modules], check=True,
+    flags = subprocess.run(["pkg-config", "--cflags", "kelvo", *modules], check=True,
                            stdout=subprocess.PIPE, text=True, env=environment).stdout.split()
     flags = [flag.replace("-I/usr/include", "-isystem/usr/include") for flag in flags]
     for macros in ([], ["-DQT_NO_KEYWORDS"]):
         subprocess.run([options.compiler, "-std=c++17", "-fPIC", "-fsyntax-only", "-Wall",
                         "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion", "-Werror", *macros,
                         *flags, "-xc++", "-"], text=True, check=True,
-                       input=f"#include <adapters/{header}>\n#include <adapters/{header}>\n")
+                       input=f"#include <Kelvo/Adapters/{header}>\n#include <Kelvo/Adapters/{header}>\n")

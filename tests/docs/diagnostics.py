@@ -97,7 +97,7 @@ def thrown():
     """(file, class, text, external) of every exception that is thrown."""
     found = set()
     for path in sources("Api/**/*.cpp", "Api/**/*.h", "Kelvo/**/*.cpp", "Kelvo/**/*.h",
-                        "adapters/*.h"):
+                        "Kelvo/Adapters/*.h"):
         text = without_comments(path.read_text())
         file = str(path.relative_to(OPTIONS.source))
         for match in re.finditer(r"\bthrow\b\s*([\w:]*)", text):

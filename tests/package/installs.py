@@ -10,7 +10,7 @@ from package import LIB, PREFIX, PUBLIC_HEADERS, SHARED, SOURCE, check, install,
 def headers():
     root = PREFIX / "include"
     installed = sorted(str(path.relative_to(root)) for path in root.rglob("*") if path.is_file())
-    found = [path for path in installed if not path.startswith("tovik/adapters/")]
+    found = [path for path in installed if not path.startswith("Kelvo/Adapters/")]
     check(found == PUBLIC_HEADERS, f"installed headers: {found}")
     for header in found:
         check(filecmp.cmp(root / header, SOURCE / header, shallow=False), f"{header} differs")

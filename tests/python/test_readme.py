@@ -15,7 +15,7 @@ class Readme(unittest.TestCase):
         self.name = support.unique_name()
         text = (support.SOURCE / "python" / "README.md").read_text()
         blocks = re.findall(r"```python\n(.*?)```", text, re.S)
-        self.blocking, self.batch, self.asynchronous, self.service, self.server = (
+        self.blocking, self.batch, self.asynchronous, self.service, self.proxy, self.server = (
             block.replace('"adder"', f'"{self.name}"') for block in blocks)
 
     def start(self, text):
@@ -51,6 +51,13 @@ class Readme(unittest.TestCase):
             for total in (5, 10):
                 client.send({"command": "add", "number": 5})
                 self.assertEqual(client.receive(), {"type": "reply", "status": 0, "result": total})
+
+    def test_proxy_prints_events_and_results(self):
+        self.start(self.service)
+        support.wait_until(lambda: support.listens(self.name))
+        output, _errors = self.start(self.proxy).communicate(timeout=support.DEADLINE)
+        self.assertIn("'snapshot': True, 'total': 0}\n", output)
+        self.assertIn("\n5\n", output)
 
     def test_server_for_tests_passes_its_own_test(self):
         process = self.start(self.server)

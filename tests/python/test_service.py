@@ -194,12 +194,14 @@ class Service(Case):
 
     async def test_frees_its_name_and_everything_else_at_its_end(self):
         before = set(os.listdir("/proc/self/fd"))
+        self.name = support.unique_name()
         for _ in range(2):
-            async with tovik.Service(self.id(), lambda peer: True) as service:
+            async with tovik.Service(self.name, lambda peer: True) as service:
                 @service.command("hang", "Waits for ever.")
                 async def hang(request):
                     await asyncio.Event().wait()
-                self.name = self.id()
+                with self.assertRaisesRegex(OSError, f"in use: '{self.name}'"):
+                    await tovik.Service(self.name, lambda peer: True).__aenter__()
                 with await self.peer() as peer:
                     peer.send(b'{"command":"hang"}')
                     await self.until(lambda: any(each.tasks for each in service.sessions))

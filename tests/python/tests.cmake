@@ -21,6 +21,7 @@ tovik_python_test(Wire test_wire)
 tovik_python_test(Client test_client)
 tovik_python_test(AsyncClient test_aio)
 tovik_python_test(Service test_service)
+tovik_python_test(Proxy test_proxy)
 tovik_python_test(Readme test_readme)
 
 set(hostmon)

@@ -38,7 +38,7 @@ namespace {
 constexpr int kBatchSize = 64;
 
 // Generations start at 1, so these two can be no registration's token.
-constexpr LoopCore::Token kWakeUpToken = 1;
+constexpr LoopCore::Token kMailboxToken = 1;
 constexpr LoopCore::Token kTimerToken = 2;
 
 constexpr LoopCore::Time kDisarmed = LoopCore::Time::max();
@@ -86,7 +86,7 @@ LoopCore::LoopCore()
       timer_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)),
       programmed_(kDisarmed),
       readableFor_(kUnknown) {
-  if (!control(fd(), EPOLL_CTL_ADD, mailbox_->fd(), EPOLLIN, kWakeUpToken) ||
+  if (!control(fd(), EPOLL_CTL_ADD, mailbox_->fd(), EPOLLIN, kMailboxToken) ||
       !control(fd(), EPOLL_CTL_ADD, timer_.fd(), EPOLLIN, kTimerToken)) {
     throw systemError("epoll_ctl");
   }
@@ -108,27 +108,31 @@ bool LoopCore::turn(int timeoutMilliseconds) {
   const auto thisTurn = ++turns_;
   timerMark_ = timers_.mark();
   bool dispatched = false;
+  bool mailboxSeen = false;
   bool timersSeen = false;
   for (int i = 0; i < count && isCurrentTurn(thisTurn); ++i) {
     const epoll_event& event = batch[static_cast<std::size_t>(i)];
+    mailboxSeen |= event.data.u64 == kMailboxToken;
     timersSeen |= event.data.u64 == kTimerToken;
     dispatched |= deliver(event);
   }
-  if (count == kBatchSize && isCurrentTurn(thisTurn)) {  // more is ready, these two perhaps with it
-    mailbox_->drainStopRequest();
-    dispatched |= runPosted();
-    if (!timersSeen && isCurrentTurn(thisTurn)) {
-      dispatched |= runDueTimer(now());
-    }
+  if (count < kBatchSize) {
+    return dispatched;
+  }
+  // More is ready, perhaps these two with it.
+  if (!mailboxSeen && isCurrentTurn(thisTurn)) {
+    dispatched |= takeMail();
+  }
+  if (!timersSeen && isCurrentTurn(thisTurn)) {
+    dispatched |= runDueTimer(now());
   }
   return dispatched;
 }
 
 bool LoopCore::deliver(const epoll_event& event) {
   const Token token = event.data.u64;
-  if (token == kWakeUpToken) {
-    mailbox_->drainStopRequest();
-    return runPosted();
+  if (token == kMailboxToken) {
+    return takeMail();
   }
   if (token == kTimerToken) {
     programmed_ = kUnknown;
@@ -170,8 +174,10 @@ bool LoopCore::runDueTimer(Time time) {
   return called;
 }
 
-/// A batch of them at most. What they post themselves is behind that, in a later turn.
-bool LoopCore::runPosted() {
+/// A request to stop, and a batch of functions at most. What those post themselves is for a later
+/// turn.
+bool LoopCore::takeMail() {
+  mailbox_->drainStopRequest();
   const auto thisTurn = turns_;
   bool called = false;
   auto left = std::min<std::size_t>(mailbox_->waiting(), kBatchSize);

@@ -95,7 +95,7 @@ class LoopCore : public Counted {
   bool isCurrentTurn(std::uint64_t turn) const;
   bool deliver(const epoll_event& event);
   void claimSlot(std::size_t index, Registration& registration);
-  bool runPosted();
+  bool takeMail();
   bool runDueTimer(Time time);
   bool programTimer() noexcept;
   void notifyWatchers(const FdEventHandler* handler, int by);

@@ -3,7 +3,7 @@
 #include <Api/Admission.h>
 #include <Api/Json/Client.h>
 #include <Api/Json/Server.h>
-#include <adapters/Poll.h>
+#include <Kelvo/Adapters/Poll.h>
 #include <poll.h>
 #include <unistd.h>
 

@@ -4,8 +4,8 @@
 
 #include <memory>
 
+#include "Kelvo/Adapters/Guest.h"
 #include "Kelvo/Exception.h"
-#include "adapters/Guest.h"
 
 namespace Kelvo::Adapters {
 

@@ -7,7 +7,7 @@
 #include <memory>
 #include <utility>
 
-#include "adapters/Guest.h"
+#include "Kelvo/Adapters/Guest.h"
 
 namespace Kelvo::Adapters {
 

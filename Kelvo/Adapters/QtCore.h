@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <memory>
 
-#include "adapters/Guest.h"
+#include "Kelvo/Adapters/Guest.h"
 
 namespace Kelvo::Adapters {
 

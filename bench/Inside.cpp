@@ -8,7 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#define TOVIK_SOURCE_PATH "bench/inside/Inside"
+#define TOVIK_SOURCE_PATH "bench/Inside"
 #include "Api/Json/Async.h"
 #include "Api/Json/detail/Debug.h"
 #include "Kelvo/Platform/EventLoop.h"
