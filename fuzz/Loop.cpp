@@ -403,7 +403,8 @@ class World {
         continue;
       }
       const bool rude = place == other && !states_[other].timers[1].pending &&
-                        !states_[other].interest && !states_[other].overridden;
+                        !states_[other].interest && !states_[other].overridden &&
+                        !pausesReading(other);
       if (rude) {
         states_[other].closedFirst = true;
       } else {
@@ -412,6 +413,14 @@ class World {
     }
     ::close(fd);
     forgetDescriptor(fd);
+  }
+
+  /// Or will, after the callback at hand.
+  bool pausesReading(unsigned place) const {
+    return states_[place].readPause.state != Pause::State::kNone ||
+           std::any_of(callbacks_.begin(), callbacks_.end(), [place](const Callback* one) {
+             return one->place == place && one->deferred;
+           });
   }
 
   void forgetDescriptor(int fd) {
@@ -617,7 +626,7 @@ class World {
 
   /// Concerns that handler's innermost callback of that kind, if there is one.
   void defer(unsigned place, Kind kind) {
-    if (handlers_[place] == nullptr) {
+    if (handlers_[place] == nullptr || states_[place].closedFirst) {
       return;
     }
     kind == Kind::kRead ? handlers_[place]->deferReadEvent() : handlers_[place]->deferWriteEvent();
