@@ -1,5 +1,5 @@
-// Answers into the blocking client's wait for a reply. The first byte decides whether the client
-// sends a message before each wait.
+// Answers into the blocking client's wait for a reply. If the first byte is a 1, the client sends a
+// message before each wait.
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -106,9 +106,8 @@ class Conversation {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const fuzz::Listener listener;
   const fuzz::DescriptorCheck descriptors;
-  fuzz::Decisions decisions(data, size);
-  const bool asking = (decisions.byte() & 1) != 0;
-  const std::string_view rest(reinterpret_cast<const char*>(data), size);
-  fuzz::Conversation(listener).run(fuzz::batchesOf(rest.substr(size > 0 ? 1 : 0)), asking);
+  std::string_view input(reinterpret_cast<const char*>(data), size);
+  const bool asking = fuzz::takeMark(input);
+  fuzz::Conversation(listener).run(fuzz::batchesOf(input), asking);
   return 0;
 }

@@ -1,5 +1,5 @@
-// Records into a server's connection. The first byte decides whether the peer closes its end right
-// after the last batch, so that answers meet a peer that is gone, or waits for them.
+// Records into a server's connection. If the first byte is a 1, the peer closes its end right after
+// the last batch, so that answers meet a peer that is gone; otherwise it waits for them.
 
 #include "Api/Json/Connection.h"
 
@@ -161,9 +161,8 @@ class Conversation {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Kelvo::Platform::EventLoop::current();
   const fuzz::DescriptorCheck descriptors;
-  fuzz::Decisions decisions(data, size);
-  const bool hastyPeer = (decisions.byte() & 1) != 0;
-  const std::string_view rest(reinterpret_cast<const char*>(data), size);
-  fuzz::Conversation().run(fuzz::batchesOf(rest.substr(size > 0 ? 1 : 0)), hastyPeer);
+  std::string_view input(reinterpret_cast<const char*>(data), size);
+  const bool hastyPeer = fuzz::takeMark(input);
+  fuzz::Conversation().run(fuzz::batchesOf(input), hastyPeer);
   return 0;
 }

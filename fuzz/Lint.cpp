@@ -1,4 +1,5 @@
 // The tool's judgement of a text, which is to be right about what the text would do at either end.
+// Before that, the two ways in which the JSON library parses: what they take and make is the same.
 
 #include "tool/Lint.h"
 
@@ -23,7 +24,18 @@ tool::Switch switchOf(AtServer outcome) {
   }
 }
 
+/// Iterative parsing is for long texts, which must not be as deep on the stack as they are long.
+void parseBothWays(const std::string& text) {
+  Tovik::Message recursive, iterative;
+  recursive.Parse(text.c_str());
+  iterative.Parse<rapidjson::kParseIterativeFlag>(text.c_str());
+  require(recursive.HasParseError() == iterative.HasParseError(), "whether it parses");
+  requireEqual(Tovik::Message::toStr(iterative, false).data(),
+               Tovik::Message::toStr(recursive, false).data(), "the document");
+}
+
 void judge(std::string_view text) {
+  parseBothWays(std::string(text));
   const tool::Lint lint = tool::lint(text);
   const Text seen = read(text);
   if (seen.huge) {

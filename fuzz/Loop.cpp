@@ -35,8 +35,8 @@ struct Thrown {};
 /// A real handler, which hands everything on to the world by its place.
 class Handler final : public Kelvo::Platform::FdEventHandler {
  public:
-  explicit Handler(unsigned place)
-      : place(place),
+  explicit Handler(unsigned its)
+      : place(its),
         control(Kelvo::Platform::getFdControl(this)),
         plain(this),
         guarded(this, this) {}
@@ -252,6 +252,9 @@ class World {
 
   void attach(unsigned place) {
     const int fd = someDescriptor();
+    if (isPausedElsewhere(place, fd)) {
+      return;
+    }
     modelDetach(place);
     const bool possible = fd >= 0 && watched_.count({table_[fd], fd}) == 0;
     try {
@@ -272,6 +275,14 @@ class World {
       watched_[{table_[fd], fd}] = state.registration;
     }
     require(handlers_[place]->control->fd() == state.fd, "the attached descriptor");
+  }
+
+  /// While reading pauses, the kernel does not know that the descriptor is taken.
+  bool isPausedElsewhere(unsigned place, int fd) const {
+    return std::any_of(states_.begin(), states_.end(), [&](const HandlerState& state) {
+      return &state != &states_[place] && fd >= 0 && state.fd == fd &&
+             state.readPause.state != Pause::State::kNone;
+    });
   }
 
   void detach(unsigned place) {
@@ -392,7 +403,8 @@ class World {
         continue;
       }
       const bool rude = place == other && !states_[other].timers[1].pending &&
-                        !states_[other].interest && !states_[other].overridden;
+                        !states_[other].interest && !states_[other].overridden &&
+                        !pausesReading(other);
       if (rude) {
         states_[other].closedFirst = true;
       } else {
@@ -401,6 +413,14 @@ class World {
     }
     ::close(fd);
     forgetDescriptor(fd);
+  }
+
+  /// Or will, after the callback at hand.
+  bool pausesReading(unsigned place) const {
+    return states_[place].readPause.state != Pause::State::kNone ||
+           std::any_of(callbacks_.begin(), callbacks_.end(), [place](const Callback* one) {
+             return one->place == place && one->deferred;
+           });
   }
 
   void forgetDescriptor(int fd) {
@@ -606,7 +626,7 @@ class World {
 
   /// Concerns that handler's innermost callback of that kind, if there is one.
   void defer(unsigned place, Kind kind) {
-    if (handlers_[place] == nullptr) {
+    if (handlers_[place] == nullptr || states_[place].closedFirst) {
       return;
     }
     kind == Kind::kRead ? handlers_[place]->deferReadEvent() : handlers_[place]->deferWriteEvent();

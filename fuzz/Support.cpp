@@ -60,6 +60,12 @@ DescriptorCheck::~DescriptorCheck() noexcept(false) {
   require(lowestFreeDescriptor() == lowestFree_, "a descriptor was left open");
 }
 
+bool takeMark(std::string_view& input) {
+  const bool marked = !input.empty() && input.front() == '\1';
+  input.remove_prefix(marked ? 1 : 0);
+  return marked;
+}
+
 std::vector<Batch> batchesOf(std::string_view input) {
   constexpr std::size_t kMostRecords = 64;  // what any socket has room for
   std::vector<Batch> batches;

@@ -72,6 +72,9 @@ class Decisions {
   std::size_t left_;
 };
 
+/// Takes the mark that an input may begin with, a byte 1: whether there was one.
+bool takeMark(std::string_view& input);
+
 // Records. The bytes 0x1D and 0x1E, which JSON has no use for, cut an input into records; 0x1D also
 // ends a batch, the records that are in the socket together before anything reads.
 

@@ -31,15 +31,14 @@ EXPLAINED = ROOT / "tests/mutation/explained"
 
 # The programs that look at each library, and those that are compiled again for a header's sake.
 KELVO = ["kelvo_callback_test", "kelvo_event_loop_test", "kelvo_loop_test", "kelvo_debug_test",
-         "kelvo_timer_test", "kelvo_storm_test", "kelvo_fork_test", "kelvo_string_test",
+         "kelvo_timer_test", "kelvo_fork_test", "kelvo_string_test",
          "kelvo_ptr_test", "kelvo_post_test", "kelvo_channel_memory_test", "thread_key_test",
-         "log_date_test",
-         "registration_test"]
-TOVIK = ["connection_test", "server_test", "async_sender_test", "diagnostics_test", "message_test",
-         "admission_test", "conversation_test", "client_test", "threads_test",
+         "log_date_test", "registration_test"]
+TOVIK = ["order_test", "connection_test", "server_test", "async_sender_test", "diagnostics_test",
+         "message_test", "admission_test", "conversation_test", "client_test", "threads_test",
          "descriptor_zero_test", "registration_test"]
-SCRIPTED, SLOW = ["scripted_test"], ["async_client_test", "kelvo_deferred_event_test"]
-PROGRAMS = KELVO + TOVIK + SCRIPTED + SLOW
+SLOW = ["async_client_test", "kelvo_deferred_event_test"]
+PROGRAMS = KELVO + TOVIK + SLOW
 HEADER_TESTS = {
     "Api/Admission.h": ["admission_test"],
     "Api/Json/Async.h": ["async_sender_test"],
@@ -160,10 +159,6 @@ class Worker:
             programs += KELVO + TOVIK + SLOW
         elif "Tovik" in broken:
             programs += TOVIK + SLOW[:1]
-        if "Tovik" in broken:
-            if not self._link("scripted_test", objects, self.home / "made/scripted_test"):
-                return None
-            programs = SCRIPTED + programs
         return list(dict.fromkeys(programs))
 
     def _includes(self, target, source, file):
@@ -188,8 +183,6 @@ class Worker:
             for at, word in enumerate(words):
                 name = source.removeprefix(f"{folder}/")
                 if its == target and word.endswith(f"{target}.dir/{name}.o"):
-                    words[at] = str(path)
-                elif target == "scripted_test" and word.endswith(f"__/{source}.o"):
                     words[at] = str(path)
         words[words.index("-o") + 1] = str(made)
         return subprocess.run(words, cwd=BUILD / folder, capture_output=True).returncode == 0

@@ -114,6 +114,10 @@ Trace::~Trace() {
   traces.erase(std::find(traces.begin(), traces.end(), this));
 }
 
+void Trace::note(const std::string& line) {
+  calls_.push_back(Seen{Call::kNote, -1, 0, 0, line});
+}
+
 std::vector<Seen> Trace::of(Call call) const {
   std::vector<Seen> found;
   std::copy_if(calls_.begin(), calls_.end(), std::back_inserter(found),

@@ -31,6 +31,7 @@ enum class Call {
   kEventfd,
   kTimerfdCreate,
   kTimerfdSettime,
+  kNote,  // no call, but a line of a test's own among them
 };
 
 /// While it lives, calls of that kind made by this thread fail with `error`: `times` of them (all,
@@ -80,6 +81,8 @@ class Trace {
   std::vector<Seen> of(Call call) const;
   int count(Call call) const { return static_cast<int>(of(call).size()); }
   void clear() { calls_.clear(); }
+  /// Puts a line among the calls.
+  void note(const std::string& line);
 
  private:
   friend struct Interposer;

@@ -9,6 +9,7 @@ tovik_test(async_client_test tovik/AsyncClientMessageTest.cpp tovik/AsyncClientT
 tovik_test(diagnostics_test tovik/DiagnosticsTest.cpp)
 tovik_test(conversation_test tovik/ConversationTest.cpp)
 tovik_test(admission_test tovik/AdmissionTest.cpp)
+tovik_test(order_test tovik/OrderTest.cpp)
 tovik_test(descriptor_zero_test tovik/DescriptorZeroTest.cpp)
 tovik_test(log_date_test tovik/LogDateTest.cpp)
 tovik_test(registration_test tovik/RegistrationTest.cpp)
