@@ -392,7 +392,8 @@ class World {
         continue;
       }
       const bool rude = place == other && !states_[other].timers[1].pending &&
-                        !states_[other].interest && !states_[other].overridden;
+                        !states_[other].interest && !states_[other].overridden &&
+                        !mayBePaused(other);
       if (rude) {
         states_[other].closedFirst = true;
       } else {
@@ -401,6 +402,16 @@ class World {
     }
     ::close(fd);
     forgetDescriptor(fd);
+  }
+
+  /// The kernel refuses to pause what is closed, or to end its pause.
+  bool mayBePaused(unsigned place) const {
+    const HandlerState& state = states_[place];
+    return state.readPause.state != Pause::State::kNone ||
+           state.writePause.state != Pause::State::kNone ||
+           std::any_of(callbacks_.begin(), callbacks_.end(), [place](const Callback* running) {
+             return running->place == place && running->deferred;
+           });
   }
 
   void forgetDescriptor(int fd) {
@@ -606,7 +617,7 @@ class World {
 
   /// Concerns that handler's innermost callback of that kind, if there is one.
   void defer(unsigned place, Kind kind) {
-    if (handlers_[place] == nullptr) {
+    if (handlers_[place] == nullptr || states_[place].closedFirst) {
       return;
     }
     kind == Kind::kRead ? handlers_[place]->deferReadEvent() : handlers_[place]->deferWriteEvent();
