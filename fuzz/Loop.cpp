@@ -404,7 +404,7 @@ class World {
       }
       const bool rude = place == other && !states_[other].timers[1].pending &&
                         !states_[other].interest && !states_[other].overridden &&
-                        !pausesReading(other);
+                        !mayBePaused(other);
       if (rude) {
         states_[other].closedFirst = true;
       } else {
@@ -415,11 +415,13 @@ class World {
     forgetDescriptor(fd);
   }
 
-  /// Or will, after the callback at hand.
-  bool pausesReading(unsigned place) const {
-    return states_[place].readPause.state != Pause::State::kNone ||
-           std::any_of(callbacks_.begin(), callbacks_.end(), [place](const Callback* one) {
-             return one->place == place && one->deferred;
+  /// The kernel refuses to pause what is closed, or to end its pause.
+  bool mayBePaused(unsigned place) const {
+    const HandlerState& state = states_[place];
+    return state.readPause.state != Pause::State::kNone ||
+           state.writePause.state != Pause::State::kNone ||
+           std::any_of(callbacks_.begin(), callbacks_.end(), [place](const Callback* running) {
+             return running->place == place && running->deferred;
            });
   }
 

@@ -67,8 +67,10 @@ class TOVIK_API Client {
 /// `std::bad_function_call` out of the loop.
 ///
 /// Connecting blocks while the server's backlog of 5 is full, until the server accepts. A server on
-/// the same loop accepts between two expiries of timers, so that any number of clients may be made
-/// next to it; but six calls of `timeout()` by hand in one callback would wait for ever.
+/// the same loop accepts between two expiries of timers, so that many clients may be made next to
+/// it. Two cases remain that wait for ever: more than six calls of `timeout()` by hand in one
+/// callback, and hundreds of other descriptors that are always ready, since the loop takes turns
+/// among them. There, give the server a loop, and a thread, of its own.
 ///
 /// A loss is seen by overriding `terminateConnection`; call this class's version first. It also
 /// runs before each successful connection and after each failed one.

@@ -45,8 +45,8 @@ class KELVO_API FdEventHandler {
   /// Attaching, detaching and, for writing, switching write interest off and on start over. Called
   /// elsewhere these do nothing.
   ///
-  /// The kernel reports errors and hang-ups unasked, so a deferred read event takes the descriptor
-  /// out of its set, and write events wait with it.
+  /// The kernel reports errors and hang-ups unasked, so while a read event is deferred it is asked
+  /// for nothing, and write events wait as well.
   /// @{
   void deferReadEvent() noexcept;
   void deferWriteEvent() noexcept;

@@ -393,6 +393,13 @@ TEST_F(StuckReader, StartsWithShortPausesAfterAttachingAgain) {
   EXPECT_LT(shortest, 50ms);
 }
 
+TEST_F(StuckReader, StaysAttachedDuringAPause) {
+  turnUntilReads(6);
+  Watcher other;
+  EXPECT_EQ(thrownBy([&] { other.control->attach(ends_.first.get()); }),
+            "EventLoop: epoll_ctl failed: File exists");
+}
+
 TEST_F(StuckReader, MayBeDestroyedDuringAPause) {
   turnUntilReads(6);
   reader_.control.reset();

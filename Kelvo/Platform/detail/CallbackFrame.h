@@ -40,7 +40,7 @@ class CallbackFrame {
 
   /// Keeps what owns the handler until the handler's outermost frame ends. One owner is enough, so
   /// this takes no memory.
-  static void keep(const Handler* handler, std::shared_ptr<const void> owner) noexcept {
+  static void keep(const Handler* handler, std::shared_ptr<const void>&& owner) noexcept {
     CallbackFrame* outermost = nullptr;
     for (CallbackFrame* frame = innermost_; frame != nullptr; frame = frame->outer_) {
       outermost = frame->handler_ == handler ? frame : outermost;

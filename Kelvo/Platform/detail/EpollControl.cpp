@@ -89,7 +89,7 @@ void EpollControl::setWriteInterest(bool wanted) {
 }
 
 bool EpollControl::deliverRead() {
-  return deliver(Event::kRead);
+  return !paused(Event::kRead) && deliver(Event::kRead);
 }
 
 bool EpollControl::deliverWrite() {
@@ -147,10 +147,11 @@ bool EpollControl::paused(Event event) const noexcept {
   return pause && pause->queued();
 }
 
-/// None while reading is deferred: the kernel reports a hang-up of whatever is in its set.
+/// The kernel reports hang-ups unasked; while reading is deferred it may do so once a pause, and
+/// the descriptor stays in its set, where no other handler can attach it.
 std::uint32_t EpollControl::events() const noexcept {
   if (paused(Event::kRead)) {
-    return 0;
+    return EPOLLONESHOT;
   }
   return writeInterest_ && !paused(Event::kWrite) ? EPOLLIN | EPOLLOUT : EPOLLIN;
 }

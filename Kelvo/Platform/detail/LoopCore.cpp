@@ -27,7 +27,6 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
-#include <utility>
 
 #include "Kelvo/Exception.h"
 
@@ -243,10 +242,7 @@ void LoopCore::setEvents(Token token, std::uint32_t events) {
   if (slot.events == events) {
     return;
   }
-  const int operation = slot.events == 0 ? EPOLL_CTL_ADD
-                        : events == 0    ? EPOLL_CTL_DEL
-                                         : EPOLL_CTL_MOD;
-  if (!control(fd(), operation, fdOf(token), events, token)) {
+  if (!control(fd(), EPOLL_CTL_MOD, fdOf(token), events, token)) {
     throw systemError("epoll_ctl");
   }
   slot.events = events;
@@ -257,8 +253,8 @@ void LoopCore::remove(Token token) {
   if (registration == nullptr) {
     return;  // its owner closed the descriptor first, and the number serves another registration
   }
-  const Slot slot = std::exchange(slots_[static_cast<std::size_t>(fdOf(token))], Slot{});
-  if (slot.events != 0 && inOwnerProcess()) {  // a child shares the set with its parent
+  slots_[static_cast<std::size_t>(fdOf(token))] = Slot{};
+  if (inOwnerProcess()) {  // a child shares the set with its parent
     control(fd(), EPOLL_CTL_DEL, fdOf(token), 0, token);
   }
   notifyWatchers(registration->handler(), -1);

@@ -55,8 +55,7 @@ class LoopCore : public Counted {
   void requireOwnerProcess() const;
   int fd() const noexcept { return epoll_.fd(); }
 
-  // Registrations. `add` and `setEvents` throw if the kernel refuses; `remove` never fails. Without
-  // events a descriptor leaves the kernel's set, which reports errors and hang-ups unasked.
+  // Registrations. `add` and `setEvents` throw if the kernel refuses; `remove` never fails.
   Token add(int fd, Registration& registration);
   void setEvents(Token token, std::uint32_t events);
   void remove(Token token);
@@ -89,7 +88,7 @@ class LoopCore : public Counted {
   struct Slot {
     std::uint32_t generation = 0;
     Registration* registration = nullptr;
-    std::uint32_t events = 0;  // asked of the kernel; none: not in its set
+    std::uint32_t events = 0;  // asked of the kernel
   };
 
   bool isCurrentTurn(std::uint64_t turn) const;

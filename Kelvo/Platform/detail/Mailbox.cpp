@@ -101,7 +101,7 @@ bool Mailbox::post(std::function<void()>&& function) {
   return true;
 }
 
-void Mailbox::signal(std::uint64_t units) noexcept {
+void Mailbox::signal(std::uint64_t units) const noexcept {
   const int callersErrno = errno;
   [[maybe_unused]] const auto written = ::write(fd_, &units, sizeof units);
   errno = callersErrno;

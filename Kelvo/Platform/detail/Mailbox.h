@@ -43,7 +43,7 @@ class Mailbox {
  private:
   Mailbox();
   ~Mailbox();
-  void signal(std::uint64_t units) noexcept;
+  void signal(std::uint64_t units) const noexcept;
   std::uint64_t readSignals() noexcept;
 
   const std::uint64_t process_;
