@@ -24,7 +24,7 @@ GROUPS = {
                "docs/packages.md", "python/README.md"],
     "In operation": ["docs/wire.md", "docs/diagnostics.md", "docs/troubleshooting.md",
                      "docs/reliability.md", "docs/performance.md", "SECURITY.md"],
-    "Inside": ["docs/internals.md", "docs/coverage.md", "CONTRIBUTING.md", "CHANGELOG.md"],
+    "Inside": ["docs/internals.md", "CONTRIBUTING.md", "CHANGELOG.md"],
 }
 TITLES = {"README.md": "Overview", "python/README.md": "Python"}
 CODE = r"((?<!`)(`+)(?!`).+?(?<!`)\2(?!`))"

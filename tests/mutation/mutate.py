@@ -284,25 +284,21 @@ def passed(result, tests):
 
 
 def load_explained():
-    """(file, function, before, after), to the reason."""
-    reasons, pairs, where, before = {}, [], ("", ""), ""
-    for line in [*EXPLAINED.read_text().splitlines(), ""]:
-        if line.startswith("#"):
-            continue
-        if line and not line.startswith(" "):
-            where, pairs = tuple(line.split(": ", 1)), []
-        elif line.startswith("  - "):
-            before = line[4:]
-        elif line.startswith("  + "):
-            pairs.append((*where, before, line[4:]))
-            reasons[pairs[-1]] = ""
-        elif line.strip():
-            for pair in pairs:
-                reasons[pair] = f"{reasons[pair]} {line.strip()}".strip()
-    without = [pair for pair, reason in reasons.items() if not reason]
-    if without:
-        sys.exit(f"{EXPLAINED}: no reason is given for {without[0]}")
-    return reasons
+    """How many there are of each (file, function, kind) that no test can notice."""
+    explained, file = {}, ""
+    for line in EXPLAINED.read_text().splitlines():
+        if line.startswith("  "):
+            found = re.match(r"  (\S+): (\d+) (\w+): \S", line)
+            if not found:
+                sys.exit(f"{EXPLAINED}: not \"function: number kind: reason\": {line}")
+            explained[file, found[1], found[3]] = int(found[2])
+        elif line and not line.startswith("#"):
+            file = line
+    return explained
+
+
+def place(mutant):
+    return mutant.file, mutant.function, mutant.kind
 
 
 def limits(worker):
@@ -337,10 +333,9 @@ def main():
     possible = [mutant for file, text in texts.items()
                 for mutant in breakages.mutants(file, text)]
     explained = load_explained()
-    stale = set(explained) - {mutant.key() for mutant in possible}
-    for file, function, before, after in sorted(stale):
-        print(f"Explained, and no breakage of the sources as they are:\n"
-              f"{file}: {function}\n  - {before}\n  + {after}")
+    stale = set(explained) - {place(mutant) for mutant in possible}
+    for entry in sorted(stale):
+        print(f"Explained, and no breakage of the sources as they are: {entry}")
     chosen = [mutant for mutant in possible if not options.file or mutant.file in options.file]
     random.Random(options.seed).shuffle(chosen)
     chosen = chosen[:options.sample]
@@ -392,27 +387,29 @@ def run_all(wanted, results, versions, tests, jobs):
 def report(chosen, possible, results, explained):
     outcomes = collections.Counter()
     by_kind = collections.defaultdict(collections.Counter)
-    unexplained, noticed = [], []
+    survivors = collections.defaultdict(list)
     for mutant in chosen:
         outcome = results[mutant.key()]["outcome"]
         if outcome == "survived":
-            outcome = "explained" if mutant.key() in explained else "survived"
-            if outcome == "survived":
-                unexplained.append(mutant)
-        elif outcome == "killed" and mutant.key() in explained:
-            noticed.append(mutant)
+            survivors[place(mutant)].append(mutant)
+            outcome = "explained" if place(mutant) in explained else "survived"
         outcomes[outcome] += 1
         by_kind[mutant.kind][outcome] += 1
-    for mutant in unexplained:
-        print(f"Survived:\n{show(mutant)}")
-    for mutant in noticed:
-        print(f"Explained, and killed by {results[mutant.key()]['by']}:\n{show(mutant)}")
+    tried = collections.Counter(map(place, chosen))
+    there = collections.Counter(map(place, possible))
+    wrong = 0
+    for entry in sorted(set(survivors) | set(explained)):
+        found, excused = len(survivors[entry]), explained.get(entry, 0)
+        if found > excused or (found < excused and tried[entry] == there[entry]):
+            wrong += 1
+            print(f"{found} survived, {excused} explained: {entry}",
+                  *map(show, survivors[entry]), sep="\n")
     columns = ["killed", "explained", "survived", "invalid"]
     print(f"{'':12}{''.join(f'{name:>11}' for name in columns)}")
     for kind, counts in [*sorted(by_kind.items()), ("all", outcomes)]:
         print(f"{kind:12}{''.join(f'{counts[name]:11}' for name in columns)}")
     print(f"{len(chosen)} of {len(possible)} breakages tried; invalid ones do not compile")
-    return 1 if unexplained or noticed else 0
+    return 1 if wrong else 0
 
 
 if __name__ == "__main__":

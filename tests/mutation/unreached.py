@@ -8,7 +8,10 @@ import re
 import subprocess
 import sys
 
+import breakages
+
 ROOT = pathlib.Path(__file__).resolve().parents[2]
+LIST = ROOT / "tests/mutation/unreached"
 
 
 def counts(folders):
@@ -46,18 +49,26 @@ def reached(functions):
     return ran > 0, taken
 
 
-def listed(document):
-    """The exceptions: (file, line or branch, text), from the rows of the document's table."""
-    rows = re.findall(r"^\| `([^`]+)` \| (line|branch) \| `(.+?)` \| (.+) \|$",
-                      document.read_text(), re.M)
-    return {(file, what, text.replace(r"\|", "|")) for file, what, text, _ in rows}
+def listed():
+    """How many there are of each (file, function, line or branch), from the list."""
+    known, file = {}, ""
+    for row in LIST.read_text().splitlines():
+        if row.startswith("  "):
+            function, number, what, _reason = re.fullmatch(r"  (\S+): (\d+) (line|branch): (.+)",
+                                                           row).groups()
+            known[file, function, what] = int(number)
+        elif row and not row.startswith("#"):
+            file = row
+    return known
 
 
 def main():
-    document, *folders = map(pathlib.Path, sys.argv[1:])
-    totals, missing, files = collections.Counter(), collections.Counter(), {}
-    for (file, number), functions in sorted(counts(folders).items()):
-        text = files.setdefault(file, (ROOT / file).read_text().splitlines())[number - 1].strip()
+    totals, missing, files = collections.Counter(), collections.defaultdict(list), {}
+    for (file, number), functions in sorted(counts(map(pathlib.Path, sys.argv[1:])).items()):
+        if file not in files:
+            files[file] = breakages.Source(file, (ROOT / file).read_text())
+        lines = files[file].text.splitlines(keepends=True)
+        text = lines[number - 1].strip()
         if text in ("}", "};", "{"):
             continue  # ends of scopes, which destructors are counted on
         ran, taken = reached(functions)
@@ -65,19 +76,19 @@ def main():
         totals["lines reached"] += ran
         totals["branches"] += len(taken)
         totals["branches reached"] += sum(taken)
-        if not ran:
-            missing[file, "line", text] += 1
-        elif not all(taken):
-            missing[file, "branch", text] += 1
+        if not ran or not all(taken):
+            function = files[file].function_at(sum(map(len, lines[:number])) - 1)
+            missing[file, function, "branch" if ran else "line"].append(f"{number}: {text}")
     for what in ("lines", "branches"):
         part, whole = totals[f"{what} reached"], totals[what]
         print(f"{what}: {part} of {whole} reached, {100 * part / whole:.2f} %")
-    known = listed(document)
-    for file, what, text in sorted(set(missing) - known):
-        print(f"Not reached, and not listed in {document}: {file}: {what} `{text}`")
-    for file, what, text in sorted(known - set(missing)):
-        print(f"Listed in {document}, and reached: {file}: {what} `{text}`")
-    return 0 if set(missing) == known else 1
+    known = listed()
+    differ = [entry for entry in sorted({*missing, *known})
+              if len(missing[entry]) != known.get(entry, 0)]
+    for entry in differ:
+        print(f"{len(missing[entry])} not reached, {known.get(entry, 0)} in {LIST}: {entry}",
+              *missing[entry], sep="\n  ")
+    return 1 if differ else 0
 
 
 if __name__ == "__main__":

@@ -1,23 +1,30 @@
-"""The library exports what its interface says, all of it versioned, and nothing else."""
+"""The libraries export what the packages' symbol files say, all of it versioned, and nothing else."""
 
 import difflib
 import re
 
-from package import HERE, LIB, PREFIX, check, run
+from package import LIB, PREFIX, SOURCE, check, run
 
-CLASSES = "Server|Connection|Client|AsyncSender|AsyncClient|SocketException"
+NAME = r"((vtable|typeinfo|typeinfo name) for |non-virtual thunk to )?"
+INTERFACES = {
+    "Tovik": NAME + r"Tovik::((Server|Connection|Client|AsyncSender|AsyncClient|SocketException)"
+                    r"(::|$)|Message::toStr\()",
+    "Kelvo": NAME + r"Kelvo::",
+}
 
-lines = run(["nm", "-D", "-C", "--defined-only", PREFIX / LIB / "libTovik.so"]).splitlines()
-found = sorted({line.split(maxsplit=2)[2] for line in lines if line.split()[1] != "A"})
+for library, interface in INTERFACES.items():
+    tag = f"{library.upper()}_1"
+    lines = run(["nm", "-D", "--defined-only", PREFIX / LIB / f"lib{library}.so"]).splitlines()
+    mangled = [line.split()[2] for line in lines if line.split()[1] != "A"]
+    untagged = [name for name in mangled if not name.endswith(f"@@{tag}")]
+    check(not untagged, f"without a version: {untagged}")
+    bare = [name.removesuffix(f"@@{tag}") for name in mangled]
+    found = sorted(set(run(["c++filt", *bare]).splitlines()))  # which writes names as dpkg does
 
-untagged = [name for name in found if not name.endswith("@@TOVIK_1")]
-check(not untagged, f"without a version: {untagged}")
-found = [name.removesuffix("@@TOVIK_1") for name in found]
+    strangers = [name for name in found if not re.match(interface, name)]
+    check(not strangers, f"not of the interface: {strangers}")
 
-allowed = re.compile(rf"((vtable|typeinfo|typeinfo name) for |non-virtual thunk to )?"
-                     rf"Tovik::({CLASSES})(::|$)|Tovik::Message::toStr\(")
-strangers = [name for name in found if not allowed.match(name)]
-check(not strangers, f"not of the interface: {strangers}")
-
-expected = (HERE / "exports-tovik.txt").read_text().splitlines()
-check(found == expected, "\n".join(difflib.unified_diff(expected, found, "expected", "exported")))
+    symbols = (SOURCE / "debian" / f"lib{library.lower()}1.symbols").read_text()
+    expected = sorted(set(re.findall(rf'^ \(.*c\+\+.*\)"(.*)@{tag}"', symbols, re.M)))
+    check(found == expected,
+          "\n".join(difflib.unified_diff(expected, found, "expected", "exported")))

@@ -49,15 +49,4 @@ if(BUILD_SHARED_LIBS AND NOT TOVIK_SANITIZE)
   set_tests_properties(
     Package.IsFoundByCMakeAndPkgConfigAsAStaticLibrary Package.HoldsItsAssertionsInAStaticLibrary
     PROPERTIES FIXTURES_REQUIRED "package_prefix;static_prefix")
-
-  find_program(TOVIK_ABIDIFF abidiff)
-  if(NOT TOVIK_ABIDIFF)
-    tovik_missing_test(Package.KeepsItsBinaryInterface)
-  elseif(CMAKE_CXX_COMPILER_ID STREQUAL "GNU") # which the descriptions were made with
-    tovik_package_test(KeepsItsBinaryInterface interface.py)
-    set_tests_properties(Package.HoldsItsAssertionsInALibraryBuiltWithoutAny
-                         PROPERTIES FIXTURES_SETUP debug_library)
-    set_tests_properties(Package.KeepsItsBinaryInterface
-                         PROPERTIES FIXTURES_REQUIRED "package_prefix;debug_library")
-  endif()
 endif()

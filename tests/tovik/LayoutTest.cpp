@@ -12,6 +12,8 @@
 
 #include "Api/Json/Client.h"
 #include "Api/Json/Server.h"
+#include "Kelvo/Platform/Debug.h"
+#include "Kelvo/Platform/EventLoop.h"
 
 namespace {
 
@@ -54,6 +56,7 @@ TEST(VirtualOrder, OfAControl) {
   EXPECT_EQ(slot(&FdControl::attach), 3U);
   EXPECT_EQ(slot(&FdControl::fd), 4U);
   EXPECT_EQ(slot(&FdControl::detach), 5U);
+  EXPECT_EQ(slots<FdControl>(), 6U);
 }
 
 TEST(VirtualOrder, OfATimersHandlerAndATimer) {
@@ -61,6 +64,8 @@ TEST(VirtualOrder, OfATimersHandlerAndATimer) {
   EXPECT_EQ(slot(&TimeoutHandler::handleTimeoutException), 3U);
   EXPECT_EQ(slots<TimeoutHandler>(), 4U);
   EXPECT_EQ(slot(&Kelvo::Platform::Timer::arm), 2U);
+  EXPECT_EQ(slot(&Kelvo::Platform::Timer::disarm), 3U);
+  EXPECT_EQ(slots<Kelvo::Platform::Timer>(), 4U);
 }
 
 TEST(VirtualOrder, OfTheSenderAndTheConnection) {
@@ -97,6 +102,11 @@ TEST(VirtualOrder, OfTheException) {
   EXPECT_EQ(slot(&Tovik::SocketException::what), 2U);
   EXPECT_EQ(slot(&Tovik::SocketException::name), 3U);
   EXPECT_EQ(slots<Tovik::SocketException>(), 4U);
+}
+
+TEST(VirtualOrder, OfAChannel) {
+  EXPECT_EQ(slot(&Kelvo::Platform::RawDebugHandler::output), 2U);
+  EXPECT_EQ(slots<Kelvo::Platform::RawDebugHandler>(), 3U);
 }
 
 // --- members ---
@@ -169,6 +179,26 @@ TEST(Layout, OfTheClientForTheLoopIsATimersHandlerAndASender) {
                  FIELD(Tovik::AsyncClient, connectHandler_), FIELD(Tovik::AsyncClient, timer_),
                  FIELD(Tovik::AsyncClient, reconnectInterval_)},
                 sizeof(Tovik::AsyncClient));
+}
+
+TEST(Layout, OfTheBaseLibrary) {
+  using Kelvo::Platform::DebugRecord;
+  EXPECT_EQ(sizeof(FdEventHandler), kTable);
+  EXPECT_EQ(sizeof(TimeoutHandler), kTable);
+  EXPECT_EQ(sizeof(Kelvo::Platform::DebugStream), sizeof(std::ostringstream));
+  expectInOrder(0, {FIELD(Kelvo::String, bytes_)}, sizeof(Kelvo::String));
+  expectInOrder(0, {FIELD(Kelvo::Ptr<FdControl>, object_)}, sizeof(Kelvo::Ptr<FdControl>));
+  expectInOrder(0, {FIELD(Kelvo::Platform::EventLoop, core_)}, sizeof(Kelvo::Platform::EventLoop));
+  expectInOrder(kTable, {FIELD(Kelvo::Counted, references_)}, sizeof(Kelvo::Counted));
+  expectInOrder(kTable, {FIELD(Kelvo::Platform::RawDebugHandler, mask_)},
+                sizeof(Kelvo::Platform::RawDebugHandler));
+  expectInOrder(sizeof(std::exception),
+                {FIELD(Kelvo::Exception, message_), FIELD(Kelvo::Exception, external_)},
+                sizeof(Kelvo::Exception));
+  expectInOrder(0,
+                {FIELD(DebugRecord, channel), FIELD(DebugRecord, level), FIELD(DebugRecord, file),
+                 FIELD(DebugRecord, function), FIELD(DebugRecord, line), FIELD(DebugRecord, text)},
+                sizeof(DebugRecord));
 }
 
 TEST(Layout, OfAMessageIsItsDocuments) {
