@@ -2,49 +2,25 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdlib>
 #include <new>
 #include <string>
 
 #include "Kelvo/Platform/Debug.h"
+#include "tests/support/Memory.h"
 
+using Faults::NoMemory;
 using Kelvo::Platform::_getRawDebugHandler;
 using Kelvo::Platform::RawDebugHandler;
 
 namespace {
 
-std::atomic<bool> exhausted{false};
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-  void* const memory = exhausted ? nullptr : std::malloc(size == 0 ? 1 : size);
-  if (memory == nullptr) {
-    throw std::bad_alloc();
-  }
-  return memory;
-}
-
-void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-
-void operator delete(void* memory, std::size_t) noexcept {
-  std::free(memory);
-}
-
-namespace {
-
 RawDebugHandler* withoutMemory(const Kelvo::String& channel) {
-  exhausted = true;
-  RawDebugHandler* handler = nullptr;
+  const NoMemory noMemory;
   try {
-    handler = _getRawDebugHandler(channel, true);
+    return _getRawDebugHandler(channel, true);
   } catch (const std::bad_alloc&) {
+    return nullptr;
   }
-  exhausted = false;
-  return handler;
 }
 
 TEST(FirstChannels, TakeNoMemory) {
@@ -72,9 +48,10 @@ TEST(FirstChannels, DropARecordForWhichThereIsNoMemory) {
   stream << std::string(1000, 'x');
   int records = 0;
   Kelvo::Platform::setDebugSink("dropping", [&](const auto&) { ++records; });
-  exhausted = true;
-  handler->output(stream, 0, "file", "function", 1);
-  exhausted = false;
+  {
+    const NoMemory noMemory;
+    handler->output(stream, 0, "file", "function", 1);
+  }
   EXPECT_EQ(records, 0);
   handler->output(stream, 0, "file", "function", 1);
   EXPECT_EQ(records, 1);
