@@ -21,18 +21,13 @@ void Link::open(int fd) {
   state_ = State::kOpen;
 }
 
-bool Link::send(Text text, const void* tag) {
+void Link::send(Text text, const void* tag) {
   if (!isOpen() || (queue_.empty() && write(*text))) {
-    return true;
-  }
-  if (queue_.size() >= bounds_.records || bytes_ + text->size() > bounds_.bytes) {
-    shutDown("its queue is full");
-    return false;
+    return;
   }
   bytes_ += text->size();
   queue_.push_back({std::move(text), tag});
   control_->setWriteInterest(true);
-  return true;
 }
 
 /// True if nothing is left to do for this text. SIGPIPE is nobody's business here.

@@ -12,7 +12,7 @@
 
 namespace Tovik {
 
-/// One end of a connection: records in, and records out through a bounded queue. Sending never
+/// One end of a connection: records in, and records out through a queue. Sending never
 /// calls anybody back and never ends the connection at once: whatever goes wrong, or is ended by
 /// `shutDown`, is seen by the read event that follows. So all that a connection tells its owner
 /// comes from the loop.
@@ -34,8 +34,13 @@ class Link : public Kelvo::Platform::FdEventHandler {
   /// True while records can be sent.
   bool isOpen() const noexcept { return control_ && state_ == State::kOpen; }
 
-  /// Sends a record, or queues it with a tag. False, and the link is shut down, if the queue is full.
-  bool send(Text text, const void* tag = nullptr);
+  /// Whether a record of this size may be queued. The owner asks, and decides what else to do.
+  bool hasRoom(std::size_t size) const noexcept {
+    return queue_.size() < bounds_.records && bytes_ + size <= bounds_.bytes;
+  }
+
+  /// Sends a record, or queues it with a tag.
+  void send(Text text, const void* tag = nullptr);
 
   /// Takes what waits with that tag out of the queue.
   void unqueue(const void* tag);

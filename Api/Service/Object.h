@@ -13,6 +13,9 @@
 #include "Api/Json/Types.h"
 #include "Kelvo/String.h"
 
+/// Keeps out of the interface what is declared inside an exported class.
+#define TOVIK_INTERNAL __attribute__((visibility("hidden")))
+
 /// @file
 /// Messages from C++ values and back, without a word of RapidJSON:
 ///

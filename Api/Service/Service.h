@@ -100,7 +100,7 @@ class TOVIK_API Refusal : public std::runtime_error {
 /// an answer is answered with 5. All this is safe when the client, or the service, has gone.
 class TOVIK_API Request {
  public:
-  struct Call;  ///< Private.
+  struct TOVIK_INTERNAL Call;  ///< Private.
   explicit Request(std::shared_ptr<Call> call);
 
   /// The command's name.
@@ -275,7 +275,7 @@ class TOVIK_API Service {
   /// How many clients there are.
   std::size_t sessions() const noexcept;
 
-  struct Core;  ///< Private.
+  struct TOVIK_INTERNAL Core;  ///< Private.
 
  private:
   std::unique_ptr<Core> core_;

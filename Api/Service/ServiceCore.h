@@ -121,6 +121,7 @@ class ServedSession final : public Session,
   void changeSubscriptions(Request::Call& call, bool subscribe);
   void follow(Feed& feed);
   void flushTurns();
+  void push(Link::Text text, const Feed* feed = nullptr);
 
   Service::Core* core_;
   bool followsAll_ = false;

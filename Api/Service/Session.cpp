@@ -218,17 +218,21 @@ void ServedSession::deliver(const Feed& feed, const Link::Text& text) {
   if (feed.topic.backlog == Topic::kQueueLatest && queuedRecords() != 0) {
     unqueue(&feed);
   }
-  if (!send(text, &feed)) {
-    TOVIK_SERVICE_LOG(1, "session " << number() << ", pid " << pid()
-                                    << ": it does not read, and is ended");
+  push(text, &feed);
+}
+
+void ServedSession::push(Link::Text text, const Feed* feed) {
+  if (hasRoom(text->size())) {
+    return send(std::move(text), feed);
   }
+  TOVIK_SERVICE_LOG(1, "session " << number() << ", pid " << pid() << ": it does not read");
+  shutDown("its queue is full");
 }
 
 /// A call without an id is answered in its turn, and not at all while the client gets all events.
 void ServedSession::sendReply(const Request::Call& call, std::string text) {
   if (call.id.has_value()) {
-    send(std::make_shared<const std::string>(std::move(text)));
-    return;
+    return push(std::make_shared<const std::string>(std::move(text)));
   }
   *call.turn = followsAll_ ? std::string() : std::move(text);
   flushTurns();
@@ -239,7 +243,7 @@ void ServedSession::flushTurns() {
     const std::string text = *std::move(turns_.front());
     turns_.pop_front();
     if (!text.empty()) {
-      send(std::make_shared<const std::string>(text));
+      push(std::make_shared<const std::string>(text));
     }
   }
 }

@@ -8,9 +8,15 @@ using Tovik::object;
 using Tovik::Request;
 using Tovik::required;
 
-Lamp::Lamp(Tovik::ServiceOptions options)
-    : service_(std::make_unique<Tovik::Service>(
-          name_, [](int, unsigned, unsigned) { return true; }, std::move(options))) {
+Lamp::Lamp(Tovik::ServiceOptions options, std::string name)
+    : name_(std::move(name)), options_(std::move(options)) {
+  restart();
+}
+
+void Lamp::restart() {
+  service_.reset();
+  service_ = std::make_unique<Tovik::Service>(
+      name_, [](int, unsigned, unsigned) { return true; }, options_);
   service_->command("switch", "Switches the lamp.", {required<bool>("on", "On or off.")},
                     [](Request request) { request.reply(); });
   service_->command("echo", "Gives back a value.",

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "Api/Service/Service.h"
@@ -10,12 +13,13 @@
 /// A service with something of everything, and what its clients see of it through raw sockets.
 class Lamp {
  public:
-  explicit Lamp(Tovik::ServiceOptions options = {});
+  explicit Lamp(Tovik::ServiceOptions options = {}, std::string name = uniqueName());
 
   Tovik::Service& operator*() { return *service_; }
   Tovik::Service* operator->() { return service_.get(); }
   const std::string& name() const { return name_; }
   void destroy() { service_.reset(); }
+  void restart();
 
   Fd connect() const { return rawConnect(name_); }
 
@@ -30,6 +34,7 @@ class Lamp {
   std::vector<std::uint64_t> joined, left;
 
  private:
-  const std::string name_ = uniqueName();
+  const std::string name_;
+  const Tovik::ServiceOptions options_;
   std::unique_ptr<Tovik::Service> service_;
 };

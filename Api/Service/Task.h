@@ -1,0 +1,105 @@
+#pragma once
+
+#include <coroutine>
+#include <exception>
+#include <optional>
+#include <utility>
+
+#include "Api/Service/Proxy.h"
+
+/// @file
+/// Coroutines, for C++20:
+///
+///     Tovik::Task<> demo(Tovik::Proxy& lamp) {
+///       auto outcome = co_await lamp.call(Tovik::object("command", "switch", "on", true), 500ms);
+///       ...
+///     }
+
+namespace Tovik {
+
+/// @cond INTERNAL
+namespace Internal {
+
+template <class T>
+struct TaskResult {
+  std::optional<T> value;
+  void return_value(T result) { value = std::move(result); }
+  T take() { return *std::move(value); }
+};
+template <>
+struct TaskResult<void> {
+  void return_void() {}
+  void take() {}
+};
+
+}  // namespace Internal
+/// @endcond
+
+/// A coroutine that starts at once and runs in the loop. Another task gets its result with
+/// `co_await`. A task that is dropped runs on to its end by itself; what it throws then leaves
+/// through the loop. So a proxy that a task waits for may be destroyed: the call ends as lost.
+template <class T = void>
+class [[nodiscard]] Task {
+ public:
+  struct promise_type : Internal::TaskResult<T> {
+    std::coroutine_handle<> waiting = std::noop_coroutine();
+    std::exception_ptr failure;
+    bool isDropped = false;
+
+    /// Goes on with whoever waits; the frame of a dropped task has nobody else to destroy it.
+    struct Final {
+      bool await_ready() noexcept { return false; }
+      std::coroutine_handle<> await_suspend(std::coroutine_handle<promise_type> task) noexcept {
+        const auto next = task.promise().waiting;
+        if (task.promise().isDropped) {
+          task.destroy();
+        }
+        return next;
+      }
+      void await_resume() noexcept {}
+    };
+
+    Task get_return_object() {
+      return Task(std::coroutine_handle<promise_type>::from_promise(*this));
+    }
+    std::suspend_never initial_suspend() noexcept { return {}; }
+    Final final_suspend() noexcept { return {}; }
+    void unhandled_exception() {
+      if (isDropped) {
+        throw;  // the frame is destroyed by the language
+      }
+      failure = std::current_exception();
+    }
+  };
+
+  Task(Task&& other) noexcept : handle_(std::exchange(other.handle_, {})) {}
+  Task& operator=(Task other) noexcept {
+    std::swap(handle_, other.handle_);
+    return *this;
+  }
+  ~Task() {
+    if (handle_ && handle_.done()) {
+      handle_.destroy();
+    } else if (handle_) {
+      handle_.promise().isDropped = true;
+    }
+  }
+
+  bool await_ready() const noexcept { return handle_.done(); }
+  void await_suspend(std::coroutine_handle<> waiting) noexcept {
+    handle_.promise().waiting = waiting;
+  }
+  T await_resume() {
+    if (handle_.promise().failure) {
+      std::rethrow_exception(handle_.promise().failure);
+    }
+    return handle_.promise().take();
+  }
+
+ private:
+  explicit Task(std::coroutine_handle<promise_type> handle) : handle_(handle) {}
+
+  std::coroutine_handle<promise_type> handle_;
+};
+
+}  // namespace Tovik
