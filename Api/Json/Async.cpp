@@ -74,6 +74,7 @@ void AsyncSender::flushQueue() {
       return terminateConnection();
     }
     if (errno != EAGAIN) {
+      deferWriteEvent();
       TOVIK_LOG(0, "AsyncSender::flushQueue(): write error " << std::strerror(errno));
     }
     return fdControl_->setWriteInterest(true);

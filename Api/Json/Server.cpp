@@ -23,6 +23,20 @@ namespace {
 
 constexpr int kBacklog = 5;
 
+/// Whether another accept may do better at once. All other failures last: a limit that is reached,
+/// no memory, a socket that a child has shut down.
+bool isPassing(int acceptError) {
+  switch (acceptError) {
+    case ECONNABORTED:  // the client has given up meanwhile
+    case EPROTO:        // the same, as some kernels say it
+    case EAGAIN:        // a process that shares the socket was faster
+    case EINTR:         // a signal came
+      return true;
+    default:
+      return false;
+  }
+}
+
 }  // namespace
 
 Server::Server(const Kelvo::String& name, Handler handler, Validator validator)
@@ -66,6 +80,9 @@ void Server::readFdEvent(int fd) {
   socklen_t peerSize = sizeof peer;
   const int client = ::accept(fd, reinterpret_cast<sockaddr*>(&peer), &peerSize);
   if (client < 0) {
+    if (!isPassing(errno)) {
+      deferReadEvent();
+    }
     TOVIK_LOG(0, "Server::readFdEvent: Failed to accept() -> " << std::strerror(errno));
     return;
   }

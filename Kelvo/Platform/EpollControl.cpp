@@ -1,66 +1,52 @@
+// One descriptor's way through the loop: attach -> read and write events, as the kernel reports
+// them
+// -> detach.
+//
+// Readiness is level-triggered, so an event with which the handler can do nothing would come again
+// at once and for ever: clients that cannot be accepted, a record that the socket does not take.
+// Only the handler knows that; whoever guesses from outside slows a healthy one down, or lets an
+// unusual failure spin. So the handler says it (`deferReadEvent`, `deferWriteEvent`), and the event
+// is not asked of the kernel during a pause of 1, 2, 4 ... up to 100 ms. Each of the two events has
+// its own pause, a timer of the loop:
+//
+//   callback defers         -> the pause begins, twice as long as the last one
+//   the pause is over       -> the event is asked for again
+//   callback does not defer -> the next pause is a short one
+//   detach, write interest  -> likewise, and a pause that has begun is over
+//
+// What is asked of the kernel follows from the write interest and the two pauses: `events()`.
+
 #include "Kelvo/Platform/EpollControl.h"
 
-#include <poll.h>
 #include <sys/epoll.h>
-#include <sys/eventfd.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <utility>
 
-#include "Kelvo/Platform/Running.h"
+#include "Kelvo/Exception.h"
 
 namespace Kelvo::Platform {
 
-namespace {
-
-bool isListening(int fd) {
-  int listening = 0;
-  socklen_t size = sizeof listening;
-  return getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) == 0 && listening != 0;
-}
-
-std::uint32_t eventsFor(bool writeInterest) {
-  return writeInterest ? EPOLLIN | EPOLLOUT : EPOLLIN;
-}
-
-/// The limit of the process and that of the system show alike.
-bool canOpenDescriptors() {
-  const int probe = eventfd(0, EFD_CLOEXEC);
-  if (probe < 0) {
-    return false;
-  }
-  ::close(probe);
-  return true;
-}
-
-}  // namespace
-
-/// A time during which one kind of event is not asked for.
+/// A time during which one kind of event is not asked for; it lasts while the entry is queued.
 class EpollControl::Pause final : public TimerQueue::Entry {
  public:
   explicit Pause(EpollControl& control) : control_(control) {}
 
   bool expire() override {
-    control_.resume();
+    control_.resume(*this);
     return false;
   }
 
-  /// 1, 2, 4 ... up to 100 ms since that event last made progress.
-  std::chrono::milliseconds lengthen(std::uint32_t event) {
-    event_ = event;
+  std::chrono::milliseconds lengthen() {
     length_ = std::clamp(2 * length_, std::chrono::milliseconds(1), std::chrono::milliseconds(100));
     return length_;
   }
   std::chrono::milliseconds length() const { return length_; }
-  std::uint32_t event() const { return event_; }
   void startOver() { length_ = std::chrono::milliseconds(0); }
 
  private:
   EpollControl& control_;
-  std::uint32_t event_ = 0;
   std::chrono::milliseconds length_{0};
 };
 
@@ -82,92 +68,91 @@ void EpollControl::detach() {
     return;
   }
   core_->remove(token_);
-  if (pause_) {
-    core_->cancel(*pause_);
-    pause_.reset();
-  }
+  endPause(Event::kRead);
+  endPause(Event::kWrite);
   fd_ = -1;
   writeInterest_ = false;
-  readBefore_ = false;
-  listening_ = Listening::kUnknown;
 }
 
 void EpollControl::setWriteInterest(bool wanted) {
   if (wanted == writeInterest_ || fd_ < 0) {
     return;
   }
-  core_->setEvents(token_, eventsFor(wanted));
   writeInterest_ = wanted;
-  if (pause_) {
-    core_->cancel(*pause_);
-    pause_->startOver();
+  try {
+    core_->setEvents(token_, events());
+  } catch (const Exception&) {
+    writeInterest_ = !wanted;
+    throw;
   }
+  endPause(Event::kWrite);
 }
 
 bool EpollControl::deliverRead() {
+  return deliver(Event::kRead);
+}
+
+bool EpollControl::deliverWrite() {
+  return writeInterest_ && deliver(Event::kWrite);
+}
+
+bool EpollControl::deliver(Event event) {
   const auto token = token_;
   const auto core = core_.get();  // outlives this control: a turn of it is running
-  const auto attachmentsBefore = core->attachments();
-  runGuarded(
-      handler_, [fd = fd_](FdEventHandler& handler) { handler.readFdEvent(fd); },
+  const bool deferred = runGuarded(
+      handler_, event,
+      [event, fd = fd_](FdEventHandler& handler) {
+        event == Event::kRead ? handler.readFdEvent(fd) : handler.writeFdEvent(fd);
+      },
       [fd = fd_](FdEventHandler& handler) { return handler.handleFdException(fd); });
   if (core->find(token) != this) {
     return true;  // detached, and perhaps gone
   }
-  pauseUnlessProgress(EPOLLIN, core->attachments() != attachmentsBefore || !stuckAccepting());
-  return true;
-}
-
-bool EpollControl::deliverWrite() {
-  if (!writeInterest_) {
-    return false;
-  }
-  const auto token = token_;
-  const auto core = core_.get();
-  runGuarded(
-      handler_, [fd = fd_](FdEventHandler& handler) { handler.writeFdEvent(fd); },
-      [fd = fd_](FdEventHandler& handler) { return handler.handleFdException(fd); });
-  if (core->find(token) == this) {
-    pauseUnlessProgress(EPOLLOUT, !writeInterest_ || !stuckWriting());
+  if (deferred && (event == Event::kRead || writeInterest_)) {
+    pause(event);
+  } else if (pauseOf(event)) {
+    endPause(event);
+    core_->setEvents(token_, events());  // a callback within this one may have deferred it
   }
   return true;
 }
 
-/// Whether nothing can be accepted for want of descriptors. Most descriptors do not listen, and
-/// many are read only once, so the kernel is asked on the second read, and about each descriptor
-/// once.
-bool EpollControl::stuckAccepting() {
-  if (listening_ == Listening::kUnknown && std::exchange(readBefore_, true)) {
-    listening_ = isListening(fd_) ? Listening::kYes : Listening::kNo;
+void EpollControl::pause(Event event) {
+  auto& pause = pauseOf(event);
+  if (!pause) {
+    pause = std::make_unique<Pause>(*this);
   }
-  return listening_ == Listening::kYes && !canOpenDescriptors();
+  core_->schedule(*pause, LoopCore::now() + pause->lengthen());
+  core_->setEvents(token_, events());
 }
 
-/// Whether the socket can take more although the callback could not give it all: it met an error
-/// that waiting does not cure, such as a record too large for the socket.
-bool EpollControl::stuckWriting() const {
-  pollfd query{fd_, POLLOUT, 0};
-  return poll(&query, 1, 0) == 1 && (query.revents & POLLOUT) != 0;
+void EpollControl::resume(Pause& pause) {
+  try {
+    core_->setEvents(token_, events());
+  } catch (const Exception&) {
+    core_->trySchedule(pause, LoopCore::now() + pause.length());
+    throw;
+  }
 }
 
-void EpollControl::pauseUnlessProgress(std::uint32_t event, bool progress) {
-  if (progress) {
-    if (pause_ && pause_->event() == event) {
-      pause_->startOver();
-    }
-    return;
+void EpollControl::endPause(Event event) noexcept {
+  if (auto& pause = pauseOf(event)) {
+    core_->cancel(*pause);
+    pause->startOver();
   }
-  if (!pause_) {
-    pause_ = std::make_unique<Pause>(*this);
-  }
-  core_->schedule(*pause_, LoopCore::now() + pause_->lengthen(event));
-  core_->setEvents(token_, eventsFor(writeInterest_) & ~event);
 }
 
-void EpollControl::resume() {
-  core_->schedule(*pause_, LoopCore::now() + pause_->length());  // in case the kernel refuses now
-  core_->setEvents(token_, eventsFor(writeInterest_));
-  core_->cancel(*pause_);
+bool EpollControl::paused(Event event) const noexcept {
+  const auto& pause = pauses_[static_cast<std::size_t>(event)];
+  return pause && pause->queued();
+}
+
+/// None while reading is deferred: the kernel reports a hang-up of whatever is in its set.
+std::uint32_t EpollControl::events() const noexcept {
+  if (paused(Event::kRead)) {
+    return 0;
+  }
+  return writeInterest_ && !paused(Event::kWrite) ? EPOLLIN | EPOLLOUT : EPOLLIN;
 }
 
 }  // namespace Kelvo::Platform

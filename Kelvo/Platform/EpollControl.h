@@ -1,15 +1,17 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <memory>
 
+#include "Kelvo/Platform/CallbackFrame.h"
 #include "Kelvo/Platform/FdEventHandler.h"
 #include "Kelvo/Platform/LoopCore.h"
 
 namespace Kelvo::Platform {
 
-/// The loop's `FdControl`: one descriptor's registration, its cached write interest, and the
-/// falling rate at which a condition without progress is delivered.
+/// The loop's `FdControl`: one descriptor's registration, its write interest, and the pauses of
+/// events that the handler has deferred.
 class EpollControl final : public FdControl, private LoopCore::Registration {
  public:
   EpollControl(Ptr<LoopCore> core, FdEventHandler& handler);
@@ -22,25 +24,26 @@ class EpollControl final : public FdControl, private LoopCore::Registration {
 
  private:
   class Pause;
-  enum class Listening : std::uint8_t { kUnknown, kNo, kYes };
 
   bool deliverRead() override;
   bool deliverWrite() override;
   const FdEventHandler* handler() const override { return &handler_; }
 
-  bool stuckAccepting();
-  bool stuckWriting() const;
-  void pauseUnlessProgress(std::uint32_t event, bool progress);
-  void resume();
+  bool deliver(Event event);
+  void pause(Event event);
+  void resume(Pause& pause);
+  void endPause(Event event) noexcept;
+  bool paused(Event event) const noexcept;
+  std::uint32_t events() const noexcept;
+
+  std::unique_ptr<Pause>& pauseOf(Event event) { return pauses_[static_cast<std::size_t>(event)]; }
 
   const Ptr<LoopCore> core_;
   FdEventHandler& handler_;
   int fd_ = -1;
   LoopCore::Token token_ = 0;  // of the descriptor's present registration
   bool writeInterest_ = false;
-  bool readBefore_ = false;
-  Listening listening_ = Listening::kUnknown;
-  std::unique_ptr<Pause> pause_;  // made when first needed
+  std::array<std::unique_ptr<Pause>, 2> pauses_;  // of reading and of writing, made when needed
 };
 
 }  // namespace Kelvo::Platform

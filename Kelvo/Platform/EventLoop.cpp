@@ -6,12 +6,13 @@
 #include <limits>
 #include <memory>
 #include <new>
+#include <utility>
 
 #include "Kelvo/Exception.h"
+#include "Kelvo/Platform/CallbackFrame.h"
 #include "Kelvo/Platform/EpollControl.h"
 #include "Kelvo/Platform/LoopCore.h"
 #include "Kelvo/Platform/LoopTimer.h"
-#include "Kelvo/Platform/Running.h"
 
 namespace Kelvo::Platform {
 
@@ -49,8 +50,8 @@ EventLoop& EventLoop::current() {
 }
 
 void EventLoop::run() {
-  core_->receiveStop();  // one that was called before
-  while (!core_->takeStop()) {
+  core_->drainStopRequest();  // one that was called before
+  while (!core_->consumeStop()) {
     core_->turn(-1);
   }
 }
@@ -84,7 +85,19 @@ Ptr<Timer> getTimer(TimeoutHandler* handler, const FdEventHandler* unlessAttache
 // --- the handlers' own part in the contract: a dead handler is asked nothing ---
 
 FdEventHandler::~FdEventHandler() {
-  Running<FdEventHandler>::forget(this);
+  CallbackFrame<FdEventHandler>::forget(this);
+}
+
+void FdEventHandler::keepWhileRunning(std::shared_ptr<const void> owner) noexcept {
+  CallbackFrame<FdEventHandler>::keep(this, std::move(owner));
+}
+
+void FdEventHandler::deferReadEvent() noexcept {
+  CallbackFrame<FdEventHandler>::defer(this, Event::kRead);
+}
+
+void FdEventHandler::deferWriteEvent() noexcept {
+  CallbackFrame<FdEventHandler>::defer(this, Event::kWrite);
 }
 
 void FdEventHandler::writeFdEvent(int /*fd*/) {}
@@ -94,7 +107,7 @@ bool FdEventHandler::handleFdException(int /*fd*/) {
 }
 
 TimeoutHandler::~TimeoutHandler() {
-  Running<TimeoutHandler>::forget(this);
+  CallbackFrame<TimeoutHandler>::forget(this);
 }
 
 bool TimeoutHandler::handleTimeoutException() {

@@ -12,7 +12,9 @@
 ///
 /// A loop belongs to one thread. Descriptors are watched through an `FdControl`, time through a
 /// `Timer`; both call back their handler from inside a turn of the loop, never otherwise. In one
-/// turn the loop asks the kernel once what is ready and delivers that.
+/// turn the loop asks the kernel once what is ready and delivers that, 64 descriptors at most. A
+/// stop from another thread and a due timer are seen in the very next turn, however many
+/// descriptors are ready.
 ///
 /// **Descriptors**
 ///  - Readiness is level-triggered: what a callback leaves unread is reported again next turn, and
@@ -28,22 +30,23 @@
 ///  - `detach` takes the descriptor out of the kernel's set, and the owner closes it afterwards. In
 ///    the other order a duplicate in a child process could keep reporting for ever.
 ///
-/// **No progress**
-///  - Two conditions can persist while nothing is done about them. They are delivered again at a
-///    falling rate, after 1, 2, 4 ... up to 100 ms, and at once again after progress: write
-///    readiness that is still there right after a write callback which left write interest on; and
-///    a listening socket whose callback attached nothing while the process cannot open another
-///    descriptor.
+/// **Deferred events**
+///  - What a callback can do nothing about, such as a client to accept while no descriptor can be
+///    opened, would be reported again at once and for ever. Only the handler knows, so it says so,
+///    `deferReadEvent` or `deferWriteEvent`, and the event comes back after 1, 2, 4 ... up to
+///    100 ms. The loop itself slows nothing down.
 ///
 /// **Timers**
 ///  - Monotonic, in seconds as `double`, true below a millisecond. Arming replaces a pending
 ///    expiry; arming inside `timeout()` takes effect. What is armed during a turn expires in a
-///    later one.
+///    later one. A turn makes one `timeout` call at most, so between any two of them the kernel is
+///    asked what else is ready.
 ///
 /// **Callbacks**
 ///  - They may attach, detach, arm and destroy anything, themselves included, may stop the loop,
-///    and may run turns of the same loop; a turn that was overtaken so drops the rest of its batch,
-///    which is reported again.
+///    and may run turns of the same loop; after a nested turn the outer one drops the rest of its
+///    batch, which is reported again. An owner that must not destroy a handler whose callback runs
+///    hands its share to `FdEventHandler::keepWhileRunning`.
 ///  - An exception out of a callback is first shown to its handler's hook (`handleFdException`,
 ///    `handleTimeoutException`). If the hook returns false, the exception leaves `run`, `runOnce`
 ///    or `dispatch`. The loop stays usable and no other event is lost.

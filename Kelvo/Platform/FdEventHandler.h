@@ -1,5 +1,7 @@
 #pragma once
 
+#include <memory>
+
 #include "Kelvo/Export.h"
 #include "Kelvo/Ptr.h"
 
@@ -26,8 +28,29 @@ class KELVO_API FdEventHandler {
   /// dealt with, the loop goes on. False, the default: the exception leaves the loop.
   virtual bool handleFdException(int fd);
 
+  /// For the owner of this handler: lets it drop the handler at any time, also inside the handler's
+  /// own callback, or in a turn that the callback runs. If the loop is running a callback of this
+  /// handler on this thread, `owner`, a share in what owns the handler, is held until the outermost
+  /// such callback has returned or thrown; otherwise nothing happens. Takes no memory. A second
+  /// call during the same callback has nothing to add, since one share keeps the handler alive.
+  void keepWhileRunning(std::shared_ptr<const void> owner) noexcept;
+
  protected:
   FdEventHandler() = default;
+
+  /// Called in `readFdEvent` or in `writeFdEvent` respectively: what was reported cannot be dealt
+  /// with now, for a reason that outlasts this callback, such as a limit that is reached or a
+  /// record that the socket never takes. The event is then reported again after 1 ms, twice as late
+  /// each further time up to 100 ms, and at once again after a callback that does not say so.
+  /// Attaching, detaching and, for writing, switching write interest off and on start over. Called
+  /// elsewhere these do nothing.
+  ///
+  /// The kernel reports errors and hang-ups unasked, so a deferred read event takes the descriptor
+  /// out of its set, and write events wait with it.
+  /// @{
+  void deferReadEvent() noexcept;
+  void deferWriteEvent() noexcept;
+  /// @}
 };
 
 /// One handler's registration with one event loop: watches at most one descriptor. It does not own

@@ -83,7 +83,8 @@ LoopCore::LoopCore()
       wakeUp_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       timer_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)),
       thread_(pthread_self()),
-      programmed_(kDisarmed) {
+      programmed_(kDisarmed),
+      readableFor_(kUnknown) {
   countForksInChildren();
   if (!control(fd(), EPOLL_CTL_ADD, wakeUp_.fd(), EPOLLIN, kWakeUpToken) ||
       !control(fd(), EPOLL_CTL_ADD, timer_.fd(), EPOLLIN, kTimerToken)) {
@@ -97,7 +98,7 @@ LoopCore::LoopCore()
 // --- a turn ---
 
 bool LoopCore::turn(int timeoutMilliseconds) {
-  requireOurs();
+  requireOwnerProcess();
   programTimer();  // does nothing, unless the kernel refused it last time
   std::array<epoll_event, kBatchSize> batch;
   const int count = epoll_wait(fd(), batch.data(), kBatchSize, timeoutMilliseconds);
@@ -110,8 +111,15 @@ bool LoopCore::turn(int timeoutMilliseconds) {
   const auto thisTurn = ++turns_;
   timerMark_ = timers_.mark();
   bool dispatched = false;
-  for (int i = 0; i < count && isStill(thisTurn); ++i) {
-    dispatched |= deliver(batch[static_cast<std::size_t>(i)]);
+  bool timersSeen = false;
+  for (int i = 0; i < count && isCurrentTurn(thisTurn); ++i) {
+    const epoll_event& event = batch[static_cast<std::size_t>(i)];
+    timersSeen |= event.data.u64 == kTimerToken;
+    dispatched |= deliver(event);
+  }
+  if (count == kBatchSize && isCurrentTurn(thisTurn)) {  // more is ready, these two perhaps with it
+    drainStopRequest();
+    dispatched |= !timersSeen && runDueTimer(now());
   }
   return dispatched;
 }
@@ -119,11 +127,13 @@ bool LoopCore::turn(int timeoutMilliseconds) {
 bool LoopCore::deliver(const epoll_event& event) {
   const Token token = event.data.u64;
   if (token == kWakeUpToken) {
-    receiveStop();
+    drainStopRequest();
     return false;
   }
   if (token == kTimerToken) {
-    return runDueTimers();
+    programmed_ = kUnknown;
+    readableFor_ = now();  // until it is set again
+    return runDueTimer(readableFor_);
   }
   const auto thisTurn = turns_;
   bool dispatched = false;
@@ -132,7 +142,7 @@ bool LoopCore::deliver(const epoll_event& event) {
       dispatched |= registration->deliverRead();
     }
   }
-  if ((event.events & EPOLLOUT) != 0 && isStill(thisTurn)) {
+  if ((event.events & EPOLLOUT) != 0 && isCurrentTurn(thisTurn)) {
     if (Registration* registration = find(token)) {
       dispatched |= registration->deliverWrite();
     }
@@ -140,31 +150,30 @@ bool LoopCore::deliver(const epoll_event& event) {
   return dispatched;
 }
 
-bool LoopCore::runDueTimers() {
-  programmed_ = kUnknown;  // it stays readable until it is set anew
-  const auto thisTurn = turns_;
-  const auto time = now();
-  bool dispatched = false;
+/// Makes one callback at most. The next timer waits for the next turn, which asks the kernel first:
+/// a callback may wait for what only another one of this thread can do.
+bool LoopCore::runDueTimer(Time time) {
+  bool called = false;
   try {
-    while (isStill(thisTurn)) {
+    while (!called) {
       TimerQueue::Entry* due = timers_.takeDue(time, timerMark_);
       if (due == nullptr) {
         break;
       }
-      dispatched |= due->expire();
+      called = due->expire();
     }
   } catch (...) {
     programTimer();
     throw;
   }
   programTimer();
-  return dispatched;
+  return called;
 }
 
 // From another thread the request travels through the descriptor alone. A flag beside it could be
 // seen first, and the loop's thread could end, and the loop with it, while this call still uses it.
 void LoopCore::requestStop() noexcept {
-  if (!ours()) {
+  if (!inOwnerProcess()) {
     return;  // a signal handler that a forked child has inherited: the parent goes on
   }
   const int callersErrno = errno;
@@ -176,28 +185,28 @@ void LoopCore::requestStop() noexcept {
   errno = callersErrno;
 }
 
-void LoopCore::receiveStop() noexcept {
+void LoopCore::drainStopRequest() noexcept {
   std::uint64_t requests = 0;
-  if (ours() && ::read(wakeUp_.fd(), &requests, sizeof requests) > 0) {
+  if (inOwnerProcess() && ::read(wakeUp_.fd(), &requests, sizeof requests) > 0) {
     stop_.store(true, std::memory_order_relaxed);
   }
 }
 
-bool LoopCore::takeStop() noexcept {
+bool LoopCore::consumeStop() noexcept {
   if (!stop_.load(std::memory_order_relaxed)) {
     return false;
   }
-  receiveStop();  // the same request, if it has not woken the loop yet
+  drainStopRequest();  // the same request, if it has not woken the loop yet
   stop_.store(false, std::memory_order_relaxed);
   return true;
 }
 
-bool LoopCore::ours() const noexcept {
+bool LoopCore::inOwnerProcess() const noexcept {
   return forks.load(std::memory_order_relaxed) == forksBefore_;
 }
 
-void LoopCore::requireOurs() const {
-  if (!ours()) {
+void LoopCore::requireOwnerProcess() const {
+  if (!inOwnerProcess()) {
     throw Exception(
         "EventLoop: this loop belongs to the parent process; a forked child cannot use it", false);
   }
@@ -205,15 +214,15 @@ void LoopCore::requireOurs() const {
 
 /// Whether that turn goes on after a callback: not if another one has been made inside the
 /// callback, and not in a child that the callback has forked.
-bool LoopCore::isStill(std::uint64_t turn) const {
-  requireOurs();
+bool LoopCore::isCurrentTurn(std::uint64_t turn) const {
+  requireOwnerProcess();
   return turns_ == turn;
 }
 
 // --- registrations ---
 
 LoopCore::Token LoopCore::add(int fd, Registration& registration) {
-  requireOurs();
+  requireOwnerProcess();
   if (++lastGeneration_ == 0) {
     lastGeneration_ = 1;
   }
@@ -222,34 +231,41 @@ LoopCore::Token LoopCore::add(int fd, Registration& registration) {
     throw systemError("epoll_ctl");
   }
   try {
-    occupy(static_cast<std::size_t>(fd), registration);
+    claimSlot(static_cast<std::size_t>(fd), registration);
   } catch (...) {
     control(epoll_.fd(), EPOLL_CTL_DEL, fd, 0, token);
     throw;
   }
-  ++attachments_;
   notifyWatchers(registration.handler(), +1);
   return token;
 }
 
-void LoopCore::occupy(std::size_t index, Registration& registration) {
+void LoopCore::claimSlot(std::size_t index, Registration& registration) {
   if (slots_.size() <= index) {
     slots_.resize(index + 1);
   }
   if (const Registration* closed = slots_[index].registration) {
     notifyWatchers(closed->handler(), -1);  // its owner has closed the descriptor and not detached
   }
-  slots_[index] = Slot{lastGeneration_, &registration};
+  slots_[index] = Slot{lastGeneration_, &registration, EPOLLIN};
 }
 
 void LoopCore::setEvents(Token token, std::uint32_t events) {
-  requireOurs();
+  requireOwnerProcess();
   if (find(token) == nullptr) {
     return;  // the number has come to serve another registration
   }
-  if (!control(fd(), EPOLL_CTL_MOD, fdOf(token), events, token)) {
+  Slot& slot = slots_[static_cast<std::size_t>(fdOf(token))];
+  if (slot.events == events) {
+    return;
+  }
+  const int operation = slot.events == 0 ? EPOLL_CTL_ADD
+                        : events == 0    ? EPOLL_CTL_DEL
+                                         : EPOLL_CTL_MOD;
+  if (!control(fd(), operation, fdOf(token), events, token)) {
     throw systemError("epoll_ctl");
   }
+  slot.events = events;
 }
 
 void LoopCore::remove(Token token) {
@@ -257,8 +273,8 @@ void LoopCore::remove(Token token) {
   if (registration == nullptr) {
     return;  // its owner closed the descriptor first, and the number serves another registration
   }
-  slots_[static_cast<std::size_t>(fdOf(token))] = Slot{};
-  if (ours()) {  // a child shares the set with its parent
+  const Slot slot = std::exchange(slots_[static_cast<std::size_t>(fdOf(token))], Slot{});
+  if (slot.events != 0 && inOwnerProcess()) {  // a child shares the set with its parent
     control(fd(), EPOLL_CTL_DEL, fdOf(token), 0, token);
   }
   notifyWatchers(registration->handler(), -1);
@@ -307,7 +323,7 @@ LoopCore::Time LoopCore::now() noexcept {
 }
 
 void LoopCore::schedule(TimerQueue::Entry& entry, Time deadline) {
-  requireOurs();
+  requireOwnerProcess();
   if (!trySchedule(entry, deadline)) {
     throw systemError("timerfd_settime");
   }
@@ -326,7 +342,7 @@ void LoopCore::cancel(TimerQueue::Entry& entry) noexcept {
 /// Lets the kernel's timer expire with the first of the queue.
 bool LoopCore::programTimer() noexcept {
   const Time wanted = timers_.earliest().value_or(kDisarmed);
-  if (wanted == programmed_ || !ours()) {
+  if (wanted == programmed_ || wanted <= readableFor_ || !inOwnerProcess()) {
     return true;
   }
   itimerspec setting{};
@@ -338,6 +354,7 @@ bool LoopCore::programTimer() noexcept {
     return false;
   }
   programmed_ = wanted;
+  readableFor_ = kUnknown;
   return true;
 }
 

@@ -52,16 +52,16 @@ class LoopCore : public Counted {
   // One turn, and what wakes it.
   bool turn(int timeoutMilliseconds);
   void requestStop() noexcept;
-  void receiveStop() noexcept;
-  bool takeStop() noexcept;
+  void drainStopRequest() noexcept;
+  bool consumeStop() noexcept;
   int fd() const noexcept { return epoll_.fd(); }
 
-  // Registrations. `add` throws if the kernel refuses; `remove` never fails.
+  // Registrations. `add` and `setEvents` throw if the kernel refuses; `remove` never fails. Without
+  // events a descriptor leaves the kernel's set, which reports errors and hang-ups unasked.
   Token add(int fd, Registration& registration);
   void setEvents(Token token, std::uint32_t events);
   void remove(Token token);
   Registration* find(Token token) const noexcept;
-  std::uint64_t attachments() const noexcept { return attachments_; }
 
   // Attachments of single handlers. The initial number comes back from `watch`.
   int watch(const FdEventHandler* handler, AttachmentWatcher& watcher);
@@ -90,14 +90,15 @@ class LoopCore : public Counted {
   struct Slot {
     std::uint32_t generation = 0;
     Registration* registration = nullptr;
+    std::uint32_t events = 0;  // asked of the kernel; none: not in its set
   };
 
-  bool ours() const noexcept;
-  void requireOurs() const;
-  bool isStill(std::uint64_t turn) const;
+  bool inOwnerProcess() const noexcept;
+  void requireOwnerProcess() const;
+  bool isCurrentTurn(std::uint64_t turn) const;
   bool deliver(const epoll_event& event);
-  void occupy(std::size_t index, Registration& registration);
-  bool runDueTimers();
+  void claimSlot(std::size_t index, Registration& registration);
+  bool runDueTimer(Time time);
   bool programTimer() noexcept;
   void notifyWatchers(const FdEventHandler* handler, int by);
 
@@ -110,11 +111,11 @@ class LoopCore : public Counted {
 
   std::vector<Slot> slots_;  // by descriptor number
   std::uint32_t lastGeneration_ = 0;
-  std::uint64_t attachments_ = 0;
   std::unordered_multimap<const FdEventHandler*, AttachmentWatcher*> watchers_;
 
   TimerQueue timers_;
-  Time programmed_;
+  Time programmed_;   // the kernel's timer is set to this,
+  Time readableFor_;  // or has expired and stands for every deadline up to this one
   std::uint64_t turns_ = 0;
   std::uint64_t timerMark_ = 0;  // timers queued from here on wait for a later turn
 };

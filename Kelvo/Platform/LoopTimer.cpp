@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "Kelvo/Exception.h"
-#include "Kelvo/Platform/Running.h"
+#include "Kelvo/Platform/CallbackFrame.h"
 
 namespace Kelvo::Platform {
 
@@ -55,7 +55,7 @@ bool LoopTimer::expire() {
     return false;
   }
   runGuarded(
-      handler_, [](TimeoutHandler& handler) { handler.timeout(); },
+      handler_, Event::kTimeout, [](TimeoutHandler& handler) { handler.timeout(); },
       [](TimeoutHandler& handler) { return handler.handleTimeoutException(); });
   return true;  // this timer may be gone
 }

@@ -31,6 +31,7 @@ class TimerQueue {
     virtual bool expire() = 0;
 
     Time deadline() const { return deadline_; }
+    bool queued() const { return idle_.empty(); }
 
    private:
     friend class TimerQueue;
@@ -54,7 +55,7 @@ class TimerQueue {
   }
 
   void remove(Entry& entry) {
-    if (entry.idle_.empty()) {
+    if (entry.queued()) {
       entry.idle_ = entries_.extract(&entry);
     }
   }

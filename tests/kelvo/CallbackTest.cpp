@@ -7,6 +7,7 @@
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "tests/kelvo/Handlers.h"
 
@@ -156,6 +157,158 @@ TEST_F(Callback, EndsTheOvertakenTurnForOtherTimersToo) {
   EXPECT_EQ(last.fired, 0);
   EXPECT_TRUE(loop().dispatch());
   EXPECT_EQ(last.fired, 1);
+}
+
+// --- owners that drop a handler whose callback runs ---
+
+/// An owner of a watcher on the first socket, which drops it at a callback's command.
+class OwnedCallback : public Callback {
+ protected:
+  OwnedCallback() {
+    a_.control->detach();
+    owned_->control->attach(endsA_.first.get());
+    gone_ = owned_;
+  }
+
+  void drop() {
+    auto& handler = *owned_;
+    handler.keepWhileRunning(std::move(owned_));
+  }
+
+  /// What the handler's own callback sees after `action`.
+  void onRead(const std::function<void()>& action) {
+    owned_->onRead = [this, action](int fd) {
+      rawReceiveNow(fd);
+      action();
+      alive_ = !gone_.expired();
+    };
+  }
+
+  std::shared_ptr<Watcher> owned_ = std::make_shared<Watcher>();
+  std::weak_ptr<Watcher> gone_;
+  bool alive_ = false;
+};
+
+TEST_F(OwnedCallback, KeepsItsHandlerUntilItReturns) {
+  onRead([this] { drop(); });
+  makeReady();
+  EXPECT_TRUE(loop().dispatch());
+
+  EXPECT_TRUE(alive_);
+  EXPECT_TRUE(gone_.expired());
+  EXPECT_EQ(b_.reads, 1);
+  rawSend(endsA_.second.get(), "a");
+  EXPECT_FALSE(loop().dispatch());
+}
+
+TEST_F(OwnedCallback, KeepsItsHandlerInAWriteEventToo) {
+  owned_->onWrite = [this](int) {
+    drop();
+    alive_ = !gone_.expired();
+  };
+  owned_->control->setWriteInterest(true);
+  EXPECT_TRUE(loop().dispatch());
+
+  EXPECT_TRUE(alive_);
+  EXPECT_TRUE(gone_.expired());
+}
+
+TEST_F(OwnedCallback, KeepsItsHandlerThatATurnInsideItDropped) {
+  onRead([this] {
+    rawSend(endsB_.second.get(), "b");
+    loop().dispatch();
+  });
+  b_.onRead = [this](int fd) {
+    rawReceiveNow(fd);
+    drop();
+  };
+  rawSend(endsA_.second.get(), "a");
+  turnUntilIdle();
+
+  EXPECT_TRUE(alive_);
+  EXPECT_TRUE(gone_.expired());
+}
+
+TEST_F(OwnedCallback, KeepsItsHandlerUntilTheOutermostOneReturns) {
+  int depth = 0;
+  bool aliveInside = false;
+  onRead([&] {
+    if (++depth == 1) {
+      rawSend(endsA_.second.get(), "again");
+      loop().dispatch();
+    } else {
+      drop();
+      aliveInside = !gone_.expired();
+    }
+  });
+  makeReady();
+  turnUntilIdle();
+
+  EXPECT_EQ(depth, 2);
+  EXPECT_TRUE(aliveInside);
+  EXPECT_TRUE(alive_) << "after the inner callback";
+  EXPECT_TRUE(gone_.expired());
+}
+
+TEST_F(OwnedCallback, KeepsItsHandlerForTheHookOfItsException) {
+  onRead([this] {
+    drop();
+    fail();
+  });
+  int asked = 0;
+  owned_->onException = [&](int) {
+    ++asked;
+    return true;
+  };
+  makeReady();
+  EXPECT_TRUE(loop().dispatch());
+
+  EXPECT_EQ(asked, 1);
+  EXPECT_TRUE(gone_.expired());
+}
+
+TEST_F(OwnedCallback, LetsItsHandlerGoWhenItsExceptionLeaves) {
+  onRead([this] {
+    drop();
+    fail();
+  });
+  rawSend(endsA_.second.get(), "a");
+  EXPECT_THROW(loop().dispatch(), std::runtime_error);
+
+  EXPECT_TRUE(gone_.expired());
+  EXPECT_FALSE(somethingIsDue());
+}
+
+TEST_F(OwnedCallback, KeepsNothingOutsideOfIt) {
+  drop();
+  EXPECT_TRUE(gone_.expired());
+}
+
+TEST_F(OwnedCallback, KeepsNoHandlerOtherThanItsOwn) {
+  b_.onRead = [this](int fd) {
+    rawReceiveNow(fd);
+    drop();
+    alive_ = !gone_.expired();
+  };
+  rawSend(endsB_.second.get(), "b");
+  EXPECT_TRUE(loop().dispatch());
+
+  EXPECT_FALSE(alive_);
+}
+
+TEST_F(OwnedCallback, HasEndedForTheDestructorsOfWhatItKept) {
+  struct Tail {
+    ~Tail() { loop().dispatch(); }
+  };
+  onRead([this] { drop(); });
+  auto* const watcher = owned_.get();
+  owned_ = std::shared_ptr<Watcher>(
+      watcher, [kept = owned_, tail = std::make_shared<Tail>()](Watcher* /*handler*/) {});
+  makeReady();
+  turnUntilIdle();
+
+  EXPECT_TRUE(gone_.expired());
+  EXPECT_EQ(b_.reads, 1);
 }
 
 // --- exceptions ---
@@ -400,6 +553,7 @@ TEST_F(Callback, LetsTheOtherTimersFireIfTheHookDealtWithIt) {
   }
   letPass(std::chrono::microseconds(100));
 
+  EXPECT_TRUE(loop().dispatch());
   EXPECT_TRUE(loop().dispatch());
   EXPECT_EQ(alarms[0].fired + alarms[1].fired, 2);
 }

@@ -39,6 +39,9 @@ class Watcher : public Kelvo::Platform::FdEventHandler {
     return answer ? answer(fd) : FdEventHandler::handleFdException(fd);
   }
 
+  using FdEventHandler::deferReadEvent;
+  using FdEventHandler::deferWriteEvent;
+
   int reads = 0;
   int writes = 0;
   int asked = 0;

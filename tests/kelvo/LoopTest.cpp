@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,10 +16,13 @@
 #include <cstdlib>
 #include <future>
 #include <iterator>
+#include <memory>
+#include <numeric>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "tests/kelvo/Handlers.h"
 #include "tests/support/Faults.h"
@@ -343,6 +347,50 @@ TEST_F(Loop, HasAReadableDescriptorWhileAStopIsToBeSeen) {
   EXPECT_FALSE(loop().dispatch());
   EXPECT_FALSE(somethingIsDue());
   loop().run();
+}
+
+/// More descriptors than one wait reports, all ready all the time.
+class CrowdedLoop : public Loop {
+ protected:
+  CrowdedLoop() {
+    for (int i = 0; i < 1000; ++i) {
+      ends_.emplace_back(eventfd(1, EFD_CLOEXEC));
+      watchers_.push_back(std::make_unique<Watcher>(ends_.back().get()));
+    }
+  }
+
+  int reads() const {
+    return std::accumulate(watchers_.begin(), watchers_.end(), 0,
+                           [](int sum, const auto& watcher) { return sum + watcher->reads; });
+  }
+
+  std::vector<Fd> ends_;
+  std::vector<std::unique_ptr<Watcher>> watchers_;
+};
+
+TEST_F(CrowdedLoop, IsStoppedByAnotherThreadWithinOneBatch) {
+  std::thread([&mine = loop()] { mine.stop(); }).join();
+  EXPECT_TRUE(loop().dispatch());
+  loop().run();
+  EXPECT_LE(reads(), 128);
+
+  int before = 0;
+  watchers_[0]->onRead = [&](int) {
+    before = reads();
+    std::thread([&mine = loop()] { mine.stop(); }).join();
+    watchers_[0]->control->detach();
+  };
+  loop().run();
+  EXPECT_LE(reads() - before, 64);
+}
+
+TEST_F(CrowdedLoop, DeliversATimerWithinOneBatch) {
+  Alarm alarm;
+  alarm.timer->arm(0);
+  letPass(std::chrono::microseconds(100));
+  loop().dispatch();
+  EXPECT_EQ(alarm.fired, 1);
+  EXPECT_LE(reads(), 64);
 }
 
 TEST_F(Loop, IsDrivenByAForeignLoop) {

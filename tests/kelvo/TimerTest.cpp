@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <limits>
@@ -233,7 +234,7 @@ TEST_F(Timer, MayBeDestroyedInsideItsCallback) {
 TEST_F(Timer, MayBeReleasedInsideItsCallbackWhileItsHandlerLives) {
   a_.onTimeout = [&] { a_.timer.reset(); };
   armBoth();
-  loop().dispatch();
+  turnUntilIdle();
   EXPECT_EQ(a_.fired, 1);
   EXPECT_EQ(b_.fired, 1);
 }
@@ -273,7 +274,7 @@ TEST_F(Timer, ExpiresInTheOrderOfDeadlines) {
     alarms[i].timer->arm(delays[i]);
   }
   letPass(4ms);
-  EXPECT_TRUE(loop().dispatch());
+  turnUntilIdle();
   EXPECT_THAT(order, testing::ElementsAre(3, 1, 2, 0));
 }
 
@@ -371,8 +372,35 @@ TEST_F(Timer, IsHandledByOneHandlerTogetherWithOthers) {
   a_.timer->arm(0);
   second->arm(0);
   letPass(100us);
-  loop().dispatch();
+  turnUntilIdle();
   EXPECT_EQ(a_.fired, 2);
+}
+
+TEST_F(Timer, ExpiresOncePerTurnSoThatTheKernelIsAskedInBetween) {
+  const auto ends = rawPair();
+  Watcher watcher(ends.first.get());
+  watcher.onRead = [](int fd) { rawReceiveNow(fd); };
+  a_.onTimeout = [&] { rawSend(ends.second.get(), "x"); };
+  b_.onTimeout = [&] { EXPECT_EQ(watcher.reads, 1); };
+  armBoth();
+  EXPECT_TRUE(loop().dispatch());
+  EXPECT_EQ(a_.fired + b_.fired, 1);
+  EXPECT_TRUE(somethingIsDue());
+  turnUntilIdle();
+  EXPECT_EQ(b_.fired, 1);
+  EXPECT_EQ(watcher.reads, 1);
+  EXPECT_FALSE(somethingIsDue());
+}
+
+TEST_F(Timer, SetsTheKernelsTimerOnceForAllThatAreDueTogether) {
+  std::array<Alarm, 10> alarms;
+  for (auto& alarm : alarms) {
+    alarm.timer->arm(0);
+  }
+  letPass(100us);
+  const Faults::Trace trace;
+  turnUntilIdle();
+  EXPECT_EQ(trace.count(Call::kTimerfdSettime), 1);
 }
 
 // --- withheld while a descriptor is attached ---
@@ -550,7 +578,7 @@ TEST_F(WithheldTimer, SharesItsGuardWithOthers) {
   withhold(fourth);
   third.reset();
   guard_.control->detach();
-  loop().dispatch();
+  turnUntilIdle();
 
   EXPECT_EQ(alarm_.fired, 1);
   EXPECT_EQ(second.fired, 1);

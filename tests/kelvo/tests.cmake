@@ -8,7 +8,7 @@ tovik_test(kelvo_storm_test kelvo/StormTest.cpp)
 tovik_test(kelvo_loop_test kelvo/LoopTest.cpp)
 tovik_test(kelvo_timer_test kelvo/TimerTest.cpp)
 tovik_test(kelvo_fork_test kelvo/ForkTest.cpp)
-tovik_test(kelvo_no_progress_test kelvo/NoProgressTest.cpp)
+tovik_test(kelvo_deferred_event_test kelvo/DeferredEventTest.cpp)
 
 if(TOVIK_SANITIZE) # whose instrumentation makes GCC see false alarms in <regex>
   target_compile_options(kelvo_debug_test

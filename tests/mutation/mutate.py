@@ -37,7 +37,7 @@ KELVO = ["kelvo_callback_test", "kelvo_event_loop_test", "kelvo_loop_test", "kel
 TOVIK = ["connection_test", "server_test", "async_sender_test", "diagnostics_test", "message_test",
          "admission_test", "conversation_test", "client_test", "threads_test",
          "descriptor_zero_test", "registration_test"]
-SCRIPTED, SLOW = ["scripted_test"], ["async_client_test", "kelvo_no_progress_test"]
+SCRIPTED, SLOW = ["scripted_test"], ["async_client_test", "kelvo_deferred_event_test"]
 PROGRAMS = KELVO + TOVIK + SCRIPTED + SLOW
 HEADER_TESTS = {
     "Api/Admission.h": ["admission_test"],

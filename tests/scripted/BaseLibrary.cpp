@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstring>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <ostream>
 #include <sstream>
@@ -169,6 +170,11 @@ Ptr<Timer> getTimer(TimeoutHandler* handler, const FdEventHandler* unlessAttache
 FdEventHandler::~FdEventHandler() {
   noteEnd("base ~FdEventHandler");
 }
+
+void FdEventHandler::keepWhileRunning(std::shared_ptr<const void> /*owner*/) noexcept {}
+
+void FdEventHandler::deferReadEvent() noexcept {}
+void FdEventHandler::deferWriteEvent() noexcept {}
 
 void FdEventHandler::writeFdEvent(int /*fd*/) {
   note("base writeFdEvent");

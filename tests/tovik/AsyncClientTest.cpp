@@ -7,8 +7,11 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <type_traits>
+#include <vector>
 
+#include "Api/Json/Server.h"
 #include "tests/tovik/AsyncClientSupport.h"
 
 using Faults::Call;
@@ -669,6 +672,20 @@ TEST_F(AsyncClient, MayBeDestroyedByAnotherClientsAttempt) {
   turnForAWhile();
   EXPECT_LE(connects_, 1);
   EXPECT_TRUE(other.isAttached());
+}
+
+TEST_F(AsyncClient, ConnectsThoughItsServerAndManyOthersLiveOnTheSameLoop) {
+  const std::string name = uniqueName();
+  const Tovik::Server server(
+      name, [](Tovik::Connection&, const Tovik::Message&) {},
+      [](int, unsigned, unsigned) { return true; });
+  int connects = 0;
+  std::vector<std::unique_ptr<Tovik::AsyncClient>> clients;
+  for (int i = 0; i < 20; ++i) {
+    clients.push_back(std::make_unique<Tovik::AsyncClient>(
+        name, nullptr, [&connects](Tovik::AsyncClient&) { ++connects; }, kNever));
+  }
+  EXPECT_TRUE(turnUntil([&] { return connects == 20; }));
 }
 
 TEST_F(AsyncClient, LivesBesideOthersOfTheSameServer) {

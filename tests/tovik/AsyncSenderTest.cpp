@@ -455,6 +455,18 @@ TEST_F(AsyncSender, EndsInAWriteEventWhenItsPeerIsGone) {
   EXPECT_EQ(terminations, 2);
 }
 
+TEST_F(AsyncSender, IsNotSlowedByAReaderThatEmptiesTheSocketMeanwhile) {
+  attach();
+  const Fail full(Call::kWrite, EAGAIN, 20);
+  send(kOne);
+  for (int turns = 2; turns <= 20; ++turns) {
+    ASSERT_TRUE(turn());
+    EXPECT_EQ(full.hits(), turns);
+  }
+  ASSERT_TRUE(turn());
+  EXPECT_THAT(receivedBy(peer.get()), ElementsAre(kOne));
+}
+
 class AsyncSenderMeeting : public AsyncSender, public ::testing::WithParamInterface<int> {};
 
 TEST_P(AsyncSenderMeeting, LogsEachAttemptAndKeepsItsBacklog) {

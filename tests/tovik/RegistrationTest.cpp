@@ -161,6 +161,7 @@ TEST(Registration, WithoutMemoryIsRefusedAndLeavesNothing) {
 TEST(Pause, EndsAtItsOwnRateWhileTheKernelRefusesToEndIt) {
   auto [socket, peer] = rawPair();
   Watcher watcher(socket.get());
+  watcher.onWrite = [&](int) { watcher.deferWriteEvent(); };
   watcher.control->setWriteInterest(true);
   ASSERT_TRUE(turnUntil([&] { return watcher.writes == 6; }));  // pauses of 1, 2, 4, 8, 16 ms
 

@@ -378,12 +378,35 @@ TEST_F(Server, AdmitsAClientOnceDescriptorsAreLeftAgain) {
   CapturedLog log;
   {
     const Fail acceptFails(Call::kAccept, EMFILE);
-    const Fail allElseFails(Call::kEventfd, EMFILE);
     ASSERT_TRUE(turnUntil([&] { return acceptFails.hits() == 5; }));
   }
   EXPECT_THAT(log.lines(), SizeIs(5));
   EXPECT_THAT(log.lines(), Each(errorLine("accept()", EMFILE)));
   EXPECT_TRUE(turnUntil([&] { return connections() == 1; }));
+}
+
+TEST_F(Server, DoesNotSpinOnAListeningSocketThatAChildHasShutDown) {
+  if (const pid_t child = ::fork(); child == 0) {
+    ::_exit(::shutdown(listening, SHUT_RDWR));
+  } else {
+    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+  }
+  CapturedLog log;
+  turnUntil([] { return false; }, std::chrono::milliseconds(300));
+  EXPECT_LE(log.lines().size(), 10U);
+  EXPECT_GE(log.lines().size(), 3U);
+  EXPECT_THAT(log.lines(), Each(errorLine("accept()", EINVAL)));
+}
+
+TEST_F(Server, AcceptsAtOnceAfterAClientThatGaveUp) {
+  for (const int error : {ECONNABORTED, EPROTO, EAGAIN, EINTR}) {
+    const Fd client = knock();
+    const Fail fail(Call::kAccept, error, 10);
+    for (int i = 0; i < 11; ++i) {
+      ASSERT_TRUE(turn());
+    }
+    EXPECT_EQ(connections(), 1) << std::strerror(error);
+  }
 }
 
 TEST_F(Server, ClosesAClientWhoseFlagsCannotBeRead) {
