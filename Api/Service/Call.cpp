@@ -1,5 +1,5 @@
-// The call without an event loop. connect -> send -> receive until the last reply, each with what is
-// left of the time.
+// The call without an event loop. connect -> send -> receive until the last reply, each with what
+// is left of the time.
 
 #include <sys/socket.h>
 #include <sys/time.h>

@@ -31,7 +31,8 @@ std::optional<std::string> textOf(const rapidjson::Value& value);
 /// A text as JSON has it, quotes included.
 std::string quoted(std::string_view text);
 
-/// The object that `head`, a text that starts with '{', and `rest`, an object's text, make together.
+/// The object that `head`, a text that starts with '{', and `rest`, an object's text, make
+/// together.
 std::string joined(std::string head, std::string_view rest);
 
 /// The string member of that name, or nothing.
@@ -66,13 +67,12 @@ Kelvo::Platform::RawDebugHandler& debugHandler();
 //   level 2  sessions and connections that begin and end
 
 // NOLINTBEGIN(bugprone-macro-parentheses): the pieces are a chain of insertions
-#define TOVIK_SERVICE_LOG(level, pieces)                                           \
-  do {                                                                             \
-    if (auto& tovikHandler = ::Tovik::Convention::debugHandler();                  \
-        tovikHandler.enabled(level)) {                                             \
-      Kelvo::Platform::DebugStream tovikStream;                                    \
-      tovikStream << pieces;                                                       \
-      tovikHandler.output(tovikStream, level, "Api/Service", __func__, __LINE__); \
-    }                                                                              \
+#define TOVIK_SERVICE_LOG(level, pieces)                                                         \
+  do {                                                                                           \
+    if (auto& tovikHandler = ::Tovik::Convention::debugHandler(); tovikHandler.enabled(level)) { \
+      Kelvo::Platform::DebugStream tovikStream;                                                  \
+      tovikStream << pieces;                                                                     \
+      tovikHandler.output(tovikStream, level, "Api/Service", __func__, __LINE__);                \
+    }                                                                                            \
   } while (false)
 // NOLINTEND(bugprone-macro-parentheses)

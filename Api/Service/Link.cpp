@@ -1,4 +1,5 @@
-// Both ways of a record. send -> (socket full) -> queue -> write event; read event -> record or end.
+// Both ways of a record. send -> (socket full) -> queue -> write event; read event -> record or
+// end.
 
 #include "Api/Service/Link.h"
 
@@ -35,7 +36,11 @@ bool Link::write(const std::string& text) {
   if (::send(control_->fd(), text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) {
     return true;
   }
-  if (errno == EAGAIN || errno == ENOBUFS || errno == ENOMEM) {
+  if (errno == EAGAIN) {
+    return false;
+  }
+  if (errno == ENOBUFS || errno == ENOMEM) {
+    deferWriteEvent();
     return false;
   }
   stop(State::kMute);

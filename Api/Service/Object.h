@@ -24,9 +24,9 @@
 
 namespace Tovik {
 
-/// How a C++ type stands in JSON: `kName` is the JSON type's name, `is` tells whether a value can be
-/// read as the type, `from` reads it, and `to` writes it. An application adds a type of its own by
-/// specialising this.
+/// How a C++ type stands in JSON: `kName` is the JSON type's name, `is` tells whether a value can
+/// be read as the type, `from` reads it, and `to` writes it. An application adds a type of its own
+/// by specialising this.
 template <class T, class Enable = void>
 struct Json;
 

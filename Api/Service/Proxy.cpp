@@ -31,8 +31,8 @@ constexpr double kLongestLimit = 1e8;
 constexpr Proxy::Seconds kSubscribeLimit(30);
 
 Clock::time_point after(Proxy::Seconds limit) {
-  const Proxy::Seconds sensible(
-      limit.count() > 0 ? std::min(limit.count(), kLongestLimit) : 0.0);  // NaN is no limit to keep
+  const Proxy::Seconds sensible(limit.count() > 0 ? std::min(limit.count(), kLongestLimit)
+                                                  : 0.0);  // NaN is no limit to keep
   return Clock::now() + std::chrono::duration_cast<Clock::duration>(sensible);
 }
 
@@ -219,10 +219,10 @@ void Proxy::Impl::call(const Message& message, Seconds limit, Callback callback)
   if (auto outcome = prepare(message, outgoing)) {
     return later(std::move(callback), *std::move(outcome));
   }
-  const bool room = isOpen() ? hasRoom(Convention::kLongestRecord)
-                             : calls_.size() < options_.queuedRecords &&
-                                   (calls_.size() + 1) * Convention::kLongestRecord <=
-                                       options_.queuedBytes;
+  const bool room =
+      isOpen() ? hasRoom(Convention::kLongestRecord)
+               : calls_.size() < options_.queuedRecords &&
+                     (calls_.size() + 1) * Convention::kLongestRecord <= options_.queuedBytes;
   if (!room) {
     return later(std::move(callback), ended(Outcome::kRefused, EBUSY, outgoing.subject,
                                             "too many calls wait to be sent"));
@@ -378,8 +378,7 @@ void Proxy::Impl::timeOut(Calls::iterator late) {
   Call& call = late->second;
   const std::string why = isOpen() ? "no reply within " + shown(call.limit)
                                    : "not connected within " + shown(call.limit) + ": " + whyNot_;
-  later(std::move(call.callback),
-        ended(Outcome::kTimedOut, ETIMEDOUT, call.outgoing.subject, why));
+  later(std::move(call.callback), ended(Outcome::kTimedOut, ETIMEDOUT, call.outgoing.subject, why));
   if (isOpen() && replies_ == Replies::kUnknown) {
     call.hasTimedOut = true;
     return;

@@ -71,11 +71,11 @@ struct Credentials {
 struct ProxyOptions {
   /// Seconds from a loss, or a failed attempt to connect, to the next attempt.
   double reconnectInterval = 1;
-  /// Each wait is longer by a random part of this many seconds, so that the clients of a server that
-  /// restarts do not all come at the same moment.
+  /// Each wait is longer by a random part of this many seconds, so that the clients of a server
+  /// that restarts do not all come at the same moment.
   double jitter = 0;
-  /// Judges the server by its process id, user id and group id; empty: any. A server that is refused
-  /// is treated as if it were not there.
+  /// Judges the server by its process id, user id and group id; empty: any. A server that is
+  /// refused is treated as if it were not there.
   std::function<bool(int pid, unsigned uid, unsigned gid)> accepts;
   /// Calls that wait to be sent; those beyond are refused.
   /// @{
@@ -119,8 +119,8 @@ class TOVIK_API Proxy {
   /// The same for coroutines: `co_await proxy.call(message, 500ms)` is the outcome.
   Pending call(const Message& message, Seconds limit);
 
-  /// Follows a topic, now and after each reconnection; the handler gets its events as they come over
-  /// the wire. A second handler for the same topic replaces the first. `answered` gets the
+  /// Follows a topic, now and after each reconnection; the handler gets its events as they come
+  /// over the wire. A second handler for the same topic replaces the first. `answered` gets the
   /// outcome each time the topic was asked for: it is the way to learn that there is none of that
   /// name.
   void subscribe(const std::string& topic, EventHandler handler, Callback answered = {});

@@ -90,8 +90,8 @@ class Parts {
 // --- admission ---
 
 Listener::Listener(const std::string& name, Service::Admission admission, Admitted admitted)
-    : Server(name, {}, [this](int pid, unsigned uid,
-                              unsigned gid) { return remember(pid, uid, gid); }),
+    : Server(name, {},
+             [this](int pid, unsigned uid, unsigned gid) { return remember(pid, uid, gid); }),
       admission_(std::move(admission)),
       admitted_(std::move(admitted)) {}
 
@@ -103,6 +103,9 @@ bool Listener::remember(int pid, unsigned uid, unsigned gid) {
 void Listener::readFdEvent(int fd) {
   const int client = ::accept4(fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
   if (client < 0) {
+    if (errno != ECONNABORTED && errno != EPROTO && errno != EAGAIN && errno != EINTR) {
+      deferReadEvent();  // no descriptor is left, for example
+    }
     TOVIK_SERVICE_LOG(0, "cannot accept a client: " << std::strerror(errno));
     return;
   }

@@ -94,10 +94,11 @@ class TOVIK_API Refusal : public std::runtime_error {
   unsigned status_;
 };
 
-/// One call of a command. A handle: copies stand for the same call. A handler may answer at once, or
-/// keep a copy and answer later, from a timer or from what a worker thread posts to the loop; copies
-/// may be moved to other threads, but are used on the service's. A call whose last copy goes without
-/// an answer is answered with 5. All this is safe when the client, or the service, has gone.
+/// One call of a command. A handle: copies stand for the same call. A handler may answer at once,
+/// or keep a copy and answer later, from a timer or from what a worker thread posts to the loop;
+/// copies may be moved to other threads, but are used on the service's. A call whose last copy goes
+/// without an answer is answered with 5. All this is safe when the client, or the service, has
+/// gone.
 class TOVIK_API Request {
  public:
   struct TOVIK_INTERNAL Call;  ///< Private.
@@ -146,8 +147,8 @@ class TOVIK_API Request {
     return answerWith(result, true);
   }
 
-  /// Answers with a status other than 0 (an errno number, or the application's own from 1000 on) and
-  /// a text for people.
+  /// Answers with a status other than 0 (an errno number, or the application's own from 1000 on)
+  /// and a text for people.
   bool fail(unsigned status, std::string_view text);
 
   /// False once it is answered or its client has gone.
@@ -229,9 +230,10 @@ struct ServiceOptions {
 /// is answered with a status and a text, or logged on the channel "TovikService". All memory that
 /// a client can make it use is bounded.
 ///
-/// All callbacks run in the loop. They may do anything, destroying the service included. A `Refusal`
-/// thrown by a handler answers its request. Any other exception leaves through the loop, as it does
-/// everywhere in these libraries, and its request is answered with 5 unless somebody keeps it.
+/// All callbacks run in the loop. They may do anything, destroying the service included. A
+/// `Refusal` thrown by a handler answers its request. Any other exception leaves through the loop,
+/// as it does everywhere in these libraries, and its request is answered with 5 unless somebody
+/// keeps it.
 class TOVIK_API Service {
  public:
   using Handler = std::function<void(Request)>;
@@ -248,8 +250,8 @@ class TOVIK_API Service {
   Service& operator=(const Service&) = delete;
   ~Service();
 
-  /// Adds a command. Every argument that is declared here is checked before the handler runs; others
-  /// are not looked at.
+  /// Adds a command. Every argument that is declared here is checked before the handler runs;
+  /// others are not looked at.
   /// @throws Kelvo::Exception if the name is taken, is one of the convention's own (subscribe,
   /// unsubscribe, describe), or its description does not fit into a record.
   void command(const std::string& name, const std::string& description,

@@ -74,7 +74,7 @@ struct Request::Call {
   Message message;
   std::weak_ptr<ServedSession> session;
   std::optional<std::uint64_t> id;
-  Turns::iterator turn;  // if there is no id
+  Turns::iterator turn;     // if there is no id
   bool isInFlight = false;  // and counted by its session
   bool isAnswered = false;
 

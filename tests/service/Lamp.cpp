@@ -19,15 +19,12 @@ void Lamp::restart() {
       name_, [](int, unsigned, unsigned) { return true; }, options_);
   service_->command("switch", "Switches the lamp.", {required<bool>("on", "On or off.")},
                     [](Request request) { request.reply(); });
-  service_->command("echo", "Gives back a value.",
-                    {required<Tovik::Message>("value", "Anything.")}, [](Request request) {
-                      request.reply(request.get<Tovik::Message>("value"));
-                    });
-  service_->command("add", "Adds two numbers.",
-                    {required<int>("a", "One."), Tovik::optional<int>("b", "The other.")},
-                    [](Request request) {
-                      request.reply(request.get<int>("a") + request.get<int>("b", 1));
-                    });
+  service_->command("echo", "Gives back a value.", {required<Tovik::Message>("value", "Anything.")},
+                    [](Request request) { request.reply(request.get<Tovik::Message>("value")); });
+  service_->command(
+      "add", "Adds two numbers.",
+      {required<int>("a", "One."), Tovik::optional<int>("b", "The other.")},
+      [](Request request) { request.reply(request.get<int>("a") + request.get<int>("b", 1)); });
   service_->command("keep", "Is answered later.", {},
                     [this](Request request) { kept.push_back(request); });
   service_->command("drop", "Is never answered.", {}, [](Request) {});
@@ -40,8 +37,8 @@ void Lamp::restart() {
   });
   service_->topic("plain", {"Nothing special."});
   service_->topic("state", {"Keeps its last value.", Tovik::Topic::kKeepLast});
-  service_->topic("level", {"Only the latest counts.", Tovik::Topic::kKeepNothing,
-                            Tovik::Topic::kQueueLatest});
+  service_->topic(
+      "level", {"Only the latest counts.", Tovik::Topic::kKeepNothing, Tovik::Topic::kQueueLatest});
   service_->onJoin([this](Tovik::Session& session) { joined.push_back(session.number()); });
   service_->onLeave([this](Tovik::Session& session) { left.push_back(session.number()); });
 }

@@ -29,9 +29,8 @@ class Proxy : public testing::Test {
     proxy_.emplace(name_, std::move(options));
   }
   void call(const Tovik::Message& message, Tovik::Proxy::Seconds limit = 10s) {
-    proxy_->call(message, limit, [this](Outcome outcome) {
-      outcomes_.push_back(std::move(outcome));
-    });
+    proxy_->call(message, limit,
+                 [this](Outcome outcome) { outcomes_.push_back(std::move(outcome)); });
   }
   Outcome ask(const Tovik::Message& message, Tovik::Proxy::Seconds limit = 10s) {
     call(message, limit);
@@ -204,9 +203,8 @@ TEST_F(ProxyOfAService, FollowsATopic) {
 }
 
 TEST_F(ProxyOfAService, LearnsThatThereIsNoSuchTopic) {
-  proxy_->subscribe("dim", {}, [this](Outcome outcome) {
-    outcomes_.push_back(std::move(outcome));
-  });
+  proxy_->subscribe("dim", {},
+                    [this](Outcome outcome) { outcomes_.push_back(std::move(outcome)); });
   EXPECT_EQ(next().error, name_ + ": subscribe: no topic 'dim'");
 }
 
@@ -287,18 +285,17 @@ class ProxyOfAPlainServer : public Proxy {
     connect();
     turnUntilConnected();
   }
-  Tovik::Server server_{
-      name_,
-      [this](Tovik::Connection& connection, const Tovik::Message& message) {
-        const auto status = Tovik::get<unsigned>(message, "status");
-        if (status.has_value()) {
-          connection.acknowledge(*status);
-        } else {
-          connection.sendMsg(object("type", "value"));
-        }
-        ++calls_;
-      },
-      [](int, unsigned, unsigned) { return true; }};
+  Tovik::Server server_{name_,
+                        [this](Tovik::Connection& connection, const Tovik::Message& message) {
+                          const auto status = Tovik::get<unsigned>(message, "status");
+                          if (status.has_value()) {
+                            connection.acknowledge(*status);
+                          } else {
+                            connection.sendMsg(object("type", "value"));
+                          }
+                          ++calls_;
+                        },
+                        [](int, unsigned, unsigned) { return true; }};
   int calls_ = 0;
 };
 

@@ -3,6 +3,10 @@
 #include "Api/Service/Service.h"
 
 #include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <vector>
 
 #include "Api/Json/Types.h"
 #include "Kelvo/Exception.h"
@@ -94,6 +98,30 @@ TEST(Service, LeavesNoDescriptorBehind) {
     turnUntilIdle();
   }
   EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST(Service, WaitsForADescriptorWithoutSpinning) {
+  int failures = 0;
+  Kelvo::Platform::setDebugSink("TovikService", [&failures](const auto& record) {
+    failures += record.text == "cannot accept a client: Too many open files" ? 1 : 0;
+  });
+  Kelvo::Platform::setDebugLevels("TovikService", 1);
+  Lamp lamp;
+  turnUntilIdle();
+  const Fd client = lamp.connect();
+  std::vector<Fd> rest;
+  while (rest.empty() || rest.back().get() >= 0) {
+    rest.emplace_back(::dup(client.get()));
+  }
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(50);
+  turnUntil([end] { return std::chrono::steady_clock::now() > end; });
+  EXPECT_GE(failures, 1);
+  EXPECT_LE(failures, 10);
+  rest.clear();
+  EXPECT_EQ(Lamp::ask(client, R"({"command":"switch","on":true})"),
+            R"({"type":"reply","status":0})");
+  Kelvo::Platform::setDebugLevels("TovikService", 0);
+  Kelvo::Platform::setDebugSink("TovikService", nullptr);
 }
 
 TEST(Service, CannotTakeANameThatIsTaken) {

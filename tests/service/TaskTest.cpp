@@ -18,7 +18,7 @@ Tovik::Task<int> sum(Tovik::Proxy& proxy, int a, int b) {
   if (!outcome) {
     throw std::runtime_error(outcome.error);
   }
-  co_return *outcome.get<int>();
+  co_return* outcome.get<int>();
 }
 
 Tovik::Task<> sums(Tovik::Proxy& proxy, std::vector<int>& results) {
@@ -57,10 +57,12 @@ TEST(Task, EndsWithItsProxy) {
 TEST(Task, ThrowsThroughTheLoopIfNobodyWaits) {
   const Lamp lamp;
   Tovik::Proxy proxy(lamp.name());
-  { const auto task = [](Tovik::Proxy& of) -> Tovik::Task<> {
+  {
+    const auto task = [](Tovik::Proxy& of) -> Tovik::Task<> {
       co_await of.call(object("command", "switch", "on", true), 10s);
       throw std::runtime_error("mine");
-    }(proxy); }
+    }(proxy);
+  }
   EXPECT_THROW(turnUntil([] { return false; }), std::runtime_error);
 }
 
