@@ -20,6 +20,10 @@ function(tovik_library target exported component)
     set_property(TARGET ${target} APPEND PROPERTY
                  ${property} $<TARGET_PROPERTY:tovik_flags,INTERFACE_${property}>)
   endforeach()
+  # RapidJSON's assertions are part of the libraries' behaviour: valid JSON of the wrong shape ends
+  # the process instead of being half understood. They hold in every build type, whatever the
+  # application's build defines.
+  target_compile_options(${target} PRIVATE -UNDEBUG -URAPIDJSON_ASSERT)
   set_target_properties(
     ${target}
     PROPERTIES EXPORT_NAME ${name}

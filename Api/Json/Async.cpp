@@ -1,8 +1,6 @@
 // The queued sender. send -> queue -> flush -> (socket full) -> write event -> flush; and, for the
 // subclasses' read events, read -> text. Both ends of it come together in terminateConnection.
 
-#include "Api/Json/Assertions.h"
-//
 #include "Api/Json/Async.h"
 
 #include <unistd.h>

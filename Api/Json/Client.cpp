@@ -1,8 +1,6 @@
 // Both clients. Blocking: connect -> write -> read -> check the reply. In the event loop:
 // timer -> connect -> read events -> loss -> timer.
 
-#include "Api/Json/Assertions.h"
-//
 #include "Api/Json/Client.h"
 
 #include <fcntl.h>

@@ -1,7 +1,5 @@
 // One client of a server. read event -> text -> message -> notification switch or handler -> reply.
 
-#include "Api/Json/Assertions.h"
-//
 #include "Api/Json/Connection.h"
 
 #include <cstring>

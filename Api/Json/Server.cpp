@@ -1,7 +1,5 @@
 // The listening end. readable -> free the dead -> accept -> credentials -> validator -> connection.
 
-#include "Api/Json/Assertions.h"
-//
 #include "Api/Json/Server.h"
 
 #include <fcntl.h>

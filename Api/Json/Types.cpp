@@ -1,5 +1,3 @@
-#include "Api/Json/Assertions.h"
-//
 #include <rapidjson/prettywriter.h>
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>

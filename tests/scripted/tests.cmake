@@ -22,6 +22,7 @@ add_executable(
 target_include_directories(scripted_test PRIVATE ${PROJECT_SOURCE_DIR})
 target_include_directories(scripted_test SYSTEM PRIVATE ${RAPIDJSON_INCLUDE_DIRS})
 target_link_libraries(scripted_test PRIVATE tovik_test_flags GTest::gtest ${CMAKE_DL_LIBS})
+target_compile_options(scripted_test PRIVATE -UNDEBUG) # as the library
 target_link_options(scripted_test PRIVATE LINKER:--wrap=close LINKER:--wrap=write
                     LINKER:--wrap=strerror)
 gtest_discover_tests(scripted_test TEST_PREFIX "Scripted" PROPERTIES TIMEOUT 60 DISCOVERY_TIMEOUT
