@@ -44,6 +44,8 @@ class Handler final : public Kelvo::Platform::FdEventHandler {
   void readFdEvent(int fd) override;
   void writeFdEvent(int fd) override;
   bool handleFdException(int fd) override;
+  using FdEventHandler::deferReadEvent;
+  using FdEventHandler::deferWriteEvent;
 
   class Alarm final : public Kelvo::Platform::TimeoutHandler {
    public:
@@ -84,6 +86,7 @@ struct TimerState {
   bool pending = false;
   std::chrono::nanoseconds deadline{0};
   unsigned order = 0;
+  std::chrono::nanoseconds earliest{0};  // a millisecond after its last expiry
 };
 
 struct HandlerState {
@@ -91,7 +94,7 @@ struct HandlerState {
   Registration registration = 0;
   bool interest = false;
   unsigned interestChanged = 0;  // in which turn
-  Pause pause;
+  Pause readPause, writePause;
   bool closedFirst = false;  // its descriptor was closed while it was attached
   bool overridden = false;   // and the number has gone to another handler since
   std::array<TimerState, 2> timers;
@@ -99,15 +102,17 @@ struct HandlerState {
 
 struct Turn {
   struct Ready {
-    bool read = false, write = false, writeForCertain = false;
+    bool read = false, readForCertain = false;
+    bool write = false, writeForCertain = false;
     bool wasRead = false, wasWritten = false;
   };
   unsigned number = 0;
   std::map<Registration, Ready> ready;
   std::set<unsigned> timersDue;  // their orders
-  std::set<Registration> pausesDue;
+  std::set<const Pause*> pausesDue;
   unsigned firstNewOrder = 0;
   bool called = false;
+  bool timedOut = false;
   bool disturbed = false;  // overtaken by another turn, or left by an exception
   // A handler with a withheld timer was detached. That timer comes next turn, and what was due
   // after it may have to wait with it.
@@ -161,7 +166,9 @@ class World {
     require(timer.order < turn.firstNewOrder, "a timer that was armed in this very turn");
     require(!guarded || states_[place].fd < 0, "a withheld timer");
     require(guarded || isFirst(timer), "timers out of order");
+    require(!std::exchange(turn.timedOut, true), "a second timer in one turn");
     timer.pending = false;
+    timer.earliest = VirtualClock::now() + 1ms;
     inCallback(place, 0, Kind::kTimeout);
     finish();
   }
@@ -289,7 +296,8 @@ class World {
     state.fd = -1;
     state.registration = 0;
     state.interest = false;
-    state.pause = {};
+    state.readPause = {};
+    state.writePause = {};
     state.overridden = false;
   }
 
@@ -303,7 +311,7 @@ class World {
     if (state.fd >= 0 && state.interest != on) {
       state.interest = on;
       state.interestChanged = lastTurn_;
-      state.pause = {};
+      state.writePause = {};
     }
   }
 
@@ -316,9 +324,11 @@ class World {
     }
     alarm(place, guarded).timer->arm(delay);
     const std::chrono::duration<double> seconds(std::clamp(delay, 0.0, 4e9));
-    state.timers[guarded ? 1 : 0] = {
-        true, VirtualClock::now() + std::chrono::ceil<std::chrono::nanoseconds>(seconds),
-        ++lastOrder_};
+    TimerState& timer = state.timers[guarded ? 1 : 0];
+    timer.pending = true;
+    timer.deadline = std::max(
+        VirtualClock::now() + std::chrono::ceil<std::chrono::nanoseconds>(seconds), timer.earliest);
+    timer.order = ++lastOrder_;
   }
 
   void disarm(unsigned place, bool guarded) {
@@ -474,17 +484,29 @@ class World {
       return;  // its descriptor was closed first, and was the file's last
     }
     const File& file = *watch->first.first;
-    const Pause& pause = state.pause;
-    const bool over = pause.state == Pause::State::kPaused && pause.until <= VirtualClock::now();
+    const Pause& reading = state.readPause;
+    const Pause& writing = state.writePause;
+    const bool readable = file.pending > 0 || file.far < 0;
     Turn::Ready& ready = turn.ready[state.registration];
-    ready.read = file.pending > 0 || file.far < 0;
-    ready.writeForCertain = state.interest && pause.state == Pause::State::kNone;
-    ready.write =
-        ready.writeForCertain ||
-        (state.interest && (pause.state == Pause::State::kPerhaps || (over && !turns_.empty())));
-    if (over || pause.state == Pause::State::kPerhaps) {
-      turn.pausesDue.insert(state.registration);
+    ready.read = readable && mayBeOver(reading);
+    ready.readForCertain = readable && reading.state == Pause::State::kNone;
+    ready.write = state.interest && mayBeOver(writing) && mayBeOver(reading);
+    ready.writeForCertain = state.interest && reading.state == Pause::State::kNone &&
+                            writing.state == Pause::State::kNone;
+    for (const Pause* pause : {&reading, &writing}) {
+      if (isDue(*pause)) {
+        turn.pausesDue.insert(pause);
+      }
     }
+  }
+
+  static bool isDue(const Pause& pause) {
+    return pause.state != Pause::State::kNone && pause.until <= VirtualClock::now();
+  }
+
+  /// A turn around this one may have ended a pause that is due.
+  bool mayBeOver(const Pause& pause) const {
+    return pause.state != Pause::State::kPaused || (isDue(pause) && !turns_.empty());
   }
 
   void end(const Turn& turn) {
@@ -493,15 +515,17 @@ class World {
       HandlerState& state = states_[place];
       const auto ready = turn.ready.find(state.registration);
       if (state.registration != 0 && ready != turn.ready.end() && !state.overridden) {
-        require(turn.disturbed || !ready->second.read || ready->second.wasRead,
+        require(turn.disturbed || !ready->second.readForCertain || ready->second.wasRead,
                 "a read event was lost");
         require(turn.disturbed || !ready->second.writeForCertain || ready->second.wasWritten ||
                     !state.interest || state.interestChanged >= turn.number,
                 "a write event was lost");
       }
-      if (state.pause.state != Pause::State::kNone && state.pause.until <= VirtualClock::now()) {
-        const bool over = sure && turn.pausesDue.count(state.registration) != 0;
-        state.pause.state = over ? Pause::State::kNone : Pause::State::kPerhaps;
+      for (Pause* pause : {&state.readPause, &state.writePause}) {
+        if (isDue(*pause)) {  // behind a timer, it may have to wait for the next turn
+          const bool over = sure && !turn.timedOut && turn.pausesDue.count(pause) != 0;
+          pause->state = over ? Pause::State::kNone : Pause::State::kPerhaps;
+        }
       }
     }
     if (sure) {
@@ -513,8 +537,9 @@ class World {
     for (const HandlerState& state : states_) {
       for (const TimerState& timer : state.timers) {
         const bool withheld = &timer == &state.timers[1] && state.fd >= 0;
-        require(!timer.pending || turn.timersDue.count(timer.order) == 0 || withheld,
-                "a timer was lost");
+        require(
+            turn.timedOut || !timer.pending || turn.timersDue.count(timer.order) == 0 || withheld,
+            "a timer was lost");
       }
     }
   }
@@ -528,6 +553,7 @@ class World {
     Registration registration = 0;
     Kind kind = Kind::kTimeout;
     bool died = false;
+    bool deferred = false;
   };
 
   Turn& current() {
@@ -561,7 +587,7 @@ class World {
 
   /// What the application does in a callback.
   void inCallback(unsigned place, Registration registration, Kind kind) {
-    Callback callback{place, registration, kind, false};
+    Callback callback{place, registration, kind};
     callbacks_.push_back(&callback);
     if (kind == Kind::kRead && decisions_.below(2) == 0) {
       drain();
@@ -569,10 +595,28 @@ class World {
     for (unsigned left = decisions_.below(4); left > 0; --left) {
       operation();
     }
+    if (decisions_.below(4) == 3) {
+      defer(decisions_.below(kHandlers), decisions_.below(2) == 0 ? Kind::kRead : Kind::kWrite);
+    }
     callbacks_.pop_back();
     last_ = callback;
     hookCalled_ = false;
     throwing_ = decisions_.below(8) == 7;
+  }
+
+  /// Concerns that handler's innermost callback of that kind, if there is one.
+  void defer(unsigned place, Kind kind) {
+    if (handlers_[place] == nullptr) {
+      return;
+    }
+    kind == Kind::kRead ? handlers_[place]->deferReadEvent() : handlers_[place]->deferWriteEvent();
+    const auto callback =
+        std::find_if(callbacks_.rbegin(), callbacks_.rend(), [&](const Callback* running) {
+          return running->place == place && running->kind == kind && !running->died;
+        });
+    if (callback != callbacks_.rend()) {
+      (*callback)->deferred = true;
+    }
   }
 
   /// The end of a callback, which may be an exception, or its hook's, if that has dealt with it.
@@ -584,20 +628,17 @@ class World {
     if (last_.registration == 0 || state.registration != last_.registration || state.overridden) {
       return;
     }
-    Pause& pause = state.pause;
-    if (last_.kind != Kind::kWrite) {
-      return;
+    Pause& pause = last_.kind == Kind::kRead ? state.readPause : state.writePause;
+    for (Turn* turn : turns_) {
+      turn->pausesDue.erase(&pause);  // that was the one before
     }
-    if (!state.interest) {
-      pause.length = 0ms;  // progress
+    if (!last_.deferred || (last_.kind == Kind::kWrite && !state.interest)) {
+      pause = {};
       return;
     }
     pause.length = std::clamp(2 * pause.length, 1ms, 100ms);
     pause.until = VirtualClock::now() + pause.length;
     pause.state = Pause::State::kPaused;
-    for (Turn* turn : turns_) {
-      turn->pausesDue.erase(state.registration);  // that was the one before
-    }
   }
 
   Decisions decisions_;

@@ -1,15 +1,22 @@
 #include "Kelvo/Platform/Debug.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
-#include <map>
+#include <locale>
 #include <memory>
 #include <mutex>
+#include <new>
+#include <string_view>
 #include <utility>
+
+#include "Kelvo/Platform/ProcessEpoch.h"
 
 namespace Kelvo::Platform {
 
@@ -38,99 +45,220 @@ std::string timestamp() {
   return text.data();
 }
 
-/// One line and one write a record, so that lines of several threads do not mix. Line breaks inside
-/// the text are kept from breaking the line.
+/// The length of the character that `text` begins with; 0 if that is a control character, or not
+/// UTF-8.
+std::size_t visibleCharacter(std::string_view text) {
+  const auto first = static_cast<unsigned char>(text.front());
+  if (first < 0x80) {
+    return first >= 0x20 && first != 0x7f ? 1 : 0;
+  }
+  const std::size_t length = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : 2;
+  if (first < 0xc2 || first > 0xf4 || text.size() < length) {
+    return 0;
+  }
+  std::uint32_t code = first & (0x7fU >> length);
+  for (const char byte : text.substr(1, length - 1)) {
+    if ((static_cast<unsigned char>(byte) & 0xc0U) != 0x80U) {
+      return 0;
+    }
+    code = (code << 6) | (static_cast<unsigned char>(byte) & 0x3fU);
+  }
+  constexpr std::array<std::uint32_t, 3> kLowest{0xa0, 0x800, 0x10000};  // by length, without C1
+  const bool surrogate = code >= 0xd800 && code <= 0xdfff;
+  return code >= kLowest[length - 2] && code <= 0x10ffff && !surrogate ? length : 0;
+}
+
+/// A peer's text reaches the log, and the log a terminal: what could move a cursor or end a line
+/// becomes visible.
+void appendVisibly(std::string& line, std::string_view text) {
+  constexpr std::string_view kDigits = "0123456789abcdef";
+  while (!text.empty()) {
+    const std::size_t length = visibleCharacter(text);
+    if (length == 0) {
+      const auto byte = static_cast<unsigned char>(text.front());
+      line.append("\\x").append(1, kDigits[byte >> 4]).append(1, kDigits[byte & 0xf]);
+    } else {
+      line.append(text.substr(0, length));
+    }
+    text.remove_prefix(length == 0 ? 1 : length);
+  }
+}
+
+/// One line and one write a record, so that lines of several threads do not mix.
 void writeToStandardError(const DebugRecord& record) {
   std::string line = timestamp() + " " + record.channel + " " + std::to_string(record.level) + " " +
                      record.file + ":" + std::to_string(record.line) + " " + record.function + ": ";
-  for (const char byte : record.text) {
-    line += byte == '\n' ? ' ' : byte;
-  }
+  appendVisibly(line, record.text);
   line += '\n';
   [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
 }
 
 class Channel : public RawDebugHandler {
  public:
-  explicit Channel(std::string name) : name_(std::move(name)) {}
+  /// `name` lives as long as the channel.
+  explicit Channel(std::string_view name) : name_(name) {}
+
+  std::string_view name() const { return name_; }
 
   void setSink(Sink sink) {
-    auto shared = sink ? std::make_shared<const Sink>(std::move(sink)) : nullptr;
-    const std::lock_guard lock(mutex_);
-    sink_.swap(shared);
+    std::unique_ptr<const SharedSink> changed;
+    if (sink) {
+      changed = std::make_unique<const SharedSink>(std::make_shared<const Sink>(std::move(sink)));
+    }
+    const std::lock_guard lock(mutex());
+    changed.reset(sink_.exchange(changed.release()));
   }
 
   void output(const DebugStream& stream, int level, const char* file, const char* function,
               int line) noexcept override {
     const int callersErrno = errno;
+    int cancelState = 0;  // a thread that is cancelled in here would end the process
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
     try {
-      hand(DebugRecord{name_, level, file, function, line, stream.str()});
+      hand(DebugRecord{std::string(name_), level, file, function, line, stream.str()});
     } catch (...) {
       // Out of memory, or a sink that throws: the record is lost, the program goes on.
     }
+    pthread_setcancelstate(cancelState, nullptr);
     errno = callersErrno;
   }
 
+  Channel* next = nullptr;  // in the list of all
+
  private:
+  using SharedSink = std::shared_ptr<const Sink>;
+
+  /// A sink at work on this thread. A fork inside of it leaves that as it is.
+  class InSink {
+   public:
+    explicit InSink(const Channel* channel) : channel_(channel), outer_(innermost_) {
+      innermost_ = this;
+    }
+    InSink(const InSink&) = delete;
+    InSink& operator=(const InSink&) = delete;
+    ~InSink() { innermost_ = outer_; }
+
+    static bool of(const Channel* channel) {
+      const InSink* frame = innermost_;
+      while (frame != nullptr && frame->channel_ != channel) {
+        frame = frame->outer_;
+      }
+      return frame != nullptr;
+    }
+
+   private:
+    const Channel* const channel_;
+    const InSink* const outer_;
+    static inline thread_local const InSink* innermost_ = nullptr;
+  };
+
+  /// One process's lock. A child may have been forked while another thread held its parent's.
+  struct Lock {
+    const std::uint64_t process = processEpoch();
+    std::recursive_mutex mutex;  // recursive: a sink may log, or set another sink
+  };
+
   void hand(const DebugRecord& record) {
-    const std::lock_guard lock(mutex_);
-    if (inSink_) {
+    const std::lock_guard lock(mutex());
+    if (InSink::of(this)) {
       return;
     }
-    const auto sink = sink_;  // keeps a sink alive that replaces itself
+    const SharedSink* const set = sink_.load();
+    const SharedSink sink = set != nullptr ? *set : nullptr;  // lives on if it replaces itself
     if (!sink) {
       return writeToStandardError(record);
     }
-    const Flag inSink(inSink_);
+    const InSink inSink(this);
     (*sink)(record);
   }
 
-  /// Raises a flag for a scope, exceptions included.
-  class Flag {
-   public:
-    explicit Flag(bool& flag) : flag_(flag) { flag_ = true; }
-    Flag(const Flag&) = delete;
-    Flag& operator=(const Flag&) = delete;
-    ~Flag() { flag_ = false; }
+  std::recursive_mutex& mutex() {
+    Lock* lock = lock_.load();
+    while (lock->process != processEpoch()) {
+      auto fresh = std::make_unique<Lock>();
+      if (lock_.compare_exchange_strong(lock, fresh.get())) {
+        lock = fresh.release();  // and the parent's is left as it is
+      }
+    }
+    return lock->mutex;
+  }
 
-   private:
-    bool& flag_;
-  };
-
-  const std::string name_;
-  std::recursive_mutex mutex_;  // recursive: a sink may log, or set another sink
-  std::shared_ptr<const Sink> sink_;
-  bool inSink_ = false;
+  const std::string_view name_;
+  Lock firstLock_;
+  std::atomic<Lock*> lock_{&firstLock_};
+  std::atomic<const SharedSink*> sink_{nullptr};  // one word, which no fork finds half written
 };
 
-Channel& channel(const String& name, bool errorsFromStart) {
-  // Never released: handlers are kept by pointer, and static destructors may still log.
-  static auto& mutex = *new std::mutex;
-  static auto& channels = *new std::map<std::string, Channel, std::less<>>;
-  const std::lock_guard lock(mutex);
-  const auto [entry, made] = channels.try_emplace(std::string(name), std::string(name));
-  if (made && errorsFromStart) {
-    entry->second.setMask(1U);
+// All channels are in a list that only grows, so that finding one takes no lock, which a fork could
+// leave locked. None is ever released: handlers are kept by pointer, and static destructors may
+// still log.
+std::atomic<Channel*> channels{nullptr};
+
+/// Memory for the first few channels, so that a library's first log statement needs none.
+struct Place {
+  std::array<char, 32> name;
+  alignas(Channel) std::array<unsigned char, sizeof(Channel)> channel;
+};
+std::array<Place, 8> places;
+std::atomic<std::size_t> placesTaken{0};
+
+Channel& makeChannel(std::string_view name) {
+  if (name.size() <= places[0].name.size()) {
+    const std::size_t taken = placesTaken.fetch_add(1);
+    if (taken < places.size()) {
+      Place& place = places[taken];
+      name.copy(place.name.data(), name.size());
+      return *new (place.channel.data()) Channel({place.name.data(), name.size()});
+    }
   }
-  return entry->second;
+  auto owned = std::make_unique<std::string>(name);
+  auto* const made = new Channel(*owned);
+  static_cast<void>(owned.release());
+  return *made;
+}
+
+Channel* findChannel(std::string_view name) {
+  Channel* at = channels.load();
+  while (at != nullptr && at->name() != name) {
+    at = at->next;
+  }
+  return at;
+}
+
+Channel& channel(std::string_view name, bool errorsFromStart) {
+  if (Channel* const known = findChannel(name)) {
+    return *known;
+  }
+  Channel& made = makeChannel(name);
+  made.setMask(errorsFromStart ? 1U : 0U);
+  made.next = channels.load();
+  while (!channels.compare_exchange_weak(made.next, &made)) {
+    if (Channel* const known = findChannel(name)) {
+      return *known;  // another thread was faster; the one that was made is not used
+    }
+  }
+  return made;
 }
 
 }  // namespace
 
-DebugStream::DebugStream() = default;
+DebugStream::DebugStream() {
+  imbue(std::locale::classic());
+}
+
 DebugStream::~DebugStream() = default;
 RawDebugHandler::~RawDebugHandler() = default;
 
 RawDebugHandler* _getRawDebugHandler(const String& name, bool errorsFromStart) {
-  return &channel(name, errorsFromStart);
+  return &channel(std::string_view(name), errorsFromStart);
 }
 
 void setDebugLevels(const String& name, unsigned mask) {
-  channel(name, false).setMask(mask);
+  channel(std::string_view(name), false).setMask(mask);
 }
 
 void setDebugSink(const String& name, std::function<void(const DebugRecord&)> sink) {
-  channel(name, false).setSink(std::move(sink));
+  channel(std::string_view(name), false).setSink(std::move(sink));
 }
 
 }  // namespace Kelvo::Platform

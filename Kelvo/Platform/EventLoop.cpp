@@ -1,47 +1,67 @@
+// The thread's loop: made by `current`, which finds it by a thread-specific key -> turned by `run`,
+// `runOnce` or `dispatch` -> reached from other threads by `stop`, `post` and its remotes -> ended
+// with the thread.
+//
+// The object is only the thread's handle: what turns is the core, which controls and timers share.
+// So a forked child can be given a fresh core in the same object, and the old one goes when the
+// last of its controls does. A turn may be under way then, hence the handles that the functions
+// here keep while they turn it.
+
 #include "Kelvo/Platform/EventLoop.h"
 
 #include <pthread.h>
 
 #include <algorithm>
+#include <atomic>
 #include <limits>
 #include <memory>
 #include <new>
 #include <utility>
 
 #include "Kelvo/Exception.h"
-#include "Kelvo/Platform/CallbackFrame.h"
-#include "Kelvo/Platform/EpollControl.h"
 #include "Kelvo/Platform/LoopCore.h"
-#include "Kelvo/Platform/LoopTimer.h"
+#include "Kelvo/Platform/Mailbox.h"
+#include "Kelvo/ThreadControl.h"
 
 namespace Kelvo::Platform {
 
 namespace {
 
-pthread_key_t makeThreadKey(void (*atThreadEnd)(void*)) {
+// A thread-specific key and not a thread_local object: to register the latter's destructor the C
+// library needs memory, and it ends the process if there is none. The key also leaves the main
+// thread's loop in place for the destructors of static objects.
+pthread_key_t makeThreadKey() {
   pthread_key_t key{};
+  const auto atThreadEnd = [](void* loop) { delete static_cast<EventLoop*>(loop); };
   if (pthread_key_create(&key, atThreadEnd) != 0) {
     throw Exception("EventLoop: the process has no thread-specific key left", true);
   }
   return key;
 }
 
+pthread_key_t threadKey() {
+  static const pthread_key_t key = makeThreadKey();
+  return key;
+}
+
 }  // namespace
 
-EventLoop::EventLoop() : core_(new LoopCore) {}
+EventLoop::EventLoop() : core_(new LoopCore) {
+  static std::atomic<bool> first{true};
+  if (!first.exchange(false, std::memory_order_relaxed)) {
+    ThreadControl::tsp_ = true;
+  }
+}
 
-EventLoop::~EventLoop() = default;
+EventLoop::~EventLoop() {
+  core_->mailbox()->close();
+}
 
-// A thread-specific key and not a thread_local object: to register the latter's destructor the C
-// library needs memory, and it ends the process if there is none. The key also leaves the main
-// thread's loop in place for the destructors of static objects.
 EventLoop& EventLoop::current() {
-  static const pthread_key_t key =
-      makeThreadKey([](void* loop) { delete static_cast<EventLoop*>(loop); });
-  auto* loop = static_cast<EventLoop*>(pthread_getspecific(key));
+  auto* loop = static_cast<EventLoop*>(pthread_getspecific(threadKey()));
   if (loop == nullptr) {
     std::unique_ptr<EventLoop> made(new EventLoop);
-    if (pthread_setspecific(key, made.get()) != 0) {
+    if (pthread_setspecific(threadKey(), made.get()) != 0) {
       throw std::bad_alloc();
     }
     loop = made.release();
@@ -49,20 +69,27 @@ EventLoop& EventLoop::current() {
   return *loop;
 }
 
-void EventLoop::run() {
-  core_->drainStopRequest();  // one that was called before
-  while (!core_->consumeStop()) {
-    core_->turn(-1);
+void EventLoop::renewAfterFork() {
+  auto* loop = static_cast<EventLoop*>(pthread_getspecific(threadKey()));
+  if (loop != nullptr && !loop->core_->inOwnerProcess()) {
+    loop->core_ = Ptr<LoopCore>(new LoopCore);
   }
 }
 
-void EventLoop::stop() noexcept {
-  core_->requestStop();
+// --- turns ---
+
+void EventLoop::run() {
+  const auto core = core_;
+  core->mailbox()->drainStopRequest();  // one that was made before
+  while (!core->mailbox()->consumeStop()) {
+    core->turn(-1);
+  }
 }
 
 bool EventLoop::runOnce(std::chrono::milliseconds timeout) {
   using Count = std::chrono::milliseconds::rep;
-  return core_->turn(
+  const auto core = core_;
+  return core->turn(
       static_cast<int>(std::clamp<Count>(timeout.count(), -1, std::numeric_limits<int>::max())));
 }
 
@@ -71,47 +98,35 @@ int EventLoop::fd() const noexcept {
 }
 
 bool EventLoop::dispatch() {
-  return core_->turn(0);
+  const auto core = core_;
+  return core->turn(0);
 }
 
-Ptr<FdControl> getFdControl(FdEventHandler* handler) {
-  return Ptr<FdControl>(new EpollControl(EventLoop::current().core_, *handler));
+// --- from other threads ---
+
+void EventLoop::stop() noexcept {
+  core_->mailbox()->requestStop();
 }
 
-Ptr<Timer> getTimer(TimeoutHandler* handler, const FdEventHandler* unlessAttached) {
-  return Ptr<Timer>(new LoopTimer(EventLoop::current().core_, *handler, unlessAttached));
+void EventLoop::post(std::function<void()> function) {
+  if (!core_->mailbox()->post(std::move(function))) {
+    core_->requireOwnerProcess();
+  }
 }
 
-// --- the handlers' own part in the contract: a dead handler is asked nothing ---
-
-FdEventHandler::~FdEventHandler() {
-  CallbackFrame<FdEventHandler>::forget(this);
+EventLoop::Remote EventLoop::remote() const {
+  return Remote(core_->mailbox());
 }
 
-void FdEventHandler::keepWhileRunning(std::shared_ptr<const void> owner) noexcept {
-  CallbackFrame<FdEventHandler>::keep(this, std::move(owner));
+EventLoop::Remote::Remote(std::shared_ptr<Mailbox> mailbox) noexcept
+    : mailbox_(std::move(mailbox)) {}
+
+bool EventLoop::Remote::post(std::function<void()> function) const {
+  return mailbox_->post(std::move(function));
 }
 
-void FdEventHandler::deferReadEvent() noexcept {
-  CallbackFrame<FdEventHandler>::defer(this, Event::kRead);
-}
-
-void FdEventHandler::deferWriteEvent() noexcept {
-  CallbackFrame<FdEventHandler>::defer(this, Event::kWrite);
-}
-
-void FdEventHandler::writeFdEvent(int /*fd*/) {}
-
-bool FdEventHandler::handleFdException(int /*fd*/) {
-  return false;
-}
-
-TimeoutHandler::~TimeoutHandler() {
-  CallbackFrame<TimeoutHandler>::forget(this);
-}
-
-bool TimeoutHandler::handleTimeoutException() {
-  return false;
+bool EventLoop::Remote::stop() const noexcept {
+  return mailbox_->stop();
 }
 
 }  // namespace Kelvo::Platform

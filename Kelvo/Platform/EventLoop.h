@@ -1,6 +1,8 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
+#include <memory>
 
 #include "Kelvo/Export.h"
 #include "Kelvo/Platform/FdEventHandler.h"
@@ -13,7 +15,7 @@
 /// A loop belongs to one thread. Descriptors are watched through an `FdControl`, time through a
 /// `Timer`; both call back their handler from inside a turn of the loop, never otherwise. In one
 /// turn the loop asks the kernel once what is ready and delivers that, 64 descriptors at most. A
-/// stop from another thread and a due timer are seen in the very next turn, however many
+/// stop, functions from other threads and a due timer are seen in the very next turn, however many
 /// descriptors are ready.
 ///
 /// **Descriptors**
@@ -37,7 +39,8 @@
 ///    100 ms. The loop itself slows nothing down.
 ///
 /// **Timers**
-///  - Monotonic, in seconds as `double`, true below a millisecond. Arming replaces a pending
+///  - Monotonic, in seconds as `double`, true below a millisecond; zero and less mean at
+///    the next turn. One timer expires at most once a millisecond. Arming replaces a pending
 ///    expiry; arming inside `timeout()` takes effect. What is armed during a turn expires in a
 ///    later one. A turn makes one `timeout` call at most, so between any two of them the kernel is
 ///    asked what else is ready.
@@ -56,15 +59,29 @@
 ///    watches it for reading, level-triggered, and calls `dispatch()`. There is no state to prepare
 ///    before the host waits.
 ///
+/// **Other threads**
+///  - `post` brings a function to the loop's thread, for example what a long piece of work on
+///    another thread has found out. Functions run in a later turn, in the order in which they were
+///    posted, at most 64 a turn. An exception out of one leaves the turn, and the others stay
+///    queued. A stop does not wait for them: what has not been run is for the next `run`.
+///  - A thread that may outlast the loop holds a `Remote`, which tells whether the loop still
+///  lives.
+///    Functions that were accepted and not run when the loop ends are destroyed there, unrun, on
+///    its thread.
+///  - Counted handles (`Ptr`) that such a function shares with another thread need
+///    `ThreadControl::tsp_`.
+///
 /// **Fork**
-///  - A child that uses its parent's loop gets a `Kelvo::Exception`. Detaching, disarming and
-///    destroying are allowed there and leave the parent's registrations alone.
+///  - A child that uses its parent's loop gets a `Kelvo::Exception`, however it was forked.
+///    Detaching, disarming and destroying are allowed there and leave the parent's registrations
+///    alone. `renewAfterFork` gives it a loop of its own.
 
 namespace Kelvo::Platform {
 
 class LoopCore;
+class Mailbox;
 
-/// One thread's event loop. Used on that thread only, except for `stop`.
+/// One thread's event loop. Used on that thread only, except for `stop` and `post`.
 class KELVO_API EventLoop {
  public:
   /// The calling thread's loop, made on first use and kept until the thread ends (the main thread's
@@ -77,12 +94,46 @@ class KELVO_API EventLoop {
   EventLoop& operator=(const EventLoop&) = delete;
   ~EventLoop();
 
+  /// For a forked child, which a daemon is too: gives the calling thread a fresh loop in place of
+  /// its parent's. References to the `EventLoop` stay valid; controls, timers and remotes that were
+  /// made before belong to the old loop and stay refused. To be called before the child uses the
+  /// loop or starts threads. Without a parent's loop on this thread it does nothing.
+  /// @throws Kelvo::Exception if the kernel refuses the descriptors; the old loop then stays.
+  static void renewAfterFork();
+
   /// Turns until `stop` is called. A stop that was called while nothing ran ends it at once.
   void run();
 
   /// Makes `run` return after the turn at hand. From any thread, a callback or a signal handler. If
   /// an exception ends that turn and with it `run`, the next `run` returns at once.
   void stop() noexcept;
+
+  /// Has `function` run on the loop's thread. From any thread while the loop lives, also from a
+  /// function that was posted; not from a signal handler.
+  /// @throws Kelvo::Exception if `function` is empty, and in a forked child of the loop's process.
+  void post(std::function<void()> function);
+
+  /// Reaches the loop from threads that may outlast it. Copies are cheap, and each may be used on
+  /// any thread; the loop's descriptor for this stays open until the last one has gone.
+  class KELVO_API Remote {
+   public:
+    /// As `EventLoop::post`. False, and `function` is not run, if the loop has ended, or in a
+    /// forked child.
+    bool post(std::function<void()> function) const;
+
+    /// As `EventLoop::stop`, but not from a signal handler. False if the loop has ended, or in a
+    /// forked child.
+    bool stop() const noexcept;
+
+   private:
+    friend class EventLoop;
+    explicit Remote(std::shared_ptr<Mailbox> mailbox) noexcept;
+
+    std::shared_ptr<Mailbox> mailbox_;
+  };
+
+  /// Called on the loop's thread.
+  Remote remote() const;
 
   /// One turn, which waits for at most `timeout` (for ever if negative, less long if a signal
   /// arrives). True when a callback was made.
@@ -100,7 +151,7 @@ class KELVO_API EventLoop {
   friend Ptr<FdControl> getFdControl(FdEventHandler* handler);
   friend Ptr<Timer> getTimer(TimeoutHandler* handler, const FdEventHandler* unlessAttached);
 
-  const Ptr<LoopCore> core_;
+  Ptr<LoopCore> core_;
 };
 
 }  // namespace Kelvo::Platform

@@ -1,24 +1,36 @@
-// One turn: wait -> deliver each event of the batch (read, then write) or run the timers that are
-// due. Everything that a callback may have changed is looked up again after it: registrations by
-// token, the turn by its number, timers one at a time.
+// One turn: wait -> deliver each event of the batch.
+//
+//   a descriptor's event   -> look its registration up by token -> read callback -> look up again
+//   ->
+//                             write callback
+//   the mailbox's event    -> take a request to stop -> run the functions that were posted
+//   the timer's event      -> one timeout, and set the kernel's timer to the next one
+//
+// A callback may do anything: detach and destroy registrations, turn the loop itself, throw, fork.
+// So nothing is held across one, and everything it may have changed is looked up after it. Tokens
+// carry a generation, so one whose descriptor was closed and opened again is not found. Turns have
+// numbers, so an outer turn sees that another one has run inside its callback, and drops the rest
+// of its batch: the kernel reports it again. Timers that are armed during a turn queue behind its
+// mark. The kernel reports 64 descriptors at a time and takes turns among them, so after a full
+// batch the mailbox and the timers are looked at unasked.
+//
+// A forked child shares the kernel's side with its parent. It may take its own side apart, which
+// makes no system call; all else throws.
 
 #include "Kelvo/Platform/LoopCore.h"
 
-#include <pthread.h>
 #include <sys/epoll.h>
-#include <sys/eventfd.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <string>
 #include <utility>
 
 #include "Kelvo/Exception.h"
-#include "Kelvo/ThreadControl.h"
 
 namespace Kelvo::Platform {
 
@@ -27,19 +39,11 @@ namespace {
 constexpr int kBatchSize = 64;
 
 // Generations start at 1, so these two can be no registration's token.
-constexpr LoopCore::Token kWakeUpToken = 1;
+constexpr LoopCore::Token kMailboxToken = 1;
 constexpr LoopCore::Token kTimerToken = 2;
 
 constexpr LoopCore::Time kDisarmed = LoopCore::Time::max();
 constexpr LoopCore::Time kUnknown = LoopCore::Time::min();
-
-std::atomic<unsigned> forks{0};
-std::atomic<unsigned> loopsMade{0};
-
-void countForksInChildren() {
-  [[maybe_unused]] static const int registered =
-      pthread_atfork(nullptr, nullptr, [] { forks.fetch_add(1, std::memory_order_relaxed); });
-}
 
 Exception systemError(const char* call) {
   const std::string reason = std::strerror(errno);
@@ -78,20 +82,14 @@ LoopCore::OwnedFd::~OwnedFd() {
 }
 
 LoopCore::LoopCore()
-    : forksBefore_(forks.load(std::memory_order_relaxed)),
-      epoll_(epoll_create1(EPOLL_CLOEXEC)),
-      wakeUp_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+    : epoll_(epoll_create1(EPOLL_CLOEXEC)),
+      mailbox_(Mailbox::make()),
       timer_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)),
-      thread_(pthread_self()),
       programmed_(kDisarmed),
       readableFor_(kUnknown) {
-  countForksInChildren();
-  if (!control(fd(), EPOLL_CTL_ADD, wakeUp_.fd(), EPOLLIN, kWakeUpToken) ||
+  if (!control(fd(), EPOLL_CTL_ADD, mailbox_->fd(), EPOLLIN, kMailboxToken) ||
       !control(fd(), EPOLL_CTL_ADD, timer_.fd(), EPOLLIN, kTimerToken)) {
     throw systemError("epoll_ctl");
-  }
-  if (loopsMade.fetch_add(1, std::memory_order_relaxed) > 0) {
-    ThreadControl::tsp_ = true;
   }
 }
 
@@ -111,24 +109,31 @@ bool LoopCore::turn(int timeoutMilliseconds) {
   const auto thisTurn = ++turns_;
   timerMark_ = timers_.mark();
   bool dispatched = false;
+  bool mailboxSeen = false;
   bool timersSeen = false;
   for (int i = 0; i < count && isCurrentTurn(thisTurn); ++i) {
     const epoll_event& event = batch[static_cast<std::size_t>(i)];
+    mailboxSeen |= event.data.u64 == kMailboxToken;
     timersSeen |= event.data.u64 == kTimerToken;
     dispatched |= deliver(event);
   }
-  if (count == kBatchSize && isCurrentTurn(thisTurn)) {  // more is ready, these two perhaps with it
-    drainStopRequest();
-    dispatched |= !timersSeen && runDueTimer(now());
+  if (count < kBatchSize) {
+    return dispatched;
+  }
+  // More is ready, perhaps these two with it.
+  if (!mailboxSeen && isCurrentTurn(thisTurn)) {
+    dispatched |= takeMail();
+  }
+  if (!timersSeen && isCurrentTurn(thisTurn)) {
+    dispatched |= runDueTimer(now());
   }
   return dispatched;
 }
 
 bool LoopCore::deliver(const epoll_event& event) {
   const Token token = event.data.u64;
-  if (token == kWakeUpToken) {
-    drainStopRequest();
-    return false;
+  if (token == kMailboxToken) {
+    return takeMail();
   }
   if (token == kTimerToken) {
     programmed_ = kUnknown;
@@ -170,39 +175,19 @@ bool LoopCore::runDueTimer(Time time) {
   return called;
 }
 
-// From another thread the request travels through the descriptor alone. A flag beside it could be
-// seen first, and the loop's thread could end, and the loop with it, while this call still uses it.
-void LoopCore::requestStop() noexcept {
-  if (!inOwnerProcess()) {
-    return;  // a signal handler that a forked child has inherited: the parent goes on
+/// A request to stop, and a batch of functions at most. What those post themselves is for a later
+/// turn.
+bool LoopCore::takeMail() {
+  mailbox_->drainStopRequest();
+  const auto thisTurn = turns_;
+  bool called = false;
+  auto left = std::min<std::size_t>(mailbox_->waiting(), kBatchSize);
+  for (; left > 0 && isCurrentTurn(thisTurn); --left) {
+    const auto first = mailbox_->takeFirst();
+    called = true;
+    first.front()();
   }
-  const int callersErrno = errno;
-  if (pthread_equal(pthread_self(), thread_) != 0) {
-    stop_.store(true, std::memory_order_relaxed);
-  }
-  const std::uint64_t one = 1;
-  [[maybe_unused]] const auto written = ::write(wakeUp_.fd(), &one, sizeof one);
-  errno = callersErrno;
-}
-
-void LoopCore::drainStopRequest() noexcept {
-  std::uint64_t requests = 0;
-  if (inOwnerProcess() && ::read(wakeUp_.fd(), &requests, sizeof requests) > 0) {
-    stop_.store(true, std::memory_order_relaxed);
-  }
-}
-
-bool LoopCore::consumeStop() noexcept {
-  if (!stop_.load(std::memory_order_relaxed)) {
-    return false;
-  }
-  drainStopRequest();  // the same request, if it has not woken the loop yet
-  stop_.store(false, std::memory_order_relaxed);
-  return true;
-}
-
-bool LoopCore::inOwnerProcess() const noexcept {
-  return forks.load(std::memory_order_relaxed) == forksBefore_;
+  return called;
 }
 
 void LoopCore::requireOwnerProcess() const {

@@ -1,13 +1,12 @@
 #pragma once
 
-#include <pthread.h>
-
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <unordered_map>
 #include <vector>
 
+#include "Kelvo/Platform/Mailbox.h"
 #include "Kelvo/Platform/TimerQueue.h"
 #include "Kelvo/Ptr.h"
 
@@ -51,9 +50,9 @@ class LoopCore : public Counted {
 
   // One turn, and what wakes it.
   bool turn(int timeoutMilliseconds);
-  void requestStop() noexcept;
-  void drainStopRequest() noexcept;
-  bool consumeStop() noexcept;
+  const std::shared_ptr<Mailbox>& mailbox() const noexcept { return mailbox_; }
+  bool inOwnerProcess() const noexcept { return mailbox_->inOwnerProcess(); }
+  void requireOwnerProcess() const;
   int fd() const noexcept { return epoll_.fd(); }
 
   // Registrations. `add` and `setEvents` throw if the kernel refuses; `remove` never fails. Without
@@ -93,21 +92,17 @@ class LoopCore : public Counted {
     std::uint32_t events = 0;  // asked of the kernel; none: not in its set
   };
 
-  bool inOwnerProcess() const noexcept;
-  void requireOwnerProcess() const;
   bool isCurrentTurn(std::uint64_t turn) const;
   bool deliver(const epoll_event& event);
   void claimSlot(std::size_t index, Registration& registration);
+  bool takeMail();
   bool runDueTimer(Time time);
   bool programTimer() noexcept;
   void notifyWatchers(const FdEventHandler* handler, int by);
 
-  const unsigned forksBefore_;  // tells the process that made the loop from its forked children
   const OwnedFd epoll_;
-  const OwnedFd wakeUp_;
+  const std::shared_ptr<Mailbox> mailbox_;
   const OwnedFd timer_;
-  const pthread_t thread_;
-  std::atomic<bool> stop_{false};  // asked for by this thread, or received; and not yet taken
 
   std::vector<Slot> slots_;  // by descriptor number
   std::uint32_t lastGeneration_ = 0;

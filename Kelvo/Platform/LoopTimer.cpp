@@ -1,6 +1,16 @@
+// arm -> due -> timeout, or, while the handler named by `unlessAttached` has a descriptor: arm ->
+// due
+// -> withheld -> that handler detaches -> due again -> timeout.
+//
+// Nobody polls for that: the core tells the timer of each attachment that the handler gains or
+// loses, and a withheld timer goes back into the queue with its old deadline. Arming and disarming
+// forget that it was withheld. The last expiry is kept for one purpose: a timer that is armed with
+// nothing in its own callback must not take the whole processor.
+
 #include "Kelvo/Platform/LoopTimer.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <utility>
 
@@ -11,6 +21,7 @@ namespace Kelvo::Platform {
 
 namespace {
 
+constexpr std::chrono::milliseconds kShortestPeriod(1);
 constexpr double kLongestDelay = 4e9;  // seconds, over a century; more does not fit the clock
 
 LoopCore::Time delay(double seconds) {
@@ -41,7 +52,7 @@ LoopTimer::~LoopTimer() {
 void LoopTimer::arm(double seconds) {
   const auto deadline = LoopCore::now() + delay(seconds);
   withheld_ = false;
-  core_->schedule(*this, deadline);
+  core_->schedule(*this, std::max(deadline, lastExpiry_ + kShortestPeriod));
 }
 
 void LoopTimer::disarm() {
@@ -54,6 +65,7 @@ bool LoopTimer::expire() {
     withheld_ = true;
     return false;
   }
+  lastExpiry_ = LoopCore::now();
   runGuarded(
       handler_, Event::kTimeout, [](TimeoutHandler& handler) { handler.timeout(); },
       [](TimeoutHandler& handler) { return handler.handleTimeoutException(); });

@@ -23,7 +23,8 @@ class LoopTimer final : public Timer,
   const Ptr<LoopCore> core_;
   TimeoutHandler& handler_;
   const FdEventHandler* const unlessAttached_;
-  int attachments_ = 0;    // of that handler
+  int attachments_ = 0;  // of that handler
+  LoopCore::Time lastExpiry_ = LoopCore::Time::min();
   bool withheld_ = false;  // due, and waiting for that handler to detach
 };
 

@@ -32,7 +32,8 @@ class KELVO_API Timer : public Counted {
  public:
   /// Leads to one `timeout()` call after `seconds`, which may be a fraction (finer than a
   /// millisecond holds true). Replaces an expiry that is still pending. Zero or less: at the loop's
-  /// next turn.
+  /// next turn. A timer expires at most once a millisecond: what would come sooner after its last
+  /// expiry is put off until then.
   /// @throws Kelvo::Exception if `seconds` is not a number, or if the kernel refuses; the timer is
   /// armed then all the same, and the loop tries again at its next turn.
   virtual void arm(double seconds) = 0;

@@ -1,3 +1,6 @@
+#include <stdexcept>
+
+#include "adapters/Guest.h"
 #include "tests/adapters/PollHost.h"
 
 #include "tests/adapters/LoopSuite.h"
@@ -17,6 +20,27 @@ TEST(PollAdapterAlone, TurnsOnlyWhenItsEntryWasReported) {
   ASSERT_EQ(poll(&entry, 1, 10000), 1);
   EXPECT_TRUE(adapter.dispatch(entry));
   EXPECT_EQ(fired, 1);
+}
+
+TEST(Guest, KeepsTheFirstExceptionIfATurnWithinATurnFailsToo) {
+  Kelvo::Adapters::Guest guest;
+  CallingTimer inner([] { throw std::runtime_error("inner"); });
+  CallingTimer outer([&] {
+    inner.arm(0);
+    while (guest.dispatch()) {
+    }
+    throw std::runtime_error("outer");
+  });
+  outer.arm(0);
+  while (guest.dispatch()) {
+  }
+  try {
+    guest.rethrow();
+    FAIL();
+  } catch (const std::runtime_error& error) {
+    EXPECT_STREQ(error.what(), "inner");
+  }
+  EXPECT_TRUE(guest.dispatch());
 }
 
 TEST(PollAdapterAlone, TakesAFalseReportForNothing) {

@@ -1,12 +1,14 @@
 // Callbacks: nested turns, and exceptions out of them.
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/epoll.h>
 
 #include <memory>
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "tests/kelvo/Handlers.h"
@@ -522,6 +524,21 @@ TEST_F(Callback, IsAskedThoughAnotherHandlerDiedMeanwhile) {
 
   EXPECT_TRUE(loop().dispatch());
   EXPECT_EQ(a_.asked, 1);
+}
+
+TEST_F(Callback, MayEndItsThreadWithoutBeingAskedAboutAnException) {
+  int asked = 0;
+  std::thread([&] {
+    Watcher watcher(endsA_.second.get());
+    watcher.onRead = [](int /*fd*/) { pthread_exit(nullptr); };
+    watcher.onException = [&](int /*fd*/) {
+      ++asked;
+      return true;
+    };
+    rawSend(endsA_.first.get(), "x");
+    loop().run();
+  }).join();
+  EXPECT_EQ(asked, 0);
 }
 
 // --- exceptions of timers ---

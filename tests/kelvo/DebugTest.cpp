@@ -2,19 +2,25 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <ctime>
 #include <functional>
+#include <locale>
 #include <memory>
 #include <regex>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/support/Faults.h"
@@ -302,11 +308,27 @@ TEST_F(DebugChannel, WritesTheTimeOfDayInUtc) {
   EXPECT_NEAR(static_cast<double>(timegm(&calendar)), static_cast<double>(time(nullptr)), 60);
 }
 
-TEST_F(DebugChannel, KeepsLineBreaksInTheTextFromBreakingTheLine) {
-  const auto line = standardErrorDuring([&] { log("one\ntwo\n"); });
-
-  EXPECT_THAT(line, testing::EndsWith("function: one two \n"));
-  EXPECT_EQ(std::count(line.begin(), line.end(), '\n'), 1);
+TEST_F(DebugChannel, MakesControlCharactersVisibleOnStandardError) {
+  const std::pair<std::string, std::string> texts[] = {
+      {"one\ntwo\n", R"(one\x0atwo\x0a)"},
+      {"\r\x1b[2J\t", R"(\x0d\x1b[2J\x09)"},
+      {std::string("a\0b\x7f", 4), R"(a\x00b\x7f)"},
+      {"\u0080 \u009b1m \u009f", R"(\xc2\x80 \xc2\x9b1m \xc2\x9f)"},  // C1
+      {"\x9b"
+       "1m \xff \xc0\x80",
+       R"(\x9b1m \xff \xc0\x80)"},  // no UTF-8
+      {"\xe2\x82", R"(\xe2\x82)"},  // cut short
+      {"\xe0\x80\x9b \xed\xa0\x80 \xf4\x90\x80\x80",
+       R"(\xe0\x80\x9b \xed\xa0\x80 \xf4\x90\x80\x80)"},  // not allowed
+      {"\xf8\x88\x80\x80\x80", R"(\xf8\x88\x80\x80\x80)"},
+      {"\u00a0 \u00fc \u07ff \u0800 \u20ac \uffff \U00010000 \U0010ffff ~",
+       "\u00a0 \u00fc \u07ff \u0800 \u20ac \uffff \U00010000 \U0010ffff ~"},  // characters
+      {R"({"a":"\n"})", R"({"a":"\n"})"},
+  };
+  for (const auto& [text, shown] : texts) {
+    EXPECT_THAT(standardErrorDuring([&, &logged = text] { log(logged); }),
+                testing::EndsWith("function: " + shown + "\n"));
+  }
 }
 
 TEST_F(DebugChannel, WritesEachRecordInOnePiece) {
@@ -363,6 +385,122 @@ TEST_F(DebugChannel, TakesASinkFromAnotherThread) {
   log("text");
 
   EXPECT_THAT(texts_, ElementsAre("text"));
+}
+
+TEST_F(DebugChannel, WritesNumbersAsTheyAreUnderAnyLocale) {
+  struct Grouping : std::numpunct<char> {
+    char do_thousands_sep() const override { return '.'; }
+    std::string do_grouping() const override { return "\3"; }
+    char do_decimal_point() const override { return ','; }
+  };
+  const std::locale before = std::locale::global(std::locale(std::locale(), new Grouping));
+  {
+    DebugStream stream;
+    stream << "fd = " << 1000 << ", " << 1234.5;
+    collect();
+    handler_->output(stream, 0, "file", "function", 1);
+  }
+  std::locale::global(before);
+  EXPECT_THAT(texts_, ElementsAre("fd = 1000, 1234.5"));
+}
+
+// --- threads that end, and forked children ---
+
+/// A thread that logs on that channel all the time.
+class Chatter {
+ public:
+  explicit Chatter(RawDebugHandler* handler)
+      : thread_([this, handler] {
+          while (!enough_) {
+            emit(handler, "chatter");
+            ++records_;
+          }
+        }) {
+    while (records_ == 0) {
+      std::this_thread::yield();
+    }
+  }
+  ~Chatter() {
+    enough_ = true;
+    thread_.join();
+  }
+
+ private:
+  std::atomic<bool> enough_{false};
+  std::atomic<int> records_{0};
+  std::thread thread_;
+};
+
+/// True if `child` exits with 0 within ten seconds.
+bool endsWell(pid_t child) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  int status = -1;
+  while (waitpid(child, &status, WNOHANG) == 0) {
+    if (std::chrono::steady_clock::now() > end) {
+      kill(child, SIGKILL);
+      waitpid(child, &status, 0);
+      break;
+    }
+    std::this_thread::yield();
+  }
+  return status == 0;
+}
+
+TEST_F(DebugChannel, NeverHangsInAChildThatWasForkedWhileAnotherThreadLogged) {
+  setDebugSink(name_, [](const DebugRecord&) { std::this_thread::yield(); });
+  const Chatter chatter(handler_);
+  for (int i = 0; i < 100; ++i) {
+    const pid_t child = fork();
+    if (child == 0) {
+      log("from a child");
+      setDebugSink(name_, nullptr);
+      _getRawDebugHandler(name_ + "-of-the-child", false);
+      _exit(0);
+    }
+    ASSERT_TRUE(endsWell(child)) << i;
+  }
+}
+
+TEST_F(DebugChannel, ServesAChildThatItsSinkHasForked) {
+  int calls = 0;
+  setDebugSink(name_, [&](const DebugRecord& record) {
+    ++calls;
+    const pid_t child = record.text == "fork" ? fork() : -1;
+    if (child == 0) {
+      log("dropped, as the sink still runs");
+      const Chatter other(_getRawDebugHandler(name_ + "-other", false));
+      std::thread([this] { log("from a thread of the child's"); }).join();
+      _exit(calls == 2 ? 0 : 1);
+    }
+    EXPECT_TRUE(child < 0 || endsWell(child));
+  });
+  standardErrorDuring([&] { log("fork"); });
+  EXPECT_EQ(calls, 1);
+}
+
+TEST_F(DebugChannel, OutlivesAThreadThatIsCancelledWhileItLogs) {
+  standardErrorDuring([&] {
+    for (int round = 0; round < 20; ++round) {
+      pthread_t thread{};
+      ASSERT_EQ(pthread_create(
+                    &thread, nullptr,
+                    [](void* handler) -> void* {
+                      while (true) {
+                        emit(static_cast<RawDebugHandler*>(handler), "until cancelled");
+                        pthread_testcancel();
+                      }
+                    },
+                    handler_),
+                0);
+      pthread_cancel(thread);
+      void* result = nullptr;
+      ASSERT_EQ(pthread_join(thread, &result), 0);
+      EXPECT_EQ(result, PTHREAD_CANCELED);
+    }
+  });
+  collect();
+  log("still here");
+  EXPECT_THAT(texts_, ElementsAre("still here"));
 }
 
 }  // namespace

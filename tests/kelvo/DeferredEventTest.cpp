@@ -113,6 +113,7 @@ TEST_F(StuckWriter, StartsWithShortPausesAgainAfterItSwitchedItsInterestOffAndOn
 }
 
 TEST_F(StuckWriter, DoublesItsPausesFromOneMillisecondOn) {
+  turnUntilWrites(3);  // so that no attempt begins with the very first pause
   Clock::duration firstPause = 10s;
   Clock::duration fourPauses = 10s;
   for (int attempt = 0; attempt < 20; ++attempt) {

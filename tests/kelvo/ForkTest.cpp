@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <functional>
 #include <memory>
 #include <string>
@@ -12,12 +15,24 @@
 #include "tests/support/Faults.h"
 
 using namespace std::chrono_literals;
+using Kelvo::Platform::EventLoop;
 
 namespace {
 
+/// Ways to make a child process; all but the first run no handlers of the C library.
+pid_t withFork() {
+  return fork();
+}
+pid_t withPlainFork() {
+  return _Fork();
+}
+pid_t withClone() {
+  return static_cast<pid_t>(syscall(SYS_clone, SIGCHLD, nullptr, nullptr, nullptr, nullptr));
+}
+
 /// Runs `action` in a forked child, which reports whether it returned true.
-bool inChild(const std::function<bool()>& action) {
-  const pid_t child = fork();
+bool inChild(const std::function<bool()>& action, pid_t (*forkNow)() = withFork) {
+  const pid_t child = forkNow();
   if (child == 0) {
     _exit(action() ? 0 : 1);
   }
@@ -64,6 +79,21 @@ TEST_F(ForkedChild, CannotTurnItsParentsLoop) {
   EXPECT_TRUE(inChild([] { return isRefused([] { loop().run(); }); }));
   EXPECT_TRUE(inChild([] { return isRefused([] { loop().runOnce(1ms); }); }));
   EXPECT_TRUE(inChild([] { return isRefused([] { loop().dispatch(); }); }));
+  expectParentUnharmed();
+}
+
+TEST_F(ForkedChild, IsToldFromItsParentHoweverItWasForked) {
+  for (const auto forkNow : {withFork, withPlainFork, withClone}) {
+    const auto tidyUp = [this] {
+      const bool refused = isRefused([] { loop().dispatch(); });
+      watcher_.reset();
+      alarm_.reset();
+      loop().stop();
+      return refused;
+    };
+    EXPECT_TRUE(inChild(tidyUp, forkNow));
+    EXPECT_TRUE(inChild([&] { return inChild(tidyUp, forkNow); }, forkNow));
+  }
   expectParentUnharmed();
 }
 
@@ -198,6 +228,115 @@ TEST_F(ForkedChild, CausesNoEventsWithADuplicateThatItHolds) {
 
   writer.reset();
   EXPECT_EQ(waitpid(child, nullptr, 0), child);
+}
+
+// --- a loop of the child's own ---
+
+/// That this thread's loop serves a descriptor and a timer.
+bool loopServes() {
+  const auto ends = rawPair();
+  Watcher watcher(ends.first.get());
+  watcher.onRead = [](int fd) { rawReceiveNow(fd); };
+  Alarm alarm;
+  alarm.timer->arm(0.001);
+  rawSend(ends.second.get(), "x");
+  int posted = 0;
+  loop().post([&posted] { ++posted; });
+  return turnUntil([&] { return watcher.reads == 1 && alarm.fired == 1 && posted == 1; });
+}
+
+TEST_F(ForkedChild, GetsALoopOfItsOwnHoweverItWasForked) {
+  for (const auto forkNow : {withFork, withPlainFork, withClone}) {
+    const auto renew = [] {
+      EventLoop& before = loop();
+      EventLoop::renewAfterFork();
+      return &before == &loop() && loopServes();
+    };
+    EXPECT_TRUE(inChild(renew, forkNow));
+    EXPECT_TRUE(inChild([&] { return inChild(renew, forkNow); }, forkNow)) << "as a daemon does";
+    EXPECT_TRUE(inChild([&] { return renew() && inChild(renew, forkNow); }, forkNow));
+  }
+  expectParentUnharmed();
+}
+
+TEST_F(ForkedChild, IsStillRefusedWhatBelongsToItsParentsLoop) {
+  const auto remote = loop().remote();
+  EXPECT_TRUE(inChild([&] {
+    EventLoop::renewAfterFork();
+    const bool refused = isRefused([this] { alarm_->timer->arm(0); }) &&
+                         isRefused([this] { watcher_->control->setWriteInterest(true); }) &&
+                         !remote.post([] {});
+    watcher_.reset();
+    alarm_.reset();
+    return refused && loopServes();
+  }));
+  expectParentUnharmed();
+}
+
+TEST_F(ForkedChild, MayRenewItsLoopInsideACallback) {
+  putOffAlarm();
+  const pid_t self = getpid();
+  pid_t child = -1;
+  watcher_->onRead = [&](int fd) {
+    rawReceiveNow(fd);
+    child = fork();
+    if (child == 0) {
+      EventLoop::renewAfterFork();
+      watcher_.reset();
+      alarm_.reset();
+      if (!loopServes()) {
+        _exit(1);
+      }
+    }
+  };
+  rawSend(ends_.second.get(), "x");
+  const std::string thrown = thrownBy([] { loop().runOnce(5s); });
+  if (getpid() != self) {
+    _exit(loopServes() ? 0 : 1);
+  }
+  EXPECT_EQ(thrown, "<nothing thrown>");
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+}
+
+TEST_F(ForkedChild, HasItsOwnStop) {
+  EXPECT_TRUE(inChild([] {
+    EventLoop::renewAfterFork();
+    std::thread([&mine = loop()] { mine.stop(); }).join();
+    loop().run();
+    return true;
+  }));
+  putOffAlarm();
+  EXPECT_FALSE(somethingIsDue());
+}
+
+TEST_F(ForkedChild, KeepsItsLoopIfItIsItsOwnAlready) {
+  EventLoop::renewAfterFork();
+  expectParentUnharmed();
+  EXPECT_TRUE(inChild([] {
+    EventLoop::renewAfterFork();
+    const auto ends = rawPair();
+    const Watcher watcher(ends.first.get());
+    rawSend(ends.second.get(), "x");
+    EventLoop::renewAfterFork();
+    loop().dispatch();
+    return watcher.reads == 1;
+  }));
+}
+
+TEST_F(ForkedChild, KeepsTheOldLoopIfTheKernelRefusesANewOne) {
+  EXPECT_TRUE(inChild([] {
+    {
+      const Faults::Fail fail(Faults::Call::kEpollCreate, EMFILE);
+      if (thrownBy([] { EventLoop::renewAfterFork(); }) == "<nothing thrown>") {
+        return false;
+      }
+    }
+    const bool refused = isRefused([] { loop().dispatch(); });
+    EventLoop::renewAfterFork();
+    return refused && loopServes();
+  }));
 }
 
 }  // namespace

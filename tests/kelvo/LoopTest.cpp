@@ -180,6 +180,18 @@ TEST_F(Loop, EndsAtOnceIfAnotherThreadStoppedItBeforeItRan) {
   EXPECT_EQ(watcher.reads, 0);
 }
 
+TEST_F(Loop, HearsOfAnotherThreadsStopThroughItsDescriptorAlone) {
+  std::thread([&mine = loop()] {
+    const Faults::Fail fail(Faults::Call::kWrite, EAGAIN);
+    mine.stop();
+  }).join();
+  Alarm alarm;
+  alarm.onTimeout = [] { loop().stop(); };
+  alarm.timer->arm(0);
+  loop().run();
+  EXPECT_EQ(alarm.fired, 1);
+}
+
 TEST_F(Loop, IsEndedOnceByOneStop) {
   guard();
   loop().stop();

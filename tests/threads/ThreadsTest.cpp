@@ -95,6 +95,34 @@ TEST(Threads, EachWithItsOwnLoopServeBlockingClientsInOtherThreads) {
   }
 }
 
+TEST(Threads, SetSinksWhileOthersLog) {
+  using namespace Kelvo::Platform;
+  const std::string channel = uniqueName();
+  RawDebugHandler* const handler = _getRawDebugHandler(channel, true);
+  std::atomic<int> records{0};
+  setDebugSink(channel, [&records](const DebugRecord&) { ++records; });
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&, i] {
+      for (int round = 0; round < kMessages; ++round) {
+        DebugStream stream;
+        handler->output(stream, 0, "file", "function", round);
+        const auto sink = std::make_shared<std::atomic<int>>(0);
+        setDebugSink(channel, [&records, sink](const DebugRecord&) {
+          ++*sink;
+          ++records;
+        });
+        _getRawDebugHandler(channel + std::to_string((i + round) % 20), false)->setMask(0);
+      }
+    });
+  }
+  for (auto& thread : threads) {
+    thread.join();
+  }
+  setDebugSink(channel, nullptr);
+  EXPECT_EQ(records, kThreads * kMessages);
+}
+
 TEST(Threads, ShareOneServerThroughClientsOfTheirOwn) {
   const ServerThread server;
   std::vector<std::thread> clients;

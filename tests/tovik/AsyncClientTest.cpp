@@ -688,6 +688,15 @@ TEST_F(AsyncClient, ConnectsThoughItsServerAndManyOthersLiveOnTheSameLoop) {
   EXPECT_TRUE(turnUntil([&] { return connects == 20; }));
 }
 
+TEST_F(AsyncClient, TriesAtMostOnceAMillisecondHoweverShortItsInterval) {
+  for (const int interval : {0, -1}) {
+    WatchedClient client(uniqueName(), nullptr, nullptr, interval);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(turnUntil([&] { return client.terminations() >= 21; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(20));
+  }
+}
+
 TEST_F(AsyncClient, LivesBesideOthersOfTheSameServer) {
   connect(0);
   int others = 0;

@@ -5,6 +5,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -396,6 +397,33 @@ TEST_F(Server, DoesNotSpinOnAListeningSocketThatAChildHasShutDown) {
   EXPECT_LE(log.lines().size(), 10U);
   EXPECT_GE(log.lines().size(), 3U);
   EXPECT_THAT(log.lines(), Each(errorLine("accept()", EINVAL)));
+}
+
+/// That a client of this process is served under that name.
+bool servesUnder(const std::string& name) {
+  const Fd client = rawConnect(name);
+  rawSend(client.get(), kSubscribe);
+  return turnUntil([&] {
+           pollfd query{client.get(), POLLIN, 0};
+           return ::poll(&query, 1, 0) == 1;
+         }) &&
+         rawReceiveNow(client.get()) == kAccepted;
+}
+
+TEST_F(Server, WorksInAForkedChildWithALoopOfItsOwnAndGoesOnInTheParent) {
+  if (const pid_t child = ::_Fork(); child == 0) {
+    Kelvo::Platform::EventLoop::renewAfterFork();
+    server.reset();
+    const std::string ownName = uniqueName();
+    const Tovik::Server own(
+        ownName, [](Tovik::Connection&, const Tovik::Message&) {}, admitAll);
+    ::_exit(servesUnder(ownName) ? 0 : 1);
+  } else {
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+  }
+  EXPECT_TRUE(servesUnder(name));
 }
 
 TEST_F(Server, AcceptsAtOnceAfterAClientThatGaveUp) {
