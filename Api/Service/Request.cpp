@@ -74,10 +74,22 @@ void Request::refuse(std::string_view name, const char* type) {
   throw Refusal(EINVAL, "argument '" + std::string(name) + "' is missing or no " + type);
 }
 
+/// A last copy that goes on another thread leaves the answer to the loop's.
 Request::Call::~Call() {
-  if (!isAnswered) {
-    answer(EIO, nullptr, "the service has not answered", false);
+  if (isAnswered) {
+    return;
   }
+  if (std::this_thread::get_id() == home->thread) {
+    answer(EIO, nullptr, "the service has not answered", false);
+    return;
+  }
+  home->loop.post([home = home, session = session, id = id, turn = turn, inFlight = isInFlight] {
+    Call left(home);
+    left.session = session;
+    left.id = id;
+    left.turn = turn;
+    left.isInFlight = inFlight;
+  });
 }
 
 bool Request::Call::answer(unsigned status, const rapidjson::Value* result, std::string_view error,

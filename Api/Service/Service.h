@@ -95,10 +95,10 @@ class TOVIK_API Refusal : public std::runtime_error {
 };
 
 /// One call of a command. A handle: copies stand for the same call. A handler may answer at once,
-/// or keep a copy and answer later, from a timer or from what a worker thread posts to the loop;
-/// copies may be moved to other threads, but are used on the service's. A call whose last copy goes
-/// without an answer is answered with 5. All this is safe when the client, or the service, has
-/// gone.
+/// or keep a copy and answer later, from a timer or from what a worker thread posts to the loop.
+/// Other threads may hold and drop copies; everything else is for the service's thread. A call
+/// whose last copy goes without an answer is answered with 5. All this is safe when the client, or
+/// the service, has gone.
 class TOVIK_API Request {
  public:
   struct TOVIK_INTERNAL Call;  ///< Private.

@@ -13,13 +13,16 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "Api/Json/Server.h"
 #include "Api/Service/Link.h"
 #include "Api/Service/Service.h"
+#include "Kelvo/Platform/EventLoop.h"
 
 namespace Tovik {
 
@@ -56,13 +59,19 @@ class Listener final : public Server {
   ucred peer_{};
 };
 
+/// Where calls belong: the thread of the service's loop, and the way there.
+struct Home {
+  const std::thread::id thread = std::this_thread::get_id();
+  const Kelvo::Platform::EventLoop::Remote loop = Kelvo::Platform::EventLoop::current().remote();
+};
+
 /// One call, until it has been answered.
 struct Request::Call {
   /// The answers to calls without an id, in the order of the calls. What is answered out of turn
   /// waits here for those before it; an empty text is an answer that is not sent.
   using Turns = std::list<std::optional<std::string>>;
 
-  Call() : message(&pool) {}
+  explicit Call(std::shared_ptr<const Home> where) : message(&pool), home(std::move(where)) {}
   Call(const Call&) = delete;
   Call& operator=(const Call&) = delete;
   ~Call();
@@ -72,6 +81,7 @@ struct Request::Call {
   // A record's values take little room; the default would be 64 KiB for each call.
   rapidjson::MemoryPoolAllocator<> pool{512};
   Message message;
+  std::shared_ptr<const Home> home;
   std::weak_ptr<ServedSession> session;
   std::optional<std::uint64_t> id;
   Turns::iterator turn;     // if there is no id
@@ -142,6 +152,7 @@ struct Service::Core {
 
   const std::string name;
   const ServiceOptions options;
+  const std::shared_ptr<const Home> home = std::make_shared<const Home>();
   std::string head;  // what the description begins with, the brace not closed
   std::map<std::string, std::shared_ptr<const Command>, std::less<>> commands;
   std::map<std::string, Feed, std::less<>> feeds;

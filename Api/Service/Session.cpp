@@ -48,7 +48,7 @@ ServedSession::ServedSession(Service::Core& core, std::uint64_t number, const uc
 
 void ServedSession::onRecord(const char* text) {
   const auto self = shared_from_this();  // handlers may destroy the service
-  const auto call = std::make_shared<Request::Call>();
+  const auto call = std::make_shared<Request::Call>(core_->home);
   Convention::parse(call->message, text);
   if (takeIn(*call)) {
     call->session = self;
@@ -57,7 +57,7 @@ void ServedSession::onRecord(const char* text) {
 }
 
 void ServedSession::onTooLong(std::size_t size) {
-  Request::Call call;
+  Request::Call call(core_->home);
   if (takeIn(call)) {
     call.session = weak_from_this();
     call.answer(EMSGSIZE, nullptr, "a record has at most 4094 bytes, not " + std::to_string(size),

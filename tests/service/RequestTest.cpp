@@ -4,6 +4,7 @@
 
 #include <limits>
 #include <thread>
+#include <utility>
 
 #include "Api/Json/Client.h"
 #include "tests/service/Lamp.h"
@@ -91,6 +92,26 @@ TEST_F(Request, IsAnsweredWith5IfTheHandlerThrowsSomethingElse) {
 
 TEST_F(Request, IsAnsweredWith5IfItIsDropped) {
   EXPECT_THAT(ask(R"({"command":"drop","id":1})"), HasSubstr(R"("status":5,"id":1)"));
+}
+
+TEST_F(Request, IsAnsweredByAWorkerThroughTheLoop) {
+  auto& loop = Kelvo::Platform::EventLoop::current();
+  tell(R"({"command":"keep","id":1})");
+  std::thread worker([&loop, request = lamp_.kept[0]]() mutable {
+    loop.post([request]() mutable { request.reply("worked"); });
+  });
+  lamp_.kept.clear();
+  EXPECT_EQ(next(), R"({"type":"reply","status":0,"id":1,"result":"worked"})");
+  worker.join();
+}
+
+TEST_F(Request, MayBeDroppedByAWorker) {
+  tell(R"({"command":"keep","id":1})");
+  tell(R"({"command":"keep"})");
+  std::thread worker([requests = std::exchange(lamp_.kept, {})]() mutable { requests.clear(); });
+  EXPECT_THAT(next(), HasSubstr(R"("status":5,"id":1)"));
+  EXPECT_THAT(next(), HasSubstr(R"("status":5,"error")"));
+  worker.join();
 }
 
 TEST_F(Request, MayBeAnsweredLaterAndInAnyOrder) {
