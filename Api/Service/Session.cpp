@@ -84,7 +84,8 @@ bool ServedSession::takeIn(Request::Call& call) {
 
 void ServedSession::dispatch(const std::shared_ptr<Request::Call>& call) {
   const Message& message = call->message;
-  const auto refuse = [&call](int status, const std::string& text) {
+  const auto refuse = [this, &call](int status, const std::string& text) {
+    TOVIK_SERVICE_LOG(1, "session " << number() << ", pid " << pid() << ": refused: " << text);
     call->answer(static_cast<unsigned>(status), nullptr, text, false);
   };
   if (!message.IsObject()) {
