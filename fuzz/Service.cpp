@@ -33,7 +33,7 @@ class Conversation {
          Tovik::optional<std::vector<std::int8_t>>("numbers", "")},
         [](Tovik::Request request) { request.reply(request.get<Tovik::Message>("value")); });
     service_.command("get", "Looks at what was not declared.", {}, [](Tovik::Request request) {
-      request.reply(request.get<std::map<std::string, std::uint16_t>>("value"));
+      request.reply(request.get<std::vector<std::optional<std::uint16_t>>>("value"));
     });
     service_.topic("t", {"Events.", Tovik::Topic::kKeepLast});
     turnUntilIdle();

@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <limits>
-#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -48,8 +47,8 @@ inline void setText(Value& value, std::string_view text, Allocator& allocator) {
 template <class T>
 void set(Value& value, const T& from, Allocator& allocator) {
   static_assert(kKnown<std::decay_t<T>>,
-                "no JSON for this type: take bool, a number, a text, an optional, a vector, a map "
-                "from std::string, a Message, or specialise Tovik::Json");
+                "no JSON for this type: take bool, a number, a text, an optional, a vector, a "
+                "Message, or specialise Tovik::Json");
   if constexpr (kKnown<std::decay_t<T>>) {
     Json<std::decay_t<T>>::to(value, from, allocator);
   }
@@ -81,8 +80,8 @@ void addMembers(Message& msg, std::string_view name, const T& value, const Rest&
 /// @endcond
 
 /// A message that is an object with these members: names and values in turns. Values are bool,
-/// numbers, texts, `nullptr`, optionals (an empty one leaves its member out), vectors, maps from
-/// std::string, and other messages, nested as one likes.
+/// numbers, texts, `nullptr`, optionals (an empty one leaves its member out), vectors, and other
+/// messages, nested as one likes.
 template <class... Members>
 Message object(const Members&... namesAndValues) {
   static_assert(sizeof...(namesAndValues) % 2 == 0, "object takes names and values in turns");
@@ -216,39 +215,6 @@ struct Json<std::vector<T>> {
       rapidjson::Value added;
       Internal::set(added, static_cast<const T&>(element), allocator);  // bool: a proxy otherwise
       value.PushBack(added, allocator);
-    }
-  }
-};
-
-template <class T>
-struct Json<std::map<std::string, T>> {
-  static constexpr const char* kName = "object";
-  static bool is(const rapidjson::Value& value) {
-    if (!value.IsObject()) {
-      return false;
-    }
-    for (const auto& member : value.GetObject()) {
-      if (!Json<T>::is(member.value)) {
-        return false;
-      }
-    }
-    return true;
-  }
-  static std::map<std::string, T> from(const rapidjson::Value& value) {
-    std::map<std::string, T> members;
-    for (const auto& member : value.GetObject()) {
-      members.emplace(Json<std::string>::from(member.name), Json<T>::from(member.value));
-    }
-    return members;
-  }
-  static void to(rapidjson::Value& value, const std::map<std::string, T>& from,
-                 Internal::Allocator& allocator) {
-    value.SetObject();
-    for (const auto& [name, element] : from) {
-      rapidjson::Value key, member;
-      Internal::setText(key, name, allocator);
-      Internal::set(member, element, allocator);
-      value.AddMember(key, member, allocator);
     }
   }
 };

@@ -52,7 +52,11 @@ class Parts {
  public:
   Parts(Request request, std::string head) : request_(std::move(request)), text_(std::move(head)) {}
 
+  /// Once a part was refused, the caller knows, and nothing more is sent.
   void add(const char* list, const std::string& entry) {
+    if (!request_.isOpen()) {
+      return;
+    }
     const std::string begin = R"(")" + std::string(list) + R"(":[)";
     if (text_.size() + begin.size() + entry.size() > kLongestPart) {
       request_.more(part());
@@ -68,7 +72,11 @@ class Parts {
     list_ = list;
   }
 
-  void finish() { request_.reply(part()); }
+  void finish() {
+    if (request_.isOpen()) {
+      request_.reply(part());
+    }
+  }
 
  private:
   void closeList() { text_ += list_ == nullptr ? "" : "]"; }
@@ -155,16 +163,34 @@ void Service::Core::leave(ServedSession& session) {
   }
 }
 
-void Service::Core::publish(Feed& feed, std::string text) const {
-  const auto shared = std::make_shared<const std::string>(std::move(text));
+int Service::Core::publish(std::string_view topic, const Message& message) {
+  const auto found = feeds.find(topic);
+  if (found == feeds.end() || message.HasParseError() || !message.IsObject() ||
+      message.HasMember("type") || message.HasMember("topic") || message.HasMember("snapshot")) {
+    return EINVAL;
+  }
+  auto body = Convention::textOf(message);
+  if (!body.has_value()) {
+    return EINVAL;
+  }
+  Feed& feed = found->second;
+  const bool keeps = feed.topic.memory == Topic::kKeepLast;
+  const auto text = std::make_shared<const std::string>(Convention::joined(feed.head, *body));
+  if (text->size() + (keeps ? kSnapshotMark : 0) > Convention::kLongestRecord) {
+    return EMSGSIZE;
+  }
+  if (keeps) {
+    feed.last = std::move(body);
+  }
   for (ServedSession* session : feed.followers) {
     if (!session->followsAll()) {
-      session->deliver(feed, shared);
+      session->deliver(feed, text);
     }
   }
   for (ServedSession* session : followAll) {
-    session->deliver(feed, shared);
+    session->deliver(feed, text);
   }
+  return 0;
 }
 
 void Service::Core::describe(Request request) const {
@@ -207,26 +233,12 @@ void Service::topic(const std::string& name, Topic topic) {
 }
 
 int Service::publish(std::string_view topic, const Message& message) {
-  const auto found = core_->feeds.find(topic);
-  if (found == core_->feeds.end() || message.HasParseError() || !message.IsObject() ||
-      message.HasMember("type") || message.HasMember("topic") || message.HasMember("snapshot")) {
-    return EINVAL;
+  const int status = core_->publish(topic, message);
+  if (status != 0) {
+    TOVIK_SERVICE_LOG(0, core_->name << ": an event of topic '" << topic
+                                     << "' is refused: " << std::strerror(status));
   }
-  Feed& feed = found->second;
-  auto body = Convention::textOf(message);
-  if (!body.has_value()) {
-    return EINVAL;
-  }
-  const bool keeps = feed.topic.memory == Topic::kKeepLast;
-  auto text = Convention::joined(feed.head, *body);
-  if (text.size() + (keeps ? kSnapshotMark : 0) > Convention::kLongestRecord) {
-    return EMSGSIZE;
-  }
-  if (keeps) {
-    feed.last = std::move(body);
-  }
-  core_->publish(feed, std::move(text));
-  return 0;
+  return status;
 }
 
 void Service::onJoin(SessionHandler handler) {

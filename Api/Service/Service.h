@@ -183,8 +183,8 @@ struct Argument {
   bool (*accepts)(const rapidjson::Value&);
 };
 
-/// An argument that has to be there and readable as a `T`: bool, a number, std::string, a vector, a
-/// map, or `Message` for any JSON.
+/// An argument that has to be there and readable as a `T`: bool, a number, std::string, a vector,
+/// or `Message` for any JSON.
 template <class T>
 Argument required(std::string name, std::string description) {
   return {std::move(name), std::move(description), Json<T>::kName, true, &Json<T>::is};
@@ -262,10 +262,10 @@ class TOVIK_API Service {
   /// record.
   void topic(const std::string& name, Topic topic);
 
-  /// Sends an object to all who follow the topic.
+  /// Sends an object to all who follow the topic. A refusal is logged, too.
   /// @return 0; 22, and nothing is sent, if there is no such topic, the message is no object, holds
   /// what JSON cannot express, or has a member "type", "topic" or "snapshot"; 90 if it is too long.
-  [[nodiscard]] int publish(std::string_view topic, const Message& message);
+  int publish(std::string_view topic, const Message& message);
 
   /// Called when a client was admitted, and when its connection has ended. The latter is not called
   /// for those who are there when the service is destroyed.

@@ -147,7 +147,7 @@ struct Service::Core {
 
   void join(int fd, const ucred& peer);
   void leave(ServedSession& session);
-  void publish(Feed& feed, std::string text) const;
+  int publish(std::string_view topic, const Message& message);
   void describe(Request request) const;
 
   const std::string name;

@@ -180,6 +180,9 @@ TEST(Service, DescribesItselfInAsManyPartsAsItTakes) {
   }
   EXPECT_EQ(commands, 100U);
   EXPECT_EQ(topics, 100U);
+  EXPECT_THAT(Lamp::ask(client, R"({"command":"describe"})"), HasSubstr(R"("status":90)"));
+  turnUntilIdle();
+  EXPECT_EQ(rawReceiveNow(client.get()), "<nothing>");
 }
 
 TEST(Service, CannotHaveADescriptionThatFitsNoRecord) {
