@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "Api/Service/Proxy.h"
+#include "Kelvo/Platform/EventLoop.h"
 
 /// @file
 /// Coroutines, for C++20:
@@ -36,40 +37,37 @@ struct TaskResult<void> {
 /// @endcond
 
 /// A coroutine that starts at once and runs in the loop. Another task gets its result with
-/// `co_await`. A task that is dropped runs on to its end by itself; what it throws then leaves
-/// through the loop. So a proxy that a task waits for may be destroyed: the call ends as lost.
+/// `co_await`. A task that is dropped runs on to its end by itself. What it throws leaves through
+/// the loop if nobody waits for it. So a proxy that a task waits for may be destroyed: the call
+/// ends as lost.
 template <class T = void>
 class [[nodiscard]] Task {
  public:
+  struct promise_type;
+  using Handle = std::coroutine_handle<promise_type>;
+
   struct promise_type : Internal::TaskResult<T> {
     std::coroutine_handle<> waiting = std::noop_coroutine();
     std::exception_ptr failure;
     bool isDropped = false;
 
-    /// Goes on with whoever waits; the frame of a dropped task has nobody else to destroy it.
+    /// Goes on with the one who waits; the frame of a dropped task has nobody else to destroy it.
     struct Final {
       bool await_ready() noexcept { return false; }
-      std::coroutine_handle<> await_suspend(std::coroutine_handle<promise_type> task) noexcept {
+      std::coroutine_handle<> await_suspend(Handle task) noexcept {
         const auto next = task.promise().waiting;
         if (task.promise().isDropped) {
-          task.destroy();
+          destroy(task);
         }
         return next;
       }
       void await_resume() noexcept {}
     };
 
-    Task get_return_object() {
-      return Task(std::coroutine_handle<promise_type>::from_promise(*this));
-    }
+    Task get_return_object() { return Task(Handle::from_promise(*this)); }
     std::suspend_never initial_suspend() noexcept { return {}; }
     Final final_suspend() noexcept { return {}; }
-    void unhandled_exception() {
-      if (isDropped) {
-        throw;  // the frame is destroyed by the language
-      }
-      failure = std::current_exception();
-    }
+    void unhandled_exception() { failure = std::current_exception(); }
   };
 
   Task(Task&& other) noexcept : handle_(std::exchange(other.handle_, {})) {}
@@ -79,7 +77,7 @@ class [[nodiscard]] Task {
   }
   ~Task() {
     if (handle_ && handle_.done()) {
-      handle_.destroy();
+      destroy(handle_);
     } else if (handle_) {
       handle_.promise().isDropped = true;
     }
@@ -90,16 +88,25 @@ class [[nodiscard]] Task {
     handle_.promise().waiting = waiting;
   }
   T await_resume() {
-    if (handle_.promise().failure) {
-      std::rethrow_exception(handle_.promise().failure);
+    if (auto failure = std::exchange(handle_.promise().failure, nullptr)) {
+      std::rethrow_exception(failure);
     }
     return handle_.promise().take();
   }
 
  private:
-  explicit Task(std::coroutine_handle<promise_type> handle) : handle_(handle) {}
+  explicit Task(Handle handle) : handle_(handle) {}
 
-  std::coroutine_handle<promise_type> handle_;
+  /// A failure that nobody has seen leaves through the loop.
+  static void destroy(Handle task) {
+    const auto failure = task.promise().failure;
+    task.destroy();
+    if (failure) {
+      Kelvo::Platform::EventLoop::current().post([failure] { std::rethrow_exception(failure); });
+    }
+  }
+
+  Handle handle_;
 };
 
 }  // namespace Tovik

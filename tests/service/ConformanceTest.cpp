@@ -27,8 +27,9 @@ Tovik::Message suite() {
 }
 
 std::vector<std::string> casesOf(const char* side) {
+  const auto all = suite();
   std::vector<std::string> names;
-  for (const auto& one : suite()[side].GetArray()) {
+  for (const auto& one : all[side].GetArray()) {
     names.emplace_back(one["name"].GetString());
   }
   return names;

@@ -57,11 +57,15 @@ TEST(Task, EndsWithItsProxy) {
 TEST(Task, ThrowsThroughTheLoopIfNobodyWaits) {
   const Lamp lamp;
   Tovik::Proxy proxy(lamp.name());
+  const auto refuse = [](Tovik::Proxy& of) -> Tovik::Task<> {
+    co_await of.call(object("command", "switch", "on", true), 10s);
+    throw std::runtime_error("mine");
+  };
+  { const auto dropped = refuse(proxy); }
+  EXPECT_THROW(turnUntil([] { return false; }), std::runtime_error);
   {
-    const auto task = [](Tovik::Proxy& of) -> Tovik::Task<> {
-      co_await of.call(object("command", "switch", "on", true), 10s);
-      throw std::runtime_error("mine");
-    }(proxy);
+    const auto ended = refuse(proxy);
+    turnUntil([&ended] { return ended.await_ready(); });
   }
   EXPECT_THROW(turnUntil([] { return false; }), std::runtime_error);
 }
