@@ -1,4 +1,4 @@
-# find_package(Tovik) gives the targets Tovik::Tovik and Kelvo::Kelvo.
+# find_package(Tovik) gives the targets Tovik::Tovik, Tovik::Service and Kelvo::Kelvo.
 #
 # The library's headers include RapidJSON's, so an application needs those to compile.
 if(NOT TARGET Tovik::RapidJSON)

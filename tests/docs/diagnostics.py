@@ -86,9 +86,10 @@ def logged():
     found = set()
     for path in sources("Api/**/*.cpp", "Api/**/*.h", "Kelvo/**/*.cpp", "Kelvo/**/*.h"):
         text = without_comments(path.read_text())
-        for match in re.finditer(r"(?<!define )\bTOVIK_LOG\(", text):
+        for match in re.finditer(r"(?<!define )\bTOVIK_(SERVICE_)?LOG\(", text):
             level, _, chain = balanced(text, match.end() - 1).partition(",")
-            name = re.search(rf"#define TOVIK_SOURCE_PATH {LITERAL}", text).group(1)
+            name = ("Api/Service" if match.group(1) else
+                    re.search(rf"#define TOVIK_SOURCE_PATH {LITERAL}", text).group(1))
             found.add((name, level.strip(), template(chain.strip())))
     return found
 
@@ -108,6 +109,7 @@ def thrown():
 
 
 def what_is_thrown(kind, argument, text):
+    kind = kind.removeprefix("Kelvo::")
     if kind == "SocketException":
         known = getattr(errno, argument, None)
         return kind, os.strerror(known) if known else "{}", "true"
@@ -133,7 +135,8 @@ class Texts(unittest.TestCase):
         for heading, source in (("Log: servers", "Api/Json/Server"),
                                 ("Log: a server's connections", "Api/Json/Connection"),
                                 ("Log: sending and reading", "Api/Json/Async"),
-                                ("Log: clients", "Api/Json/Client")):
+                                ("Log: clients", "Api/Json/Client"),
+                                ("Log: services and proxies", "Api/Service")):
             self.assertIn(f"## {heading}\n\nFrom `{source}`", page())
             listed |= {(source, level, without_names(text))
                        for level, text, _cause, _remedy in rows(heading)}
@@ -146,7 +149,9 @@ class Texts(unittest.TestCase):
                   for file, text, *_ in rows("Exceptions of the library") if "/" in file}
         listed |= {(file, "Exception", without_names(text), external)
                    for file, text, external, *_ in rows("Exceptions of the base library")}
-        found = thrown()
+        listed |= {(file, "Exception", without_names(text), external)
+                   for file, text, external, _cause in rows("Exceptions of services and proxies")}
+        found = {entry for entry in thrown() if entry[1] != "Refusal"}  # which is an answer
         standard = {entry for entry in found if entry[1].startswith("std::")}
         self.assertEqual({(file, kind) for file, kind, *_ in standard},
                          {("Kelvo/Platform/EventLoop.cpp", "std::bad_alloc")})

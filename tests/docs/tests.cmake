@@ -23,7 +23,7 @@ endif()
 # The guides: what a reader would type, and the recipes' C++ in a program of tests.
 set(snippets ${CMAKE_CURRENT_LIST_DIR}/snippets.py)
 if(TARGET tovik_tool)
-  foreach(guide IN ITEMS docs/tutorial docs/recipes docs/why python/README)
+  foreach(guide IN ITEMS docs/tutorial docs/service docs/recipes docs/why python/README)
     string(REPLACE "/" "_" name ${guide})
     add_test(NAME docs.GuideWorks_${name}
              COMMAND Python3::Interpreter -B -W error ${snippets}

@@ -5,16 +5,18 @@ import shutil
 
 from package import HERE, LIB, PREFIX, WORK, check, compilers, flags, install, run, start
 
-APPLICATION = HERE / "conversation.cpp"
+APPLICATIONS = {"tovik": HERE / "conversation.cpp",
+                "tovik-service": HERE / "consumers" / "service.cpp"}
 
 
 def converse(compiler, standard, prefix):
-    program = WORK / "conversation"
-    run([compiler, f"-std={standard}", "-Wall", "-Wextra", "-Werror", APPLICATION, "-o", program,
-         *flags(prefix, "--cflags", "--libs")])
-    done = start(program, libraries=[prefix / LIB])
-    check(done.returncode == 0 and not done.stdout + done.stderr,
-          f"{compiler} -std={standard}: {done}")
+    for module, source in APPLICATIONS.items():
+        program = WORK / "conversation"
+        run([compiler, f"-std={standard}", "-Wall", "-Wextra", "-Werror", source, "-o", program,
+             *flags(prefix, "--cflags", "--libs", module=module)])
+        done = start(program, libraries=[prefix / LIB])
+        check(done.returncode == 0 and not done.stdout + done.stderr,
+              f"{compiler} -std={standard} {module}: {done}")
 
 
 for each in compilers():

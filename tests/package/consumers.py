@@ -34,8 +34,10 @@ def consume(name, compiler, way, standards, *options):
     build = project / "build"
     said = run(command) + run(["cmake", "--build", build, "--parallel", "2"])
     for standard in standards:
-        done = start(build / f"application-{standard}", libraries=[])
-        check(done.returncode == 0 and not done.stdout + done.stderr, f"{name} {standard}: {done}")
+        for program in (f"application-{standard}", f"service-{standard}"):
+            done = start(build / program, libraries=[])
+            check(done.returncode == 0 and not done.stdout + done.stderr,
+                  f"{name} {program}: {done}")
     return build, said
 
 
@@ -103,10 +105,10 @@ def fetch():
     check(linked(build), "a shared library was expected")
 
 
-def strangers(name):
+def strangers(name, script):
     """What the static library defines for others beyond what the shared one would export."""
-    script = (SOURCE / "cmake" / f"{name.lower()}.map").read_text()
-    exported = re.findall(r"(_Z\S*);", script)
+    script = SOURCE / "cmake" / f"{script}.map"
+    exported = re.findall(r"(_Z\S*);", script.read_text())
     symbols = run(["nm", "-gP", "--defined-only", STATIC_PREFIX / LIB / f"lib{name}.a"])
     defined = [line.split()[0] for line in symbols.splitlines() if not line.endswith(":")]
     check(len(defined) > 30, f"{name} defines {defined}")
@@ -116,9 +118,9 @@ def strangers(name):
 
 def static():
     libraries = sorted(path.name for path in (STATIC_PREFIX / LIB).glob("lib*"))
-    check(libraries == ["libKelvo.a", "libTovik.a"], f"{libraries}")
-    for name in ("Kelvo", "Tovik"):
-        check(not strangers(name), f"{name}: {strangers(name)}")
+    check(libraries == ["libKelvo.a", "libTovik.a", "libTovikService.a"], f"{libraries}")
+    for name, script in (("Kelvo", "kelvo"), ("Tovik", "tovik"), ("TovikService", "tovik-service")):
+        check(not strangers(name, script), f"{name}: {strangers(name, script)}")
     consume_package("static", CXX, ["17"], STATIC_PREFIX)
 
     project, _command = configuration("pkg-config", CXX, "package", ["17"])

@@ -6,14 +6,16 @@ import re
 from package import LIB, PREFIX, SOURCE, check, run
 
 NAME = r"((vtable|typeinfo|typeinfo name) for |non-virtual thunk to )?"
+# Each library's interface, the tag of its versions, and its package.
 INTERFACES = {
-    "Tovik": NAME + r"Tovik::((Server|Connection|Client|AsyncSender|AsyncClient|SocketException)"
-                    r"(::|$)|Message::toStr\()",
-    "Kelvo": NAME + r"Kelvo::",
+    "Tovik": (NAME + r"Tovik::((Server|Connection|Client|AsyncSender|AsyncClient|SocketException)"
+                     r"(::|$)|Message::toStr\()", "TOVIK_1", "libtovik1"),
+    "TovikService": (NAME + r"Tovik::((Service|Session|Request|Refusal|Proxy)(::\W?\w+[[(]|$)"
+                            r"|call\(|collecting\()", "TOVIK_SERVICE_1", "libtovik-service1"),
+    "Kelvo": (NAME + r"Kelvo::", "KELVO_1", "libkelvo1"),
 }
 
-for library, interface in INTERFACES.items():
-    tag = f"{library.upper()}_1"
+for library, (interface, tag, package) in INTERFACES.items():
     lines = run(["nm", "-D", "--defined-only", PREFIX / LIB / f"lib{library}.so"]).splitlines()
     mangled = [line.split()[2] for line in lines if line.split()[1] != "A"]
     untagged = [name for name in mangled if not name.endswith(f"@@{tag}")]
@@ -24,7 +26,7 @@ for library, interface in INTERFACES.items():
     strangers = [name for name in found if not re.match(interface, name)]
     check(not strangers, f"not of the interface: {strangers}")
 
-    symbols = (SOURCE / "debian" / f"lib{library.lower()}1.symbols").read_text()
+    symbols = (SOURCE / "debian" / f"{package}.symbols").read_text()
     expected = sorted(set(re.findall(rf'^ \(.*c\+\+.*\)"(.*)@{tag}"', symbols, re.M)))
     check(found == expected,
           "\n".join(difflib.unified_diff(expected, found, "expected", "exported")))

@@ -95,7 +95,7 @@ def check_commands():
     if not commands.exists():  # the presets ask for it
         return
     built = [entry["command"] for entry in json.loads(commands.read_text())
-             if re.search(r"\bCMakeFiles/(Tovik|Kelvo|tovik_tool)\.dir/", entry["command"])]
+             if re.search(r"\bCMakeFiles/(Tovik|TovikService|Kelvo|tovik_tool)\.dir/", entry["command"])]
     check(len(built) > 10, f"the libraries have more sources than {built}")
     for command in built:
         check(fortified(command), f"not fortified: {command}")
@@ -104,6 +104,7 @@ def check_commands():
 check_the_checks()
 configuration, *programs = filter(None, sys.argv[1:])
 files = [PREFIX / LIB / "libKelvo.so", PREFIX / LIB / "libTovik.so",
+         PREFIX / LIB / "libTovikService.so",
          *(PREFIX / "bin" / program for program in programs)]
 for file in files:
     check(not complaints(file), f"{file} lacks {complaints(file)}")

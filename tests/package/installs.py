@@ -19,22 +19,22 @@ def headers():
 def libraries():
     if not SHARED:
         found = sorted(path.name for path in (PREFIX / LIB).glob("lib*"))
-        check(found == ["libKelvo.a", "libTovik.a"], f"installed libraries: {found}")
+        check(found == ["libKelvo.a", "libTovik.a", "libTovikService.a"], f"installed libraries: {found}")
         return
-    for name in ("Tovik", "Kelvo"):
+    for name in ("TovikService", "Tovik", "Kelvo"):
         link = PREFIX / LIB / f"lib{name}.so"
         check(link.is_symlink() and os.readlink(link) == f"lib{name}.so.1", f"{link}")
         dynamic = run(["readelf", "-dW", link])
         soname = re.findall(r"SONAME.*\[(.*)\]", dynamic)
         check(soname == [f"lib{name}.so.1"], f"lib{name}: SONAME {soname}")
         needed = re.findall(r"NEEDED.*\[(.*)\]", dynamic)
-        check(("libKelvo.so.1" in needed) == (name == "Tovik"), f"lib{name} needs {needed}")
+        check(("libKelvo.so.1" in needed) == (name != "Kelvo"), f"lib{name} needs {needed}")
         path = re.findall(r"(?:RUNPATH|RPATH).*\[(.*)\]", dynamic)
         check(path == ["$ORIGIN"], f"lib{name}: search path {path}")
 
 
 def descriptions():
-    for name in ("tovik", "kelvo"):
+    for name in ("tovik-service", "tovik", "kelvo"):
         text = (PREFIX / LIB / "pkgconfig" / f"{name}.pc").read_text()
         check(str(PREFIX) not in text, f"{name}.pc is tied to its prefix")
         check(str(SOURCE) not in text, f"{name}.pc mentions the sources")

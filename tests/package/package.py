@@ -26,6 +26,10 @@ PUBLIC_HEADERS = [
     "Api/Json/Export.h",
     "Api/Json/Server.h",
     "Api/Json/Types.h",
+    "Api/Service/Object.h",
+    "Api/Service/Proxy.h",
+    "Api/Service/Service.h",
+    "Api/Service/Task.h",
     "Kelvo/Exception.h",
     "Kelvo/Export.h",
     "Kelvo/Platform/Debug.h",
@@ -70,11 +74,11 @@ def compilers():
     return sorted(found) or [CXX]
 
 
-def flags(prefix, *what):
-    """What pkg-config says about the library below that prefix."""
+def flags(prefix, *what, module="tovik"):
+    """What pkg-config says about a library below that prefix."""
     environment = dict(os.environ)
     environment["PKG_CONFIG_PATH"] = str(prefix / LIB / "pkgconfig")
-    return shlex.split(run(["pkg-config", *what, "tovik"], env=environment))
+    return shlex.split(run(["pkg-config", *what, module], env=environment))
 
 
 def install(prefix):

@@ -1,0 +1,134 @@
+// One call's answers: each becomes the text of a record, or a refusal that says why it cannot.
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "Api/Service/Convention.h"
+#include "Api/Service/ServiceCore.h"
+
+namespace Tovik {
+
+namespace {
+
+struct Answer {
+  unsigned status;
+  std::optional<std::uint64_t> id;
+  const rapidjson::Value* result;
+  std::string_view error;
+  bool more;
+};
+
+/// Nothing if JSON cannot express the result.
+std::optional<std::string> textOf(const Answer& answer) {
+  std::string text = R"({"type":"reply","status":)" + std::to_string(answer.status);
+  if (answer.id.has_value()) {
+    text += R"(,"id":)" + std::to_string(*answer.id);
+  }
+  if (answer.result != nullptr) {
+    const auto result = Convention::textOf(*answer.result);
+    if (!result.has_value()) {
+      return std::nullopt;
+    }
+    text += R"(,"result":)" + *result;
+  }
+  if (!answer.error.empty()) {
+    text += R"(,"error":)" + Convention::quoted(answer.error);
+  }
+  return text + (answer.more ? R"(,"more":true})" : "}");
+}
+
+}  // namespace
+
+Refusal::~Refusal() = default;
+
+Request::Request(std::shared_ptr<Call> call) : call_(std::move(call)) {}
+
+std::string Request::command() const {
+  return std::string(Convention::textMember(message(), "command").value_or(""));
+}
+
+const Message& Request::message() const {
+  return call_->message;
+}
+
+bool Request::fail(unsigned status, std::string_view text) {
+  return answer(status, nullptr, text, false);
+}
+
+bool Request::isOpen() const noexcept {
+  const auto session = call_->session.lock();
+  return !call_->isAnswered && session != nullptr && session->isOpen();
+}
+
+std::shared_ptr<Session> Request::session() const {
+  return call_->session.lock();
+}
+
+bool Request::answer(unsigned status, const rapidjson::Value* result, std::string_view error,
+                     bool more) {
+  return call_->answer(status, result, error, more);
+}
+
+void Request::refuse(std::string_view name, const char* type) {
+  throw Refusal(EINVAL, "argument '" + std::string(name) + "' is missing or no " + type);
+}
+
+/// A last copy that goes on another thread leaves the answer to the loop's.
+Request::Call::~Call() {
+  if (isAnswered) {
+    return;
+  }
+  if (std::this_thread::get_id() == home->thread) {
+    answer(EIO, nullptr, "the service has not answered", false);
+    return;
+  }
+  home->loop.post([home = home, session = session, id = id, turn = turn, inFlight = isInFlight] {
+    Call left(home);
+    left.session = session;
+    left.id = id;
+    left.turn = turn;
+    left.isInFlight = inFlight;
+  });
+}
+
+bool Request::Call::answer(unsigned status, const rapidjson::Value* result, std::string_view error,
+                           bool more) {
+  if (isAnswered) {
+    TOVIK_SERVICE_LOG(0, "a call that has been answered is answered again; this is not sent");
+    return false;
+  }
+  if (more && !id.has_value()) {
+    send(EMSGSIZE, nullptr, "the answer takes several records: give the call an id", false);
+    return false;
+  }
+  return send(status, result, error, more);
+}
+
+/// What does not fit into a record or into JSON ends the call, with a reason that does.
+bool Request::Call::send(unsigned status, const rapidjson::Value* result, std::string_view error,
+                         bool more) {
+  const auto to = session.lock();
+  if (to == nullptr || !to->isOpen()) {
+    isAnswered = isAnswered || !more;
+    return false;
+  }
+  auto text = textOf({status, id, result, error, more});
+  if (!text.has_value()) {
+    send(EINVAL, nullptr, "the result holds a number that JSON cannot express", false);
+    return false;
+  }
+  if (text->size() > Convention::kLongestRecord) {
+    send(EMSGSIZE, nullptr, "the answer of " + std::to_string(text->size()) + " bytes is too long",
+         false);
+    return false;
+  }
+  isAnswered = !more;
+  if (isAnswered && isInFlight) {
+    to->finish(*this);
+  }
+  to->sendReply(*this, *std::move(text));
+  return true;
+}
+
+}  // namespace Tovik

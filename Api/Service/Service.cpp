@@ -1,0 +1,256 @@
+// The service as a whole. client -> judged -> session; event -> text -> every follower;
+// description -> parts that fit into records.
+
+#include "Api/Service/Service.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "Api/Service/Convention.h"
+#include "Api/Service/ServiceCore.h"
+#include "Kelvo/Exception.h"
+
+namespace Tovik {
+
+namespace {
+
+constexpr std::size_t kSnapshotMark = std::string_view(R"("snapshot":true,)").size();
+constexpr std::size_t kLongestPart = 3900;  // leaves room for what stands around it in a reply
+
+/// For "describe"; throws if it would not fit into a record.
+std::string described(const Message& description, const std::string& what) {
+  auto text = Convention::textOf(description);
+  if (!text.has_value() || text->size() > kLongestPart) {
+    throw Kelvo::Exception("the description of " + what + " does not fit into a record", false);
+  }
+  return *std::move(text);
+}
+
+std::string describedCommand(const std::string& name, const std::string& description,
+                             const std::vector<Argument>& arguments) {
+  std::vector<Message> list;
+  for (const auto& argument : arguments) {
+    list.push_back(object("name", argument.name, "type", argument.type, "required",
+                          argument.isRequired, "description", argument.description));
+  }
+  return described(object("name", name, "description", description, "arguments", list),
+                   "command '" + name + "'");
+}
+
+void requireNew(bool isNew, const std::string& what) {
+  if (!isNew) {
+    throw Kelvo::Exception(what + " is taken", false);
+  }
+}
+
+/// Puts entries of lists together into objects, each at most one part long.
+class Parts {
+ public:
+  Parts(Request request, std::string head) : request_(std::move(request)), text_(std::move(head)) {}
+
+  /// Once a part was refused, the caller knows, and nothing more is sent.
+  void add(const char* list, const std::string& entry) {
+    if (!request_.isOpen()) {
+      return;
+    }
+    const std::string begin = R"(")" + std::string(list) + R"(":[)";
+    if (text_.size() + begin.size() + entry.size() > kLongestPart) {
+      request_.more(part());
+      text_ = "{";
+      list_ = nullptr;
+    }
+    if (list_ == list) {
+      text_ += "," + entry;
+      return;
+    }
+    closeList();
+    text_ += (text_ == "{" ? "" : ",") + begin + entry;
+    list_ = list;
+  }
+
+  void finish() {
+    if (request_.isOpen()) {
+      request_.reply(part());
+    }
+  }
+
+ private:
+  void closeList() { text_ += list_ == nullptr ? "" : "]"; }
+
+  Message part() {
+    closeList();
+    Message msg;
+    Convention::parse(msg, (text_ + "}").c_str());
+    return msg;
+  }
+
+  Request request_;
+  std::string text_;
+  const char* list_ = nullptr;
+};
+
+}  // namespace
+
+// --- admission ---
+
+Listener::Listener(const std::string& name, Service::Admission admission, Admitted admitted)
+    : Server(name, {},
+             [this](int pid, unsigned uid, unsigned gid) { return remember(pid, uid, gid); }),
+      admission_(std::move(admission)),
+      admitted_(std::move(admitted)) {}
+
+bool Listener::remember(int pid, unsigned uid, unsigned gid) {
+  peer_ = {pid, uid, gid};
+  return admission_(pid, uid, gid);
+}
+
+void Listener::readFdEvent(int fd) {
+  const int client = ::accept4(fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+  if (client < 0) {
+    if (errno != ECONNABORTED && errno != EPROTO && errno != EAGAIN && errno != EINTR) {
+      deferReadEvent();  // no descriptor is left, for example
+    }
+    TOVIK_SERVICE_LOG(0, "cannot accept a client: " << std::strerror(errno));
+    return;
+  }
+  Convention::OwnedFd owned(client);
+  if (validateConnection(client)) {
+    admitted_(owned.release(), peer_);
+  }
+}
+
+// --- the core ---
+
+Service::Core::Core(std::string serviceName, Admission admission, ServiceOptions serviceOptions)
+    : name((Convention::requireName(serviceName), std::move(serviceName))),
+      options(std::move(serviceOptions)),
+      head(described(object("name", name, "description", options.description), "the service")),
+      listener(name, std::move(admission), [this](int fd, const ucred& peer) { join(fd, peer); }) {
+  head.pop_back();  // the brace
+}
+
+Service::Core::~Core() {
+  for (const auto& [number, session] : sessions) {
+    session->orphan();
+  }
+}
+
+void Service::Core::join(int fd, const ucred& peer) {
+  Convention::OwnedFd owned(fd);
+  const auto session = std::make_shared<ServedSession>(*this, ++lastNumber, peer);
+  session->open(fd);
+  owned.release();
+  sessions.emplace(session->number(), session);
+  TOVIK_SERVICE_LOG(2, "session " << session->number() << ", pid " << peer.pid << " begins");
+  if (const auto handler = onJoin) {  // a copy, since it may destroy this
+    handler(*session);
+  }
+}
+
+void Service::Core::leave(ServedSession& session) {
+  const auto kept = session.shared_from_this();
+  sessions.erase(session.number());
+  followAll.erase(&session);
+  for (auto& [topic, feed] : feeds) {
+    feed.followers.erase(&session);
+  }
+  if (const auto handler = onLeave) {  // a copy, since it may destroy this
+    handler(session);
+  }
+}
+
+int Service::Core::publish(std::string_view topic, const Message& message) {
+  const auto found = feeds.find(topic);
+  if (found == feeds.end() || message.HasParseError() || !message.IsObject() ||
+      message.HasMember("type") || message.HasMember("topic") || message.HasMember("snapshot")) {
+    return EINVAL;
+  }
+  auto body = Convention::textOf(message);
+  if (!body.has_value()) {
+    return EINVAL;
+  }
+  Feed& feed = found->second;
+  const bool keeps = feed.topic.memory == Topic::kKeepLast;
+  const auto text = std::make_shared<const std::string>(Convention::joined(feed.head, *body));
+  if (text->size() + (keeps ? kSnapshotMark : 0) > Convention::kLongestRecord) {
+    return EMSGSIZE;
+  }
+  if (keeps) {
+    feed.last = std::move(body);
+  }
+  for (ServedSession* session : feed.followers) {
+    if (!session->followsAll()) {
+      session->deliver(feed, text);
+    }
+  }
+  for (ServedSession* session : followAll) {
+    session->deliver(feed, text);
+  }
+  return 0;
+}
+
+void Service::Core::describe(Request request) const {
+  Parts parts(std::move(request), head);
+  for (const auto& [command, entry] : commands) {
+    parts.add("commands", entry->described);
+  }
+  for (const auto& [topic, feed] : feeds) {
+    parts.add("topics", feed.described);
+  }
+  parts.finish();
+}
+
+// --- the face ---
+
+Service::Service(const std::string& name, Admission admission, ServiceOptions options)
+    : core_(std::make_unique<Core>(name, std::move(admission), std::move(options))) {}
+
+Service::~Service() = default;
+
+void Service::command(const std::string& name, const std::string& description,
+                      const std::vector<Argument>& arguments, Handler handler) {
+  const bool isOwn = name == "subscribe" || name == "unsubscribe" || name == "describe";
+  requireNew(!isOwn && core_->commands.count(name) == 0, "the command '" + name + "'");
+  core_->commands.emplace(
+      name, std::make_shared<const Command>(Command{
+                arguments, std::move(handler), describedCommand(name, description, arguments)}));
+}
+
+void Service::topic(const std::string& name, Topic topic) {
+  requireNew(core_->feeds.count(name) == 0, "the topic '" + name + "'");
+  const bool keeps = topic.memory == Topic::kKeepLast;
+  Feed feed;
+  feed.described =
+      described(object("name", name, "description", topic.description, "keepsLast", keeps),
+                "topic '" + name + "'");
+  feed.head = R"({"type":"event","topic":)" + Convention::quoted(name);
+  feed.topic = std::move(topic);
+  core_->feeds.emplace(name, std::move(feed));
+}
+
+int Service::publish(std::string_view topic, const Message& message) {
+  const int status = core_->publish(topic, message);
+  if (status != 0) {
+    TOVIK_SERVICE_LOG(0, core_->name << ": an event of topic '" << topic
+                                     << "' is refused: " << std::strerror(status));
+  }
+  return status;
+}
+
+void Service::onJoin(SessionHandler handler) {
+  core_->onJoin = std::move(handler);
+}
+
+void Service::onLeave(SessionHandler handler) {
+  core_->onLeave = std::move(handler);
+}
+
+std::size_t Service::sessions() const noexcept {
+  return core_->sessions.size();
+}
+
+}  // namespace Tovik

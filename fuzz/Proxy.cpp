@@ -1,0 +1,93 @@
+// Records into a proxy with calls in flight and a topic that it follows. Nothing ends the process,
+// and every call ends exactly once.
+
+#include "Api/Service/Proxy.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <optional>
+
+#include "Kelvo/Platform/EventLoop.h"
+#include "fuzz/Support.h"
+
+namespace fuzz {
+
+namespace {
+
+constexpr int kCalls = 4;  // the last one is the subscription's own
+
+void turnUntilIdle() {
+  while (Kelvo::Platform::EventLoop::current().dispatch()) {
+  }
+}
+
+class Conversation {
+ public:
+  explicit Conversation(const Listener& listener) {
+    Tovik::ProxyOptions options;
+    options.reconnectInterval = 1 << 30;  // once is enough
+    proxy_.emplace(listener.name(), options);
+    turnUntilIdle();
+    server_ = listener.accept();
+    for (std::size_t i = 0; i + 1 < kCalls; ++i) {
+      proxy_->call(Tovik::object("command", "x"), Tovik::Proxy::Seconds(1e6), counting(i));
+    }
+    proxy_->subscribe(
+        "t",
+        [](const Tovik::Message& event) {
+          require(Tovik::get<std::string>(event, "topic") == "t", "an event of another topic");
+        },
+        counting(kCalls - 1));
+    proxy_->onMessage([this](const Tovik::Message& message) {
+      require(message.IsObject(), "a message that is no object");
+      proxy_->unsubscribe("t");
+    });
+  }
+  ~Conversation() { ::close(server_); }
+
+  void run(const std::vector<Batch>& batches) {
+    for (const Batch& batch : batches) {
+      for (const std::string& record : batch) {
+        require(sendRecord(server_, record) == 0, "the server cannot send");
+      }
+      turnUntilIdle();
+      while (receiveNow(server_).front() == '{') {
+      }
+      if (!proxy_->isConnected()) {
+        break;
+      }
+    }
+    proxy_.reset();
+    for (const int end : ends_) {
+      require(end == 1, "a call has ended " + std::to_string(end) + " times");
+    }
+  }
+
+ private:
+  Tovik::Proxy::Callback counting(std::size_t call) {
+    return [this, call](Tovik::Outcome outcome) {
+      require(ends_[call] == 0, "an outcome after the end");
+      require(outcome.error.empty() == (outcome.status == 0), "an error without a text");
+      ends_[call] += outcome.more ? 0 : 1;
+    };
+  }
+
+  std::array<int, kCalls> ends_{};
+  int server_ = -1;
+  std::optional<Tovik::Proxy> proxy_;
+};
+
+}  // namespace
+
+}  // namespace fuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  Kelvo::Platform::EventLoop::current();
+  static const fuzz::Listener listener;
+  const fuzz::DescriptorCheck descriptors;
+  const std::string_view input(reinterpret_cast<const char*>(data), size);
+  fuzz::Conversation(listener).run(fuzz::batchesOf(input));
+  return 0;
+}

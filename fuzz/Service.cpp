@@ -1,0 +1,117 @@
+// Records into a service. Nothing ends the process; each record has its one reply, unless all
+// events are switched on; and a call still works behind whatever has come before it.
+
+#include "Api/Service/Service.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "Kelvo/Platform/EventLoop.h"
+#include "fuzz/Reader.h"
+#include "fuzz/Support.h"
+
+namespace fuzz {
+
+namespace {
+
+void turnUntilIdle() {
+  while (Kelvo::Platform::EventLoop::current().dispatch()) {
+  }
+}
+
+class Conversation {
+ public:
+  explicit Conversation(const std::string& name)
+      : service_(name, [](int, unsigned, unsigned) { return true; }), peer_(connectTo(name)) {
+    service_.command("ping", "Answers.", {}, [](Tovik::Request request) { request.reply(); });
+    service_.command(
+        "echo", "Gives back.",
+        {Tovik::required<Tovik::Message>("value", ""),
+         Tovik::optional<std::vector<std::int8_t>>("numbers", "")},
+        [](Tovik::Request request) { request.reply(request.get<Tovik::Message>("value")); });
+    service_.command("get", "Looks at what was not declared.", {}, [](Tovik::Request request) {
+      request.reply(request.get<std::vector<std::optional<std::uint16_t>>>("value"));
+    });
+    service_.topic("t", {"Events.", Tovik::Topic::kKeepLast});
+    turnUntilIdle();
+  }
+  ~Conversation() { ::close(peer_); }
+
+  void run(const std::vector<Batch>& batches) {
+    for (const Batch& batch : batches) {
+      for (const std::string& record : batch) {
+        require(sendRecord(peer_, record) == 0, "the peer cannot send");
+        turnUntilIdle();
+        require(service_.publish("t", Tovik::object("n", 1)) == 0, "not published");
+        if (record.empty()) {
+          return require(service_.sessions() == 0, "the end was not seen");
+        }
+        expectReplyTo(record);
+      }
+    }
+    require(sendRecord(peer_, R"({"command":"ping","id":4711})") == 0, "the peer cannot call");
+    turnUntilIdle();
+    require(repliesWaiting() == 1 && last_ == R"({"type":"reply","status":0,"id":4711})",
+            "no answer at the end, but " + last_);
+  }
+
+ private:
+  static int connectTo(const std::string& name) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    name.copy(address.sun_path + 1, 106);
+    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0);
+    require(::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0,
+            "cannot connect");
+    return fd;
+  }
+
+  void expectReplyTo(const std::string& record) {
+    const Text seen = read(record.size() > 4094 ? "" : record);
+    const int replies = repliesWaiting();
+    const bool isSwitch = seen.root == Text::Root::kObject && seen.command.string == "set" &&
+                          seen.notification.kind != Value::Kind::kAbsent;
+    const bool on = seen.notification.kind == Value::Kind::kTrue;
+    const bool swallowed = isSwitch && !on && seen.notification.kind != Value::Kind::kFalse;
+    const int least = allOn_ || swallowed || seen.huge ? 0 : 1;
+    require(least <= replies && replies <= 1, std::to_string(replies) + " replies to " + record);
+    if (isSwitch && !swallowed) {
+      allOn_ = on;
+    }
+  }
+
+  int repliesWaiting() {
+    int replies = 0;
+    for (std::string record; (record = receiveNow(peer_)) != "<nothing>";) {
+      require(record.size() <= 4094, "a record too long");
+      const Text text = read(record);
+      require(text.huge || text.type.is("event") || text.type.is("reply"), "not ours: " + record);
+      if (!text.type.is("event")) {
+        ++replies;
+        last_ = record;
+      }
+    }
+    return replies;
+  }
+
+  Tovik::Service service_;
+  const int peer_;
+  bool allOn_ = false;
+  std::string last_;
+};
+
+}  // namespace
+
+}  // namespace fuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  Kelvo::Platform::EventLoop::current();
+  const fuzz::DescriptorCheck descriptors;
+  const std::string_view input(reinterpret_cast<const char*>(data), size);
+  fuzz::Conversation("tovik-fuzz-service-" + std::to_string(::getpid()))
+      .run(fuzz::batchesOf(input));
+  return 0;
+}

@@ -1,0 +1,251 @@
+// Calls of a service's commands, as clients of any language make them.
+
+#include <gmock/gmock.h>
+
+#include <limits>
+#include <thread>
+#include <utility>
+
+#include "Api/Json/Client.h"
+#include "tests/service/Lamp.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+class Request : public testing::Test {
+ protected:
+  std::string ask(std::string_view record) { return Lamp::ask(client_, record); }
+  std::string next() { return Lamp::receive(client_); }
+  void tell(std::string_view record) { Lamp::tell(client_, record); }
+
+  Lamp lamp_;
+  Fd client_ = lamp_.connect();
+};
+
+TEST_F(Request, IsAnsweredWithAStatus) {
+  EXPECT_EQ(ask(R"({"command":"switch","on":true})"), R"({"type":"reply","status":0})");
+}
+
+TEST_F(Request, IsAnsweredWithItsId) {
+  EXPECT_EQ(ask(R"({"command":"switch","on":true,"id":0})"),
+            R"({"type":"reply","status":0,"id":0})");
+  EXPECT_EQ(ask(R"({"command":"switch","on":true,"id":9007199254740991})"),
+            R"({"type":"reply","status":0,"id":9007199254740991})");
+}
+
+TEST_F(Request, IsAnsweredWithAResult) {
+  EXPECT_EQ(ask(R"({"command":"add","a":1,"b":2})"), R"({"type":"reply","status":0,"result":3})");
+  EXPECT_EQ(ask(R"({"command":"add","a":1})"), R"({"type":"reply","status":0,"result":2})");
+}
+
+TEST_F(Request, GetsTheStatusThroughAPlainClient) {
+  int status = -1;
+  std::thread caller([this, &status] {
+    status = Tovik::Client(lamp_.name()).sendMsg(parsed(R"({"command":"refuse"})"), true);
+  });
+  turnUntil([this] { return lamp_.left.size() == 1; });
+  caller.join();
+  EXPECT_EQ(status, 13);
+}
+
+TEST_F(Request, IsAnsweredInPartsIfItHasAnId) {
+  tell(R"({"command":"count","id":5})");
+  EXPECT_EQ(next(), R"({"type":"reply","status":0,"id":5,"result":1,"more":true})");
+  EXPECT_EQ(next(), R"({"type":"reply","status":0,"id":5,"result":2,"more":true})");
+  EXPECT_EQ(next(), R"({"type":"reply","status":0,"id":5,"result":3})");
+}
+
+TEST_F(Request, WithoutAnIdIsNotAnsweredInParts) {
+  EXPECT_THAT(ask(R"({"command":"count"})"), HasSubstr(R"("status":90,"error":)"));
+  EXPECT_EQ(rawReceiveNow(client_.get()), "<nothing>");
+}
+
+TEST_F(Request, OfAnUnknownCommandIsAnsweredWith38) {
+  EXPECT_EQ(ask(R"({"command":"dim"})"),
+            R"({"type":"reply","status":38,"error":"no command 'dim'"})");
+}
+
+TEST_F(Request, WithoutAnArgumentIsToldWhich) {
+  EXPECT_EQ(ask(R"({"command":"switch"})"),
+            R"({"type":"reply","status":22,"error":"argument 'on' is missing"})");
+}
+
+TEST_F(Request, WithAnArgumentOfTheWrongTypeIsToldWhich) {
+  EXPECT_EQ(ask(R"({"command":"add","a":1.5,"id":1})"),
+            R"({"type":"reply","status":22,"id":1,"error":"argument 'a' is no valid integer"})");
+  EXPECT_THAT(ask(R"({"command":"add","a":2147483648})"), HasSubstr("'a'"));
+  EXPECT_THAT(ask(R"({"command":"add","a":1,"b":"2"})"), HasSubstr("'b'"));
+}
+
+TEST_F(Request, IsRefusedByAnException) {
+  EXPECT_EQ(ask(R"({"command":"refuse","id":3})"),
+            R"({"type":"reply","status":13,"id":3,"error":"not you"})");
+}
+
+TEST_F(Request, IsAnsweredWith5IfTheHandlerThrowsSomethingElse) {
+  rawSend(client_.get(), R"({"command":"throw"})");
+  EXPECT_THROW(turnUntil([this] { return rawReceiveNow(client_.get()) != "<nothing>"; }),
+               std::runtime_error);
+  EXPECT_THAT(next(), HasSubstr(R"("status":5)"));
+}
+
+TEST_F(Request, IsAnsweredWith5IfItIsDropped) {
+  EXPECT_THAT(ask(R"({"command":"drop","id":1})"), HasSubstr(R"("status":5,"id":1)"));
+}
+
+TEST_F(Request, IsAnsweredByAWorkerThroughTheLoop) {
+  auto& loop = Kelvo::Platform::EventLoop::current();
+  tell(R"({"command":"keep","id":1})");
+  std::thread worker([&loop, request = lamp_.kept[0]]() mutable {
+    loop.post([request]() mutable { request.reply("worked"); });
+  });
+  lamp_.kept.clear();
+  EXPECT_EQ(next(), R"({"type":"reply","status":0,"id":1,"result":"worked"})");
+  worker.join();
+}
+
+TEST_F(Request, MayBeDroppedByAWorker) {
+  tell(R"({"command":"keep","id":1})");
+  tell(R"({"command":"keep"})");
+  std::thread worker([requests = std::exchange(lamp_.kept, {})]() mutable { requests.clear(); });
+  EXPECT_THAT(next(), HasSubstr(R"("status":5,"id":1)"));
+  EXPECT_THAT(next(), HasSubstr(R"("status":5,"error")"));
+  worker.join();
+}
+
+TEST_F(Request, MayBeAnsweredLaterAndInAnyOrder) {
+  tell(R"({"command":"keep","id":1})");
+  tell(R"({"command":"keep","id":2})");
+  EXPECT_TRUE(lamp_.kept[1].reply("b"));
+  EXPECT_TRUE(lamp_.kept[0].reply("a"));
+  EXPECT_EQ(next(), R"({"type":"reply","status":0,"id":2,"result":"b"})");
+  EXPECT_EQ(next(), R"({"type":"reply","status":0,"id":1,"result":"a"})");
+}
+
+TEST_F(Request, WithoutAnIdIsAnsweredInItsTurn) {
+  tell(R"({"command":"keep"})");
+  tell(R"({"command":"add","a":1})");
+  tell(R"({"command":"add","a":5,"id":7})");
+  EXPECT_EQ(next(), R"({"type":"reply","status":0,"id":7,"result":6})");
+  EXPECT_EQ(rawReceiveNow(client_.get()), "<nothing>");
+  lamp_.kept[0].reply();
+  EXPECT_EQ(next(), R"({"type":"reply","status":0})");
+  EXPECT_EQ(next(), R"({"type":"reply","status":0,"result":2})");
+}
+
+TEST_F(Request, IsAnsweredOnce) {
+  tell(R"({"command":"keep","id":1})");
+  EXPECT_TRUE(lamp_.kept[0].reply());
+  EXPECT_FALSE(lamp_.kept[0].isOpen());
+  EXPECT_FALSE(lamp_.kept[0].fail(5, "again"));
+  lamp_.kept.clear();
+  EXPECT_EQ(next(), R"({"type":"reply","status":0,"id":1})");
+  EXPECT_EQ(rawReceiveNow(client_.get()), "<nothing>");
+}
+
+TEST_F(Request, OutlivesItsClient) {
+  tell(R"({"command":"keep"})");
+  EXPECT_TRUE(lamp_.kept[0].isOpen());
+  EXPECT_EQ(lamp_.kept[0].session()->pid(), getpid());
+  client_.reset();
+  turnUntilIdle();
+  EXPECT_FALSE(lamp_.kept[0].isOpen());
+  EXPECT_EQ(lamp_.kept[0].session(), nullptr);
+  EXPECT_EQ(lamp_.kept[0].command(), "keep");
+  EXPECT_FALSE(lamp_.kept[0].reply());
+}
+
+TEST_F(Request, OutlivesItsService) {
+  tell(R"({"command":"keep","id":1})");
+  lamp_.destroy();
+  EXPECT_FALSE(lamp_.kept[0].isOpen());
+  EXPECT_FALSE(lamp_.kept[0].more(1));
+  lamp_.kept.clear();
+  EXPECT_EQ(rawReceive(client_.get()), "<end>");
+}
+
+TEST_F(Request, MayDestroyItsService) {
+  lamp_->command("end", "Ends the service.", {}, [this](Tovik::Request request) {
+    lamp_.destroy();
+    EXPECT_FALSE(request.isOpen());
+  });
+  EXPECT_EQ(ask(R"({"command":"end"})"), "<end>");
+}
+
+TEST_F(Request, IsRefusedWhenTooManyAreInFlight) {
+  for (int id = 0; id < 16; ++id) {
+    tell(R"({"command":"keep","id":)" + std::to_string(id) + "}");
+  }
+  EXPECT_THAT(ask(R"({"command":"keep","id":16})"), HasSubstr(R"("status":16,"id":16)"));
+  EXPECT_THAT(ask(R"({"command":"describe","id":16})"), HasSubstr(R"("status":0,"id":16)"));
+  lamp_.kept.back().reply();
+  EXPECT_THAT(next(), HasSubstr(R"("status":0,"id":15)"));
+  EXPECT_THAT(ask(R"({"command":"switch","on":true,"id":16})"), HasSubstr(R"("status":0,"id":16)"));
+}
+
+TEST_F(Request, EndsASessionThatDoesNotWaitForItsTurn) {
+  for (int i = 0; i < 33; ++i) {
+    tell(R"({"command":"keep"})");
+  }
+  EXPECT_EQ(lamp_.kept.size(), 16U);
+  EXPECT_TRUE(lamp_.left.empty());
+  tell(R"({"command":"keep"})");
+  EXPECT_EQ(lamp_.left.size(), 1U);
+}
+
+TEST_F(Request, WithAnIdInFlightIsRefused) {
+  tell(R"({"command":"keep","id":1})");
+  EXPECT_THAT(ask(R"({"command":"switch","on":true,"id":1})"), HasSubstr(R"("status":22,"id":1)"));
+  lamp_.kept[0].reply();
+  EXPECT_THAT(next(), HasSubstr(R"("status":0,"id":1)"));
+}
+
+TEST_F(Request, IsToldWhenItsAnswerIsTooLong) {
+  const std::string longest(4094 - std::string(R"({"type":"reply","status":0,"result":""})").size(),
+                            'x');
+  tell(R"({"command":"keep"})");
+  tell(R"({"command":"keep"})");
+  EXPECT_TRUE(lamp_.kept[0].reply(longest));
+  EXPECT_EQ(next().size(), 4094U);
+  EXPECT_FALSE(lamp_.kept[1].reply(longest + "x"));
+  EXPECT_EQ(next(),
+            R"({"type":"reply","status":90,"error":"the answer of 4095 bytes is too long"})");
+}
+
+TEST_F(Request, IsToldWhenItsAnswerIsNoJson) {
+  tell(R"({"command":"keep"})");
+  EXPECT_FALSE(lamp_.kept[0].reply(std::numeric_limits<double>::quiet_NaN()));
+  EXPECT_THAT(next(), HasSubstr(R"("status":22,"error":)"));
+}
+
+TEST_F(Request, OfTheWrongShapeIsAnsweredWith22) {
+  for (const std::string record :
+       {"[1,2]", "\"text\"", "null", "7", "not JSON", "{} {}", "{}", R"({"command":7})",
+        R"({"command":["set"],"notification":true})", R"({"command":"switch","on":true,"id":-1})",
+        R"({"command":"switch","on":true,"id":1.0})",
+        R"({"command":"switch","on":true,"id":9007199254740992})", R"({"command":"subscribe"})",
+        R"({"command":"subscribe","topics":"plain"})", R"({"command":"subscribe","topics":[[]]})",
+        R"({"command":"subscribe","topics":["plain","dim"]})"}) {
+    const std::string answer = ask(record);
+    EXPECT_THAT(answer, HasSubstr(R"({"type":"reply","status":22,"error":)")) << record;
+  }
+}
+
+TEST_F(Request, ThatIsNestedToTheLimitIsLookedAt) {
+  const std::string depth(4094, '[');
+  EXPECT_THAT(ask(depth), HasSubstr(R"("status":22)"));
+}
+
+TEST_F(Request, ThatIsTooLongIsAnsweredWith90) {
+  const std::string record = R"({"command":"echo","value":")" + std::string(100000, 'x') + "\"}";
+  EXPECT_THAT(ask(record), HasSubstr(R"("status":90)"));
+  const std::string longest = R"({"command":"switch","on":true,"x":")";
+  EXPECT_THAT(ask(longest + std::string(4094 - longest.size() - 2, 'x') + "\"}"),
+              HasSubstr(R"("status":0)"));
+  EXPECT_THAT(ask(longest + std::string(4095 - longest.size() - 2, 'x') + "\"}"),
+              HasSubstr(R"("status":90)"));
+  EXPECT_THAT(ask(R"({"command":"switch","on":true})"), HasSubstr(R"("status":0)"));
+}
+
+}  // namespace
