@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -35,24 +36,30 @@ int writeSome(std::string_view& text) {
   return errno == EINTR ? 0 : errno;
 }
 
-/// A message may hold what no terminal should get: DEL, the C1 controls, broken UTF-8. Inside JSON
-/// strings, which is where they are, an escape says the same.
+/// As \u1234, or two of them above the basic plane.
+std::string jsonEscape(std::uint32_t character) {
+  std::array<char, 16> text{};
+  if (character < 0x10000) {
+    std::snprintf(text.data(), text.size(), "\\u%04x", character);
+  } else {
+    std::snprintf(text.data(), text.size(), "\\u%04x\\u%04x", 0xD7C0 + (character >> 10U),
+                  0xDC00 + (character & 0x3FFU));
+  }
+  return text.data();
+}
+
+/// A message may hold what no terminal should get: controls, broken UTF-8, what cannot be seen.
+/// Inside JSON strings, which is where they are, an escape says the same.
 std::string safeForTerminal(const std::string& json) {
   std::string result;
   for (std::string_view rest = json; !rest.empty();) {
-    const auto byte = static_cast<unsigned char>(rest.front());
-    const std::size_t length = byte == '\n' ? 1 : printableLength(rest);
-    if (length > 0) {
+    const auto [character, length] = decoded(rest);
+    if (character == '\n' || printableLength(rest) > 0) {
       result += rest.substr(0, length);
-      rest.remove_prefix(length);
-    } else if (byte == 0xC2 && rest.size() > 1 && isUtf8(rest.substr(0, 2))) {
-      const auto second = static_cast<unsigned char>(rest[1]);
-      result += {'\\', 'u', '0', '0', second < 0x90 ? '8' : '9', "0123456789abcdef"[second & 15U]};
-      rest.remove_prefix(2);
     } else {
-      result += byte == 0x7F ? "\\u007f" : "\\ufffd";
-      rest.remove_prefix(1);
+      result += jsonEscape(length > 0 ? character : 0xFFFD);
     }
+    rest.remove_prefix(std::max<std::size_t>(length, 1));
   }
   return result;
 }

@@ -2,7 +2,8 @@
 
 #include <unistd.h>
 
-#include <cstdint>
+#include <algorithm>
+#include <iterator>
 #include <sstream>
 
 namespace tool {
@@ -22,7 +23,51 @@ std::size_t announcedLength(unsigned char first) {
   return first >= 0xE0 && first <= 0xEF ? 3 : first >= 0xF0 && first <= 0xF4 ? 4 : 0;
 }
 
-/// The character at the start of `text` and its length; the length is 0 if it is flawed.
+struct Range {
+  std::uint32_t first;
+  std::uint32_t last;
+};
+
+/// What a terminal shows as nothing, as a blank or in another order: it would make a text look like
+/// another one. Sorted.
+constexpr Range kDeceptive[] = {
+    {0x0000, 0x001F},    // controls
+    {0x007F, 0x00A0},    // DEL, the C1 controls, the no-break space
+    {0x00AD, 0x00AD},    // the soft hyphen
+    {0x034F, 0x034F},    // the grapheme joiner
+    {0x0600, 0x0605},    // number signs
+    {0x061C, 0x061C},    // the Arabic letter mark
+    {0x06DD, 0x06DD},    // the end of a verse
+    {0x070F, 0x070F},    // an abbreviation mark
+    {0x115F, 0x1160},    // Hangul fillers
+    {0x1680, 0x1680},    // the Ogham space
+    {0x17B4, 0x17B5},    // Khmer vowels that are not shown
+    {0x180B, 0x180F},    // Mongolian selectors
+    {0x2000, 0x200F},    // spaces, joiners and direction marks
+    {0x2028, 0x202F},    // separators of lines, embeddings and overrides of direction
+    {0x205F, 0x206F},    // more spaces, isolates of direction
+    {0x2800, 0x2800},    // the empty Braille pattern
+    {0x3000, 0x3000},    // the wide space
+    {0x3164, 0x3164},    // a Hangul filler
+    {0xFE00, 0xFE0F},    // selectors of variants
+    {0xFEFF, 0xFEFF},    // the byte order mark
+    {0xFFA0, 0xFFA0},    // a Hangul filler
+    {0xFFF0, 0xFFFB},    // annotations
+    {0xFFFE, 0xFFFF},    // no characters
+    {0x1BCA0, 0x1BCA3},  // shorthand controls
+    {0x1D173, 0x1D17A},  // music controls
+    {0xE0000, 0x10FFFF}  // tags, selectors of variants, planes of private use
+};
+
+bool isDeceptive(std::uint32_t character) {
+  const auto* const range =
+      std::lower_bound(std::begin(kDeceptive), std::end(kDeceptive), character,
+                       [](const Range& r, std::uint32_t wanted) { return r.last < wanted; });
+  return range != std::end(kDeceptive) && character >= range->first;
+}
+
+}  // namespace
+
 std::pair<std::uint32_t, std::size_t> decoded(std::string_view text) {
   const auto first = static_cast<unsigned char>(text.front());
   const std::size_t length = announcedLength(first);
@@ -42,8 +87,6 @@ std::pair<std::uint32_t, std::size_t> decoded(std::string_view text) {
   return {character, surrogate || tooLong || character > 0x10FFFF ? 0 : length};
 }
 
-}  // namespace
-
 void report(std::string_view sentence) {
   const std::string line = "tovik: " + std::string(sentence) + "\n";
   [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
@@ -61,8 +104,7 @@ void setQuiet(bool wanted) {
 
 std::size_t printableLength(std::string_view text) {
   const auto [character, length] = decoded(text);
-  const bool control = character < 0x20 || (character >= 0x7F && character < 0xA0);
-  return control ? 0 : length;
+  return isDeceptive(character) ? 0 : length;
 }
 
 bool isUtf8(std::string_view text) {

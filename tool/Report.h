@@ -1,8 +1,10 @@
 #pragma once
 
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace tool {
 
@@ -46,15 +48,19 @@ void report(std::string_view sentence);
 void notice(std::string_view sentence);
 void setQuiet(bool wanted);
 
-/// The text with everything that does not print (and the backslash) in the notation of a shell's
-/// $'...', so that no name or message can play with a terminal. UTF-8 stays as it is.
+/// The text with everything that does not print, or not as itself, (and the backslash) in the
+/// notation of a shell's $'...': no name or message can play with a terminal, or look like another
+/// one by invisible characters or a change of direction. Other UTF-8 stays as it is.
 std::string escaped(std::string_view text);
 
 /// `escaped`, in quotation marks.
 std::string inQuotes(std::string_view text);
 
-/// The number of bytes of the UTF-8 character that `text` begins with; 0 if there is none, or a
-/// control character.
+/// The UTF-8 character that `text` begins with, and its length in bytes: 0 if it is flawed.
+std::pair<std::uint32_t, std::size_t> decoded(std::string_view text);
+
+/// The number of bytes of the UTF-8 character that `text` begins with; 0 if there is none, or one
+/// that does not show as itself.
 std::size_t printableLength(std::string_view text);
 
 /// True for UTF-8 without a flaw; control characters count as such here.
