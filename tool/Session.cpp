@@ -80,8 +80,11 @@ void Session::checkServer() {
   if (!options_.serverUid) {
     return;
   }
-  if (::getsockopt(fdControl_->fd(), SOL_SOCKET, SO_PEERCRED, &server, &size) < 0 ||
-      server.uid != *options_.serverUid) {
+  if (::getsockopt(fdControl_->fd(), SOL_SOCKET, SO_PEERCRED, &server, &size) < 0) {
+    throw Failure(Exit::kLost, "the kernel does not tell whose server " + inQuotes(name_) +
+                                   " is, so nothing was sent: " + std::strerror(errno) + ".");
+  }
+  if (server.uid != *options_.serverUid) {
     throw Failure(Exit::kLost, "the server " + inQuotes(name_) + " belongs to user " +
                                    std::to_string(server.uid) + " and not to " +
                                    std::to_string(*options_.serverUid) +

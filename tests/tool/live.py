@@ -12,6 +12,7 @@ import socket
 import struct
 import subprocess
 import tempfile
+import time
 import unittest
 
 import support
@@ -19,6 +20,11 @@ from support import LIMIT, Program, raw_client, raw_server, unique_name, until
 
 SWITCH_ON = b'{"command":"set","notification":true}'
 REPLY = b'{"type":"reply","status":%d}'
+
+
+# Characters that show as nothing, as a blank, or turn what follows around.
+DECEPTIVE = "\u00a0\u00ad\u034f\u061c\u2003\u200b\u200d\u200e\u2028\u2029\u202e\u2060\u2066\u2069"
+DECEPTIVE += "\u2800\u3000\u3164\ufe0f\ufeff\ufff9\U0001d173\U000e0041\U0010ffff"
 
 
 class Case(unittest.TestCase):
@@ -151,6 +157,12 @@ class Monitor(Case):
         self.expect(monitor, 0, "{}\n")
         self.assertEqual(1, monitor.stderr().count(b"yet"))
 
+    def test_does_not_take_one_key_for_another(self):
+        _, monitor, client = self.subscribed("--where", "state=on", "--count", "1")
+        client.send(b'{"s":"on","stat":"on","states":"on","tate":"on"}')
+        client.send(b'{"state":"on"}')
+        self.expect(monitor, 0, '{"state":"on"}\n')
+
     def test_ends_at_a_loss_if_asked_to(self):
         _, monitor, client = self.subscribed("--no-reconnect")
         client.close()
@@ -191,6 +203,14 @@ class Monitor(Case):
         self.expect(monitor, 0)
         self.assertIn(b'{\x1b[34m"a"\x1b[0m:\x1b[32m"\\u007f\\u009b2J\\ufffd"\x1b[0m}\r\n',
                       monitor.stdout())
+
+    def test_shows_what_cannot_be_seen(self):
+        _, monitor, client = self.subscribed("--count", "1", terminal=True)
+        client.send(('{"a":"%s"}' % DECEPTIVE).encode())
+        self.expect(monitor, 0)
+        shown = monitor.stdout().decode()
+        self.assertFalse(any(character in shown for character in DECEPTIVE), shown)
+        self.assertIn(json.dumps(DECEPTIVE), shown)
 
     def test_is_quiet(self):
         server = self.raw_server()
@@ -273,6 +293,14 @@ class Call(Case):
             client.recv(4096)
             client.send(answer)
             self.expect(call, 6, shown + "\n", "tovik: the answer is no reply (")
+
+    def test_trusts_nobody_whom_the_kernel_does_not_name(self):
+        server = self.raw_server()
+        call = self.start("call", self.name, "{}", "--server-uid", "0",
+                          preexec=forbid_credentials)
+        self.assertEqual(b"", self.accept(server).recv(4096))
+        self.expect(call, 5, "", f"does not tell whose server '{self.name}' is, so nothing was "
+                    "sent: Operation not permitted.")
 
     def test_a_nul_ends_the_answer(self):
         call, client = self.called("{}")
@@ -738,6 +766,15 @@ class List(Case):
         self.assertEqual(self.name + "\\x20\\n\\x1b\\xff\\\\é", self.listed("--long")[0].split()[0])
         self.assertEqual(0, self.start("wait", name).end())
 
+    def test_a_name_cannot_look_like_another(self):
+        server = raw_server(self.name + DECEPTIVE)
+        self.addCleanup(server.close)
+        escapes = "".join(f"\\x{byte:02x}" for byte in DECEPTIVE.encode())
+        self.assertEqual([self.name + escapes], self.listed())
+        self.assertEqual(self.name + escapes, self.listed("--long")[0].split()[0])
+        self.expect(self.start("call", self.name + DECEPTIVE, "[]"), 2)
+        self.expect(self.start("call", DECEPTIVE, "{}"), 3, "", f"under '{escapes}';")
+
     def test_gives_names_as_they_are_in_json(self):
         server = raw_server(self.name + "\n\\é")
         self.addCleanup(server.close)
@@ -760,6 +797,15 @@ class List(Case):
                          line[:3] + line[4:])
         self.assertEqual([], self.listed("--server-uid", str(os.getuid()), preexec=forbid_netlink))
 
+    def test_names_the_first_process_of_several(self):
+        server = self.raw_server()
+        heirs = [subprocess.Popen(["sleep", "60"], pass_fds=[server.fileno()]) for _ in range(3)]
+        for heir in heirs:
+            self.addCleanup(heir.wait)
+            self.addCleanup(heir.kill)
+        pids = [os.getpid(), *(heir.pid for heir in heirs)]
+        self.assertEqual(str(min(pids)), self.listed("--long")[0].split()[1])
+
     def test_the_two_sources_agree(self):
         for name in (self.name, self.name + "@", "@" + self.name):
             server = raw_server(name)
@@ -767,6 +813,7 @@ class List(Case):
         self.raw_server(b"\0" + self.name.encode() + b"-short")
         by_netlink = self.listed("--all")
         by_proc = self.listed("--all", preexec=forbid_netlink)
+        self.assertEqual(["@" + self.name, self.name, self.name], self.listed(preexec=forbid_netlink))
         # A trailing '@' cannot be told from padding there.
         self.assertEqual(["@" + self.name, self.name, self.name, self.name + "-short"], by_proc)
         self.assertEqual(["@" + self.name, self.name, self.name + "-short", self.name + "@"],
@@ -791,14 +838,15 @@ def signals_are_blocked(pid):
         return any(line.startswith("SigBlk:") and int(line.split()[1], 16) & 2 for line in status)
 
 
-def forbid_netlink():
-    """A filter that answers socket(AF_NETLINK, ...) with EPERM, for this process from now on."""
-    number = {"x86_64": 41, "aarch64": 198}[platform.machine()]
+def forbid(calls, argument, value):
+    """A filter that answers a system call with EPERM if that argument has that value, for this
+    process from now on."""
+    number = calls[platform.machine()]
     program = b"".join(struct.pack("HBBI", *step) for step in (
         (0x20, 0, 0, 0),         # load the system call's number
-        (0x15, 0, 3, number),    # socket? else allow
-        (0x20, 0, 0, 16),        # load its first argument
-        (0x15, 0, 1, socket.AF_NETLINK),
+        (0x15, 0, 3, number),    # that one? else allow
+        (0x20, 0, 0, 16 + 8 * argument),
+        (0x15, 0, 1, value),
         (0x06, 0, 0, 0x00050001),  # fail with EPERM
         (0x06, 0, 0, 0x7FFF0000)))  # allow
     buffer = ctypes.create_string_buffer(program)
@@ -807,6 +855,14 @@ def forbid_netlink():
     no_new_privileges, seccomp = 38, 22
     if libc.prctl(no_new_privileges, 1, 0, 0, 0) or libc.prctl(seccomp, 2, filters, 0, 0):
         raise OSError(ctypes.get_errno(), "prctl")
+
+
+def forbid_netlink():
+    forbid({"x86_64": 41, "aarch64": 198}, 0, socket.AF_NETLINK)
+
+
+def forbid_credentials():
+    forbid({"x86_64": 55, "aarch64": 209}, 2, socket.SO_PEERCRED)
 
 
 class Hostile(Case):
@@ -830,6 +886,22 @@ class Hostile(Case):
         deepest = '{"a":' + "[" * 2044 + "]" * 2044 + "}"
         self.assertEqual(4094, len(deepest))
         self.expect(self.start("call", self.name, deepest), 0, "status 0\n")
+
+    def test_a_pipe_that_does_not_block(self):
+        lines = 20000
+        reader, writer = os.pipe()
+        os.set_blocking(writer, False)
+        check = subprocess.Popen(["tovik", "check", "-j"], stdin=subprocess.PIPE, stdout=writer,
+                                 env=support.ENV)
+        self.addCleanup(check.wait)
+        self.addCleanup(check.kill)
+        check.stdin.write(b"{}\n" * lines)  # which fits, but not what is said to it
+        check.stdin.close()
+        until(lambda: not select.select([], [writer], [], 0)[1], "a full pipe")
+        os.close(writer)
+        with open(reader, "rb") as results:
+            self.assertEqual(lines, len(results.readlines()))
+        self.assertEqual(0, check.wait())
 
     def test_a_line_without_an_end(self):
         status, out = self.check(b"x" * (5 << 20) + b"\n{}\n" + b'{"a":"' + b"y" * (3 << 20))
@@ -909,6 +981,20 @@ class Bench(Case):
         self.assertEqual(sorted(times), times)
         self.assertLess(times[0], times[-1])
         self.assertAlmostEqual(500, result["per_second"] * result["seconds"], 3)
+
+    def test_ranks_one_slow_answer_of_ten(self):
+        server = self.raw_server()
+        bench = self.start("bench", self.name, "--count", "10", "-j")
+        client = self.accept(server)
+        for n in range(10):
+            client.recv(4096)
+            if n == 4:
+                time.sleep(0.5)  # the measured time itself
+            client.send(REPLY % 0)
+        self.expect(bench, 0)
+        result = json.loads(bench.stdout())
+        self.assertLess(result["p90"], 500000)
+        self.assertGreaterEqual(result["p99"], 500000)
 
     def test_puts_every_round_trip_into_the_histogram(self):
         self.server("-q")
