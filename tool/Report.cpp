@@ -1,8 +1,10 @@
 #include "tool/Report.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cwchar>
 #include <iterator>
 #include <sstream>
 
@@ -150,6 +152,47 @@ std::string seconds(double value) {
   std::ostringstream text;
   text << value << " s";
   return text.str();
+}
+
+namespace {
+
+/// The length of the first character, and its columns.
+std::pair<std::size_t, std::size_t> firstCharacter(std::string_view text) {
+  const auto [character, length] = decoded(text);
+  const int columns = ::wcwidth(static_cast<wchar_t>(character));
+  return {std::max<std::size_t>(length, 1), columns < 0 ? 1 : static_cast<std::size_t>(columns)};
+}
+
+}  // namespace
+
+std::size_t displayWidth(std::string_view text) {
+  std::size_t width = 0;
+  while (!text.empty()) {
+    const auto [length, columns] = firstCharacter(text);
+    width += columns;
+    text.remove_prefix(length);
+  }
+  return width;
+}
+
+std::string fitting(std::string_view text, std::size_t columns) {
+  std::size_t end = 0;
+  for (std::size_t width = 0; end < text.size();) {
+    const auto [length, wide] = firstCharacter(text.substr(end));
+    width += wide;
+    if (width > columns) {
+      break;
+    }
+    end += length;
+  }
+  return std::string(text.substr(0, end));
+}
+
+std::size_t terminalColumns() {
+  winsize size{};
+  const bool known = ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 ||
+                     ::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0;
+  return known && size.ws_col > 0 ? size.ws_col : 80;
 }
 
 }  // namespace tool

@@ -8,7 +8,7 @@
 
 namespace tool {
 
-/// The exit statuses, the same for every verb. Scripts rely on them; `exitTexts` explains them.
+/// The exit statuses, the same for every verb. Scripts rely on them.
 enum class Exit {
   kSuccess = 0,
   kStatus = 1,
@@ -17,6 +17,7 @@ enum class Exit {
   kTimeout = 4,
   kLost = 5,
   kNotUnderstood = 6,
+  kOutput = 7,
 };
 
 /// What each exit status means, in their order.
@@ -28,6 +29,7 @@ constexpr const char* kExitTexts[] = {
     "the time-out has passed",
     "the connection was lost or refused before an answer",
     "an answer that is not understood",
+    "the results could not be written",
 };
 
 /// Ends the command: one sentence that says what to do next, and the status to exit with. Thrown
@@ -40,6 +42,9 @@ class Failure : public std::runtime_error {
  private:
   Exit status_;
 };
+
+/// Thrown where results are written and nobody reads them any more.
+struct OutputClosed {};
 
 /// Writes "tovik: " and the sentence to standard error.
 void report(std::string_view sentence);
@@ -71,5 +76,14 @@ std::string counted(std::uint64_t number, const std::string& noun);
 
 /// "0.5 s", "5 s".
 std::string seconds(double value);
+
+/// How many columns of a terminal the text takes.
+std::size_t displayWidth(std::string_view text);
+
+/// The beginning of the text that fits into so many columns.
+std::string fitting(std::string_view text, std::size_t columns);
+
+/// The terminal's width, of standard output or standard error; 80 without one.
+std::size_t terminalColumns();
 
 }  // namespace tool
