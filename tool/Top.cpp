@@ -193,7 +193,7 @@ class Screen {
   static void show(const std::vector<std::string>& lines) {
     std::string text = "\x1b[H";
     for (const std::string& line : lines) {
-      text += (&line == &lines.front() ? "" : "\r\n") + line + "\x1b[0m\x1b[K";
+      text += (&line == &lines.front() ? "" : "\n") + line + "\x1b[0m\x1b[K";
     }
     write(text + "\x1b[J");
   }
@@ -340,6 +340,9 @@ class Top {
     if (inside_ != 0) {
       const auto peers = looks_.peersOf(inside_);
       rows.insert(rows.end(), peers.begin(), peers.end());
+      for (Row& row : rows) {
+        row.erase(row.begin());  // the server, which is in the title
+      }
     }
     paint(title, aligned(rows));
   }
@@ -351,14 +354,14 @@ class Top {
     at_ = std::min(at_, std::max<std::size_t>(table.size(), 2) - 2);
     const std::size_t first = at_ < room ? 1 : at_ - room + 2;
     const std::string filter = typing_ || !filter_.empty() ? "  /" + escaped(filter_) : "";
+    const std::string heading = fitting("  " + table.front(), columns);
     std::vector<std::string> lines{fitting("tovik top: " + title + filter, columns),
-                                   painted(fitting(table.front(), columns), "1", output_.colour())};
+                                   painted(heading, "1", output_.colour())};
     for (std::size_t i = first; i < table.size() && lines.size() < height - 1; ++i) {
       const bool here = i == at_ + 1;
       const std::string line = fitting((here ? "> " : "  ") + table[i], columns);
       lines.push_back(painted(line, "7", here && output_.colour()));
     }
-    lines[1] = painted(fitting("  " + table.front(), columns), "1", output_.colour());
     lines.push_back(fitting(keysText(), columns));
     screen_.show(lines);
   }
