@@ -179,7 +179,8 @@ std::string Help::make_help(const CLI::App* app, std::string name, CLI::AppForma
   std::string text = make_usage(app, std::move(name)) + "\n" + make_description(app);
   text += make_groups(app, mode) + make_subcommands(app, mode);
   if (app->get_parent() != nullptr) {
-    return text + "\n'tovik help' lists the options of every verb, and the exit statuses.\n";
+    return text + "\n" +
+           wrapped("'tovik help' lists the options of every verb, and the exit statuses.", 0);
   }
   return text + exitTable() + "\n'tovik help VERB' and 'man tovik' say more.\n";
 }

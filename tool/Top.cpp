@@ -328,7 +328,7 @@ class Top {
 
   void draw() {
     const auto loads = shown();
-    std::vector<Row> rows{inside_ == 0 ? kHeading : kPeerHeading};
+    std::vector<Row> rows{inside_ == 0 ? heading() : kPeerHeading};
     std::string title = counted(loads.size(), "server");
     for (const Load& load : loads) {
       if (inside_ == 0) {
@@ -347,6 +347,15 @@ class Top {
     paint(title, aligned(rows));
   }
 
+  /// A star marks what is sorted by.
+  Row heading() const {
+    Row row = kHeading;
+    for (std::size_t i = 0; i < std::size(kColumns); ++i) {
+      row[i] += kColumns[i].key == sortKey_ ? "*" : "";
+    }
+    return row;
+  }
+
   void paint(const std::string& title, const std::vector<std::string>& table) {
     const std::size_t columns = terminalColumns();
     const std::size_t height = std::max<std::size_t>(Screen::rows(), 4);
@@ -362,11 +371,11 @@ class Top {
       const std::string line = fitting((here ? "> " : "  ") + table[i], columns);
       lines.push_back(painted(line, "7", here && output_.colour()));
     }
-    lines.push_back(fitting(keysText(), columns));
+    lines.push_back(fitting(keysText(columns), columns));
     screen_.show(lines);
   }
 
-  std::string keysText() const {
+  std::string keysText(std::size_t columns) const {
     if (typing_) {
       return "type a part of the name; Enter keeps it, Esc drops it";
     }
@@ -375,8 +384,8 @@ class Top {
     }
     std::string text = "q quit  / filter  Enter peers  sort:";
     for (const Column& column : kColumns) {
-      text += std::string(" ") + column.key + "=" + column.name;
-      text += column.key == sortKey_ ? "*" : "";
+      text += std::string(" ") + column.key;
+      text += columns < 100 ? "" : std::string("=") + column.name;
     }
     return text;
   }

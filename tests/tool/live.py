@@ -41,8 +41,8 @@ class Case(unittest.TestCase):
         self.addCleanup(program.kill)
         return program
 
-    def start(self, *arguments, **options):
-        return self.run_program(["tovik", *arguments], **options)
+    def start(self, *arguments, run_in=(), **options):
+        return self.run_program([*run_in, "tovik", *arguments], **options)
 
     def shell(self, command):
         return self.run_program(command)
@@ -549,6 +549,13 @@ class Send(Case):
         self.assertRaises(TimeoutError, client.recv, 4096)
         self.assertEqual(-signal.SIGINT, send.interrupt())
 
+    def test_sets_no_timer_for_each_message(self):
+        self.server("-q")
+        with tempfile.NamedTemporaryFile() as trace:
+            self.expect(self.start("send", self.name, "{}", "--count", "1000", run_in=[
+                "strace", "-o", trace.name, "-e", "trace=timerfd_settime"]), 0)
+            self.assertLess(len(trace.readlines()), 500)
+
     def test_stops_reading_after_the_count(self):
         self.server("-q")
         send = self.start("send", self.name, "--count", "1")
@@ -613,6 +620,26 @@ class Serve(Case):
                              self.exchange(client, b'{"id":3}'))
             self.assertEqual(b'{"type":"reply","status":0,"result":{"name":"x","commands":[]}}',
                              self.exchange(client, b'{"command":"describe"}'))
+
+    def test_says_why_a_command_cannot_be_run(self):
+        server = self.start("serve", self.name, "--exec", "true", preexec=forbid_processes)
+        until(lambda: support.listens(self.name), "a listening server")
+        self.client().send(b"{}")
+        self.expect(server, 5, "{}\n", "the command cannot be run: Operation not permitted.")
+
+    def test_hands_messages_over_without_a_pipe(self):
+        server = self.start("serve", self.name, "--exec", "grep -q xxx", "-q", preexec=forbid_pipes)
+        until(lambda: support.listens(self.name), "a listening server")
+        self.assertEqual(REPLY % 0, self.exchange(self.client(), b'{"pad":"' + b"x" * 4000 + b'"}'))
+        self.assertEqual(0, server.interrupt())
+
+    def test_says_what_to_type(self):
+        master, slave = os.openpty()
+        server = self.start("serve", self.name, "--notify", "-", stdin=slave)
+        server.says("tovik: type messages to broadcast, one a line.\n")
+        os.close(slave)
+        os.close(master)
+        server.interrupt()
 
     def test_says_who_sent(self):
         server = self.server("--timestamps")
@@ -931,8 +958,9 @@ class List(Case):
             server = raw_server(name)
             self.addCleanup(server.close)
         lines = self.listed("-l")
-        self.assertEqual(2, len({sum(2 if ord(c) > 0x2E80 else 1 for c in line[:line.index(
-            f" {os.getpid()} ")]) for line in lines}) + 1)
+        def width(text):
+            return sum(2 if ord(character) > 0x2E80 else 1 for character in text)
+        self.assertEqual(1, len({width(line[:line.index(f" {os.getpid()} ")]) for line in lines}))
 
     def test_watches(self):
         watch = self.start("list", "--watch")
@@ -1009,6 +1037,12 @@ class List(Case):
         self.expect(wait, 4, "", f"'{self.name}', '{self.name}2' did not listen within 0.05 s; "
                     "start them, or give them more with --timeout.")
 
+    def test_leaves_the_prompt_a_line_of_its_own(self):
+        wait = self.start("wait", self.name, "-t", "0", terminal=True)
+        until(lambda: signals_are_blocked(wait.process.pid), "the start of waiting")
+        self.assertEqual(-signal.SIGINT, wait.interrupt())
+        self.assertEqual(b"\r\n", wait.stdout())
+
     def test_wait_can_be_interrupted(self):
         wait = self.start("wait", self.name, "-t", "0", "-j")
         until(lambda: signals_are_blocked(wait.process.pid), "the start of waiting")
@@ -1046,6 +1080,14 @@ def forbid(calls, argument, value):
 
 def forbid_netlink():
     forbid({"x86_64": 41, "aarch64": 198}, 0, socket.AF_NETLINK)
+
+
+def forbid_processes():
+    forbid({"x86_64": 435, "aarch64": 435}, 1, 88)  # clone3, and the size of what it is told
+
+
+def forbid_pipes():
+    forbid({"x86_64": 293, "aarch64": 59}, 1, os.O_CLOEXEC)
 
 
 def forbid_credentials():
@@ -1168,6 +1210,19 @@ class Bench(Case):
         self.assertEqual(sorted(times), times)
         self.assertLess(times[0], times[-1])
         self.assertAlmostEqual(500, result["per_second"] * result["seconds"], 3)
+
+    def test_fits_the_terminal(self):
+        self.server("-q")
+        master, slave = os.openpty()
+        self.addCleanup(os.close, master)
+        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 12, 60, 0, 0))
+        bench = self.start("bench", self.name, "--count", "100", stdout=slave)
+        os.close(slave)
+        terminal = Terminal(master)
+        until(lambda: bench.process.poll() is not None, "the end")
+        lines = [line for line in terminal.plain().split("\r\n") if line.startswith("below")]
+        self.assertEqual({True}, {len(line) <= 60 and "#" in line or line[-1] == " "
+                                  for line in lines})
 
     def test_sums_up_what_it_has_when_interrupted(self):
         server = self.raw_server()
