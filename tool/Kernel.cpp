@@ -18,6 +18,8 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <functional>
+#include <map>
 #include <sstream>
 #include <string_view>
 #include <tuple>
@@ -216,7 +218,7 @@ class Builder {
   Builder(const std::vector<Socket>& sockets, bool all) {
     for (const Socket& socket : sockets) {
       byInode_.emplace(socket.inode, &socket);
-      if (!socket.listens) {
+      if (!socket.listens && !socket.path.empty()) {
         accepted_[socket.path].push_back(&socket);
       }
     }
@@ -278,46 +280,43 @@ class Builder {
     table_.connections.push_back(std::move(connection));
   }
 
-  std::map<Inode, const Socket*> byInode_;
-  std::map<std::string, std::vector<const Socket*>> accepted_;
+  std::unordered_map<Inode, const Socket*> byInode_;
+  std::unordered_map<std::string_view, std::vector<const Socket*>> accepted_;
   Table table_;
 };
 
 // --- processes ---
 
-/// What a folder holds, but for what begins with a dot.
-std::vector<std::string> entriesOf(const std::string& folder) {
-  std::vector<std::string> names;
-  DIR* const entries = ::opendir(folder.c_str());
-  while (const dirent* entry = entries == nullptr ? nullptr : ::readdir(entries)) {
-    if (entry->d_name[0] != '.') {
-      names.emplace_back(entry->d_name);
-    }
-  }
-  if (entries != nullptr) {
-    ::closedir(entries);
-  }
-  return names;
-}
-
 /// The numbers of the processes that can be seen, the lowest first.
 std::vector<int> processes() {
   std::vector<int> pids;
-  for (const std::string& name : entriesOf("/proc")) {
-    if (const int pid = std::atoi(name.c_str()); pid > 0) {
+  DIR* const proc = ::opendir("/proc");
+  while (const dirent* entry = proc == nullptr ? nullptr : ::readdir(proc)) {
+    if (const int pid = std::atoi(entry->d_name); pid > 0) {
       pids.push_back(pid);
     }
+  }
+  if (proc != nullptr) {
+    ::closedir(proc);
   }
   std::sort(pids.begin(), pids.end());
   return pids;
 }
 
-/// The inode of the socket behind a link of /proc; 0 if it is none.
-Inode socketBehind(const std::string& link) {
-  std::array<char, 64> target{};
-  const auto length = ::readlink(link.c_str(), target.data(), target.size() - 1);
-  const bool socket = length > 0 && std::strncmp(target.data(), "socket:[", 8) == 0;
-  return socket ? std::strtoul(target.data() + 8, nullptr, 10) : 0;
+/// Calls `found` for each socket that the process has open.
+void forEachSocketOf(int pid, const std::function<void(Inode)>& found) {
+  DIR* const folder = ::opendir(("/proc/" + std::to_string(pid) + "/fd").c_str());
+  while (const dirent* entry = folder == nullptr ? nullptr : ::readdir(folder)) {
+    std::array<char, 64> target{};
+    const auto length =
+        ::readlinkat(::dirfd(folder), entry->d_name, target.data(), target.size() - 1);
+    if (length > 0 && std::strncmp(target.data(), "socket:[", 8) == 0) {
+      found(std::strtoul(target.data() + 8, nullptr, 10));
+    }
+  }
+  if (folder != nullptr) {
+    ::closedir(folder);
+  }
 }
 
 double uptime() {
@@ -374,24 +373,26 @@ Process processOf(int pid) {
 }
 
 void Owners::find(const std::set<Inode>& inodes) {
-  bool allKnown = true;
-  std::map<Inode, int> found;
+  bool anyNew = false;
+  std::size_t missing = 0;  // those of hidden processes included
+  std::unordered_map<Inode, int> found;
   for (const Inode inode : inodes) {
     const auto known = known_.find(inode);
-    allKnown = allKnown && known != known_.end();
+    anyNew = anyNew || known == known_.end();
     found[inode] = known == known_.end() ? 0 : known->second;
+    missing += found[inode] == 0 ? 1 : 0;
   }
   known_ = std::move(found);
-  if (allKnown) {
-    return;
-  }
-  for (const int pid : processes()) {
-    const std::string folder = "/proc/" + std::to_string(pid) + "/fd";
-    for (const std::string& name : entriesOf(folder)) {
-      const auto known = known_.find(socketBehind(folder + "/" + name));
+  for (const int pid : anyNew ? processes() : std::vector<int>{}) {
+    forEachSocketOf(pid, [&](Inode inode) {
+      const auto known = known_.find(inode);
       if (known != known_.end() && known->second == 0) {
         known->second = pid;
+        --missing;
       }
+    });
+    if (missing == 0) {
+      break;
     }
   }
 }

@@ -1,10 +1,10 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <optional>
 #include <set>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace tool {
@@ -74,7 +74,7 @@ class Owners {
   int pidOf(Inode inode) const;
 
  private:
-  std::map<Inode, int> known_;
+  std::unordered_map<Inode, int> known_;
 };
 
 /// The user's name, or the number of one who has none.

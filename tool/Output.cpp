@@ -216,9 +216,12 @@ void printTable(const Row& heading, std::vector<Row> rows, Output& output) {
   if (first) {
     rows.insert(rows.begin(), heading);
   }
+  std::string text;
   for (const std::string& line : aligned(rows)) {
-    output.line(std::exchange(first, false) ? painted(line, "1", output.colour()) : line);
+    text += std::exchange(first, false) ? painted(line, "1", output.colour()) : line;
+    text += '\n';
   }
+  output.text(text);
 }
 
 std::string stateText(char state) {

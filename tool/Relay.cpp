@@ -192,7 +192,7 @@ class Conversation {
   };
 
   void toServer(std::string text) {
-    if (passes(Direction::kToServer, std::move(text))) {
+    if (!leaving_ && passes(Direction::kToServer, std::move(text))) {
       upstream_.pass(stamp_.text);
     }
   }
