@@ -177,7 +177,7 @@ std::string flagsOf(const CLI::Option& option) {
 
 std::string Help::make_help(const CLI::App* app, std::string name, CLI::AppFormatMode mode) const {
   std::string text = make_usage(app, std::move(name)) + "\n" + make_description(app);
-  text += make_groups(app, mode) + make_subcommands(app, mode);
+  text += make_subcommands(app, mode) + make_groups(app, mode);
   if (app->get_parent() != nullptr) {
     return text + "\n" +
            wrapped("'tovik help' lists the options of every verb, and the exit statuses.", 0);
