@@ -1,4 +1,4 @@
-// A line of a recording, as `relay --replay` reads it: whatever is taken for a record is written as
+// A line of a recording, as `tovik replay` reads it: whatever is taken for a record is written as
 // a line that reads as the same record.
 
 #include "tool/Recording.h"

@@ -9,10 +9,10 @@
 #include <list>
 
 #include "tool/Lines.h"
+#include "tool/Options.h"
 #include "tool/Output.h"
 #include "tool/Run.h"
 #include "tool/Session.h"
-#include "tool/Verbs.h"
 
 namespace tool {
 
@@ -21,6 +21,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kBarWidth = 40;
+constexpr std::size_t kBeforeBar = 32;  // columns of the histogram
 
 double microseconds(Clock::duration duration) {
   return std::chrono::duration<double, std::micro>(duration).count();
@@ -32,10 +33,17 @@ std::string rounded(double value) {
   return text.data();
 }
 
+struct BenchOptions {
+  std::string name;
+  std::uint64_t size = 64;
+  std::uint64_t clients = 1;
+  std::uint64_t count = 10000;
+};
+
 /// What all clients of the measurement share.
 struct Measurement {
   Run run{Ending::kIsFailure};
-  Tovik::Message message;
+  std::string message;
   std::uint64_t toStart = 0;
   std::uint64_t toFinish = 0;
   std::vector<double> times;  // in microseconds
@@ -44,13 +52,10 @@ struct Measurement {
 
 class BenchClient : private Session {
  public:
-  BenchClient(const Options& options, Measurement& measurement)
-      : Session(options.name, options),
+  BenchClient(const std::string& name, const Common& common, Measurement& measurement)
+      : Session(name, common),
         measurement_(measurement),
-        deadline_(timeLimit(options, 5), [&options] {
-          return "the server " + inQuotes(options.name) + " did not answer within " +
-                 seconds(timeLimit(options, 5)) + "; give it more with --timeout.";
-        }) {
+        deadline_(common.timeLimit(5), [this, &common] { return lateText(common.timeLimit(5)); }) {
     deadline_.restart();
   }
 
@@ -64,7 +69,7 @@ class BenchClient : private Session {
     --measurement_.toStart;
     deadline_.restart();
     sent_ = Clock::now();
-    asyncSendMsg(measurement_.message);
+    send(measurement_.message);
   }
 
   void received(std::string record) override {
@@ -75,7 +80,7 @@ class BenchClient : private Session {
     }
     measurement_.times.push_back(microseconds(Clock::now() - sent_));
     if (--measurement_.toFinish == 0) {
-      measurement_.run.finish(Exit::kSuccess);
+      measurement_.run.finish();
     }
     start();
   }
@@ -88,9 +93,9 @@ class BenchClient : private Session {
 /// On standard error, if that is a terminal.
 class ProgressBar {
  public:
-  ProgressBar(const Options& options, const Measurement& measurement)
+  ProgressBar(const Common& common, const Measurement& measurement)
       : measurement_(measurement), total_(measurement.toFinish) {
-    if (!options.quiet && ::isatty(STDERR_FILENO) != 0) {
+    if (!common.quiet && ::isatty(STDERR_FILENO) != 0) {
       draw();
     }
   }
@@ -142,10 +147,12 @@ void printHistogram(const std::vector<double>& times, Output& output) {
     counts.resize(std::max(counts.size(), static_cast<std::size_t>(power - first) + 1));
     ++counts[static_cast<std::size_t>(power - first)];
   }
+  const std::size_t columns = std::max<std::size_t>(terminalColumns(), kBeforeBar + 5);
+  const std::size_t width = std::min(kBarWidth, columns - kBeforeBar);
   const std::size_t most = *std::max_element(counts.begin(), counts.end());
   for (std::size_t i = 0; i < counts.size(); ++i) {
     const std::string upTo = rounded(std::exp2(first + static_cast<int>(i) + 1));
-    const std::size_t length = (counts[i] * kBarWidth + most - 1) / most;
+    const std::size_t length = (counts[i] * width + most - 1) / most;
     const std::string count = std::to_string(counts[i]);
     std::string line = "below " + rightAligned(upTo, 10) + " us " + rightAligned(count, 9);
     line += "  " + painted(std::string(length, '#'), "32", output.colour());
@@ -153,28 +160,34 @@ void printHistogram(const std::vector<double>& times, Output& output) {
   }
 }
 
-void print(const Options& options, Measurement& measurement) {
-  Output output(options);
+void printObject(const BenchOptions& options, const std::vector<double>& times, double elapsed,
+                 Output& output) {
+  Tovik::Message result(rapidjson::kObjectType);
+  addMember(result, "count", static_cast<std::uint64_t>(times.size()));
+  addMember(result, "size_bytes", options.size);
+  addMember(result, "clients", options.clients);
+  addMember(result, "seconds", elapsed);
+  addMember(result, "per_second", static_cast<double>(times.size()) / elapsed);
+  for (const auto& [name, share] : kPercentiles) {
+    const std::string text = std::string(name) + "_us";
+    rapidjson::Value key(text.c_str(), result.GetAllocator());
+    rapidjson::Value time(percentile(times, share));
+    result.AddMember(key, time, result.GetAllocator());
+  }
+  output.message(result);
+}
+
+void print(const BenchOptions& options, const Common& common, Measurement& measurement) {
+  Output output(common);
   auto& times = measurement.times;
   const double elapsed = microseconds(Clock::now() - measurement.begin) / 1e6;
-  const double rate = static_cast<double>(times.size()) / elapsed;
   std::sort(times.begin(), times.end());
   if (output.json()) {
-    Tovik::Message result;
-    result.SetObject();
-    addNumber(result, "count", static_cast<std::uint64_t>(times.size()));
-    addNumber(result, "size", options.size.value_or(64));
-    addNumber(result, "clients", options.clients.value_or(1));
-    addNumber(result, "seconds", elapsed);
-    addNumber(result, "per_second", rate);
-    for (const auto& [name, share] : kPercentiles) {
-      addNumber(result, name, percentile(times, share));
-    }
-    return output.message(result);
+    return printObject(options, times, elapsed, output);
   }
-  output.line(counted(times.size(), "round trip") + " of " +
-              counted(options.size.value_or(64), "byte") + " in " + rounded(elapsed) + " s, " +
-              rounded(rate) + " a second");
+  output.line(counted(times.size(), "round trip") + " of " + counted(options.size, "byte") +
+              " in " + rounded(elapsed) + " s, " +
+              rounded(static_cast<double>(times.size()) / elapsed) + " a second");
   std::string line;
   for (const auto& [name, share] : kPercentiles) {
     line += (line.empty() ? "" : "  ") + std::string(name) + " " +
@@ -184,24 +197,47 @@ void print(const Options& options, Measurement& measurement) {
   printHistogram(times, output);
 }
 
-}  // namespace
-
-Exit runBench(const Options& options) {
+/// An interrupted measurement has its results, too.
+void bench(const BenchOptions& options, const Common& common) {
   Measurement measurement;
-  const std::string padding(options.size.value_or(64) - std::string(R"({"pad":""})").size(), 'x');
-  measurement.message = messageFrom(R"({"pad":")" + padding + R"("})");
-  measurement.toStart = measurement.toFinish = options.count.value_or(10000);
+  const std::string padding(options.size - std::string(R"({"pad":""})").size(), 'x');
+  measurement.message = R"({"pad":")" + padding + R"("})";
+  measurement.toStart = measurement.toFinish = options.count;
   measurement.begin = Clock::now();
   std::list<BenchClient> clients;
-  for (std::uint64_t i = 0; i < options.clients.value_or(1); ++i) {
-    clients.emplace_back(options, measurement);
+  for (std::uint64_t i = 0; i < options.clients; ++i) {
+    clients.emplace_back(options.name, common, measurement);
   }
-  {
-    const ProgressBar bar(options, measurement);
+  try {
+    const ProgressBar bar(common, measurement);
     measurement.run.untilFinished();
+  } catch (const Interrupted&) {
+    if (!measurement.times.empty()) {
+      print(options, common, measurement);
+    }
+    throw;
   }
-  print(options, measurement);
-  return Exit::kSuccess;
+  print(options, common, measurement);
+}
+
+}  // namespace
+
+void addBench(CLI::App& program, const Common& common) {
+  const auto options = std::make_shared<BenchOptions>();
+  const auto run = [options, &common] { bench(*options, common); };
+  CLI::App& verb = addVerb(
+      program, "bench", "measures round trips",
+      "Sends {\"pad\":\"...\"}, waits for the reply, and so on; any status counts. Prints the "
+      "rate, percentiles and a histogram, also after Ctrl-C. The time-out, 5 seconds, is for each "
+      "reply.",
+      run);
+  addName(verb, options->name);
+  addNumber(verb, "--size", options->size, "BYTES", 10, kLargestText,
+            "size of the message (64 unless given)");
+  addNumber(verb, "--clients", options->clients, "N", 1, 1000,
+            "connections at once (1 unless given)");
+  addNumber(verb, "--count", options->count, "N", 1, 10000000,
+            "round trips in all (10000 unless given)");
 }
 
 }  // namespace tool

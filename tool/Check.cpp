@@ -1,9 +1,9 @@
 // check: each line of a file, judged.
 
 #include "tool/Lines.h"
+#include "tool/Options.h"
 #include "tool/Output.h"
 #include "tool/Run.h"
-#include "tool/Verbs.h"
 
 namespace tool {
 
@@ -60,37 +60,53 @@ Verdict judge(const Lint& judged, bool asReply) {
   return verdict;
 }
 
+struct CheckOptions {
+  std::string what = "-";
+  bool reply = false;
+};
+
 class Check {
  public:
-  Check(const Options& options, Run& run)
-      : options_(options),
-        run_(run),
-        output_(options),
-        lines_(options.file, [this](const auto& line) { take(line); }) {
-    lines_.want();
+  Check(const CheckOptions& options, const Common& common) : options_(options), output_(common) {}
+
+  void run() {
+    if (const char first = options_.what.front(); first == '{' || first == '[') {
+      take(options_.what);
+      return finish();
+    }
+    Run run(Ending::kIsFailure);
+    lines_.emplace(options_.what, [&](const auto& line) {
+      if (!line) {
+        return run.finish();
+      }
+      take(*line);
+      lines_->want();
+    });
+    lines_->want();
+    run.untilFinished();
+    finish();
   }
 
  private:
-  void take(const std::optional<std::string>& line) {
-    if (!line) {
-      return finish();
+  void take(const std::string& line) {
+    if (isBlank(line)) {
+      return;
     }
-    if (!isBlank(*line)) {
-      const Lint judged = lint(*line);
-      const Verdict verdict = judge(judged, options_.reply);
-      ++checked_;
-      faulty_ += verdict.fault.empty() ? 0 : 1;
-      print(judged, verdict);
-    }
-    lines_.want();
+    const Lint judged = lint(line);
+    const Verdict verdict = judge(judged, options_.reply);
+    ++checked_;
+    faulty_ += verdict.fault.empty() ? 0 : 1;
+    print(judged, verdict);
   }
+
+  std::size_t number() const { return lines_ ? lines_->number() : 1; }
 
   void print(const Lint& judged, const Verdict& verdict) {
     if (output_.json()) {
       return output_.message(objectOf(judged, verdict));
     }
     const bool good = verdict.fault.empty();
-    std::string text = "line " + std::to_string(lines_.number()) + ": " +
+    std::string text = "line " + std::to_string(number()) + ": " +
                        painted(good ? "good" : "bad", good ? "32" : "31", output_.colour());
     if (judged.notJson.empty()) {
       text += ", " + counted(judged.compact.size(), "byte") + ", " + verdict.kind;
@@ -102,14 +118,14 @@ class Check {
   Tovik::Message objectOf(const Lint& judged, const Verdict& verdict) const {
     Tovik::Message object;
     object.SetObject();
-    addNumber(object, "line", static_cast<std::uint64_t>(lines_.number()));
-    addNumber(object, "good", verdict.fault.empty());
+    addMember(object, "line", static_cast<std::uint64_t>(number()));
+    addMember(object, "good", verdict.fault.empty());
     if (judged.notJson.empty()) {
-      addNumber(object, "bytes", static_cast<std::uint64_t>(judged.compact.size()));
+      addMember(object, "bytes", static_cast<std::uint64_t>(judged.compact.size()));
       addString(object, "kind", verdict.kind);
     }
     if (judged.replyStatus) {
-      addNumber(object, "status", *judged.replyStatus);
+      addMember(object, "status", *judged.replyStatus);
     }
     if (!verdict.fault.empty()) {
       addString(object, "fault", verdict.fault);
@@ -117,31 +133,37 @@ class Check {
     return object;
   }
 
-  void finish() {
+  void finish() const {
     if (checked_ == 0) {
       throw Failure(Exit::kUsage, "there is no message to check; give one on each line.");
     }
     if (faulty_ > 0) {
       throw Failure(Exit::kUsage, std::to_string(faulty_) + " of " + counted(checked_, "message") +
-                                      " must not be sent; mend what is named above.");
+                                      " must not be sent.");
     }
-    run_.finish(Exit::kSuccess);
   }
 
-  const Options& options_;
-  Run& run_;
+  const CheckOptions& options_;
   Output output_;
-  Lines lines_;
+  std::optional<Lines> lines_;
   std::uint64_t checked_ = 0;
   std::uint64_t faulty_ = 0;
 };
 
 }  // namespace
 
-Exit runCheck(const Options& options) {
-  Run run(Ending::kIsFailure);
-  const Check check(options, run);
-  return run.untilFinished();
+void addCheck(CLI::App& program, const Common& common) {
+  const auto options = std::make_shared<CheckOptions>();
+  const auto run = [options, &common] { Check(*options, common).run(); };
+  CLI::App& verb =
+      addVerb(program, "check", "lints messages, one a line",
+              "Says of each line of the file whether it is JSON, an object, short enough for a "
+              "record, a notification switch or a reply, and whether it would end a process that "
+              "receives it. What begins like JSON is no file but the message itself; without "
+              "either, standard input is read.",
+              run);
+  addArgument(verb, kFile, options->what, Needed::kNo);
+  addFlag(verb, "--reply", options->reply, "judge the lines as answers to a call");
 }
 
 }  // namespace tool

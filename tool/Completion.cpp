@@ -1,243 +1,218 @@
-// completion: scripts for three shells, made from the table of verbs. Names of servers are asked
-// for when they are needed.
+// completion: short scripts for three shells. They ask `tovik complete` what may stand where the
+// cursor is, so they know every verb and option of the program that is installed.
 
+#include "tool/Help.h"
+#include "tool/Kernel.h"
 #include "tool/Output.h"
-#include "tool/Verbs.h"
 
 namespace tool {
 
 namespace {
 
-/// Long options, and the short ones where there is no long one.
-std::vector<std::string> optionWords(const std::vector<OptionInfo>& options) {
-  std::vector<std::string> words;
-  for (const OptionInfo& option : options) {
-    if (!option.hidden) {
-      words.push_back(splitAt(option.flags, ',').back());
-    }
-  }
-  return words;
-}
+// The program prints one candidate a line, with its explanation behind a tab; ":files" leaves it to
+// the shell to complete the name of a file.
 
-std::string joined(const std::vector<std::string>& words) {
-  std::string text;
-  for (const std::string& word : words) {
-    text += (text.empty() ? "" : " ") + word;
-  }
-  return text;
-}
-
-std::string verbWords() {
-  std::vector<std::string> words;
-  for (const Verb& verb : verbs()) {
-    words.emplace_back(verb.name);
-    if (verb.synonym != nullptr) {
-      words.emplace_back(verb.synonym);
-    }
-  }
-  return joined(words);
-}
-
-std::string patternOf(const Verb& verb) {
-  return verb.synonym == nullptr ? verb.name : std::string(verb.name) + "|" + verb.synonym;
-}
-
-/// What a verb's arguments are completed with: "names", "files", or words.
-std::string argumentsOf(const Verb& verb) {
-  if (verb.arguments.empty()) {
-    return "none";
-  }
-  const std::string first = verb.arguments.front().name;
-  if (first.rfind("NAME", 0) == 0) {
-    return "names";
-  }
-  if (first.rfind("FILE", 0) == 0) {
-    return "files";
-  }
-  return first == "VERB" ? verbWords() : joined(splitAt(first, '|'));
-}
-
-bool takesFile(const OptionInfo& option) {
-  return option.value != nullptr && std::string(option.value) == "FILE";
-}
-
-/// "--json|--color" style patterns of the options whose values are words, and those words.
-std::string choiceCases() {
-  std::string cases;
-  for (const OptionInfo& option : commonOptions()) {
-    const auto choices = splitAt(option.value == nullptr ? "" : option.value, '|');
-    if (choices.size() > 1) {
-      cases +=
-          "    " + splitAt(option.flags, ',').back() + ") words='" + joined(choices) + "' ;;\n";
-    }
-  }
-  return cases;
-}
-
-std::string verbCases() {
-  std::string cases;
-  for (const Verb& verb : verbs()) {
-    cases += "    " + patternOf(verb) + ") options='" + joined(optionWords(verb.options)) +
-             "' arguments='" + argumentsOf(verb) + "' ;;\n";
-  }
-  return cases;
-}
-
-std::string bashScript() {
-  return R"sh(# bash completion for tovik
+constexpr const char* kBash = R"sh(# bash completion for tovik
 _tovik() {
-  local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]}
-  local verb= word words= options= arguments=')sh" +
-         verbWords() + R"sh('
-  [[ $previous == '=' ]] && previous=${COMP_WORDS[COMP_CWORD-2]}
-  [[ $current == '=' ]] && previous=${COMP_WORDS[COMP_CWORD-1]} current=
-  COMPREPLY=()
-  case $previous in
-)sh" + choiceCases() +
-         R"sh(    --record|--replay) COMPREPLY=($(compgen -f -- "$current")); return ;;
-  esac
-  if [[ -n $words ]]; then
-    COMPREPLY=($(compgen -W "$words" -- "$current"))
-    return
-  fi
-  for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
-    [[ " $arguments " == *" $word "* ]] && verb=$word && break
+  local line file cur=$2 words=() i
+  for ((i = 0; i <= COMP_CWORD; i++)); do # a word ends where the shell's own ends, but at '='
+    if [[ ${COMP_WORDS[i]} == '=' || (i -gt 0 && ${COMP_WORDS[i-1]} == '=') ]]; then
+      words[-1]+=${COMP_WORDS[i]}
+    else
+      words+=("${COMP_WORDS[i]}")
+    fi
   done
-  case $verb in
-)sh" + verbCases() +
-         R"sh(  esac
-  if [[ $current == -* ]]; then
-    COMPREPLY=($(compgen -W "$options )sh" +
-         joined(optionWords(commonOptions())) + R"sh( --help --version" -- "$current"))
-  elif [[ $arguments == names ]]; then
-    while IFS= read -r word; do
-      [[ $word == "$current"* ]] && COMPREPLY+=("$(printf %q "$word")")
-    done < <(tovik list 2>/dev/null)
-  elif [[ $arguments == files ]]; then
-    COMPREPLY=($(compgen -f -- "$current"))
-  elif [[ $arguments != none ]]; then
-    COMPREPLY=($(compgen -W "$arguments" -- "$current"))
-  fi
+  [[ $cur == '=' ]] && cur=
+  COMPREPLY=()
+  while IFS= read -r line; do
+    if [[ $line == :files ]]; then
+      compopt -o filenames 2>/dev/null
+      while IFS= read -r file; do COMPREPLY+=("$file"); done < <(compgen -f -- "$cur")
+    else
+      COMPREPLY+=("$(printf %q "${line%%$'\t'*}")")
+    fi
+  done < <(tovik complete "${words[@]}" 2>/dev/null)
 }
 complete -F _tovik tovik
 )sh";
-}
 
-/// `text` between single quotes, as zsh and fish understand it in descriptions.
-std::string described(const std::string& text) {
-  std::string result;
-  for (const char c : text) {
-    result += std::string("'[]:\\").find(c) == std::string::npos ? std::string(1, c) : " ";
-  }
-  return result;
-}
-
-std::string zshOptions(const std::vector<OptionInfo>& options, const std::string& indent) {
-  std::string specs;
-  for (const OptionInfo& option : options) {
-    if (option.hidden) {
-      continue;
-    }
-    std::string action;
-    if (option.value != nullptr) {
-      const auto choices = splitAt(option.value, '|');
-      action = takesFile(option)    ? ":file:_files"
-               : choices.size() > 1 ? ":word:(" + joined(choices) + ")"
-                                    : ":" + described(option.value) + ":";
-    }
-    for (const std::string& flag : splitAt(option.flags, ',')) {
-      const bool equals = option.value != nullptr && flag.rfind("--", 0) == 0;
-      specs += indent + "'*";
-      specs += flag + (equals ? "=" : "") + "[";
-      specs += described(option.text) + "]" + action + "' \\\n";
-    }
-  }
-  return specs;
-}
-
-std::string zshScript() {
-  std::string script = R"sh(#compdef tovik
+constexpr const char* kZsh = R"sh(#compdef tovik
 # zsh completion for tovik
-_tovik_names() {
-  local -a names
-  names=(${(f)"$(tovik list 2>/dev/null)"})
-  compadd -a names
-}
 _tovik() {
-  local verb= word verbs=')sh" +
-                       verbWords() +
-                       R"sh('
-  local -a common
-  for word in "${(@)words[2,CURRENT-1]}"; do
-    [[ " $verbs " == *" $word "* ]] && verb=$word && break
+  local line word
+  local -a found described
+  for line in "${(@f)$(tovik complete "${(@Q)words[1,CURRENT]}" 2>/dev/null)}"; do
+    [[ -n $line ]] || continue
+    if [[ $line == :files ]]; then
+      compset -P '--*='
+      _files
+      continue
+    fi
+    word=${line%%$'\t'*}
+    found+=("$word")
+    described+=("${line/$'\t'/  -- }")
   done
-  common=(
-)sh" + zshOptions(commonOptions(), "    ");
-  script += "  )\n  case $verb in\n";
-  for (const Verb& verb : verbs()) {
-    const std::string arguments = argumentsOf(verb);
-    const std::string action = arguments == "names"   ? "'*:name:_tovik_names'"
-                               : arguments == "files" ? "'*:file:_files'"
-                               : arguments == "none"  ? ""
-                                                      : "'*:word:(" + arguments + ")'";
-    script += "    " + patternOf(verb) + ")\n      _arguments $common '1:verb:' \\\n" +
-              zshOptions(verb.options, "        ") + "        " + action + " ;;\n";
-  }
-  script += "    *) _arguments $common '1:verb:(" + verbWords() + ")' ;;\n  esac\n}\n";
-  return script +
-         "if [[ $funcstack[1] == _tovik ]]; then _tovik \"$@\"; else compdef _tovik tovik; fi\n";
+  compset -P '--*='
+  (( $#found )) && compadd -l -d described -a found
 }
+if [[ $funcstack[1] == _tovik ]]; then _tovik "$@"; else compdef _tovik tovik; fi
+)sh";
 
-std::string fishOptions(const std::string& condition, const std::vector<OptionInfo>& options) {
-  std::string lines;
-  for (const OptionInfo& option : options) {
-    if (option.hidden) {
-      continue;
-    }
-    lines += "complete -c tovik" + condition;
-    for (const std::string& flag : splitAt(option.flags, ',')) {
-      lines += flag.rfind("--", 0) == 0 ? " -l " + flag.substr(2) : " -s " + flag.substr(1);
-    }
-    if (option.value != nullptr) {
-      const auto choices = splitAt(option.value, '|');
-      lines += takesFile(option)    ? " -r -F"
-               : choices.size() > 1 ? " -x -a '" + joined(choices) + "'"
-                                    : " -x";
-    }
-    lines += " -d '" + described(option.text) + "'\n";
-  }
-  return lines;
-}
+constexpr const char* kFish = R"sh(# fish completion for tovik
+function __tovik
+    for line in (tovik complete (commandline -opc) (commandline -ct) 2>/dev/null)
+        if test "$line" = :files
+            __fish_complete_path (commandline -ct | string replace -r -- '^--[^=]*=' '')
+        else
+            echo $line
+        end
+    end
+end
+complete -c tovik -f -a '(__tovik)'
+)sh";
 
-std::string fishScript() {
-  std::string script = "# fish completion for tovik\ncomplete -c tovik -f\n";
-  script += fishOptions("", commonOptions());
-  for (const Verb& verb : verbs()) {
-    const std::string names = joined(splitAt(patternOf(verb), '|'));
-    const std::string condition = " -n '__fish_seen_subcommand_from " + names + "'";
-    script += "complete -c tovik -n __fish_use_subcommand -a '" + names + "' -d '" +
-              described(verb.summary) + "'\n" + fishOptions(condition, verb.options);
-    const std::string arguments = argumentsOf(verb);
-    if (arguments == "names") {
-      script += "complete -c tovik" + condition + " -a '(tovik list 2>/dev/null)'\n";
-    } else if (arguments == "files") {
-      script += "complete -c tovik" + condition + " -F\n";
-    } else if (arguments != "none") {
-      script += "complete -c tovik" + condition + " -a '";
-      script += arguments + "'\n";
+class Completion {
+ public:
+  Completion(const CLI::App& program, std::vector<std::string> words)
+      : program_(program), current_(words.empty() ? "" : words.back()) {
+    for (std::size_t i = 1; i + 1 < words.size(); ++i) {
+      take(words[i]);
     }
   }
-  return script;
+
+  /// What may stand at the place of the last word.
+  std::vector<std::string> candidates() {
+    if (pending_ != nullptr) {
+      offerValues(pending_->get_type_name());
+    } else if (const std::size_t equals = current_.find('=');
+               !onlyArguments_ && current_.rfind("--", 0) == 0 && equals != std::string::npos) {
+      const CLI::Option* const option = find(current_.substr(0, equals));
+      current_.erase(0, equals + 1);
+      offerValues(option == nullptr ? "" : option->get_type_name());
+    } else if (!onlyArguments_ && current_.rfind('-', 0) == 0) {
+      offerOptions();
+    } else if (verb_ == nullptr) {
+      offerVerbs();
+    } else {
+      offerArgument();
+    }
+    return std::move(found_);
+  }
+
+ private:
+  /// Follows the line up to the cursor.
+  void take(const std::string& word) {
+    if (pending_ != nullptr) {
+      pending_ = nullptr;
+    } else if (word == "--" && !onlyArguments_) {
+      onlyArguments_ = true;
+    } else if (!onlyArguments_ && word.rfind('-', 0) == 0 && word != "-") {
+      const CLI::Option* const option = find(word);
+      pending_ = option != nullptr && takesValue(*option) ? option : nullptr;
+    } else if (verb_ == nullptr) {
+      for (const CLI::App* verb : verbsOf(program_)) {
+        verb_ = verb->check_name(word) ? verb : verb_;
+      }
+    } else {
+      ++arguments_;
+    }
+  }
+
+  const CLI::Option* find(const std::string& flag) const {
+    for (const CLI::App* app : {verb_, &program_}) {
+      for (const CLI::Option* option :
+           app == nullptr ? std::vector<const CLI::Option*>{} : optionsOf(*app)) {
+        if (option->check_name(flag)) {
+          return option;
+        }
+      }
+    }
+    return nullptr;
+  }
+
+  void offer(const std::string& word, const std::string& text = {}) {
+    if (word.rfind(current_, 0) == 0) {
+      found_.push_back(text.empty() ? word : word + "\t" + text);
+    }
+  }
+
+  void offerVerbs() {
+    for (const CLI::App* verb : verbsOf(program_)) {
+      offer(verb->get_name(), verb->get_description());
+      for (const std::string& alias : verb->get_aliases()) {
+        offer(alias, verb->get_description());
+      }
+    }
+  }
+
+  void offerOptions() {
+    for (const CLI::App* app : {verb_, &program_}) {
+      for (const CLI::Option* option :
+           app == nullptr ? std::vector<const CLI::Option*>{} : optionsOf(*app)) {
+        const auto& names = option->get_lnames();
+        offer(names.empty() ? "-" + option->get_snames().front() : "--" + names.front(),
+              option->get_description());
+      }
+    }
+  }
+
+  void offerArgument() {
+    const auto arguments = argumentsOf(*verb_);
+    const bool many = !arguments.empty() && arguments.back()->get_expected_max() > 1;
+    if (arguments_ < arguments.size() || many) {
+      const auto at = std::min(arguments_, arguments.size() - 1);
+      offerValues(arguments[at]->get_name(true, false));
+    }
+  }
+
+  void offerValues(const std::string& kind) {
+    if (kind == kFile) {
+      found_.emplace_back(":files");
+    } else if (kind == "VERB") {
+      offerVerbs();
+    } else if (kind == kName || kind == "UPSTREAM") {
+      for (const Listener& listener : listeners(false)) {
+        offer(escaped(listener.name));
+      }
+    } else if (kind == "SHELL" || kind.find('|') != std::string::npos) {
+      for (const std::string& word : splitAt(kind == "SHELL" ? "bash|zsh|fish" : kind, '|')) {
+        offer(word);
+      }
+    }
+  }
+
+  const CLI::App& program_;
+  std::string current_;
+  const CLI::App* verb_ = nullptr;
+  const CLI::Option* pending_ = nullptr;  // waits for its value
+  std::size_t arguments_ = 0;
+  bool onlyArguments_ = false;
+  std::vector<std::string> found_;
+};
+
+void addComplete(CLI::App& program, const Common& common) {
+  CLI::App* const verb = program.add_subcommand("complete")->group("");
+  verb->prefix_command();
+  verb->callback([verb, &program, &common] {
+    Output output(common);
+    for (const std::string& line : Completion(program, verb->remaining()).candidates()) {
+      output.line(line);
+    }
+  });
 }
 
 }  // namespace
 
-Exit runCompletion(const Options& options) {
-  Output output(options);
-  output.text(options.word == "bash"  ? bashScript()
-              : options.word == "zsh" ? zshScript()
-                                      : fishScript());
-  return Exit::kSuccess;
+void addCompletion(CLI::App& program, const Common& common) {
+  const auto shell = std::make_shared<std::string>();
+  CLI::App& verb =
+      addVerb(program, "completion", "prints the completion for a shell",
+              "For example: source <(tovik completion bash).", [shell, &common] {
+                Output(common).text(*shell == "bash" ? kBash : *shell == "zsh" ? kZsh : kFish);
+              });
+  addChoice(verb, "SHELL", *shell, "bash|zsh|fish", "");
+  verb.get_option("SHELL")->required();
+  addComplete(program, common);
 }
 
 }  // namespace tool

@@ -30,7 +30,14 @@ void checkFile(int fd) {
       },
       [](const std::string& line, std::size_t number) {
         sendable(line, "line " + std::to_string(number) + " of the input");
-      });
+      },
+      "-");
+}
+
+/// What cannot be read is no end of the input.
+Failure unreadable(const std::string& file, int error) {
+  return {Exit::kUsage, (file == "-" ? "standard input" : inQuotes(file)) +
+                            " cannot be read: " + std::strerror(error) + "."};
 }
 
 }  // namespace
@@ -58,15 +65,18 @@ std::optional<std::string> LineSplitter::next() {
 }
 
 void forEachLine(const std::function<long(char*, std::size_t)>& read,
-                 const std::function<void(const std::string&, std::size_t)>& take) {
+                 const std::function<void(const std::string&, std::size_t)>& take,
+                 const std::string& file) {
   LineSplitter splitter;
   std::size_t number = 0;
   for (std::string chunk(65536, '\0'); !splitter.atEnd();) {
     const long length = read(chunk.data(), chunk.size());
     if (length > 0) {
       splitter.feed(std::string_view(chunk).substr(0, static_cast<std::size_t>(length)));
-    } else {
+    } else if (length == 0) {
       splitter.end();
+    } else if (errno != EINTR) {
+      throw unreadable(file, errno);
     }
     while (const auto line = splitter.next()) {
       ++number;
@@ -83,19 +93,18 @@ int openedForReading(const std::string& file) {
   }
   const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);  // for named pipes
   if (fd < 0) {
-    throw Failure(Exit::kUsage, inQuotes(file) + " cannot be read: " + std::strerror(errno) +
-                                    "; name another file, or - for standard input.");
+    throw unreadable(file, errno);
   }
   return fd;
 }
 
-Lines::Lines(const std::string& file, Taker line)
-    : fd_(openedForReading(file)),
+Lines::Lines(const std::string& file, Taker line, const char* hint)
+    : file_(file),
+      fd_(openedForReading(file)),
       line_(std::move(line)),
-      soon_([this] { step(); }),
       control_(Kelvo::Platform::getFdControl(this)) {
   if (::isatty(fd_) != 0) {
-    notice("type messages, one a line; Ctrl-D ends.");
+    notice(hint);
   }
 }
 
@@ -104,10 +113,6 @@ Lines::~Lines() {
   if (fd_ != STDIN_FILENO) {
     ::close(fd_);
   }
-}
-
-void Lines::want() {
-  soon_.arm(0);
 }
 
 /// Hands out a line if there is one, else sees to it that there will be.
@@ -137,16 +142,18 @@ void Lines::fill() {
   const auto length = ::read(fd_, chunk.data(), chunk.size());
   if (length > 0) {
     splitter_.feed(std::string_view(chunk).substr(0, static_cast<std::size_t>(length)));
-  } else if (length == 0 || (errno != EAGAIN && errno != EINTR)) {
+  } else if (length == 0) {
     splitter_.end();
+  } else if (errno != EAGAIN && errno != EINTR) {
+    throw unreadable(file_, errno);
   }
-  soon_.arm(0);
+  want();
 }
 
-MessageSource::MessageSource(const Options& options, Taker taker)
-    : taker_(std::move(taker)), copies_(options.count.value_or(1)), soon_([this] { takeText(); }) {
-  if (options.text != "-") {
-    text_ = sendable(options.text, "the message");
+MessageSource::MessageSource(const std::string& text, std::uint64_t copies, Taker taker)
+    : taker_(std::move(taker)), copies_(copies) {
+  if (text != "-") {
+    text_ = sendable(text, "the message");
     return;
   }
   checkFile(STDIN_FILENO);
@@ -157,7 +164,7 @@ void MessageSource::want() {
   if (lines_) {
     lines_->want();
   } else {
-    soon_.arm(0);
+    pump_.want();
   }
 }
 
@@ -166,11 +173,15 @@ void MessageSource::takeText() {
     return taker_(nullptr);
   }
   --copies_;
-  Tovik::Message message = messageFrom(text_);
-  taker_(&message);
+  taker_(&text_);
 }
 
 void MessageSource::takeLine(const std::optional<std::string>& line) {
+  if (!line && handedOut_ == 0) {
+    throw Failure(Exit::kUsage,
+                  "there is no message to send; give one, or one on each line of "
+                  "standard input.");
+  }
   if (!line) {
     return taker_(nullptr);
   }
@@ -179,8 +190,8 @@ void MessageSource::takeLine(const std::optional<std::string>& line) {
   }
   const std::string before =
       handedOut_ == 0 ? "" : " (" + counted(handedOut_, "line") + " before it went out)";
-  Tovik::Message message = messageFrom(
-      sendable(*line, "line " + std::to_string(lines_->number()) + " of the input" + before));
+  const std::string message =
+      sendable(*line, "line " + std::to_string(lines_->number()) + " of the input" + before);
   ++handedOut_;
   taker_(&message);
 }
@@ -189,7 +200,9 @@ std::string sendable(std::string_view text, const std::string& what) {
   Lint judged = lint(text);
   const std::string why = whyNotSendable(judged);
   if (!why.empty()) {
-    throw Failure(Exit::kUsage, what + " must not be sent: " + why + ".");
+    const bool cut = !judged.notJson.empty() && what.rfind("line", 0) == 0;
+    throw Failure(Exit::kUsage, what + " must not be sent: " + why +
+                                    (cut ? "; a message is one line, as 'jq -c' prints it." : "."));
   }
   return std::move(judged.compact);
 }

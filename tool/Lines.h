@@ -9,7 +9,6 @@
 #include "Kelvo/Platform/FdEventHandler.h"
 #include "Kelvo/Ptr.h"
 #include "tool/Lint.h"
-#include "tool/Options.h"
 #include "tool/Run.h"
 
 namespace tool {
@@ -33,24 +32,28 @@ class LineSplitter {
   bool ended_ = false;
 };
 
-/// Hands out all lines that `read` (bytes, or 0 at the end) gives, with their numbers from 1, but
-/// for blank ones.
+/// Hands out all lines that `read` (bytes, 0 at the end, or -1 and errno) gives, with their numbers
+/// from 1, but for blank ones.
 void forEachLine(const std::function<long(char* buffer, std::size_t size)>& read,
-                 const std::function<void(const std::string& line, std::size_t number)>& take);
+                 const std::function<void(const std::string& line, std::size_t number)>& take,
+                 const std::string& file);
 
 /// Opened for reading; "-" is standard input.
 int openedForReading(const std::string& file);
+
+/// What somebody at a terminal is told who is asked for lines.
+constexpr const char* kTypeMessages = "type messages, one a line; Ctrl-D ends.";
 
 /// Reads a file, pipe or terminal line by line in the event loop, no faster than asked to.
 class Lines : private Kelvo::Platform::FdEventHandler {
  public:
   /// "-" is standard input. `line` gets an empty optional at the end.
   using Taker = std::function<void(std::optional<std::string> line)>;
-  Lines(const std::string& file, Taker line);
+  Lines(const std::string& file, Taker line, const char* hint = kTypeMessages);
   ~Lines() override;
 
-  /// Leads to one call of the taker, from the loop.
-  void want();
+  /// Leads to one call of the taker: at once, or from the loop.
+  void want() { pump_.want(); }
   /// The number of the line that was handed out last, from 1.
   std::size_t number() const { return number_; }
 
@@ -59,24 +62,25 @@ class Lines : private Kelvo::Platform::FdEventHandler {
   void step();
   void fill();
 
+  const std::string file_;
   const int fd_;
   const Taker line_;
   LineSplitter splitter_;
   std::size_t number_ = 0;
-  Alarm soon_;
+  Pump pump_{[this] { step(); }};
   Kelvo::Ptr<Kelvo::Platform::FdControl> control_;
   bool pollable_ = true;
 };
 
-/// The messages that a command is to send: one from the command line, or the lines of standard
-/// input, each looked at before it is handed out.
+/// The messages that a command is to send: one from the command line, some number of times, or the
+/// lines of standard input; each looked at before it is handed out.
 class MessageSource {
  public:
   /// Gets null at the end.
-  using Taker = std::function<void(Tovik::Message* message)>;
-  MessageSource(const Options& options, Taker taker);
+  using Taker = std::function<void(const std::string* message)>;
+  MessageSource(const std::string& text, std::uint64_t copies, Taker taker);
 
-  /// Leads to one call of the taker, from the loop.
+  /// Leads to one call of the taker: at once, or from the loop.
   void want();
 
  private:
@@ -88,7 +92,7 @@ class MessageSource {
   std::uint64_t copies_;  // how often it is to be handed out yet
   std::size_t handedOut_ = 0;
   std::optional<Lines> lines_;  // or where the messages come from instead
-  Alarm soon_;
+  Pump pump_{[this] { takeText(); }};
 };
 
 /// The text as the library sends it.

@@ -176,7 +176,7 @@ Lint lint(std::string_view text) {
 
 std::string whyNotSendable(const Lint& lint) {
   if (!lint.notJson.empty()) {
-    return "it is not JSON (" + lint.notJson + "); mend it there";
+    return "it is not JSON (" + lint.notJson + ")";
   }
   if (!lint.isObject()) {
     return lint.endsServer + ", which would end the server's process; wrap it in an object";

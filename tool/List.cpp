@@ -1,135 +1,190 @@
 // list: the kernel's table, printed.
 
 #include <algorithm>
-#include <array>
+#include <utility>
 
+#include "tool/Kernel.h"
+#include "tool/Options.h"
 #include "tool/Output.h"
-#include "tool/Table.h"
-#include "tool/Verbs.h"
+#include "tool/Run.h"
 
 namespace tool {
 
 namespace {
 
-using Row = std::vector<std::string>;
+constexpr double kWatchPause = 0.1;  // seconds
+
+struct ListOptions {
+  bool longForm = false;
+  bool all = false;
+  bool watch = false;
+};
 
 template <class T>
 std::string orDash(const std::optional<T>& value) {
   return value ? std::to_string(*value) : "-";
 }
 
-/// Empty names and blanks inside names must not look like missing columns.
-std::string column(const std::string& name) {
-  std::string text;
-  for (const char byte : escaped(name)) {
-    text += byte == ' ' ? std::string("\\x20") : std::string(1, byte);
-  }
-  return text.empty() ? "''" : text;
-}
-
 Row rowOf(const Listener& listener, const Process& process, bool all) {
-  Row row{column(listener.name),
-          process.pid == 0 ? "-" : std::to_string(process.pid),
-          orDash(listener.uid),
-          process.pid == 0 ? "-" : column(process.name),
+  const bool known = process.pid != 0;
+  Row row{cell(listener.name),
+          known ? std::to_string(process.pid) : "-",
+          listener.uid ? cell(userName(*listener.uid)) : "-",
+          known ? cell(process.name) : "-",
           std::to_string(listener.connections),
-          orDash(listener.waiting) + "/" + orDash(listener.backlog)};
+          orDash(listener.waiting) + "/" + orDash(listener.backlog),
+          orDash(listener.unread),
+          orDash(listener.stalled),
+          known ? stateText(process.state) : "-"};
   if (all) {
     row.emplace_back(listener.padded ? "yes" : "no");
   }
   return row;
 }
 
-void printAligned(const std::vector<Row>& rows, Output& output) {
-  std::vector<std::size_t> widths;
-  for (const Row& row : rows) {
-    widths.resize(row.size());
-    for (std::size_t i = 0; i < row.size(); ++i) {
-      widths[i] = std::max(widths[i], row[i].size());
-    }
-  }
-  for (const Row& row : rows) {
-    std::string line;
-    for (std::size_t i = 0; i < row.size(); ++i) {
-      line += row[i];
-      if (i + 1 < row.size()) {
-        line.append(widths[i] - row[i].size() + 2, ' ');
-      }
-    }
-    output.line(&row == &rows.front() && output.terminal() ? painted(line, "1", output.colour())
-                                                           : line);
-  }
-}
-
-Tovik::Message objectOf(const Listener& listener, const Process& process, const Options& options) {
-  Tovik::Message object;
-  object.SetObject();
-  addString(object, "name", listener.name);
+Tovik::Message objectOf(const Listener& listener, const Process& process,
+                        const ListOptions& options) {
+  Tovik::Message object(rapidjson::kObjectType);
+  addNameTo(object, listener.name);
   if (options.all) {
-    addNumber(object, "padded", listener.padded);
+    addMember(object, "padded", listener.padded);
   }
   if (!options.longForm) {
     return object;
   }
   if (process.pid != 0) {
-    addNumber(object, "pid", process.pid);
+    addMember(object, "pid", process.pid);
     addString(object, "process", process.name);
+    addString(object, "state", stateText(process.state));
   }
   if (listener.uid) {
-    addNumber(object, "uid", *listener.uid);
+    addMember(object, "uid", *listener.uid);
+    addString(object, "user", userName(*listener.uid));
   }
-  addNumber(object, "connections", static_cast<std::uint64_t>(listener.connections));
-  if (listener.waiting && listener.backlog) {
-    addNumber(object, "waiting", *listener.waiting);
-    addNumber(object, "backlog", *listener.backlog);
+  addMember(object, "connections", static_cast<std::uint64_t>(listener.connections));
+  if (listener.unread) {
+    addMember(object, "waiting", *listener.waiting);
+    addMember(object, "backlog", *listener.backlog);
+    addMember(object, "unread_bytes", *listener.unread);
+    addMember(object, "stalled", static_cast<std::uint64_t>(*listener.stalled));
   }
   return object;
 }
 
-std::vector<Listener> chosen(const Options& options) {
+std::vector<Listener> chosen(const ListOptions& options, const Common& common) {
   auto found = listeners(options.all);
-  if (options.serverUid) {
+  if (common.serverUid) {
     const auto others = std::remove_if(found.begin(), found.end(), [&](const Listener& listener) {
-      return listener.uid != options.serverUid;
+      return listener.uid != common.serverUid;
     });
     found.erase(others, found.end());
   }
   return found;
 }
 
-}  // namespace
-
-Exit runList(const Options& options) {
-  Output output(options);
-  const auto found = chosen(options);
-  std::set<unsigned long> inodes;
-  for (const Listener& listener : found) {
-    inodes.insert(listener.inode);
-  }
-  auto processes = options.longForm ? owners(inodes) : std::map<unsigned long, Process>{};
-  std::vector<Row> rows;
-  if (output.terminal() && !found.empty()) {  // a pipe gets data only
-    rows.push_back({"NAME", "PID", "UID", "PROCESS", "CONNECTIONS", "WAITING"});
-    if (options.all) {
-      rows.back().emplace_back("PADDED");
+void list(const ListOptions& options, const Common& common) {
+  Output output(common);
+  const auto found = chosen(options, common);
+  Owners owners;
+  if (options.longForm) {
+    std::set<Inode> inodes;
+    for (const Listener& listener : found) {
+      inodes.insert(listener.inode);
     }
+    owners.find(inodes);
   }
+  std::vector<Row> rows;
   for (const Listener& listener : found) {
+    const Process process = processOf(owners.pidOf(listener.inode));
     if (output.json()) {
-      output.message(objectOf(listener, processes[listener.inode], options));
+      output.message(objectOf(listener, process, options));
     } else if (options.longForm) {
-      rows.push_back(rowOf(listener, processes[listener.inode], options.all));
+      rows.push_back(rowOf(listener, process, options.all));
     } else {
       output.line(listener.name.empty() ? "''" : escaped(listener.name));
     }
   }
-  if (options.longForm && !output.json()) {
-    printAligned(rows, output);
+  Row heading{"NAME",    "PID",    "USER",    "PROCESS", "CONNECTIONS",
+              "WAITING", "UNREAD", "STALLED", "STATE"};
+  if (options.all) {
+    heading.emplace_back("PADDED");
   }
+  printTable(heading, rows, output);
   if (found.empty() && output.terminal()) {
     notice("no server listens; 'tovik serve NAME' starts one.");
   }
-  return Exit::kSuccess;
+}
+
+/// Tells what comes and goes, as long as it is wanted. Names that several have count once.
+class Watch {
+ public:
+  Watch(const ListOptions& options, const Common& common)
+      : options_(options), common_(common), output_(common) {
+    look_.arm(0);
+  }
+
+  void run() { run_.untilFinished(); }
+
+ private:
+  void look() {
+    std::set<std::string> now;
+    for (const Listener& listener : chosen(options_, common_)) {
+      now.insert(listener.name);
+    }
+    tell(before_, now, false);
+    tell(now, before_, true);
+    before_ = std::move(now);
+    look_.arm(kWatchPause);
+  }
+
+  /// Those that are in one set and not in the other.
+  void tell(const std::set<std::string>& in, const std::set<std::string>& notIn, bool listening) {
+    for (const std::string& name : in) {
+      if (notIn.count(name) > 0) {
+        continue;
+      }
+      if (!output_.json()) {
+        output_.line((listening ? "+ " : "- ") + cell(name));
+        continue;
+      }
+      Tovik::Message change(rapidjson::kObjectType);
+      addString(change, "time", timestamp());
+      addNameTo(change, name);
+      addMember(change, "listening", listening);
+      output_.message(change);
+    }
+  }
+
+  const ListOptions& options_;
+  const Common& common_;
+  Output output_;
+  Run run_{Ending::kIsSuccess};
+  std::set<std::string> before_;
+  Alarm look_{[this] { look(); }};
+};
+
+}  // namespace
+
+void addList(CLI::App& program, const Common& common) {
+  const auto options = std::make_shared<ListOptions>();
+  const auto run = [options, &common] {
+    options->watch ? Watch(*options, common).run() : list(*options, common);
+  };
+  CLI::App& verb = addVerb(
+      program, "list", "names the servers that listen on this machine",
+      "The names come straight from the kernel's table of sockets: there is no registry and no "
+      "daemon to ask. One name a line, sorted; bytes that do not print are shown in the notation "
+      "of a shell's $'...'. With --server-uid, only that user's servers. On a terminal, --long has "
+      "headings.",
+      run);
+  addFlag(verb, "-l,--long", options->longForm,
+          "process, user, connections, clients waiting of how many that may wait, bytes that "
+          "nobody has read yet, connections in which one side cannot write on, and the process's "
+          "state");
+  addFlag(verb, "--all", options->all,
+          "also sequenced-packet servers whose names are not padded to the whole path");
+  addFlag(verb, "--watch", options->watch,
+          "go on, and tell of each server that comes (+) or goes (-)");
 }
 
 }  // namespace tool

@@ -1,38 +1,41 @@
 #include "tool/Listening.h"
 
-#include <unistd.h>
-
-#include "Api/Json/Types.h"
+#include "Api/Admission.h"
+#include "tool/Report.h"
 
 namespace tool {
 
-Admission::Admission(const Options& options)
-    : denyAll_(options.denyAll),
-      uids_(options.allowUids.begin(), options.allowUids.end()),
-      gids_(options.allowGids.begin(), options.allowGids.end()) {}
+namespace {
 
-bool Admission::operator()(int pid, unsigned uid, unsigned gid) const {
-  if (admits(uid, gid)) {
-    return true;
+using namespace Tovik::Admission;
+
+Rule ruleFor(const Admitted& admitted) {
+  if (admitted.nobody) {
+    return users({});
   }
-  notice("refused process " + std::to_string(pid) + ", uid " + std::to_string(uid) + ", gid " +
-         std::to_string(gid) + "; --allow-uid or --allow-gid admits others.");
-  return false;
+  if (admitted.uids.empty() && admitted.gids.empty()) {
+    return root() || sameUser();
+  }
+  return users({admitted.uids.begin(), admitted.uids.end()}) ||
+         groups({admitted.gids.begin(), admitted.gids.end()});
 }
 
-bool Admission::admits(unsigned uid, unsigned gid) const {
-  if (denyAll_) {
-    return false;
-  }
-  if (uids_.empty() && gids_.empty()) {
-    return uid == 0 || uid == ::geteuid();
-  }
-  return uids_.count(uid) > 0 || gids_.count(gid) > 0;
+}  // namespace
+
+Tovik::Server::Validator validator(const Admitted& admitted) {
+  return [rule = ruleFor(admitted)](int pid, unsigned uid, unsigned gid) {
+    const bool admits = rule(pid, uid, gid);
+    if (!admits) {
+      notice("refused process " + std::to_string(pid) + ", uid " + std::to_string(uid) + ", gid " +
+             std::to_string(gid) + "; --allow-uid or --allow-gid admits others.");
+    }
+    return admits;
+  };
 }
 
-Exit listening(const std::string& name, const std::function<Exit()>& serve) {
+void listening(const std::string& name, const std::function<void()>& serve) {
   try {
-    return serve();
+    serve();
   } catch (const Tovik::SocketException& error) {
     throw Failure(Exit::kUsage, "the name " + inQuotes(name) + " cannot be had: " + error.what() +
                                     "; see who has it with 'tovik list --long', or choose "

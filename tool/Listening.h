@@ -1,29 +1,25 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
-#include <set>
 #include <string>
+#include <vector>
 
-#include "tool/Options.h"
-#include "tool/Report.h"
+#include "Api/Json/Server.h"
 
 namespace tool {
 
-/// Who may connect: the own user and root, or whom the options name. Refusals are reported.
-class Admission {
- public:
-  explicit Admission(const Options& options);
-  bool operator()(int pid, unsigned uid, unsigned gid) const;
-
- private:
-  bool admits(unsigned uid, unsigned gid) const;
-
-  const bool denyAll_;
-  const std::set<std::uint64_t> uids_;
-  const std::set<std::uint64_t> gids_;
+/// Whom a verb that listens admits.
+struct Admitted {
+  bool nobody = false;
+  std::vector<std::uint32_t> uids;
+  std::vector<std::uint32_t> gids;
 };
 
+/// The own user and root, or whom the options name. Refusals are reported.
+Tovik::Server::Validator validator(const Admitted& admitted);
+
 /// Runs `serve`, which makes a server of that name; a name that cannot be had becomes a failure.
-Exit listening(const std::string& name, const std::function<Exit()>& serve);
+void listening(const std::string& name, const std::function<void()>& serve);
 
 }  // namespace tool

@@ -1,20 +1,32 @@
-// monitor: connect -> switch on -> acknowledged -> messages; after a loss, from the start.
+// monitor: connect -> subscribe -> acknowledged -> messages; after a loss, from the start. One
+// session for each name.
 
 #include <cerrno>
+#include <list>
 
 #include "tool/Lines.h"
+#include "tool/Options.h"
 #include "tool/Output.h"
-#include "tool/Run.h"
 #include "tool/Session.h"
-#include "tool/Verbs.h"
 
 namespace tool {
 
 namespace {
 
-constexpr int kReconnectSeconds = 1;
+constexpr double kReconnectSeconds = 1;
+constexpr double kPatience = 2;  // seconds until a server that does not answer is mentioned
 
-/// One --where: the member, and the value as JSON and as plain text.
+struct MonitorOptions {
+  std::vector<std::string> names;
+  std::optional<std::uint64_t> count;
+  std::vector<std::string> topics;
+  std::vector<std::string> send;
+  std::vector<std::string> where;
+  bool noReconnect = false;
+  bool timestamps = false;
+};
+
+/// One --where: the way to the member, and the value as JSON and as plain text.
 class Condition {
  public:
   explicit Condition(const std::string& text) {
@@ -31,103 +43,163 @@ class Condition {
     }
   }
 
-  bool holds(const Tovik::Message& message) const {
-    if (!message.IsObject()) {
-      return false;
+  bool holds(const rapidjson::Value& message) const { return holds(message, key_); }
+
+ private:
+  /// "a.b" is a member of that name, or the member "b" of the member "a".
+  bool holds(const rapidjson::Value& value, std::string_view key) const {
+    const rapidjson::Value* const whole = member(value, key);
+    if (whole != nullptr && equals(*whole)) {
+      return true;
     }
-    const auto member =
-        message.FindMember(rapidjson::Value(rapidjson::StringRef(key_.data(), key_.size())));
-    if (member == message.MemberEnd()) {
-      return false;
+    for (std::size_t dot = key.find('.'); dot != std::string_view::npos;
+         dot = key.find('.', dot + 1)) {
+      const rapidjson::Value* const inner = member(value, key.substr(0, dot));
+      if (inner != nullptr && holds(*inner, key.substr(dot + 1))) {
+        return true;
+      }
     }
-    const auto& found = member->value;
+    return false;
+  }
+
+  static const rapidjson::Value* member(const rapidjson::Value& value, std::string_view key) {
+    if (!value.IsObject()) {
+      return nullptr;
+    }
+    const auto name =
+        rapidjson::StringRef(key.data(), static_cast<rapidjson::SizeType>(key.size()));
+    const auto found = value.FindMember(rapidjson::Value(name));
+    return found == value.MemberEnd() ? nullptr : &found->value;
+  }
+
+  bool equals(const rapidjson::Value& found) const {
     const bool sameText =
         found.IsString() && value_ == std::string_view(found.GetString(), found.GetStringLength());
     return sameText || found == json_;
   }
 
- private:
   std::string key_;
   std::string value_;
   Tovik::Message json_{rapidjson::kObjectType};
 };
 
+/// What the monitored servers' messages come together in.
+class Printer {
+ public:
+  Printer(const MonitorOptions& options, const Common& common, Run& run)
+      : options_(options),
+        run_(run),
+        output_(common),
+        conditions_(options.where.begin(), options.where.end()) {}
+
+  void print(const std::string& name, std::string_view json) {
+    const Tovik::Message message = messageFrom(json);
+    for (const Condition& condition : conditions_) {
+      if (!condition.holds(message)) {
+        return;
+      }
+    }
+    show(name, json);
+    if (++printed_ == options_.count) {
+      run_.finish();
+    }
+  }
+
+ private:
+  void show(const std::string& name, std::string_view json) {
+    const bool several = options_.names.size() > 1;
+    if (!output_.json() || !(several || options_.timestamps)) {
+      const std::string time =
+          options_.timestamps ? painted(timestamp(), "2", output_.colour()) + " " : "";
+      return output_.message(json, time + (several ? cell(name) + " " : ""));
+    }
+    Tovik::Message head(rapidjson::kObjectType);
+    if (options_.timestamps) {
+      addString(head, "time", timestamp());
+    }
+    if (several) {
+      addNameTo(head, name);
+    }
+    output_.message(enveloped(head, json));
+  }
+
+  const MonitorOptions& options_;
+  Run& run_;
+  Output output_;
+  const std::vector<Condition> conditions_;
+  std::uint64_t printed_ = 0;
+};
+
+/// {"command":"subscribe","topics":[...]} for topics, else the notification switch.
+std::string subscription(const MonitorOptions& options) {
+  if (options.topics.empty()) {
+    return R"({"command":"set","notification":true})";
+  }
+  Tovik::Message message(rapidjson::kObjectType);
+  rapidjson::Value topics(rapidjson::kArrayType);
+  for (const std::string& topic : options.topics) {
+    topics.PushBack(rapidjson::Value(topic.c_str(), message.GetAllocator()),
+                    message.GetAllocator());
+  }
+  addString(message, "command", "subscribe");
+  message.AddMember("topics", topics, message.GetAllocator());
+  return sendable(Tovik::Message::toStr(message, false).data(), "the subscription");
+}
+
 class Monitor : private Session {
  public:
-  Monitor(const Options& options, Run& run)
-      : Session(options.name, options, kReconnectSeconds),
+  Monitor(const std::string& name, const MonitorOptions& options, const Common& common,
+          Printer& printer)
+      : Session(name, common, options.noReconnect ? 0 : kReconnectSeconds),
         options_(options),
-        run_(run),
-        output_(options),
-        conditions_(options.where.begin(), options.where.end()),
-        deadline_(timeLimit(options, 0), [&options] {
-          return "the " + seconds(timeLimit(options, 0)) + " of --timeout are over; leave it out " +
-                 "to monitor without end.";
-        }) {
-    deadline_.restart();
+        printer_(printer) {
+    patience_.arm(kPatience);
   }
 
  private:
   void connected() override {
     acknowledged_ = false;
-    asyncSendMsg(messageFrom(R"({"command":"set","notification":true})"));
+    send(subscription(options_));
+    patience_.arm(kPatience);
+  }
+
+  void mentionSilence() {
+    trouble("the server " + inQuotes(name()) +
+            (full() ? " accepts no client" : " does not answer the subscription") +
+            "; waiting for it.");
   }
 
   void received(std::string record) override {
     const Lint judged = lint(asRead(record));
     if (!judged.notJson.empty()) {
       return notice("the server sent " + inQuotes(record.substr(0, 80)) +
-                    ", which is not JSON and was ignored; its maker should 'tovik check' it.");
+                    ", which is not JSON and was ignored.");
     }
     if (!acknowledged_ && judged.replyStatus) {
       return acknowledge(*judged.replyStatus);
     }
-    print(messageFrom(judged.compact));
+    printer_.print(name(), asRead(record));
   }
 
   void acknowledge(unsigned status) {
+    patience_.disarm();
     acknowledged_ = true;
     troubled_ = false;
     if (status != 0) {
       throw Failure(Exit::kStatus, "the server " + inQuotes(name()) +
                                        " answered the subscription with status " +
-                                       std::to_string(status) + "; ask its maker why.");
+                                       std::to_string(status) + ".");
     }
     notice("subscribed to " + inQuotes(name()) + ".");
-  }
-
-  void print(const Tovik::Message& message) {
-    for (const Condition& condition : conditions_) {
-      if (!condition.holds(message)) {
-        return;
-      }
+    for (const std::string& text : options_.send) {
+      send(sendable(text, "the message for --send"));
     }
-    show(message);
-    if (++printed_ == options_.count || output_.closed()) {
-      run_.finish(Exit::kSuccess);
-    }
-  }
-
-  void show(const Tovik::Message& message) {
-    if (!options_.timestamps) {
-      return output_.message(message);
-    }
-    if (!output_.json()) {
-      return output_.message(message, painted(timestamp(), "2", output_.colour()) + " ");
-    }
-    Tovik::Message stamped;
-    stamped.SetObject();
-    addString(stamped, "time", timestamp());
-    stamped.AddMember("message", rapidjson::Value(message, stamped.GetAllocator()),
-                      stamped.GetAllocator());
-    output_.message(stamped);
   }
 
   void lost(int /*error*/) override {
     if (options_.noReconnect) {
       throw Failure(Exit::kLost, acknowledged_
-                                     ? "the connection to " + inQuotes(name()) +
-                                           " was lost; without --no-reconnect it is made anew."
+                                     ? "the connection to " + inQuotes(name()) + " was lost."
                                      : std::string(lostFailure().what()));
     }
     trouble(acknowledged_ ? "the connection to " + inQuotes(name()) + " was lost; reconnecting."
@@ -145,28 +217,60 @@ class Monitor : private Session {
 
   /// Once for each time that things go wrong, not for each attempt.
   void trouble(const std::string& sentence) {
+    patience_.disarm();
     if (!troubled_) {
       notice(sentence);
     }
     troubled_ = true;
   }
 
-  const Options& options_;
-  Run& run_;
-  Output output_;
-  const std::vector<Condition> conditions_;
-  Deadline deadline_;
-  std::uint64_t printed_ = 0;
+  const MonitorOptions& options_;
+  Printer& printer_;
+  Alarm patience_{[this] { mentionSilence(); }};
   bool acknowledged_ = false;
   bool troubled_ = false;
 };
 
+void monitor(const MonitorOptions& options, const Common& common) {
+  for (const std::string& text : options.send) {
+    sendable(text, "the message for --send");
+  }
+  Run run(Ending::kIsSuccess);
+  Printer printer(options, common, run);
+  std::list<Monitor> monitors;
+  for (const std::string& name : options.names) {
+    monitors.emplace_back(name, options, common, printer);
+  }
+  Deadline deadline(common.timeLimit(0), [&common] {
+    return "the " + seconds(common.timeLimit(0)) + " of --timeout are over; leave it out to " +
+           "monitor without end.";
+  });
+  deadline.restart();
+  run.untilFinished();
+}
+
 }  // namespace
 
-Exit runMonitor(const Options& options) {
-  Run run(Ending::kIsSuccess);
-  const Monitor monitor(options, run);
-  return run.untilFinished();
+void addMonitor(CLI::App& program, const Common& common) {
+  const auto options = std::make_shared<MonitorOptions>();
+  const auto run = [options, &common] { monitor(*options, common); };
+  CLI::App& verb = addVerb(
+      program, "monitor", "subscribes and prints what comes",
+      "Subscribes and prints each message, one a line; of several servers, with the name. After a "
+      "loss it reconnects by itself, every second, and says so on standard error; what was sent "
+      "in between is lost. There is no time-out unless one is given, for the whole run.",
+      run);
+  addAlias(verb, "subscribe");
+  addNames(verb, options->names, Needed::kYes);
+  addNumber(verb, "--count", options->count, "N", 1, UINT64_MAX, "end after N messages");
+  addFlag(verb, "--no-reconnect", options->noReconnect, "end when the connection is lost");
+  addValue(verb, "--topic", options->topics, "TOPIC",
+           "subscribe to this topic of a service (repeatable) instead of everything");
+  addValue(verb, "--send", options->send, "JSON", "send this message once subscribed (repeatable)");
+  addValue(verb, "--where", options->where, "KEY=VALUE",
+           "only messages whose member KEY has that value (repeatable: all must hold); a.b is "
+           "the member b of a");
+  addFlag(verb, "--timestamps", options->timestamps, "the time of arrival before each message");
 }
 
 }  // namespace tool

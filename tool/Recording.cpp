@@ -1,6 +1,7 @@
 #include "tool/Recording.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -16,16 +17,6 @@ namespace {
 
 constexpr const char* kToServerText = "to-server";
 constexpr const char* kToClientText = "to-client";
-
-std::string toHex(const std::string& bytes) {
-  static const char digits[] = "0123456789abcdef";
-  std::string hex;
-  for (const char c : bytes) {
-    const auto byte = static_cast<unsigned char>(c);
-    hex += {digits[byte >> 4U], digits[byte & 15U]};
-  }
-  return hex;
-}
 
 bool fromHex(std::string_view hex, std::string& bytes) {
   if (hex.size() % 2 != 0 || hex.find_first_not_of("0123456789abcdef") != std::string::npos) {
@@ -56,13 +47,13 @@ Tovik::Message recordingOf(const Record& record) {
   addString(message, "time", timestamp());
   addString(message, "direction",
             record.direction == Direction::kToServer ? kToServerText : kToClientText);
-  addNumber(message, "connection", record.connection);
-  addNumber(message, "pid", record.pid);
-  addNumber(message, "uid", record.uid);
+  addMember(message, "connection", record.connection);
+  addMember(message, "pid", record.pid);
+  addMember(message, "uid", record.uid);
   const bool text = isUtf8(record.text);
   addString(message, text ? "text" : "hex", text ? record.text : toHex(record.text));
   if (record.refused) {
-    addNumber(message, "refused", true);
+    addMember(message, "refused", true);
   }
   return message;
 }
@@ -73,8 +64,8 @@ Recorder::Recorder(const std::string& file) : file_(file) {
   }
   fd_ = ::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
   if (fd_ < 0) {
-    throw Failure(Exit::kUsage, inQuotes(file) + " cannot be written: " + std::strerror(errno) +
-                                    "; name another file for --record.");
+    throw Failure(Exit::kUsage,
+                  inQuotes(file) + " cannot be written: " + std::strerror(errno) + ".");
   }
 }
 
@@ -84,15 +75,44 @@ Recorder::~Recorder() {
   }
 }
 
-void Recorder::write(const Tovik::Message& recording) {
-  if (fd_ < 0) {
-    return;
+/// Half a line would spoil the recording, so it is taken back.
+void Recorder::write(const std::string& json) {
+  const std::string line = json + "\n";
+  std::string_view rest = line;
+  while (fd_ >= 0 && !rest.empty()) {
+    const auto written = ::write(fd_, rest.data(), rest.size());
+    if (written >= 0) {
+      rest.remove_prefix(static_cast<std::size_t>(written));
+    } else if (errno != EINTR) {
+      const int error = errno;
+      takeBack(line.size() - rest.size());
+      throw Failure(Exit::kOutput,
+                    inQuotes(file_) + " cannot be written: " + std::strerror(error) + ".");
+    }
   }
-  const std::string line = std::string(Tovik::Message::toStr(recording, false).data()) + "\n";
-  if (::write(fd_, line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
-    throw Failure(Exit::kLost, inQuotes(file_) + " cannot be written: " + std::strerror(errno) +
-                                   "; make room, or name another file for --record.");
+}
+
+void Recorder::takeBack(std::size_t bytes) const {
+  struct stat status {};
+  if (bytes > 0 && ::fstat(fd_, &status) == 0 && S_ISREG(status.st_mode)) {
+    [[maybe_unused]] const int cut = ::ftruncate(fd_, status.st_size - static_cast<off_t>(bytes));
   }
+}
+
+void RecordLog::show(const Record& record) {
+  if (output_.json() || recorder_.wanted()) {
+    const std::string json = Tovik::Message::toStr(recordingOf(record), false).data();
+    recorder_.write(json);
+    if (output_.json()) {
+      return output_.message(json);
+    }
+  }
+  const bool toServer = record.direction == Direction::kToServer;
+  const bool colour = output_.colour();
+  output_.line((timestamps_ ? painted(timestamp(), "2", colour) + " " : "") +
+               std::to_string(record.connection) + " " +
+               painted(toServer ? "->" : "<-", toServer ? "36" : "35", colour) + " " +
+               escaped(record.text) + (record.refused ? painted(" (refused)", "31", colour) : ""));
 }
 
 bool parseRecording(std::string_view line, Record& record) {
@@ -125,22 +145,24 @@ std::vector<Record> readRecording(const std::string& file) {
     ::fcntl(fd, F_SETFL, 0);  // a pipe is waited for: nothing else happens yet
   }
   const auto read = [fd](char* buffer, std::size_t size) { return ::read(fd, buffer, size); };
-  forEachLine(read, [&](const std::string& line, std::size_t number) {
-    Record record;
-    if (!parseRecording(line, record)) {
-      throw Failure(Exit::kUsage, "line " + std::to_string(number) + " of " + inQuotes(file) +
-                                      " is no record of a relay, and nothing was sent; mend it, "
-                                      "or make a recording with --record.");
-    }
-    records.push_back(std::move(record));
-  });
+  forEachLine(
+      read,
+      [&](const std::string& line, std::size_t number) {
+        Record record;
+        if (!parseRecording(line, record)) {
+          throw Failure(Exit::kUsage, "line " + std::to_string(number) + " of " + inQuotes(file) +
+                                          " is no record of a relay; nothing was sent.");
+        }
+        records.push_back(std::move(record));
+      },
+      file);
   if (fd != STDIN_FILENO) {
     ::close(fd);
   }
   if (records.empty()) {
     throw Failure(Exit::kUsage, inQuotes(file) +
-                                    " holds no record of a relay; make a recording "
-                                    "with --record.");
+                                    " holds no record of a relay; 'tovik relay --record' makes "
+                                    "some.");
   }
   return records;
 }

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "Api/Json/Types.h"
+#include "tool/Output.h"
 
 namespace tool {
 
@@ -33,11 +34,28 @@ class Recorder {
   Recorder& operator=(const Recorder&) = delete;
   ~Recorder();
 
-  void write(const Tovik::Message& recording);
+  bool wanted() const { return fd_ >= 0; }
+  void write(const std::string& json);
 
  private:
+  void takeBack(std::size_t bytes) const;
+
   const std::string file_;
   int fd_ = -1;
+};
+
+/// Shows records on standard output, and appends them to a recording.
+class RecordLog {
+ public:
+  RecordLog(const Common& common, const std::string& file, bool timestamps)
+      : output_(common), recorder_(file), timestamps_(timestamps) {}
+
+  void show(const Record& record);
+
+ private:
+  Output output_;
+  Recorder recorder_;
+  bool timestamps_;
 };
 
 /// All records of a file ("-": standard input), or a failure that names the line.

@@ -1,8 +1,11 @@
 #include "tool/Report.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <cstdint>
+#include <algorithm>
+#include <cwchar>
+#include <iterator>
 #include <sstream>
 
 namespace tool {
@@ -22,7 +25,51 @@ std::size_t announcedLength(unsigned char first) {
   return first >= 0xE0 && first <= 0xEF ? 3 : first >= 0xF0 && first <= 0xF4 ? 4 : 0;
 }
 
-/// The character at the start of `text` and its length; the length is 0 if it is flawed.
+struct Range {
+  std::uint32_t first;
+  std::uint32_t last;
+};
+
+/// What a terminal shows as nothing, as a blank or in another order: it would make a text look like
+/// another one. Sorted.
+constexpr Range kDeceptive[] = {
+    {0x0000, 0x001F},    // controls
+    {0x007F, 0x00A0},    // DEL, the C1 controls, the no-break space
+    {0x00AD, 0x00AD},    // the soft hyphen
+    {0x034F, 0x034F},    // the grapheme joiner
+    {0x0600, 0x0605},    // number signs
+    {0x061C, 0x061C},    // the Arabic letter mark
+    {0x06DD, 0x06DD},    // the end of a verse
+    {0x070F, 0x070F},    // an abbreviation mark
+    {0x115F, 0x1160},    // Hangul fillers
+    {0x1680, 0x1680},    // the Ogham space
+    {0x17B4, 0x17B5},    // Khmer vowels that are not shown
+    {0x180B, 0x180F},    // Mongolian selectors
+    {0x2000, 0x200F},    // spaces, joiners and direction marks
+    {0x2028, 0x202F},    // separators of lines, embeddings and overrides of direction
+    {0x205F, 0x206F},    // more spaces, isolates of direction
+    {0x2800, 0x2800},    // the empty Braille pattern
+    {0x3000, 0x3000},    // the wide space
+    {0x3164, 0x3164},    // a Hangul filler
+    {0xFE00, 0xFE0F},    // selectors of variants
+    {0xFEFF, 0xFEFF},    // the byte order mark
+    {0xFFA0, 0xFFA0},    // a Hangul filler
+    {0xFFF0, 0xFFFB},    // annotations
+    {0xFFFE, 0xFFFF},    // no characters
+    {0x1BCA0, 0x1BCA3},  // shorthand controls
+    {0x1D173, 0x1D17A},  // music controls
+    {0xE0000, 0x10FFFF}  // tags, selectors of variants, planes of private use
+};
+
+bool isDeceptive(std::uint32_t character) {
+  const auto* const range =
+      std::lower_bound(std::begin(kDeceptive), std::end(kDeceptive), character,
+                       [](const Range& r, std::uint32_t wanted) { return r.last < wanted; });
+  return range != std::end(kDeceptive) && character >= range->first;
+}
+
+}  // namespace
+
 std::pair<std::uint32_t, std::size_t> decoded(std::string_view text) {
   const auto first = static_cast<unsigned char>(text.front());
   const std::size_t length = announcedLength(first);
@@ -42,8 +89,6 @@ std::pair<std::uint32_t, std::size_t> decoded(std::string_view text) {
   return {character, surrogate || tooLong || character > 0x10FFFF ? 0 : length};
 }
 
-}  // namespace
-
 void report(std::string_view sentence) {
   const std::string line = "tovik: " + std::string(sentence) + "\n";
   [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
@@ -61,8 +106,7 @@ void setQuiet(bool wanted) {
 
 std::size_t printableLength(std::string_view text) {
   const auto [character, length] = decoded(text);
-  const bool control = character < 0x20 || (character >= 0x7F && character < 0xA0);
-  return control ? 0 : length;
+  return isDeceptive(character) ? 0 : length;
 }
 
 bool isUtf8(std::string_view text) {
@@ -108,6 +152,47 @@ std::string seconds(double value) {
   std::ostringstream text;
   text << value << " s";
   return text.str();
+}
+
+namespace {
+
+/// The length of the first character, and its columns.
+std::pair<std::size_t, std::size_t> firstCharacter(std::string_view text) {
+  const auto [character, length] = decoded(text);
+  const int columns = ::wcwidth(static_cast<wchar_t>(character));
+  return {std::max<std::size_t>(length, 1), columns < 0 ? 1 : static_cast<std::size_t>(columns)};
+}
+
+}  // namespace
+
+std::size_t displayWidth(std::string_view text) {
+  std::size_t width = 0;
+  while (!text.empty()) {
+    const auto [length, columns] = firstCharacter(text);
+    width += columns;
+    text.remove_prefix(length);
+  }
+  return width;
+}
+
+std::string fitting(std::string_view text, std::size_t columns) {
+  std::size_t end = 0;
+  for (std::size_t width = 0; end < text.size();) {
+    const auto [length, wide] = firstCharacter(text.substr(end));
+    width += wide;
+    if (width > columns) {
+      break;
+    }
+    end += length;
+  }
+  return std::string(text.substr(0, end));
+}
+
+std::size_t terminalColumns() {
+  winsize size{};
+  const bool known = ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 ||
+                     ::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0;
+  return known && size.ws_col > 0 ? size.ws_col : 80;
 }
 
 }  // namespace tool

@@ -1,12 +1,14 @@
 #pragma once
 
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace tool {
 
-/// The exit statuses, the same for every verb. Scripts rely on them; `exitTexts` explains them.
+/// The exit statuses, the same for every verb. Scripts rely on them.
 enum class Exit {
   kSuccess = 0,
   kStatus = 1,
@@ -15,6 +17,7 @@ enum class Exit {
   kTimeout = 4,
   kLost = 5,
   kNotUnderstood = 6,
+  kOutput = 7,
 };
 
 /// What each exit status means, in their order.
@@ -26,6 +29,7 @@ constexpr const char* kExitTexts[] = {
     "the time-out has passed",
     "the connection was lost or refused before an answer",
     "an answer that is not understood",
+    "the results could not be written",
 };
 
 /// Ends the command: one sentence that says what to do next, and the status to exit with. Thrown
@@ -39,6 +43,9 @@ class Failure : public std::runtime_error {
   Exit status_;
 };
 
+/// Thrown where results are written and nobody reads them any more.
+struct OutputClosed {};
+
 /// Writes "tovik: " and the sentence to standard error.
 void report(std::string_view sentence);
 
@@ -46,15 +53,19 @@ void report(std::string_view sentence);
 void notice(std::string_view sentence);
 void setQuiet(bool wanted);
 
-/// The text with everything that does not print (and the backslash) in the notation of a shell's
-/// $'...', so that no name or message can play with a terminal. UTF-8 stays as it is.
+/// The text with everything that does not print, or not as itself, (and the backslash) in the
+/// notation of a shell's $'...': no name or message can play with a terminal, or look like another
+/// one by invisible characters or a change of direction. Other UTF-8 stays as it is.
 std::string escaped(std::string_view text);
 
 /// `escaped`, in quotation marks.
 std::string inQuotes(std::string_view text);
 
-/// The number of bytes of the UTF-8 character that `text` begins with; 0 if there is none, or a
-/// control character.
+/// The UTF-8 character that `text` begins with, and its length in bytes: 0 if it is flawed.
+std::pair<std::uint32_t, std::size_t> decoded(std::string_view text);
+
+/// The number of bytes of the UTF-8 character that `text` begins with; 0 if there is none, or one
+/// that does not show as itself.
 std::size_t printableLength(std::string_view text);
 
 /// True for UTF-8 without a flaw; control characters count as such here.
@@ -65,5 +76,14 @@ std::string counted(std::uint64_t number, const std::string& noun);
 
 /// "0.5 s", "5 s".
 std::string seconds(double value);
+
+/// How many columns of a terminal the text takes.
+std::size_t displayWidth(std::string_view text);
+
+/// The beginning of the text that fits into so many columns.
+std::string fitting(std::string_view text, std::size_t columns);
+
+/// The terminal's width, of standard output or standard error; 80 without one.
+std::size_t terminalColumns();
 
 }  // namespace tool

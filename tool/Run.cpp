@@ -57,7 +57,7 @@ class Run::ReaderWatch : private Kelvo::Platform::FdEventHandler {
     pollfd pipe{fd, 0, 0};
     control_->detach();
     if (::poll(&pipe, 1, 0) > 0 && (pipe.revents & POLLERR) != 0) {
-      run_.finish(Exit::kSuccess);
+      run_.finish();
     }
   }
 
@@ -80,17 +80,20 @@ Run::~Run() {
   ::close(signals_);
 }
 
-Exit Run::untilFinished() {
-  while (!finished()) {
-    EventLoop::current().run();
+void Run::untilFinished() {
+  try {
+    while (!finished_) {
+      EventLoop::current().run();
+    }
+  } catch (const OutputClosed&) {
+    if (whenInterrupted_ == Ending::kIsFailure) {
+      throw;
+    }
   }
-  return *status_;
 }
 
-void Run::finish(Exit status) {
-  if (!finished()) {
-    status_ = status;
-  }
+void Run::finish() {
+  finished_ = true;
   EventLoop::current().stop();
 }
 
@@ -99,23 +102,37 @@ void Run::readFdEvent(int fd) {
   if (::read(fd, &info, sizeof info) != sizeof info) {
     return;
   }
+  if (info.ssi_signo == SIGINT && ::isatty(STDERR_FILENO) != 0) {  // which shows ^C
+    [[maybe_unused]] const auto written = ::write(STDERR_FILENO, "\n", 1);
+  }
   if (whenInterrupted_ == Ending::kIsFailure) {
     throw Interrupted{static_cast<int>(info.ssi_signo)};
   }
-  finish(Exit::kSuccess);
+  finish();
+}
+
+void Pump::want() {
+  wanted_ = true;
+  if (!running_) {
+    run();
+  }
+}
+
+void Pump::run() {
+  constexpr int kStepsATurn = 64;
+  running_ = true;
+  for (int steps = 0; std::exchange(wanted_, false); ++steps) {
+    if (steps == kStepsATurn) {
+      wanted_ = true;
+      soon_.arm(0);
+      break;
+    }
+    step_();
+  }
+  running_ = false;
 }
 
 Alarm::Alarm(std::function<void()> expired)
     : expired_(std::move(expired)), timer_(Kelvo::Platform::getTimer(this)) {}
-
-Deadline::Deadline(double seconds, std::function<std::string()> late)
-    : seconds_(seconds),
-      alarm_([late = std::move(late)] { throw Failure(Exit::kTimeout, late()); }) {}
-
-void Deadline::restart() {
-  if (seconds_ > 0) {
-    alarm_.arm(seconds_);
-  }
-}
 
 }  // namespace tool

@@ -2,7 +2,8 @@
 
 #include <functional>
 #include <memory>
-#include <optional>
+#include <string>
+#include <utility>
 
 #include "Kelvo/Platform/FdEventHandler.h"
 #include "Kelvo/Platform/TimeoutHandler.h"
@@ -24,15 +25,15 @@ struct Interrupted {
 enum class Ending { kIsSuccess, kIsFailure };
 
 /// One verb's time in the event loop, from `untilFinished` to `finish`. Takes Ctrl-C and its kin
-/// as events; failures come out of `untilFinished` as exceptions.
+/// as events; failures come out of `untilFinished` as exceptions, `Interrupted` and `OutputClosed`
+/// included unless they are a success.
 class Run : private Kelvo::Platform::FdEventHandler {
  public:
   explicit Run(Ending whenInterrupted);
   ~Run() override;
 
-  Exit untilFinished();
-  void finish(Exit status);
-  bool finished() const { return status_.has_value(); }
+  void untilFinished();
+  void finish();
 
  private:
   class ReaderWatch;
@@ -43,7 +44,7 @@ class Run : private Kelvo::Platform::FdEventHandler {
   const int signals_;
   Kelvo::Ptr<Kelvo::Platform::FdControl> control_;
   std::unique_ptr<ReaderWatch> readerWatch_;
-  std::optional<Exit> status_;
+  bool finished_ = false;
 };
 
 /// A timer that calls a function.
@@ -61,18 +62,46 @@ class Alarm : private Kelvo::Platform::TimeoutHandler {
   Kelvo::Ptr<Kelvo::Platform::Timer> timer_;
 };
 
-/// The -t option at work: fails with exit status 4 unless disarmed in time. 0 seconds are for ever.
-class Deadline {
+/// Runs a step as often as it is wanted. A step that wants the next one gets it without recursion,
+/// and without the loop; but the loop has a turn now and then, for signals.
+class Pump {
  public:
-  /// `late` makes the sentence.
-  Deadline(double seconds, std::function<std::string()> late);
+  explicit Pump(std::function<void()> step) : step_(std::move(step)) {}
+  void want();
 
-  void restart();
+ private:
+  void run();
+
+  const std::function<void()> step_;
+  bool wanted_ = false;
+  bool running_ = false;
+  Alarm soon_{[this] { run(); }};
+};
+
+/// Something that happens unless it is disarmed in time. 0 seconds are for ever.
+class Limit {
+ public:
+  Limit(double seconds, std::function<void()> passed)
+      : seconds_(seconds), alarm_(std::move(passed)) {}
+
+  void restart() {
+    if (seconds_ > 0) {
+      alarm_.arm(seconds_);
+    }
+  }
   void disarm() { alarm_.disarm(); }
 
  private:
   const double seconds_;
   Alarm alarm_;
+};
+
+/// The -t option at work: fails with exit status 4 unless disarmed in time.
+class Deadline : public Limit {
+ public:
+  /// `late` makes the sentence.
+  Deadline(double seconds, std::function<std::string()> late)
+      : Limit(seconds, [late = std::move(late)] { throw Failure(Exit::kTimeout, late()); }) {}
 };
 
 }  // namespace tool

@@ -2,65 +2,84 @@
 // server loses what it has not read when its client closes with replies unread, so the replies are
 // read, and dropped, until then.
 
-#include <memory>
-
 #include "tool/Lines.h"
-#include "tool/Run.h"
+#include "tool/Options.h"
 #include "tool/Session.h"
-#include "tool/Verbs.h"
 
 namespace tool {
 
 namespace {
 
+struct SendOptions {
+  std::string name;
+  std::string text = "-";
+  std::optional<std::uint64_t> count;
+  std::optional<double> interval;
+};
+
 class Sender : private Session {
  public:
-  Sender(const Options& options, Run& run)
-      : Session(options.name, options),
+  Sender(const SendOptions& options, const Common& common, Run& run)
+      : Session(options.name, common),
         options_(options),
         run_(run),
-        source_(options, [this](Tovik::Message* message) { take(message); }),
-        pause_([this] { source_.want(); }),
-        lookAgain_([this] { finishWhenTaken(); }),
-        deadline_(timeLimit(options, 5), [&options] {
-          return "the server " + inQuotes(options.name) + " did not read on within " +
-                 seconds(timeLimit(options, 5)) + "; give it more with --timeout.";
-        }) {
+        source_(options.text, options.count.value_or(1),
+                [this](const std::string* message) { take(message); }),
+        deadline_(common.timeLimit(5), [this, &common] { return late(common.timeLimit(5)); }) {
     deadline_.restart();
   }
 
  private:
+  std::string late(double limit) const {
+    return full() ? lateText(limit)
+                  : "the server " + inQuotes(name()) + " did not read on within " + seconds(limit) +
+                        "; give it more with --timeout.";
+  }
+
   void connected() override {
     deadline_.disarm();
     source_.want();
   }
 
-  void take(Tovik::Message* message) {
-    deadline_.restart();
+  void take(const std::string* message) {
     if (message == nullptr) {
-      return finishWhenTaken();
+      return finish();
     }
     if (closed_) {
       throw lostFailure();
     }
     ++sent_;
-    asyncSendMsg(*message);
+    send(*message);
     if (isAttached() && allWritten()) {
-      written();
+      next();
+    } else {
+      deadline_.restart();  // for the server to make room
     }
   }
 
   void written() override {
-    if (sent_ == options_.count) {
-      return finishWhenTaken();
-    }
     deadline_.disarm();
-    pause_.arm(options_.interval.value_or(0));
+    next();
   }
 
-  void finishWhenTaken() {
+  void next() {
+    if (sent_ == options_.count) {
+      return finish();
+    }
+    if (options_.interval.value_or(0) > 0) {
+      return pause_.arm(*options_.interval);
+    }
+    source_.want();
+  }
+
+  void finish() {
+    deadline_.restart();
+    look();
+  }
+
+  void look() {
     if (closed_ || allTaken()) {
-      return run_.finish(Exit::kSuccess);
+      return run_.finish();
     }
     lookAgain_.arm(0.005);
   }
@@ -74,11 +93,11 @@ class Sender : private Session {
     closed_ = true;  // after it had read everything so far
   }
 
-  const Options& options_;
+  const SendOptions& options_;
   Run& run_;
   MessageSource source_;
-  Alarm pause_;
-  Alarm lookAgain_;
+  Alarm pause_{[this] { source_.want(); }};
+  Alarm lookAgain_{[this] { look(); }};
   Deadline deadline_;
   std::uint64_t sent_ = 0;
   bool closed_ = false;
@@ -86,10 +105,23 @@ class Sender : private Session {
 
 }  // namespace
 
-Exit runSend(const Options& options) {
-  Run run(Ending::kIsFailure);
-  const Sender sender(options, run);
-  return run.untilFinished();
+void addSend(CLI::App& program, const Common& common) {
+  const auto options = std::make_shared<SendOptions>();
+  const auto run = [options, &common] {
+    Run loop(Ending::kIsFailure);
+    const Sender sender(*options, common, loop);
+    loop.untilFinished();
+  };
+  CLI::App& verb =
+      addVerb(program, "send", "sends messages without waiting for replies",
+              "Ends when the server has read all of them. The time-out, 5 seconds, is for the "
+              "server to take the next one.",
+              run);
+  addName(verb, options->name);
+  addMessage(verb, options->text);
+  addNumber(verb, "--count", options->count, "N", 1, UINT64_MAX,
+            "send the message N times, or at most N lines");
+  addSeconds(verb, "--interval", options->interval, "pause between two messages");
 }
 
 }  // namespace tool

@@ -1,6 +1,7 @@
 // serve: the library's server, with an answer from the command line. message -> (command) -> reply;
 // standard input -> broadcast.
 
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -8,17 +9,26 @@
 #include <memory>
 #include <utility>
 
-#include "Api/Json/Server.h"
 #include "tool/Lines.h"
 #include "tool/Listening.h"
+#include "tool/Options.h"
 #include "tool/Output.h"
-#include "tool/Run.h"
 #include "tool/Shell.h"
-#include "tool/Verbs.h"
 
 namespace tool {
 
 namespace {
+
+struct ServeOptions {
+  std::string name;
+  std::uint32_t status = 0;
+  std::string exec;
+  std::string answer;
+  std::string describe;
+  std::string notify;
+  Admitted admitted;
+  bool timestamps = false;
+};
 
 /// A server that the stand-in can ask to forget connections before they are freed.
 class StandInServer : public Tovik::Server {
@@ -37,20 +47,62 @@ class StandInServer : public Tovik::Server {
   std::function<void()> beforeFreeing_;
 };
 
+/// The process behind a connection. The library keeps the descriptor for subclasses.
+class Peer : public Tovik::Connection {
+ public:
+  static ucred of(const Tovik::Connection& client) {
+    ucred credentials{};
+    socklen_t size = sizeof credentials;
+    ::getsockopt((client.*(&Peer::fdControl_))->fd(), SOL_SOCKET, SO_PEERCRED, &credentials, &size);
+    return credentials;
+  }
+};
+
+/// A whole file or "-" as one JSON text.
+std::string jsonFile(const std::string& file) {
+  std::string text;
+  const int fd = openedForReading(file);
+  forEachLine([fd](char* buffer, std::size_t size) { return ::read(fd, buffer, size); },
+              [&](const std::string& line, std::size_t) { text += line + "\n"; }, file);
+  if (fd != STDIN_FILENO) {
+    ::close(fd);
+  }
+  return text;
+}
+
+/// The value as compact text, if a reply can carry it.
+std::string resultFor(const std::string& json, const std::string& what) {
+  constexpr std::size_t kRest = 80;  // type, status and id
+  if (json.empty()) {
+    return {};
+  }
+  Lint judged = lint(json);
+  if (!judged.notJson.empty()) {
+    throw Failure(Exit::kUsage, what + " is not JSON (" + judged.notJson + ").");
+  }
+  if (judged.compact.size() + kRest > kLargestText) {
+    throw Failure(Exit::kUsage, what + " has " + std::to_string(judged.compact.size()) +
+                                    " bytes, more than a reply carries.");
+  }
+  return std::move(judged.compact);
+}
+
 class StandIn {
  public:
-  StandIn(const Options& options, Run& run)
+  StandIn(const ServeOptions& options, const Common& common)
       : options_(options),
-        run_(run),
-        output_(options),
-        admission_(options),
+        output_(common),
+        answer_(resultFor(options.answer, "the answer")),
+        description_(options.describe.empty()
+                         ? ""
+                         : resultFor(jsonFile(options.describe), "the description")),
         server_(
             options.name, [this](auto& client, const auto& message) { take(client, message); },
-            [this](int pid, unsigned uid, unsigned gid) { return admission_(pid, uid, gid); },
-            [this] { forgetTheDead(); }) {
+            validator(options.admitted), [this] { forgetTheDead(); }) {
     if (!options.notify.empty()) {
-      lines_ =
-          std::make_unique<Lines>(options.notify, [this](const auto& line) { broadcast(line); });
+      lines_ = std::make_unique<Lines>(
+          options.notify, [this](const auto& line) { broadcast(line); },
+          "type messages to broadcast, one a line.");
       lines_->want();
     }
     notice("listening under " + inQuotes(options.name) + "; Ctrl-C ends.");
@@ -61,18 +113,59 @@ class StandIn {
   struct Job {
     Tovik::Connection* client;  // null if it has gone
     std::string text;
+    std::string id;
   };
 
   void take(Tovik::Connection& client, const Tovik::Message& message) {
-    output_.message(message);
-    if (output_.closed()) {
-      return run_.finish(Exit::kSuccess);
+    show(client, message);
+    const std::string id = memberText(message, "id");
+    if (!description_.empty() && memberText(message, "command") == R"("describe")") {
+      return reply(client, 0, id, description_);
     }
     if (options_.exec.empty()) {
-      return client.acknowledge(static_cast<unsigned>(options_.status.value_or(0)));
+      return reply(client, options_.status, id, answer_);
     }
-    jobs_.push_back({&client, Tovik::Message::toStr(message, false).data()});
+    jobs_.push_back({&client, Tovik::Message::toStr(message, false).data(), id});
     startJob();
+  }
+
+  void show(const Tovik::Connection& client, const Tovik::Message& message) {
+    if (!options_.timestamps) {
+      return output_.message(message);
+    }
+    const ucred sender = Peer::of(client);
+    const std::string text = Tovik::Message::toStr(message, false).data();
+    if (!output_.json()) {
+      return output_.message(text, painted(timestamp(), "2", output_.colour()) + " " +
+                                       std::to_string(sender.pid) + " ");
+    }
+    Tovik::Message head(rapidjson::kObjectType);
+    addString(head, "time", timestamp());
+    addMember(head, "pid", sender.pid);
+    addMember(head, "uid", sender.uid);
+    output_.message(enveloped(head, text));
+  }
+
+  /// The member's value as JSON text; empty without one.
+  static std::string memberText(const Tovik::Message& message, const char* name) {
+    const auto found = message.FindMember(name);
+    if (found == message.MemberEnd()) {
+      return {};
+    }
+    Tovik::Message value;
+    value.CopyFrom(found->value, value.GetAllocator());
+    return Tovik::Message::toStr(value, false).data();
+  }
+
+  /// A call with an id is answered with it, also while the client is subscribed.
+  static void reply(Tovik::Connection& client, unsigned status, const std::string& id,
+                    const std::string& result) {
+    if (id.empty() && result.empty()) {
+      return client.acknowledge(status);
+    }
+    client.sendMsg(messageFrom(R"({"type":"reply","status":)" + std::to_string(status) +
+                               (id.empty() ? "" : R"(,"id":)" + id) +
+                               (result.empty() ? "" : R"(,"result":)" + result) + "}"));
   }
 
   /// One command at a time, so that answers come in the order of the messages.
@@ -81,8 +174,9 @@ class StandIn {
       return;
     }
     command_.emplace(options_.exec, jobs_.front().text, [this](unsigned status) {
-      if (jobs_.front().client != nullptr) {
-        jobs_.front().client->acknowledge(status);
+      const Job& job = jobs_.front();
+      if (job.client != nullptr) {
+        reply(*job.client, status, job.id, answer_);
       }
       jobs_.pop_front();
       next_.arm(0);  // not from here: the command's object is in use
@@ -118,10 +212,10 @@ class StandIn {
     lines_->want();
   }
 
-  const Options& options_;
-  Run& run_;
+  const ServeOptions& options_;
   Output output_;
-  const Admission admission_;
+  const std::string answer_;
+  const std::string description_;
   std::deque<Job> jobs_;
   std::optional<ShellCommand> command_;
   Alarm next_{[this] { startNextJob(); }};
@@ -138,15 +232,44 @@ void explainAbort(int /*signal*/) {
   [[maybe_unused]] const auto written = ::write(STDERR_FILENO, text, sizeof text - 1);
 }
 
-}  // namespace
-
-Exit runServe(const Options& options) {
+void serve(const ServeOptions& options, const Common& common) {
   std::signal(SIGABRT, explainAbort);
   Run run(Ending::kIsSuccess);
-  return listening(options.name, [&] {
-    const StandIn standIn(options, run);
-    return run.untilFinished();
+  listening(options.name, [&] {
+    const StandIn standIn(options, common);
+    run.untilFinished();
   });
+}
+
+}  // namespace
+
+void addServe(CLI::App& program, const Common& common) {
+  const auto options = std::make_shared<ServeOptions>();
+  const auto run = [options, &common] { serve(*options, common); };
+  CLI::App& verb = addVerb(
+      program, "serve", "a stand-in server to test clients against",
+      "Prints each message and answers it. It is a real server, with what that means: valid JSON "
+      "of the wrong shape ends its process, as it would end any server's. Admits its own user and "
+      "root unless told otherwise.",
+      run);
+  addName(verb, options->name);
+  addNumber(verb, "--status", options->status, "N", 0, kUint32,
+            "answer with status N (0 unless given)");
+  addValue(verb, "--answer", options->answer, "JSON", "answer with this result");
+  addValue(verb, "--describe", options->describe, kFile,
+           "answer 'tovik describe' with the JSON in this file");
+  addValue(verb, "--exec", options->exec, "CMD",
+           "run CMD in a shell for each message, which is its standard input; its exit status is "
+           "the answer's");
+  addValue(verb, "--notify", options->notify, kFile,
+           "broadcast each line of the file, or of standard input for -");
+  addNumber(verb, "--allow-uid", options->admitted.uids, "UID", 0, kUint32,
+            "admit this user (repeatable)");
+  addNumber(verb, "--allow-gid", options->admitted.gids, "GID", 0, kUint32,
+            "admit this group (repeatable)");
+  addFlag(verb, "--deny-all", options->admitted.nobody, "admit nobody");
+  addFlag(verb, "--timestamps", options->timestamps,
+          "the time and the sender's process before each message");
 }
 
 }  // namespace tool

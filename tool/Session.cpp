@@ -1,5 +1,5 @@
-// A command's connection. The library's timer calls timeout -> connect (interrupted now and then)
-// -> the server's user -> connected; then read events -> received; any end -> lost.
+// A command's connection: connect (again, while the server's queue of clients is full) -> the
+// server's user -> connected; then read events -> received; any end -> lost.
 
 #include "tool/Session.h"
 
@@ -7,69 +7,59 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/time.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
+#include <utility>
 
 namespace tool {
 
 namespace {
 
-/// Connecting blocks while the server's backlog is full. As long as this object lives, a timer
-/// signal interrupts it ten times a second: the attempt fails, the loop gets a turn for its
-/// time-outs and Ctrl-C, and the next attempt follows.
-class ConnectInterrupter {
- public:
-  ConnectInterrupter() {
-    struct sigaction action {};
-    action.sa_handler = [](int) {};  // without SA_RESTART
-    ::sigaction(SIGALRM, &action, nullptr);
-    const timeval tick{0, 100000};
-    const itimerval ticks{tick, tick};
-    ::setitimer(ITIMER_REAL, &ticks, nullptr);
-  }
-  ConnectInterrupter(const ConnectInterrupter&) = delete;
-  ConnectInterrupter& operator=(const ConnectInterrupter&) = delete;
-  ~ConnectInterrupter() {
-    const itimerval none{};
-    ::setitimer(ITIMER_REAL, &none, nullptr);
-  }
-};
+constexpr double kPauseWhileFull = 0.02;  // seconds: the kernel does not tell when there is room
+
+/// Zeros up to the structure's end belong to the address.
+sockaddr_un addressOf(const std::string& name) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path + 1, name.data(),
+              std::min(name.size(), sizeof address.sun_path - 2));
+  return address;
+}
 
 }  // namespace
 
-Session::Session(const std::string& name, const Options& options, int reconnectInterval)
-    : AsyncClient(
-          name, [](AsyncClient&, const Tovik::Message&) {},
-          [this](AsyncClient&) {
-            reached_ = true;
-            checkServer();
-            connected();
-          },
-          reconnectInterval),
-      name_(name),
-      options_(options),
-      reconnects_(reconnectInterval > 0) {}
+Session::Session(std::string name, const Common& common, double reconnectSeconds)
+    : name_(std::move(name)), common_(common), reconnectSeconds_(reconnectSeconds) {
+  connect_.arm(0);
+}
 
-void Session::timeout() {
-  if (reached_ && !reconnects_) {
-    return;
+void Session::connect() {
+  const sockaddr_un address = addressOf(name_);
+  const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (fd >= 0 && ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+    full_ = false;
+    lossError_ = EPIPE;  // of a write, unless a read sees the end first
+    setFd(fd);
+    checkServer();
+    connected();
+    return flushQueue();
   }
-  reached_ = false;
-  lossError_ = EPIPE;  // of a write, unless a read sees the end first
-  int error = 0;
-  {
-    const ConnectInterrupter interrupter;
-    errno = 0;
-    AsyncClient::timeout();
-    error = errno;  // nothing after a failed connect changes it
+  const int error = errno;
+  if (fd >= 0) {
+    ::close(fd);
   }
-  if (!reached_ && error != EINTR) {
-    notConnected(error);
+  full_ = error == EAGAIN;
+  if (full_) {
+    return connect_.arm(kPauseWhileFull);
   }
+  if (reconnectSeconds_ > 0) {
+    connect_.arm(reconnectSeconds_);
+  }
+  notConnected(error);
 }
 
 /// The kernel names the process that listens, to the client too: whoever has taken the name of
@@ -77,17 +67,25 @@ void Session::timeout() {
 void Session::checkServer() {
   ucred server{};
   socklen_t size = sizeof server;
-  if (!options_.serverUid) {
+  if (!common_.serverUid) {
     return;
   }
-  if (::getsockopt(fdControl_->fd(), SOL_SOCKET, SO_PEERCRED, &server, &size) < 0 ||
-      server.uid != *options_.serverUid) {
+  if (::getsockopt(fdControl_->fd(), SOL_SOCKET, SO_PEERCRED, &server, &size) < 0) {
+    throw Failure(Exit::kLost, "the kernel does not tell whose server " + inQuotes(name_) +
+                                   " is, so nothing was sent: " + std::strerror(errno) + ".");
+  }
+  if (server.uid != *common_.serverUid) {
     throw Failure(Exit::kLost, "the server " + inQuotes(name_) + " belongs to user " +
                                    std::to_string(server.uid) + " and not to " +
-                                   std::to_string(*options_.serverUid) +
+                                   std::to_string(*common_.serverUid) +
                                    ", so nothing was sent; find out who has taken the name with "
                                    "'tovik list --long'.");
   }
+}
+
+void Session::send(const std::string& text) {
+  sendQueue_.emplace_back(text);
+  flushQueue();
 }
 
 void Session::readFdEvent(int fd) {
@@ -104,7 +102,7 @@ void Session::readFdEvent(int fd) {
 }
 
 void Session::writeFdEvent(int fd) {
-  AsyncClient::writeFdEvent(fd);
+  AsyncSender::writeFdEvent(fd);
   if (isAttached() && allWritten()) {
     written();
   }
@@ -112,10 +110,14 @@ void Session::writeFdEvent(int fd) {
 
 void Session::terminateConnection() {
   const bool ended = isAttached();
-  AsyncClient::terminateConnection();
-  if (ended) {
-    lost(lossError_);
+  AsyncSender::terminateConnection();
+  if (!ended) {
+    return;
   }
+  if (reconnectSeconds_ > 0) {
+    connect_.arm(reconnectSeconds_);
+  }
+  lost(lossError_);
 }
 
 /// A server that closes without having read leaves nothing unread either, but an error first.
@@ -126,6 +128,15 @@ bool Session::allTaken() const {
   }
   pollfd state{fdControl_->fd(), 0, 0};
   return ::poll(&state, 1, 0) >= 0 && (state.revents & POLLERR) == 0;
+}
+
+std::string Session::lateText(double limit) const {
+  if (full_) {
+    return "the server " + inQuotes(name_) + " accepted no client within " + seconds(limit) +
+           ", and no more may wait; see 'tovik list --long'.";
+  }
+  return "the server " + inQuotes(name_) + " did not answer within " + seconds(limit) +
+         "; give it more with --timeout.";
 }
 
 void Session::lost(int /*error*/) {
@@ -148,8 +159,8 @@ Failure Session::notConnectedFailure(int error) const {
     return {Exit::kNoServer, "no server listens under " + inQuotes(name_) +
                                  "; start it, or see the names with 'tovik list'."};
   }
-  return {Exit::kLost, "the connection to " + inQuotes(name_) + " failed: " + std::strerror(error) +
-                           "; mend that and try again."};
+  return {Exit::kLost,
+          "the connection to " + inQuotes(name_) + " failed: " + std::strerror(error) + "."};
 }
 
 long readRecord(int fd, std::string& record) {
@@ -161,10 +172,6 @@ long readRecord(int fd, std::string& record) {
   const auto read = ::recv(fd, record.data(), record.size(), MSG_DONTWAIT);
   record.resize(read < 0 ? 0 : static_cast<std::size_t>(read));
   return read < 0 ? -errno : read;
-}
-
-double timeLimit(const Options& options, double unlessGiven) {
-  return options.timeout.value_or(unlessGiven);
 }
 
 }  // namespace tool

@@ -2,26 +2,32 @@
 
 #include <string>
 
-#include "Api/Json/Client.h"
-#include "tool/Options.h"
+#include "Api/Json/Async.h"
+#include "tool/Common.h"
 #include "tool/Report.h"
+#include "tool/Run.h"
 
 namespace tool {
 
-/// The library's asynchronous client, with what a command needs on top: it tells why a connection
-/// is missing or has ended, looks at the server's user before a byte is sent, hands out records as
-/// they came, never blocks the loop for more than a moment, and connects again after a loss only if
-/// it has an interval for that.
-class Session : public Tovik::AsyncClient {
+/// A command's connection to a server: it connects without blocking the loop, looks at the server's
+/// user before a byte is sent, hands out records as they came, tells why a connection is missing or
+/// has ended, and connects again after a loss only if it has an interval for that.
+class Session : public Tovik::AsyncSender {
  public:
-  Session(const std::string& name, const Options& options, int reconnectInterval = 0);
+  /// The first attempt to connect happens from the loop.
+  Session(std::string name, const Common& common, double reconnectSeconds = 0);
 
   const std::string& name() const { return name_; }
 
+  /// Queues a record. What is queued before there is a connection goes out then.
+  void send(const std::string& text);
   /// Nothing waits to be written.
   bool allWritten() const { return sendQueue_.empty(); }
   /// Nothing that was written waits to be read by the server.
   bool allTaken() const;
+
+  /// Why there is no answer yet, for a time limit that has passed.
+  std::string lateText(double limit) const;
 
  protected:
   /// A connection to the right server's user exists.
@@ -39,26 +45,26 @@ class Session : public Tovik::AsyncClient {
   Failure lostFailure() const;
   Failure notConnectedFailure(int error) const;
 
+  /// Nobody has been let in for as long as the server's queue of clients is full.
+  bool full() const { return full_; }
+
  private:
-  void timeout() override;
+  void connect();
+  void checkServer();
   void readFdEvent(int fd) override;
   void writeFdEvent(int fd) override;
   void terminateConnection() override;
 
-  void checkServer();
-
   const std::string name_;
-  const Options& options_;
-  const bool reconnects_;
-  bool reached_ = false;
+  const Common& common_;
+  const double reconnectSeconds_;
+  bool full_ = false;
   int lossError_ = 0;
+  Alarm connect_{[this] { connect(); }};
 };
 
 /// Reads one whole record, without blocking. Its length, 0 at the end of the connection, or minus
 /// the errno value.
 long readRecord(int fd, std::string& record);
-
-/// How long the command may wait, in seconds.
-double timeLimit(const Options& options, double unlessGiven);
 
 }  // namespace tool

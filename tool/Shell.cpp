@@ -1,11 +1,12 @@
 #include "tool/Shell.h"
 
-#include <fcntl.h>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <utility>
@@ -16,21 +17,22 @@ namespace tool {
 
 namespace {
 
-/// A pipe that holds the whole input; its other end is closed already. A message is smaller than
-/// what a pipe takes, so writing it does not block.
-int pipeHolding(const std::string& input) {
-  int ends[2];
-  if (::pipe2(ends, O_CLOEXEC) < 0) {
-    throw Failure(Exit::kLost, std::string("no pipe for the command: ") + std::strerror(errno) +
-                                   "; free some descriptors.");
+Failure cannotRun(int error) {
+  return {Exit::kLost, std::string("the command cannot be run: ") + std::strerror(error) + "."};
+}
+
+/// A file in memory that holds the whole input: unlike a pipe, it has room for any, so that nobody
+/// waits for the command to read.
+int fileHolding(const std::string& input) {
+  const int fd = ::memfd_create("message", MFD_CLOEXEC);
+  if (fd < 0 || ::pwrite(fd, input.data(), input.size(), 0) < 0) {
+    throw cannotRun(errno);
   }
-  [[maybe_unused]] const auto written = ::write(ends[1], input.data(), input.size());
-  ::close(ends[1]);
-  return ends[0];
+  return fd;
 }
 
 /// Starts a shell as any program expects to be started: with default signals, and without the
-/// sockets, whose names an inherited descriptor would keep taken. -1 if it cannot be started.
+/// sockets, whose names an inherited descriptor would keep taken.
 int spawn(const std::string& command, int input) {
   posix_spawn_file_actions_t files;
   posix_spawn_file_actions_init(&files);
@@ -50,7 +52,10 @@ int spawn(const std::string& command, int input) {
   const int error = ::posix_spawn(&pid, "/bin/sh", &files, &attributes, arguments, environ);
   posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&files);
-  return error == 0 ? pid : -1;
+  if (error != 0) {
+    throw cannotRun(error);
+  }
+  return pid;
 }
 
 }  // namespace
@@ -58,13 +63,12 @@ int spawn(const std::string& command, int input) {
 ShellCommand::ShellCommand(const std::string& command, const std::string& input,
                            std::function<void(unsigned)> finished)
     : finished_(std::move(finished)), control_(Kelvo::Platform::getFdControl(this)) {
-  const int pipe = pipeHolding(input);
-  pid_ = spawn(command, pipe);
-  ::close(pipe);
-  pidFd_ = pid_ < 0 ? -1 : static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0));
+  const int file = fileHolding(input);
+  pid_ = spawn(command, file);
+  ::close(file);
+  pidFd_ = static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0));
   if (pidFd_ < 0) {
-    throw Failure(Exit::kLost, std::string("the command cannot be run: ") + std::strerror(errno) +
-                                   "; free some resources.");
+    throw cannotRun(errno);
   }
   control_->attach(pidFd_);
 }

@@ -2,11 +2,10 @@
 
 #include <algorithm>
 
+#include "tool/Kernel.h"
+#include "tool/Options.h"
 #include "tool/Output.h"
 #include "tool/Run.h"
-#include "tool/Session.h"
-#include "tool/Table.h"
-#include "tool/Verbs.h"
 
 namespace tool {
 
@@ -14,15 +13,20 @@ namespace {
 
 constexpr double kPauseSeconds = 0.02;
 
+struct WaitOptions {
+  std::vector<std::string> names;
+  bool gone = false;
+};
+
 class Wait {
  public:
-  Wait(const Options& options, Run& run)
+  Wait(const WaitOptions& options, const Common& common, Run& run)
       : options_(options),
+        common_(common),
         run_(run),
-        output_(options),
+        output_(common),
         missing_(options.names),
-        look_([this] { look(); }),
-        deadline_(timeLimit(options, 5), [this] { return late(); }) {
+        deadline_(common.timeLimit(5), [this] { return late(); }) {
     look_.arm(0);
     deadline_.restart();
   }
@@ -33,14 +37,14 @@ class Wait {
     const auto done = [&](const std::string& name) { return satisfied(name, found); };
     missing_.erase(std::remove_if(missing_.begin(), missing_.end(), done), missing_.end());
     if (missing_.empty()) {
-      return run_.finish(Exit::kSuccess);
+      return run_.finish();
     }
     look_.arm(kPauseSeconds);
   }
 
   bool satisfied(const std::string& name, const std::vector<Listener>& found) {
     const bool listens = std::any_of(found.begin(), found.end(), [&](const Listener& listener) {
-      return listener.name == name && (!options_.serverUid || listener.uid == options_.serverUid);
+      return listener.name == name && (!common_.serverUid || listener.uid == common_.serverUid);
     });
     if (listens == options_.gone) {
       return false;
@@ -48,34 +52,51 @@ class Wait {
     if (output_.json()) {
       Tovik::Message message;
       message.SetObject();
-      addString(message, "name", name);
-      addNumber(message, "listening", listens);
+      addNameTo(message, name);
+      addMember(message, "listening", listens);
       output_.message(message);
     }
     return true;
   }
 
   std::string late() const {
-    return inQuotes(missing_.front()) +
-           (options_.gone ? " still listens after " : " did not listen within ") +
-           seconds(timeLimit(options_, 5)) + (options_.gone ? "; end it" : "; start it") +
-           ", or give it more with --timeout.";
+    std::string names;
+    for (const std::string& name : missing_) {
+      names += (names.empty() ? "" : ", ") + inQuotes(name);
+    }
+    const bool one = missing_.size() == 1;
+    return names +
+           (!options_.gone ? " did not listen within "
+            : one          ? " still listens after "
+                           : " still listen after ") +
+           seconds(common_.timeLimit(5)) + (options_.gone ? "; end " : "; start ") +
+           (one ? "it, or give it" : "them, or give them") + " more with --timeout.";
   }
 
-  const Options& options_;
+  const WaitOptions& options_;
+  const Common& common_;
   Run& run_;
   Output output_;
   std::vector<std::string> missing_;
-  Alarm look_;
+  Alarm look_{[this] { look(); }};
   Deadline deadline_;
 };
 
 }  // namespace
 
-Exit runWait(const Options& options) {
-  Run run(Ending::kIsFailure);
-  const Wait wait(options, run);
-  return run.untilFinished();
+void addWait(CLI::App& program, const Common& common) {
+  const auto options = std::make_shared<WaitOptions>();
+  const auto run = [options, &common] {
+    Run loop(Ending::kIsFailure);
+    const Wait wait(*options, common, loop);
+    loop.untilFinished();
+  };
+  CLI::App& verb = addVerb(program, "wait", "waits until each server listens",
+                           "Looks into the kernel's table and does not connect, so the servers "
+                           "notice nothing. The time-out is 5 seconds.",
+                           run);
+  addNames(verb, options->names, Needed::kYes);
+  addFlag(verb, "--gone", options->gone, "wait until none of them listens");
 }
 
 }  // namespace tool

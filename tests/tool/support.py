@@ -69,12 +69,13 @@ def raw_client(name):
 class Program:
     """A program in the background: what it has written so far, and its end."""
 
-    def __init__(self, arguments, stdin=None, terminal=False, cwd=None, preexec=None):
+    def __init__(self, arguments, stdin=None, stdout=None, terminal=False, cwd=None,
+                 preexec=None):
         self.out = tempfile.TemporaryFile()
         self.err = tempfile.TemporaryFile()
         self.terminal = None
         self.typed = b""
-        stdout, stderr = self.out, self.err
+        stdout, stderr = stdout or self.out, self.err
         if terminal:
             self.terminal, slave = pty.openpty()
             stdout = stderr = slave

@@ -1,0 +1,83 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace tool {
+
+using Inode = unsigned long;
+
+/// A listening sequenced-packet socket in the abstract namespace, as the kernel's table shows it.
+struct Listener {
+  std::string name;    // without the padding
+  bool padded = true;  // to the whole path, as this protocol's servers are
+  Inode inode = 0;
+  std::size_t connections = 0;  // accepted ones
+  // Known only if the kernel answers the netlink query:
+  std::optional<unsigned> uid;
+  std::optional<unsigned> waiting;      // clients that are not accepted yet
+  std::optional<unsigned> backlog;      // how many may wait
+  std::optional<std::uint64_t> unread;  // bytes, in both directions of all connections
+  std::optional<std::size_t> stalled;   // connections in which one side cannot write on
+};
+
+/// A client's connection to a listener.
+struct Connection {
+  std::string name;  // the server's
+  Inode server = 0;  // the listener
+  Inode client = 0;
+  unsigned uid = 0;                  // who made the client's socket
+  bool accepted = true;              // else it waits to be let in
+  std::uint64_t unreadByServer = 0;  // bytes
+  std::uint64_t unreadByClient = 0;  // bytes
+  bool serverStalls = false;         // it does not read, and the client cannot write on
+  bool clientStalls = false;         // the other way round
+};
+
+/// What the kernel's table shows at one moment, sorted by name.
+struct Table {
+  std::vector<Listener> listeners;
+  std::vector<Connection> connections;  // of all of them; none without netlink
+  bool byNetlink = true;
+};
+
+/// Only padded listeners unless `all`. By a netlink query, or from /proc/net/unix where that is not
+/// allowed (which loses names with line breaks, and cannot tell a trailing '@' from padding).
+Table kernelTable(bool all);
+
+/// The listeners alone.
+std::vector<Listener> listeners(bool all);
+
+struct Process {
+  int pid = 0;  // 0: unknown, or hidden from this user
+  std::string name;
+  char state = '?';  // R running, S sleeping, T stopped, Z zombie and so on
+  double ageSeconds = 0;
+  double cpuSeconds = 0;     // used so far
+  std::uint64_t memory = 0;  // resident bytes
+};
+
+/// The process as /proc has it; an unknown one if it is gone or hidden.
+Process processOf(int pid);
+
+/// Finds the processes that hold sockets, as far as this user may look. If several hold one, that
+/// with the lowest number. It remembers what it has found.
+class Owners {
+ public:
+  /// Looks for these if it does not know them yet, and forgets all others.
+  void find(const std::set<Inode>& inodes);
+  /// The process's number, or 0.
+  int pidOf(Inode inode) const;
+
+ private:
+  std::unordered_map<Inode, int> known_;
+};
+
+/// The user's name, or the number of one who has none.
+std::string userName(unsigned uid);
+
+}  // namespace tool
