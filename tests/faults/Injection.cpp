@@ -1,25 +1,17 @@
-#undef _FORTIFY_SOURCE  // whose headers define some of these functions themselves
-
 #include "tests/faults/Injection.h"
 
-#include <dlfcn.h>
-#include <fcntl.h>
 #include <link.h>
-#include <poll.h>
 #include <sys/epoll.h>
-#include <sys/eventfd.h>
 #include <sys/mman.h>
-#include <sys/socket.h>
-#include <sys/timerfd.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
+
+#include "tests/support/Faults.h"
 
 // The C library's own, under the names that its malloc functions have beside the public ones.
 extern "C" {
@@ -91,17 +83,15 @@ std::map<Call, int>& counts() {
   return all;
 }
 
-/// Counts one call; true if it is the one to fail, with errno set.
+/// Counts one call; true if it is the one to fail.
 bool fails(const void* caller, const char* call) {
   if (!counting || inside || !isLibrary(caller)) {
     return false;
   }
-  const int callersErrno = errno;
   inside = true;
   const int occurrence = ++counts().at(call);
   const bool fail = planned.call == call && planned.occurrence == occurrence;
   inside = false;
-  errno = fail ? planned.error : callersErrno;
   done = done || fail;
   return fail;
 }
@@ -126,14 +116,62 @@ bool allocationFails(const void* caller) {
   return true;
 }
 
-template <class Function>
-Function next(const char* name) {
-  return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+const char* nameOf(Faults::Call call, std::size_t size) {
+  using Faults::Call;
+  switch (call) {
+    case Call::kSocket:
+      return "socket";
+    case Call::kBind:
+      return "bind";
+    case Call::kListen:
+      return "listen";
+    case Call::kAccept:
+      return "accept";
+    case Call::kConnect:
+      return "connect";
+    case Call::kGetsockopt:
+      return "getsockopt";
+    case Call::kGetFl:
+      return "F_GETFL";
+    case Call::kSetFl:
+      return "F_SETFL";
+    case Call::kRead:
+      return "read";
+    case Call::kWrite:
+      return "write";
+    case Call::kClose:
+      return "close";
+    case Call::kEpollCreate:
+      return "epoll_create1";
+    case Call::kEpollCtl:
+      return size == EPOLL_CTL_ADD   ? "EPOLL_CTL_ADD"
+             : size == EPOLL_CTL_MOD ? "EPOLL_CTL_MOD"
+                                     : "EPOLL_CTL_DEL";
+    case Call::kEpollWait:
+      return "epoll_wait";
+    case Call::kEventfd:
+      return "eventfd";
+    case Call::kTimerfdCreate:
+      return "timerfd_create";
+    case Call::kTimerfdSettime:
+      return "timerfd_settime";
+    case Call::kPoll:
+      return "poll";
+    default:
+      return "";
+  }
+}
+
+/// Counts one call; the error that it is to fail with, or 0.
+int before(Faults::Call call, std::size_t size, const void* caller) {
+  return fails(caller, nameOf(call, size)) ? planned.error : 0;
 }
 
 }  // namespace
 
 void start(const Fault& fault) {
+  Faults::setHook(before);
+  { const Faults::Trace first; }  // takes what the interposer takes once in a thread
   planned = fault;
   allocations = 0;
   done = false;
@@ -208,119 +246,7 @@ const std::vector<int>& errorsOf(const Call& call) {
 
 }  // namespace Injection
 
-using Injection::fails;
-using Injection::next;
-
 extern "C" {
-
-int socket(int domain, int type, int protocol) noexcept {
-  static const auto real = next<int (*)(int, int, int)>("socket");
-  return fails(__builtin_return_address(0), "socket") ? -1 : real(domain, type, protocol);
-}
-
-int bind(int fd, const sockaddr* address, socklen_t size) noexcept {
-  static const auto real = next<int (*)(int, const sockaddr*, socklen_t)>("bind");
-  return fails(__builtin_return_address(0), "bind") ? -1 : real(fd, address, size);
-}
-
-int listen(int fd, int backlog) noexcept {
-  static const auto real = next<int (*)(int, int)>("listen");
-  return fails(__builtin_return_address(0), "listen") ? -1 : real(fd, backlog);
-}
-
-int accept(int fd, sockaddr* address, socklen_t* size) {
-  static const auto real = next<int (*)(int, sockaddr*, socklen_t*)>("accept");
-  return fails(__builtin_return_address(0), "accept") ? -1 : real(fd, address, size);
-}
-
-int connect(int fd, const sockaddr* address, socklen_t size) {
-  static const auto real = next<int (*)(int, const sockaddr*, socklen_t)>("connect");
-  return fails(__builtin_return_address(0), "connect") ? -1 : real(fd, address, size);
-}
-
-int getsockopt(int fd, int level, int option, void* value, socklen_t* size) noexcept {
-  static const auto real = next<int (*)(int, int, int, void*, socklen_t*)>("getsockopt");
-  return fails(__builtin_return_address(0), "getsockopt") ? -1
-                                                          : real(fd, level, option, value, size);
-}
-
-int fcntl(int fd, int command, ...) {
-  static const auto real = next<int (*)(int, int, ...)>("fcntl");
-  va_list arguments;
-  va_start(arguments, command);
-  void* argument = va_arg(arguments, void*);
-  va_end(arguments);
-  const void* const caller = __builtin_return_address(0);
-  if ((command == F_GETFL && fails(caller, "F_GETFL")) ||
-      (command == F_SETFL && fails(caller, "F_SETFL"))) {
-    return -1;
-  }
-  return real(fd, command, argument);
-}
-
-ssize_t read(int fd, void* buffer, size_t size) {
-  static const auto real = next<ssize_t (*)(int, void*, size_t)>("read");
-  return fails(__builtin_return_address(0), "read") ? -1 : real(fd, buffer, size);
-}
-
-ssize_t write(int fd, const void* bytes, size_t size) {
-  static const auto real = next<ssize_t (*)(int, const void*, size_t)>("write");
-  return fails(__builtin_return_address(0), "write") ? -1 : real(fd, bytes, size);
-}
-
-int close(int fd) {
-  static const auto real = next<int (*)(int)>("close");
-  const bool fail = fails(__builtin_return_address(0), "close");
-  const int error = errno;
-  const int result = real(fd);  // Linux closes the descriptor whatever it answers
-  if (fail) {
-    errno = error;
-    return -1;
-  }
-  return result;
-}
-
-int epoll_create1(int flags) noexcept {
-  static const auto real = next<int (*)(int)>("epoll_create1");
-  return fails(__builtin_return_address(0), "epoll_create1") ? -1 : real(flags);
-}
-
-int epoll_ctl(int epoll, int operation, int fd, epoll_event* event) noexcept {
-  static const auto real = next<int (*)(int, int, int, epoll_event*)>("epoll_ctl");
-  static const std::map<int, const char*> names = {{EPOLL_CTL_ADD, "EPOLL_CTL_ADD"},
-                                                   {EPOLL_CTL_MOD, "EPOLL_CTL_MOD"},
-                                                   {EPOLL_CTL_DEL, "EPOLL_CTL_DEL"}};
-  return fails(__builtin_return_address(0), names.at(operation))
-             ? -1
-             : real(epoll, operation, fd, event);
-}
-
-int epoll_wait(int epoll, epoll_event* events, int count, int timeout) {
-  static const auto real = next<int (*)(int, epoll_event*, int, int)>("epoll_wait");
-  return fails(__builtin_return_address(0), "epoll_wait") ? -1
-                                                          : real(epoll, events, count, timeout);
-}
-
-int eventfd(unsigned count, int flags) noexcept {
-  static const auto real = next<int (*)(unsigned, int)>("eventfd");
-  return fails(__builtin_return_address(0), "eventfd") ? -1 : real(count, flags);
-}
-
-int timerfd_create(int clock, int flags) noexcept {
-  static const auto real = next<int (*)(int, int)>("timerfd_create");
-  return fails(__builtin_return_address(0), "timerfd_create") ? -1 : real(clock, flags);
-}
-
-int timerfd_settime(int fd, int flags, const itimerspec* setting, itimerspec* old) noexcept {
-  static const auto real =
-      next<int (*)(int, int, const itimerspec*, itimerspec*)>("timerfd_settime");
-  return fails(__builtin_return_address(0), "timerfd_settime") ? -1 : real(fd, flags, setting, old);
-}
-
-int poll(pollfd* fds, nfds_t count, int timeout) {
-  static const auto real = next<int (*)(pollfd*, nfds_t, int)>("poll");
-  return fails(__builtin_return_address(0), "poll") ? -1 : real(fds, count, timeout);
-}
 
 void* malloc(std::size_t size) noexcept {
   void* const block =

@@ -2,7 +2,7 @@
 # the place of malloc, as the sanitizers do.
 if(NOT TOVIK_SANITIZE)
   add_executable(fault_driver faults/Driver.cpp faults/Injection.cpp faults/Oracle.cpp
-                              faults/Scenarios.cpp support/Support.cpp)
+                              faults/Scenarios.cpp support/Faults.cpp support/Support.cpp)
   target_link_libraries(fault_driver PRIVATE tovik_test_flags Tovik Kelvo GTest::gtest
                                              ${CMAKE_DL_LIBS})
   target_include_directories(fault_driver PRIVATE ${PROJECT_SOURCE_DIR})

@@ -7,6 +7,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -29,6 +30,7 @@ namespace {
 thread_local std::vector<Fail*> fails;
 thread_local std::vector<Trace*> traces;
 thread_local bool busy = false;  // the collecting itself may write
+Hook hook = nullptr;
 
 template <class Function>
 Function next(const char* name) {
@@ -57,7 +59,14 @@ struct Interposer {
     return nullptr;
   }
 
-  static int error(const Fail& fail) { return fail.error_; }
+  /// What the call is to fail with; 0 if it is not.
+  static int errorOf(Call call, int fd, std::size_t size, const void* caller) {
+    if (hook != nullptr) {
+      return hook(call, size, caller);
+    }
+    const Fail* fail = match(call, fd);
+    return fail == nullptr ? 0 : fail->error_;
+  }
 
   static void record(Call call, int fd, std::size_t size, long result, std::string_view bytes) {
     if (busy || traces.empty()) {
@@ -73,19 +82,20 @@ struct Interposer {
   }
 
   template <class Result, class Go>
-  static Result call(Call kind, int fd, std::size_t size, std::string_view bytes, Go go) {
+  static Result call(const void* caller, Call kind, int fd, std::size_t size,
+                     std::string_view bytes, Go go) {
     if (busy) {
       return go();
     }
-    Fail* fail = match(kind, fd);
+    const int error = errorOf(kind, fd, size, caller);
     Result result;
-    if (fail == nullptr) {
+    if (error == 0) {
       result = go();
     } else {
       if (kind == Call::kClose) {
         go();
       }
-      errno = error(*fail);
+      errno = error;
       result = static_cast<Result>(-1);
     }
     record(kind, fd, size, static_cast<long>(result), bytes);
@@ -104,6 +114,10 @@ Fail::~Fail() {
 
 bool collecting() {
   return busy;
+}
+
+void setHook(Hook function) {
+  hook = function;
 }
 
 Trace::Trace() {
@@ -131,43 +145,46 @@ using Faults::Call;
 using Faults::Interposer;
 using Faults::next;
 
+// Of an interposed function.
+#define CALLER __builtin_return_address(0)
+
 extern "C" {
 
 int socket(int domain, int type, int protocol) {
   static const auto real = next<int (*)(int, int, int)>("socket");
-  return Interposer::call<int>(Call::kSocket, -1, 0, {},
+  return Interposer::call<int>(CALLER, Call::kSocket, -1, 0, {},
                                [&] { return real(domain, type, protocol); });
 }
 
 int bind(int fd, const sockaddr* address, socklen_t size) {
   static const auto real = next<int (*)(int, const sockaddr*, socklen_t)>("bind");
-  return Interposer::call<int>(Call::kBind, fd, size,
+  return Interposer::call<int>(CALLER, Call::kBind, fd, size,
                                {reinterpret_cast<const char*>(address), size},
                                [&] { return real(fd, address, size); });
 }
 
 int listen(int fd, int backlog) {
   static const auto real = next<int (*)(int, int)>("listen");
-  return Interposer::call<int>(Call::kListen, fd, static_cast<std::size_t>(backlog), {},
+  return Interposer::call<int>(CALLER, Call::kListen, fd, static_cast<std::size_t>(backlog), {},
                                [&] { return real(fd, backlog); });
 }
 
 int accept(int fd, sockaddr* address, socklen_t* size) {
   static const auto real = next<int (*)(int, sockaddr*, socklen_t*)>("accept");
-  return Interposer::call<int>(Call::kAccept, fd, size == nullptr ? 0 : *size, {},
+  return Interposer::call<int>(CALLER, Call::kAccept, fd, size == nullptr ? 0 : *size, {},
                                [&] { return real(fd, address, size); });
 }
 
 int connect(int fd, const sockaddr* address, socklen_t size) {
   static const auto real = next<int (*)(int, const sockaddr*, socklen_t)>("connect");
-  return Interposer::call<int>(Call::kConnect, fd, size,
+  return Interposer::call<int>(CALLER, Call::kConnect, fd, size,
                                {reinterpret_cast<const char*>(address), size},
                                [&] { return real(fd, address, size); });
 }
 
 int getsockopt(int fd, int level, int option, void* value, socklen_t* size) {
   static const auto real = next<int (*)(int, int, int, void*, socklen_t*)>("getsockopt");
-  return Interposer::call<int>(Call::kGetsockopt, fd, *size, {},
+  return Interposer::call<int>(CALLER, Call::kGetsockopt, fd, *size, {},
                                [&] { return real(fd, level, option, value, size); });
 }
 
@@ -180,26 +197,27 @@ int fcntl(int fd, int command, ...) {
   if (command != F_GETFL && command != F_SETFL) {
     return real(fd, command, argument);
   }
-  return Interposer::call<int>(command == F_GETFL ? Call::kGetFl : Call::kSetFl, fd,
+  return Interposer::call<int>(CALLER, command == F_GETFL ? Call::kGetFl : Call::kSetFl, fd,
                                reinterpret_cast<std::uintptr_t>(argument), {},
                                [&] { return real(fd, command, argument); });
 }
 
 ssize_t read(int fd, void* buffer, size_t size) {
   static const auto real = next<ssize_t (*)(int, void*, size_t)>("read");
-  return Interposer::call<ssize_t>(Call::kRead, fd, size, {},
+  return Interposer::call<ssize_t>(CALLER, Call::kRead, fd, size, {},
                                    [&] { return real(fd, buffer, size); });
 }
 
 ssize_t write(int fd, const void* bytes, size_t size) {
   static const auto real = next<ssize_t (*)(int, const void*, size_t)>("write");
-  return Interposer::call<ssize_t>(Call::kWrite, fd, size, {static_cast<const char*>(bytes), size},
+  return Interposer::call<ssize_t>(CALLER, Call::kWrite, fd, size,
+                                   {static_cast<const char*>(bytes), size},
                                    [&] { return real(fd, bytes, size); });
 }
 
 int close(int fd) {
   static const auto real = next<int (*)(int)>("close");
-  return Interposer::call<int>(Call::kClose, fd, 0, {}, [&] { return real(fd); });
+  return Interposer::call<int>(CALLER, Call::kClose, fd, 0, {}, [&] { return real(fd); });
 }
 
 char* strerror(int error) noexcept {
@@ -211,35 +229,43 @@ char* strerror(int error) noexcept {
 
 int epoll_create1(int flags) noexcept {
   static const auto real = next<int (*)(int)>("epoll_create1");
-  return Interposer::call<int>(Call::kEpollCreate, -1, 0, {}, [&] { return real(flags); });
+  return Interposer::call<int>(CALLER, Call::kEpollCreate, -1, 0, {}, [&] { return real(flags); });
 }
 
 int epoll_ctl(int epoll, int operation, int fd, epoll_event* event) noexcept {
   static const auto real = next<int (*)(int, int, int, epoll_event*)>("epoll_ctl");
-  return Interposer::call<int>(Call::kEpollCtl, fd, static_cast<std::size_t>(operation), {},
+  return Interposer::call<int>(CALLER, Call::kEpollCtl, fd, static_cast<std::size_t>(operation), {},
                                [&] { return real(epoll, operation, fd, event); });
 }
 
 int epoll_wait(int epoll, epoll_event* events, int count, int timeout) {
   static const auto real = next<int (*)(int, epoll_event*, int, int)>("epoll_wait");
-  return Interposer::call<int>(Call::kEpollWait, epoll, static_cast<std::size_t>(count), {},
+  return Interposer::call<int>(CALLER, Call::kEpollWait, epoll, static_cast<std::size_t>(count), {},
                                [&] { return real(epoll, events, count, timeout); });
+}
+
+int poll(pollfd* fds, nfds_t count, int timeout) {
+  static const auto real = next<int (*)(pollfd*, nfds_t, int)>("poll");
+  return Interposer::call<int>(CALLER, Call::kPoll, -1, count, {},
+                               [&] { return real(fds, count, timeout); });
 }
 
 int eventfd(unsigned count, int flags) noexcept {
   static const auto real = next<int (*)(unsigned, int)>("eventfd");
-  return Interposer::call<int>(Call::kEventfd, -1, 0, {}, [&] { return real(count, flags); });
+  return Interposer::call<int>(CALLER, Call::kEventfd, -1, 0, {},
+                               [&] { return real(count, flags); });
 }
 
 int timerfd_create(int clock, int flags) noexcept {
   static const auto real = next<int (*)(int, int)>("timerfd_create");
-  return Interposer::call<int>(Call::kTimerfdCreate, -1, 0, {}, [&] { return real(clock, flags); });
+  return Interposer::call<int>(CALLER, Call::kTimerfdCreate, -1, 0, {},
+                               [&] { return real(clock, flags); });
 }
 
 int timerfd_settime(int fd, int flags, const itimerspec* setting, itimerspec* old) noexcept {
   static const auto real =
       next<int (*)(int, int, const itimerspec*, itimerspec*)>("timerfd_settime");
-  return Interposer::call<int>(Call::kTimerfdSettime, fd, 0, {},
+  return Interposer::call<int>(CALLER, Call::kTimerfdSettime, fd, 0, {},
                                [&] { return real(fd, flags, setting, old); });
 }
 

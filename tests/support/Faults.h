@@ -31,6 +31,7 @@ enum class Call {
   kEventfd,
   kTimerfdCreate,
   kTimerfdSettime,
+  kPoll,
   kNote,  // no call, but a line of a test's own among them
 };
 
@@ -65,6 +66,11 @@ struct Seen {
   long result = 0;
   std::string bytes;  // what was written; the address's bytes
 };
+
+/// Decides instead of all `Fail`: it is asked before each call of any thread, with the call's size
+/// (see Seen) and its caller, for the error that the call is to fail with; 0 lets it go through.
+using Hook = int (*)(Call call, std::size_t size, const void* caller);
+void setHook(Hook hook);
 
 /// Whether this thread is at work for a Trace, and not for what is tested.
 bool collecting();
