@@ -12,6 +12,7 @@ import breakages
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 LIST = ROOT / "tests/mutation/unreached"
+COVERED = re.compile(r"Kelvo/|Api/(?!Service/)")  # the service layer has no list yet
 
 
 def counts(folders):
@@ -25,8 +26,7 @@ def counts(folders):
     for document in map(json.loads, filter(None, output.splitlines())):
         for file in document["files"]:
             path = pathlib.Path(document["current_working_directory"], file["file"])
-            if not path.is_relative_to(ROOT) or path.relative_to(ROOT).parts[0] not in ("Api",
-                                                                                       "Kelvo"):
+            if not path.is_relative_to(ROOT) or not COVERED.match(str(path.relative_to(ROOT))):
                 continue
             for line in file["lines"]:
                 where = (str(path.relative_to(ROOT)), line["line_number"])
