@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <optional>
@@ -68,7 +69,8 @@ inline void addMembers(Message& /*msg*/) {}
 template <class T, class... Rest>
 void addMembers(Message& msg, std::string_view name, const T& value, const Rest&... rest) {
   if (isThere(value)) {
-    Value key, member;
+    Value key;
+    Value member;
     setText(key, name, msg.GetAllocator());
     set(member, value, msg.GetAllocator());
     msg.AddMember(key, member, msg.GetAllocator());
@@ -190,15 +192,8 @@ template <class T>
 struct Json<std::vector<T>> {
   static constexpr const char* kName = "array";
   static bool is(const rapidjson::Value& value) {
-    if (!value.IsArray()) {
-      return false;
-    }
-    for (const auto& element : value.GetArray()) {
-      if (!Json<T>::is(element)) {
-        return false;
-      }
-    }
-    return true;
+    return value.IsArray() && std::all_of(value.Begin(), value.End(),
+                                          [](const auto& each) { return Json<T>::is(each); });
   }
   static std::vector<T> from(const rapidjson::Value& value) {
     std::vector<T> elements;

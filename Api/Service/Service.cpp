@@ -33,6 +33,7 @@ std::string described(const Message& description, const std::string& what) {
 std::string describedCommand(const std::string& name, const std::string& description,
                              const std::vector<Argument>& arguments) {
   std::vector<Message> list;
+  list.reserve(arguments.size());
   for (const auto& argument : arguments) {
     list.push_back(object("name", argument.name, "type", argument.type, "required",
                           argument.isRequired, "description", argument.description));

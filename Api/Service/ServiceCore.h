@@ -122,6 +122,7 @@ class ServedSession final : public Session,
   void onEnd(const std::string& reason) override;
 
   bool takeIn(Request::Call& call);
+  void refuse(Request::Call& call, int status, const std::string& why) const;
   bool isBusyFor(const Request::Call& call) const;
   void dispatch(const std::shared_ptr<Request::Call>& call);
   void run(const std::shared_ptr<const Command>& command,

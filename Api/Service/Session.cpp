@@ -84,25 +84,21 @@ bool ServedSession::takeIn(Request::Call& call) {
 
 void ServedSession::dispatch(const std::shared_ptr<Request::Call>& call) {
   const Message& message = call->message;
-  const auto refuse = [this, &call](int status, const std::string& text) {
-    TOVIK_SERVICE_LOG(1, "session " << number() << ", pid " << pid() << ": refused: " << text);
-    call->answer(static_cast<unsigned>(status), nullptr, text, false);
-  };
   if (!message.IsObject()) {
-    return refuse(EINVAL, "a request is a JSON object");
+    return refuse(*call, EINVAL, "a request is a JSON object");
   }
   if (!call->id.has_value() && message.HasMember("id")) {
-    return refuse(EINVAL, "an id is an integer from 0 to 9007199254740991");
+    return refuse(*call, EINVAL, "an id is an integer from 0 to 9007199254740991");
   }
   if (call->id.has_value() && ids_.count(*call->id) != 0) {
-    return refuse(EINVAL, "this id is in use by a call in flight");
+    return refuse(*call, EINVAL, "this id is in use by a call in flight");
   }
   if (isSwitch(message)) {
     return applySwitch(*call);
   }
   const auto name = Convention::textMember(message, "command");
   if (!name.has_value()) {
-    return refuse(EINVAL, "a request has a command, which is a text");
+    return refuse(*call, EINVAL, "a request has a command, which is a text");
   }
   if (*name == "subscribe" || *name == "unsubscribe") {
     return changeSubscriptions(*call, *name == "subscribe");
@@ -112,17 +108,22 @@ void ServedSession::dispatch(const std::shared_ptr<Request::Call>& call) {
   }
   const auto found = core_->commands.find(*name);
   if (found == core_->commands.end()) {
-    return refuse(ENOSYS, "no command" + shown(*name));
+    return refuse(*call, ENOSYS, "no command" + shown(*name));
   }
   const auto command = found->second;  // its own share: the handler may destroy the service
   const auto wrong = complaint(*command, message);
   if (!wrong.empty()) {
-    return refuse(EINVAL, wrong);
+    return refuse(*call, EINVAL, wrong);
   }
   if (isBusyFor(*call)) {
-    return refuse(EBUSY, "too many calls in flight");
+    return refuse(*call, EBUSY, "too many calls in flight");
   }
   run(command, call);
+}
+
+void ServedSession::refuse(Request::Call& call, int status, const std::string& why) const {
+  TOVIK_SERVICE_LOG(1, "session " << number() << ", pid " << pid() << ": refused: " << why);
+  call.answer(static_cast<unsigned>(status), nullptr, why, false);
 }
 
 bool ServedSession::isBusyFor(const Request::Call& call) const {
