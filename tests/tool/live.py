@@ -1525,15 +1525,20 @@ class Zsh(Case):
         return terminal
 
     def test_completes_verbs_options_and_names(self):
-        server = self.raw_server()
+        self.raw_server()
+        folder = tempfile.mkdtemp()
+        self.addCleanup(os.rmdir, folder)
+        self.addCleanup(os.rmdir, folder + "/inner")
+        os.mkdir(folder + "/inner")
         for words, expected in (("tovik mon", "tovik monitor "),
+                                (f"tovik check {folder}/in", folder + "/inner/"),
+                                (f"tovik relay --record={folder}/in", folder + "/inner/"),
                                 ("tovik call x --status-o", "--status-only "),
                                 ("tovik completion f", "completion fish "),
                                 ("tovik call --json=p", "--json=pretty"),
                                 (f"tovik call {self.name[:-1]}", self.name)):
             terminal = self.complete(words)
             until(lambda: expected in terminal.plain().split("ready")[-1], f"{expected} of {words}")
-        server.close()
 
 
 class Fish(Case):
