@@ -17,7 +17,7 @@ foreach(transcript IN LISTS transcripts)
 endforeach()
 
 # Peers that are not the command itself.
-foreach(case IN ITEMS Bash Bench Call Describe Hostile List Monitor Peers Relay Send Serve Socat Top)
+foreach(case IN ITEMS Bash Bench Call Describe Hostile InteractiveBash List Monitor Peers Relay Send Serve Socat Top)
   tovik_tool_test(${case} -W error live.py ${case})
 endforeach()
 
