@@ -1515,34 +1515,48 @@ class Bash(Case):
 
 
 class Zsh(Case):
+    SHELL = ["zsh", "-f", "-i"]
+    SETUP = b"PS1=; unsetopt beep; autoload -U compinit; compinit -D -u; source <(tovik completion zsh)"
+
     def complete(self, words):
-        """What zsh offers on a terminal: the list that a second tab shows."""
+        """What the shell makes of these words and a tab, on a terminal."""
         master, slave = os.openpty()
         fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 40, 200, 0, 0))
         environment = {**support.ENV, "PS1": "", "ZDOTDIR": "/nonexistent"}
-        zsh = subprocess.Popen(["zsh", "-f", "-i"], stdin=slave, stdout=slave, stderr=slave,
-                               env=environment, start_new_session=True)
+        shell = subprocess.Popen(self.SHELL, stdin=slave, stdout=slave, stderr=slave,
+                                 env=environment, start_new_session=True)
         os.close(slave)
         self.addCleanup(os.close, master)
-        self.addCleanup(zsh.wait)
-        self.addCleanup(zsh.kill)
+        self.addCleanup(shell.wait)
+        self.addCleanup(shell.kill)
         terminal = Terminal(master)
-        terminal.type(b"PS1=; unsetopt beep; autoload -U compinit; compinit -D -u; "
-                      b"source <(tovik completion zsh); print rea''dy\n")
-        until(lambda: "ready" in terminal.raw(), "zsh")
+        terminal.type(self.SETUP + b"; printf '%s\\n' rea''dy\n")
+        until(lambda: "ready" in terminal.raw(), "the shell")
         terminal.type(words.encode() + b"\t")
         return terminal
 
     def test_completes_verbs_options_and_names(self):
-        server = self.raw_server()
+        self.raw_server()
+        folder = tempfile.mkdtemp()
+        self.addCleanup(os.rmdir, folder)
+        self.addCleanup(os.rmdir, folder + "/inner")
+        os.mkdir(folder + "/inner")
         for words, expected in (("tovik mon", "tovik monitor "),
+                                (f"tovik check {folder}/in", folder + "/inner/"),
+                                (f"tovik relay --record={folder}/in", folder + "/inner/"),
                                 ("tovik call x --status-o", "--status-only "),
                                 ("tovik completion f", "completion fish "),
                                 ("tovik call --json=p", "--json=pretty"),
                                 (f"tovik call {self.name[:-1]}", self.name)):
             terminal = self.complete(words)
             until(lambda: expected in terminal.plain().split("ready")[-1], f"{expected} of {words}")
-        server.close()
+
+
+class InteractiveBash(Zsh):
+    """The same, with what only a terminal shows: no blank behind a folder."""
+
+    SHELL = ["bash", "--norc", "-i"]
+    SETUP = b"PS1=; source <(tovik completion bash)"
 
 
 class Fish(Case):
