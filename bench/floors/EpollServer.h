@@ -7,7 +7,7 @@
 
 namespace Bench {
 
-/// The floor that the library is held against: the least that a non-blocking server of many clients
+/// The baseline that the library is compared with: the least that a non-blocking server of many clients
 /// can do. It has no queues, and gives up where the library would queue.
 class EpollServer {
  public:
