@@ -1,4 +1,4 @@
-"""What the library is to reach, compared with what was measured. Ratios are of medians in one run."""
+"""What the library is to reach, and what was measured. Ratios are of medians in one run."""
 
 from programs import FLOOR, SUBJECT
 
