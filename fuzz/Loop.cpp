@@ -544,7 +544,7 @@ class World {
                 "a write event was lost");
       }
       for (Pause* pause : {&state.readPause, &state.writePause}) {
-        if (isDue(*pause)) {  // behind a timer, it may have to wait for the next turn
+        if (isDue(*pause)) {  // after a timer, it may have to wait for the next turn
           const bool over = sure && !turn.timedOut && turn.pausesDue.count(pause) != 0;
           pause->state = over ? Pause::State::kNone : Pause::State::kPerhaps;
         }

@@ -23,7 +23,7 @@ def _calls_in(report):
 
 
 def _traced(bench, contestant, count):
-    """Both ends' system calls in a run with so many requests."""
+    """Both ends' system calls in a run with that number of requests."""
     reports = [f"{bench.programs.work.name}/{end}.strace" for end in ("server", "client")]
     wrappers = [["strace", "-f", "-c", "-U", "calls,name", "-o", report] for report in reports]
     server = bench.programs.server(contestant, anywhere(), wrappers[0])

@@ -1,4 +1,4 @@
-"""What the library is to reach, beside what was measured. Ratios are of medians in one run."""
+"""What the library is to reach, and what was measured. Ratios are of medians in one run."""
 
 from programs import FLOOR, SUBJECT
 
@@ -49,7 +49,7 @@ def _system_calls(results):
 
 def _inside(results):
     made = results["allocations"]
-    yield _at_most("allocations a request, server, above floor (iii)", 2,
+    yield _at_most("allocations a request, server, above baseline (iii)", 2,
                    made[SUBJECT]["server"] - made[FLOOR]["server"])
     pieces = results["pieces"]
     yield _at_most("a disabled diagnostic, ns", 2, pieces["disabledLogStatement"])
@@ -73,7 +73,7 @@ def _many(results):
     one = results["placements"][ONE_CORE]
     most = max(one["broadcast"], key=int)
     told = one["broadcast"][most]
-    yield _at_most(f"broadcast to {most}, CPU a subscriber, of floor (iii)", 1.10,
+    yield _at_most(f"broadcast to {most}, CPU a subscriber, of baseline (iii)", 1.10,
                    _cpu(told[SUBJECT]) / _cpu(told[FLOOR]))
     most = max(one["idle"], key=int)
     among, alone = one["idle"][most][SUBJECT], one["idle"]["0"][SUBJECT]
@@ -90,11 +90,11 @@ def table(results):
     one = results["placements"][ONE_CORE]
     trips, streams = one["round trip"], one["one-way stream"]
     rows = [
-        _at_most("round trip, one core, of floor (iii)", 1.05,
+        _at_most("round trip, one core, of baseline (iii)", 1.05,
                  _p50(trips[SUBJECT]) / _p50(trips[FLOOR])),
-        _at_most("round trip, one core, of floor (ii)", 1.15,
+        _at_most("round trip, one core, of baseline (ii)", 1.15,
                  _p50(trips[SUBJECT]) / _p50(trips["floor-json"])),
-        _at_most("one-way, server CPU a message, of floor (iii)", 1.08,
+        _at_most("one-way, server CPU a message, of baseline (iii)", 1.08,
                  _cpu(streams[SUBJECT]) / _cpu(streams[FLOOR])),
         *_many(results), *_system_calls(results), *_inside(results), *_peers(trips)]
     return [row.row() for row in rows]

@@ -1,4 +1,4 @@
-"""Measures the library beside its floors and its peers. scripts/bench builds everything first."""
+"""Measures the library, its baselines and its peers. scripts/bench builds everything first."""
 
 import argparse
 import datetime

@@ -29,14 +29,14 @@ class Contestant:
 
 
 CONTESTANTS = [
-    Contestant("floor-bytes", "floor (i): blocking, bytes only", "floors", "serve-bytes",
+    Contestant("floor-bytes", "baseline (i): blocking, bytes only", "floors", "serve-bytes",
                "drive-bytes"),
-    Contestant("floor-json", "floor (ii): blocking, JSON", "floors", "serve-json", "drive-json"),
-    Contestant(FLOOR, "floor (iii): epoll server, JSON", "floors", "serve-epoll", "drive-json",
+    Contestant("floor-json", "baseline (ii): blocking, JSON", "floors", "serve-json", "drive-json"),
+    Contestant(FLOOR, "baseline (iii): epoll server, JSON", "floors", "serve-epoll", "drive-json",
                crowd="floors"),
     Contestant(SUBJECT, "Tovik, blocking client", "library", crowd="floors"),
-    Contestant("floor-async", "floor (iii), epoll client", "floors", "serve-epoll", "drive-epoll",
-               streams=False),
+    Contestant("floor-async", "baseline (iii), epoll client", "floors", "serve-epoll",
+               "drive-epoll", streams=False),
     Contestant("tovik-async", "Tovik, asynchronous client", "library", "serve", "drive-async",
                streams=False),
     Contestant("sd-bus", "sd-bus, direct", "sdbus"),

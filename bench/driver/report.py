@@ -38,7 +38,7 @@ def _round_trip(entries):
                      micro(entry["server_cpu"]["median"]), micro(entry["client_cpu"]["median"]),
                      "+".join(map(str, entry["threads"])),
                      "+".join(f"{kib / 1024:.1f}" for kib in entry["resident_kib"])])
-    return table(["round trip, us", "p50 (middle half)", "p99", "p99.9", "p50 / floor (iii)",
+    return table(["round trip, us", "p50 (middle half)", "p99", "p99.9", "p50 / baseline (iii)",
                   "server CPU", "client CPU", "threads", "MiB"], rows)
 
 
@@ -46,7 +46,7 @@ def _against_floor(heading, entries, key, others=()):
     floor = entries[FLOOR][key]["median"]
     rows = [[LABELS[name], spread(entry[key]), f"{entry[key]['median'] / floor:.2f}",
              *[spread(entry[other]) for other in others]] for name, entry in entries.items()]
-    return table([heading, key.replace("_", " "), "of floor (iii)",
+    return table([heading, key.replace("_", " "), "of baseline (iii)",
                   *[other.replace("_", " ") for other in others]], rows)
 
 

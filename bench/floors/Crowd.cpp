@@ -24,7 +24,7 @@ class Crowd {
   Crowd(const Crowd&) = delete;
   Crowd& operator=(const Crowd&) = delete;
 
-  /// Connects so many; the last one's reply tells that all have been admitted.
+  /// Connects that number of clients; the last one's reply means that all have been admitted.
   Samples connect(unsigned count) {
     const auto start = nowNanoseconds();
     for (unsigned i = 0; i < count; ++i) {
@@ -34,7 +34,7 @@ class Crowd {
     return {nowNanoseconds() - start};
   }
 
-  /// Connects so many, one after the other, each with a first request and its reply.
+  /// Connects that number, one after the other, each with a first request and its reply.
   Samples admit(unsigned count) {
     Samples samples(count);
     for (auto& sample : samples) {
@@ -55,7 +55,7 @@ class Crowd {
     return {};
   }
 
-  /// Has so many broadcasts made, one at a time, each received by every member.
+  /// Has that number of broadcasts made, one at a time, each received by every member.
   Samples broadcast(unsigned count) {
     Samples samples(count);
     for (auto& sample : samples) {

@@ -1,4 +1,4 @@
-// The floor of an asynchronous client: write, wait with epoll, read.
+// The baseline of an asynchronous client: write, wait with epoll, read.
 
 #include <fcntl.h>
 #include <sys/epoll.h>

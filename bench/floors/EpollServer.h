@@ -7,8 +7,8 @@
 
 namespace Bench {
 
-/// The floor that the library is held against: the least that a non-blocking server of many clients
-/// can do. It has no queues, and gives up where the library would queue.
+/// The baseline for the library: the least that a non-blocking server of many clients can do. It
+/// has no queues, and gives up where the library would queue.
 class EpollServer {
  public:
   explicit EpollServer(const std::string& name);

@@ -6,7 +6,7 @@
 
 namespace Bench {
 
-// The roles of the program of floors. Names are those of abstract sockets.
+// The roles of the program of baselines. Names are those of abstract sockets.
 
 void serveBytes(const std::string& name);  // (i) blocking, bytes only
 void driveBytes(const std::string& name);

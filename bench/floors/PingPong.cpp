@@ -1,4 +1,4 @@
-// The two blocking floors: one connection, one read and one write a request, without or with the
+// The two blocking baselines: one connection, one read and one write a request, without or with the
 // JSON work. No design that speaks over such a socket gets below them.
 
 #include <sys/socket.h>

@@ -1,6 +1,6 @@
 """Counts the instructions of the library's hot paths and compares them with the figures that are
 checked in. Instructions, unlike times, come out the same on a busy machine; they depend on the
-compiler and on the C library, whose versions stand beside the figures."""
+compiler and on the C library, whose versions are in the file of figures."""
 
 import argparse
 import concurrent.futures
@@ -42,16 +42,16 @@ def version(command):
 
 
 def compare(measured, expected):
-    """Prints a table; true if no path has become dearer than is tolerated."""
+    """Prints a table; true if no path takes more than is tolerated."""
     print(f"{'instructions a message':24}{'expected':>10}{'measured':>10}{'change':>10}")
     good = True
     for path, count in measured.items():
         change = count / expected[path] - 1
         verdict = ""
         if change > TOLERANCE:
-            good, verdict = False, "  dearer"
+            good, verdict = False, "  too many"
         elif change < -TOLERANCE:
-            verdict = "  cheaper: check it in, with --update"
+            verdict = "  fewer: run with --update, and commit"
         print(f"{path:24}{expected[path]:10}{count:10}{change:+10.1%}{verdict}")
     return good
 
@@ -76,7 +76,7 @@ def main():
         print(f"bench-guard: the figures are those of {figures['tools']}, and these are {tools}; "
               "a difference may be theirs")
     if not compare(measured, figures["instructions"]):
-        sys.exit("bench-guard: a hot path has become dearer; see docs/performance.md")
+        sys.exit("bench-guard: a hot path takes more instructions; see docs/performance.md")
 
 
 if __name__ == "__main__":

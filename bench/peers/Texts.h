@@ -42,7 +42,7 @@ class TextClient : public Client {
   const rapidjson::Document note_ = parsed(kNote);
 };
 
-/// What the server publishes, serialised anew each time.
+/// What the server publishes, serialised again each time.
 inline std::string newsText() {
   static const rapidjson::Document news = parsed(kNews);
   return textOf(news);
@@ -77,7 +77,7 @@ class TextCrowd {
     members_ = count;
   }
 
-  /// So many broadcasts, one at a time, each received by every member.
+  /// That number of broadcasts, one at a time, each received by every member.
   void broadcast(unsigned count) {
     for (unsigned i = 0; i < count; ++i) {
       tell();

@@ -26,7 +26,7 @@ class Client {
 
   /// One request, until its reply is there and checked.
   virtual void call() = 0;
-  /// So many one-way messages, then whatever it takes to know that the server has had them all.
+  /// That number of one-way messages, then what it takes to know that the server has had all.
   virtual void stream(unsigned count);
 };
 

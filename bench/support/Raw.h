@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-// Hand-written use of the same sockets that the library uses: the floors' ground, and the crowd's.
+// Hand-written use of the same sockets that the library uses: what the baselines and the crowd use.
 
 namespace Bench {
 
@@ -20,7 +20,7 @@ int tryConnectTo(const std::string& name);
 /// A stream socket in the file system, where some peers want theirs.
 int listenAtPath(const std::string& path);
 
-/// A record of up to 4095 bytes, read into a buffer of its own with a NUL behind it.
+/// A record of up to 4095 bytes, read into a buffer of its own with a NUL after it.
 class Record {
  public:
   /// Reads one; false at the end of the connection.

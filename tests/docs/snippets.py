@@ -10,10 +10,10 @@ Every fenced block has a part in that, told by an HTML comment on the line befor
 What happens in a terminal is a `console` block. "$ " begins a command, "> " its further lines, "^C"
 interrupts, and the other lines are what is printed; "…" stands for any text in a line, and alone
 for any lines. A block that begins with output shows what a running command has printed since.
-Commands have to succeed, unless `echo $?` comes next. Behind the terminal's name may stand
+Commands have to succeed, unless `echo $?` comes next. After the terminal's name may stand
 
     , goes on                the last command is left running, at most until the page ends
-    , among others           other lines may be printed beside those that are shown
+    , among others           other lines may be printed besides those that are shown
     , if COMMAND             the block is for where that command succeeds
 
 Links have to lead somewhere. `<!-- figures: PAGE -->` promises that figures with a decimal point
@@ -302,7 +302,7 @@ def extract(page, output):
 
 
 def environment_for(options, home):
-    """The shell's: the build installed as the tutorial does it, g++ as it is tested here."""
+    """The shell's: the build installed as scripts/install does it, g++ as it is tested here."""
     shims = home / "shims"
     shims.mkdir()
     compiler = shims / "g++"
@@ -325,8 +325,7 @@ def run(options):
     with tempfile.TemporaryDirectory(prefix="tovik-guide-") as temporary:
         home = pathlib.Path(temporary)
         work = home / "work"
-        (work / "build").mkdir(parents=True)
-        (work / "build" / "release").symlink_to(options.build)
+        work.mkdir()
         shutil.copytree(pathlib.Path(options.source, "python"), work / "python")  # pip writes there
         guide = Guide(options.page, work, environment_for(options, home))
         try:

@@ -1,4 +1,4 @@
-"""Small breakages of C++ sources, found from their text alone: a negated condition, a dropped or
+"""Mutants of C++ sources, found from their text alone: a negated condition, a dropped or
 swapped statement, a changed operator, constant or text. It relies on the tree's format (braces
 around every body, spaces around binary operators) and leaves alone what no test can see: comments,
 includes, declarations and memory orders."""
@@ -145,7 +145,7 @@ class Source:
         inner = [f for f in self.functions if f[0] <= at <= f[1]]
         return max(inner)[2] if inner else "-"
 
-    # --- the breakages ---
+    # --- the mutations ---
 
     def mutants(self):
         found = [*self._conditions(), *self._operators(), *self._constants(), *self._texts(),

@@ -1,5 +1,5 @@
 """Breaks the libraries in small ways, one at a time, in a copy of the tree, and counts the
-breakages that the tests notice. See scripts/mutate."""
+mutants that the tests kill. See scripts/mutate."""
 
 import argparse
 import collections
@@ -223,7 +223,7 @@ class Worker:
             except subprocess.TimeoutExpired:
                 code = None
             try:
-                os.killpg(process.pid, signal.SIGKILL)  # what it left behind, too
+                os.killpg(process.pid, signal.SIGKILL)  # what it left running, too
             except ProcessLookupError:
                 pass
             process.wait()
@@ -328,7 +328,7 @@ def main():
     parser.add_argument("--file", action="append", default=[], help="only those of this file")
     parser.add_argument("--jobs", type=int, default=2)
     parser.add_argument("--again", action="store_true", help="forget the results so far")
-    parser.add_argument("--list", action="store_true", help="print the breakages and do nothing")
+    parser.add_argument("--list", action="store_true", help="print the mutants and do nothing")
     options = parser.parse_args()
 
     texts = {file: (ROOT / file).read_text() for file in sources()}
@@ -337,7 +337,7 @@ def main():
     explained = load_explained()
     stale = set(explained) - {place(mutant) for mutant in possible}
     for entry in sorted(stale):
-        print(f"Explained, and no breakage of the sources as they are: {entry}")
+        print(f"Explained, and no mutant of the sources as they are: {entry}")
     chosen = [mutant for mutant in possible if not options.file or mutant.file in options.file]
     random.Random(options.seed).shuffle(chosen)
     chosen = chosen[:options.sample]
@@ -410,7 +410,7 @@ def report(chosen, possible, results, explained):
     print(f"{'':12}{''.join(f'{name:>11}' for name in columns)}")
     for kind, counts in [*sorted(by_kind.items()), ("all", outcomes)]:
         print(f"{kind:12}{''.join(f'{counts[name]:11}' for name in columns)}")
-    print(f"{len(chosen)} of {len(possible)} breakages tried; invalid ones do not compile")
+    print(f"{len(chosen)} of {len(possible)} mutants tried; invalid ones do not compile")
     return 1 if wrong else 0
 
 
