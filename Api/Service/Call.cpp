@@ -8,7 +8,7 @@
 #include <cstring>
 #include <utility>
 
-#include "Api/Service/Outcomes.h"
+#include "Api/Service/detail/Outcomes.h"
 
 namespace Tovik {
 

@@ -15,10 +15,10 @@
 #include <set>
 #include <string_view>
 
-#include "Api/Service/Alarm.h"
-#include "Api/Service/Convention.h"
-#include "Api/Service/Link.h"
-#include "Api/Service/Outcomes.h"
+#include "Api/Service/detail/Alarm.h"
+#include "Api/Service/detail/Convention.h"
+#include "Api/Service/detail/Link.h"
+#include "Api/Service/detail/Outcomes.h"
 
 namespace Tovik {
 

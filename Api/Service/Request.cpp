@@ -4,8 +4,8 @@
 #include <cstring>
 #include <utility>
 
-#include "Api/Service/Convention.h"
-#include "Api/Service/ServiceCore.h"
+#include "Api/Service/detail/Convention.h"
+#include "Api/Service/detail/ServiceCore.h"
 
 namespace Tovik {
 

@@ -5,8 +5,8 @@
 #include <cerrno>
 #include <utility>
 
-#include "Api/Service/Convention.h"
-#include "Api/Service/ServiceCore.h"
+#include "Api/Service/detail/Convention.h"
+#include "Api/Service/detail/ServiceCore.h"
 
 namespace Tovik {
 

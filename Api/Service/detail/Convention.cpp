@@ -1,4 +1,4 @@
-#include "Api/Service/Convention.h"
+#include "Api/Service/detail/Convention.h"
 
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>

@@ -1,7 +1,7 @@
 // Both ways of a record. send -> (socket full) -> queue -> write event; read event -> record or
 // end.
 
-#include "Api/Service/Link.h"
+#include "Api/Service/detail/Link.h"
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -11,7 +11,7 @@
 #include <iterator>
 #include <utility>
 
-#include "Api/Service/Convention.h"
+#include "Api/Service/detail/Convention.h"
 
 namespace Tovik {
 

@@ -6,8 +6,8 @@
 #include <optional>
 #include <string>
 
-#include "Api/Service/Convention.h"
 #include "Api/Service/Proxy.h"
+#include "Api/Service/detail/Convention.h"
 
 namespace Tovik {
 

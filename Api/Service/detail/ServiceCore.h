@@ -20,8 +20,8 @@
 #include <vector>
 
 #include "Api/Json/Server.h"
-#include "Api/Service/Link.h"
 #include "Api/Service/Service.h"
+#include "Api/Service/detail/Link.h"
 #include "Kelvo/Platform/EventLoop.h"
 
 namespace Tovik {

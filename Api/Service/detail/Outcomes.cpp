@@ -1,4 +1,4 @@
-#include "Api/Service/Outcomes.h"
+#include "Api/Service/detail/Outcomes.h"
 
 #include <cerrno>
 #include <cstring>
