@@ -2,6 +2,7 @@
 
 #include "tool/Help.h"
 
+#include <algorithm>
 #include <cctype>
 
 #include "tool/Output.h"
@@ -77,10 +78,10 @@ std::string suggestion(const std::string& word, const std::vector<std::string>& 
 }
 
 Failure noVerb(const CLI::App& program, const std::string& word) {
-  std::vector<std::string> known;
-  for (const CLI::App* verb : verbsOf(program)) {
-    known.push_back(verb->get_name());
-  }
+  const auto verbs = verbsOf(program);
+  std::vector<std::string> known(verbs.size());
+  std::transform(verbs.begin(), verbs.end(), known.begin(),
+                 [](const CLI::App* verb) { return verb->get_name(); });
   const std::string meant = suggestion(word, known);
   return {Exit::kUsage, inQuotes(word) + " is no verb" +
                             (meant.empty() ? "; 'tovik help' lists the verbs." : meant)};

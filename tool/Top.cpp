@@ -72,6 +72,7 @@ class Looks {
                       connections.end());
     const auto processes = clientProcesses(connections, clients_);
     std::vector<Row> rows;
+    rows.reserve(connections.size());
     for (const Connection& connection : connections) {
       rows.push_back(peerRow(connection, processes.at(connection.client)));
     }
@@ -372,7 +373,7 @@ class Top {
       lines.push_back(painted(line, "7", here && output_.colour()));
     }
     lines.push_back(fitting(keysText(columns), columns));
-    screen_.show(lines);
+    Screen::show(lines);
   }
 
   std::string keysText(std::size_t columns) const {
