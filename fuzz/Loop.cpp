@@ -252,9 +252,6 @@ class World {
 
   void attach(unsigned place) {
     const int fd = someDescriptor();
-    if (isPausedElsewhere(place, fd)) {
-      return;
-    }
     modelDetach(place);
     const bool possible = fd >= 0 && watched_.count({table_[fd], fd}) == 0;
     try {
@@ -275,14 +272,6 @@ class World {
       watched_[{table_[fd], fd}] = state.registration;
     }
     require(handlers_[place]->control->fd() == state.fd, "the attached descriptor");
-  }
-
-  /// While reading pauses, the kernel does not know that the descriptor is taken.
-  bool isPausedElsewhere(unsigned place, int fd) const {
-    return std::any_of(states_.begin(), states_.end(), [&](const HandlerState& state) {
-      return &state != &states_[place] && fd >= 0 && state.fd == fd &&
-             state.readPause.state != Pause::State::kNone;
-    });
   }
 
   void detach(unsigned place) {
@@ -509,8 +498,10 @@ class World {
     const Pause& reading = state.readPause;
     const Pause& writing = state.writePause;
     const bool readable = file.pending > 0 || file.far < 0;
+    // The kernel reports a hang-up unasked, and the pause may end before that is looked at.
+    const bool hungUp = file.far < 0 && isDue(reading);
     Turn::Ready& ready = turn.ready[state.registration];
-    ready.read = readable && mayBeOver(reading);
+    ready.read = readable && (mayBeOver(reading) || hungUp);
     ready.readForCertain = readable && reading.state == Pause::State::kNone;
     ready.write = state.interest && mayBeOver(writing) && mayBeOver(reading);
     ready.writeForCertain = state.interest && reading.state == Pause::State::kNone &&

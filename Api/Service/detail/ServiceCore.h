@@ -26,10 +26,10 @@
 
 namespace Tovik {
 
-class ServedSession;
+class TOVIK_INTERNAL ServedSession;
 
 /// A topic, and who follows it.
-struct Feed {
+struct TOVIK_INTERNAL Feed {
   Topic topic;
   std::string head;       // what its events begin with, the brace not closed
   std::string described;  // for "describe"
