@@ -35,4 +35,4 @@ for host in options.hosts.split(","):
         subprocess.run([options.compiler, "-std=c++17", "-fPIC", "-fsyntax-only", "-Wall",
                         "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion", "-Werror", *macros,
                         *flags, "-xc++", "-"], text=True, check=True,
-                       input=f"#include <Kelvo/Adapters/{header}>\n#include <Kelvo/Adapters/{header}>\n")
+                       input=f"#include <Kelvo/Adapters/{header}>\n" * 2)

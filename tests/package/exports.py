@@ -1,4 +1,4 @@
-"""The libraries export what the packages' symbol files say, all of it versioned, and nothing else."""
+"""The libraries export what the packages' symbol files say, all versioned, and nothing else."""
 
 import difflib
 import re

@@ -95,7 +95,8 @@ def check_commands():
     if not commands.exists():  # the presets ask for it
         return
     built = [entry["command"] for entry in json.loads(commands.read_text())
-             if re.search(r"\bCMakeFiles/(Tovik|TovikService|Kelvo|tovik_tool)\.dir/", entry["command"])]
+             if re.search(r"\bCMakeFiles/(Tovik|TovikService|Kelvo|tovik_tool)\.dir/",
+                           entry["command"])]
     check(len(built) > 10, f"the libraries have more sources than {built}")
     for command in built:
         check(fortified(command), f"not fortified: {command}")

@@ -19,7 +19,8 @@ def headers():
 def libraries():
     if not SHARED:
         found = sorted(path.name for path in (PREFIX / LIB).glob("lib*"))
-        check(found == ["libKelvo.a", "libTovik.a", "libTovikService.a"], f"installed libraries: {found}")
+        check(found == ["libKelvo.a", "libTovik.a", "libTovikService.a"],
+              f"installed libraries: {found}")
         return
     for name in ("TovikService", "Tovik", "Kelvo"):
         link = PREFIX / LIB / f"lib{name}.so"

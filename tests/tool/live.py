@@ -358,7 +358,8 @@ class Call(Case):
                 client.recv(4096)
             client.send(answer)
         self.expect(call, 1, '{"a":[1]}\n[1]\n[2]\nstatus 22\n', "1 of 3 answers had a status that "
-                    "is not allowed, the last one 22: no n\\xe2\\x80\\xae; if that is a success, say")
+                    "is not allowed, the last one 22: no n\\xe2\\x80\\xae; if that is a "
+                    "success, say")
 
     def test_waits_for_the_reply_with_its_id(self):
         call, client = self.called('{"id":7}')
@@ -962,8 +963,10 @@ class List(Case):
             server = raw_server(name)
             self.addCleanup(server.close)
         lines = self.listed("-l")
+
         def width(text):
             return sum(2 if ord(character) > 0x2E80 else 1 for character in text)
+
         self.assertEqual(1, len({width(line[:line.index(f" {os.getpid()} ")]) for line in lines}))
 
     def test_watches(self):
@@ -991,8 +994,8 @@ class List(Case):
     def test_has_headings_on_a_terminal(self):
         self.raw_server()
         heading = self.output_of("list", "--long", "--all", "--color=never", terminal=True)
-        self.assertEqual(b"NAME PID USER PROCESS CONNECTIONS WAITING UNREAD STALLED STATE PADDED".split(),
-                         heading.splitlines()[0].split())
+        columns = b"NAME PID USER PROCESS CONNECTIONS WAITING UNREAD STALLED STATE PADDED"
+        self.assertEqual(columns.split(), heading.splitlines()[0].split())
 
     def test_reads_proc_where_netlink_is_not_allowed(self):
         server = self.raw_server()
@@ -1022,7 +1025,8 @@ class List(Case):
         self.raw_server(b"\0" + self.name.encode() + b"-short")
         by_netlink = self.listed("--all")
         by_proc = self.listed("--all", preexec=forbid_netlink)
-        self.assertEqual(["@" + self.name, self.name, self.name], self.listed(preexec=forbid_netlink))
+        self.assertEqual(["@" + self.name, self.name, self.name],
+                         self.listed(preexec=forbid_netlink))
         # A trailing '@' cannot be told from padding there.
         self.assertEqual(["@" + self.name, self.name, self.name, self.name + "-short"], by_proc)
         self.assertEqual(["@" + self.name, self.name, self.name + "-short", self.name + "@"],
@@ -1440,11 +1444,11 @@ class Terminal:
 
 
 class Describe(Case):
-    FIRST = (b'{"type":"reply","status":0,"more":true,"result":{"name":"lamp","description":"a lamp",'
-             b'"commands":[{"name":"on","description":"lights it","arguments":[{"name":"level",'
+    FIRST = (b'{"type":"reply","status":0,"more":true,"result":{"name":"lamp",'
+             b'"description":"a lamp","commands":[{"name":"on","description":"lights it","arguments":[{"name":"level",'
              b'"type":"number","required":true,"description":"0 to 1"}]}]}}')
-    SECOND = (b'{"type":"reply","status":0,"result":{"commands":[{"name":"off","arguments":[{"name":'
-              b'"slowly","type":"boolean","required":false}]}],"topics":[{"name":"state"}]}}')
+    SECOND = (b'{"type":"reply","status":0,"result":{"commands":[{"name":"off",'
+              b'"arguments":[{"name":"slowly","type":"boolean","required":false}]}],"topics":[{"name":"state"}]}}')
 
     def described(self, *options):
         server = self.raw_server()
@@ -1516,7 +1520,8 @@ class Bash(Case):
 
 class Zsh(Case):
     SHELL = ["zsh", "-f", "-i"]
-    SETUP = b"PS1=; unsetopt beep; autoload -U compinit; compinit -D -u; source <(tovik completion zsh)"
+    SETUP = (b"PS1=; unsetopt beep; autoload -U compinit; compinit -D -u; "
+             b"source <(tovik completion zsh)")
 
     def complete(self, words):
         """What the shell makes of these words and a tab, on a terminal."""
