@@ -1445,10 +1445,12 @@ class Terminal:
 
 class Describe(Case):
     FIRST = (b'{"type":"reply","status":0,"more":true,"result":{"name":"lamp",'
-             b'"description":"a lamp","commands":[{"name":"on","description":"lights it","arguments":[{"name":"level",'
+             b'"description":"a lamp","commands":[{"name":"on","description":"lights it",'
+             b'"arguments":[{"name":"level",'
              b'"type":"number","required":true,"description":"0 to 1"}]}]}}')
     SECOND = (b'{"type":"reply","status":0,"result":{"commands":[{"name":"off",'
-              b'"arguments":[{"name":"slowly","type":"boolean","required":false}]}],"topics":[{"name":"state"}]}}')
+              b'"arguments":[{"name":"slowly","type":"boolean","required":false}]}],'
+              b'"topics":[{"name":"state"}]}}')
 
     def described(self, *options):
         server = self.raw_server()
