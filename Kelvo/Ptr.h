@@ -80,6 +80,7 @@ class Ptr {
   /// The object, or null. Not to be dereferenced while empty.
   /// @{
   T* get() const noexcept { return object_; }
+  // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): the analyzer does not count references
   T* operator->() const noexcept { return object_; }
   T& operator*() const noexcept { return *object_; }
   /// @}
