@@ -23,6 +23,7 @@ class BoundedWriter : public Writer {
  public:
   using Writer::Writer;
 
+  // NOLINTBEGIN(readability-identifier-naming): these are RapidJSON's names
   bool StartObject() { return descend() && Writer::StartObject(); }
   bool StartArray() { return descend() && Writer::StartArray(); }
   bool EndObject(SizeType count) {
@@ -33,6 +34,7 @@ class BoundedWriter : public Writer {
     --depth_;
     return Writer::EndArray(count);
   }
+  // NOLINTEND(readability-identifier-naming)
 
   bool tooDeep() const { return depth_ > kDeepest; }
 
