@@ -85,8 +85,11 @@ class Ptr {
   T& operator*() const noexcept { return *object_; }
   /// @}
 
+  /// Whether it holds an object.
+  /// @{
   bool empty() const noexcept { return object_ == nullptr; }
   explicit operator bool() const noexcept { return object_ != nullptr; }
+  /// @}
 
  private:
   static void release(T* object) noexcept {

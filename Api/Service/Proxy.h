@@ -29,6 +29,7 @@ namespace Tovik {
 
 /// How a call went: one of its replies, or why there is none.
 struct Outcome {
+  /// How it ended.
   enum End {
     kReply,     ///< The server has answered; `status` is its word.
     kTimedOut,  ///< 110. The call may have been carried out all the same.
@@ -38,7 +39,9 @@ struct Outcome {
     kTooLong,   ///< 90. Never sent; or, where parts are collected, they were too many.
   };
 
+  /// A reply, or what came instead of one.
   End end = kReply;
+  /// 0 is success; others are errno numbers, or the application's own from 1000 on.
   unsigned status = 0;
   /// For people, with the server's and the command's name in front; empty with status 0.
   std::string error;
@@ -63,11 +66,12 @@ struct Outcome {
 
 /// Who is at the other end, as the kernel noted it when the server began to listen.
 struct Credentials {
-  int pid;
-  unsigned uid;
-  unsigned gid;
+  int pid;       ///< The process; it may be gone and its number reused.
+  unsigned uid;  ///< Its user.
+  unsigned gid;  ///< Its group.
 };
 
+/// How a proxy connects, and its bounds.
 struct ProxyOptions {
   /// Seconds from a loss, or a failed attempt to connect, to the next attempt.
   double reconnectInterval = 1;
@@ -96,8 +100,11 @@ struct ProxyOptions {
 /// taken for another call's.
 class TOVIK_API Proxy {
  public:
+  /// A time limit; fractions count.
   using Seconds = std::chrono::duration<double>;
+  /// Gets how a call went.
   using Callback = std::function<void(Outcome)>;
+  /// Gets an event, or another message, as it came over the wire.
   using EventHandler = std::function<void(const Message&)>;
   class Pending;
 
@@ -124,6 +131,7 @@ class TOVIK_API Proxy {
   /// outcome each time the topic was asked for: it is the way to learn that there is none of that
   /// name.
   void subscribe(const std::string& topic, EventHandler handler, Callback answered = {});
+  /// Follows the topic no longer. Nothing of it is handed on after this returns.
   void unsubscribe(const std::string& topic);
 
   /// Called after each connection, once the subscriptions have been asked for, and after each loss,
@@ -136,6 +144,7 @@ class TOVIK_API Proxy {
   /// Gets what is neither a reply nor an event: a plain server's own messages.
   void onMessage(EventHandler handler);
 
+  /// True while there is a connection to an accepted server.
   bool isConnected() const noexcept;
   /// Who serves; nothing while there is no connection.
   std::optional<Credentials> server() const;
@@ -156,6 +165,7 @@ TOVIK_API Proxy::Callback collecting(Proxy::Callback callback);
 /// A call that a coroutine waits for.
 class [[nodiscard]] Proxy::Pending {
  public:
+  /// @cond INTERNAL
   Pending(Proxy& proxy, const Message& message, Seconds limit) : proxy_(&proxy), limit_(limit) {
     message_.CopyFrom(message, message_.GetAllocator());
   }
@@ -169,6 +179,7 @@ class [[nodiscard]] Proxy::Pending {
                  }));
   }
   Outcome await_resume() { return std::move(outcome_); }
+  /// @endcond
 
  private:
   Proxy* proxy_;

@@ -71,8 +71,10 @@ class TOVIK_API Session {
   /// Ends the connection. What waits is dropped; the service's `onLeave` follows in a later turn.
   virtual void close() = 0;
 
+  /// @cond INTERNAL
  protected:
   Session(std::uint64_t number, int pid, unsigned uid, unsigned gid);
+  /// @endcond
 
  private:
   const std::uint64_t number_;
@@ -86,8 +88,10 @@ class TOVIK_API Session {
 /// way to fail.
 class TOVIK_API Refusal : public std::runtime_error {
  public:
+  /// An errno number, or the application's own from 1000 on, and a text for people.
   Refusal(unsigned status, const std::string& text) : std::runtime_error(text), status_(status) {}
   ~Refusal() override;
+  /// As the constructor was told.
   unsigned status() const noexcept { return status_; }
 
  private:
@@ -101,8 +105,10 @@ class TOVIK_API Refusal : public std::runtime_error {
 /// the service, has gone.
 class TOVIK_API Request {
  public:
-  struct TOVIK_INTERNAL Call;  ///< Private.
+  /// @cond INTERNAL
+  struct TOVIK_INTERNAL Call;
   explicit Request(std::shared_ptr<Call> call);
+  /// @endcond
 
   /// The command's name.
   std::string command() const;
@@ -176,10 +182,11 @@ class TOVIK_API Request {
 
 /// An argument of a command, made by `required` or `optional`.
 struct Argument {
-  std::string name;
-  std::string description;
-  const char* type;
-  bool isRequired;
+  std::string name;         ///< Its member in the request.
+  std::string description;  ///< One sentence.
+  const char* type;         ///< Its JSON type, for people.
+  bool isRequired;          ///< Whether a request without it is refused.
+  /// Whether a value can be read as the declared type.
   bool (*accepts)(const rapidjson::Value&);
 };
 
@@ -204,9 +211,9 @@ struct Topic {
   /// queue ends the session, or a newer one replaces the one that waits.
   enum Backlog { kQueueAll, kQueueLatest };
 
-  std::string description;
-  Memory memory = kKeepNothing;
-  Backlog backlog = kQueueAll;
+  std::string description;       ///< One sentence.
+  Memory memory = kKeepNothing;  ///< What a new follower gets.
+  Backlog backlog = kQueueAll;   ///< What a slow one gets.
 };
 
 /// What a service says about itself, and its bounds.
@@ -236,10 +243,12 @@ struct ServiceOptions {
 /// keeps it.
 class TOVIK_API Service {
  public:
+  /// Carries out a command.
   using Handler = std::function<void(Request)>;
   /// Judges a client by its process id, user id and group id; the rules of Api/Admission.h, for
   /// example.
   using Admission = std::function<bool(int pid, unsigned uid, unsigned gid)>;
+  /// Hears of a session's beginning or end.
   using SessionHandler = std::function<void(Session&)>;
 
   /// Listens under `name`.

@@ -43,6 +43,7 @@ struct TaskResult<void> {
 template <class T = void>
 class [[nodiscard]] Task {
  public:
+  /// @cond INTERNAL
   struct promise_type;
   using Handle = std::coroutine_handle<promise_type>;
 
@@ -69,8 +70,11 @@ class [[nodiscard]] Task {
     Final final_suspend() noexcept { return {}; }
     void unhandled_exception() { failure = std::current_exception(); }
   };
+  /// @endcond
 
+  /// The task that `other` was.
   Task(Task&& other) noexcept : handle_(std::exchange(other.handle_, {})) {}
+  /// Drops the task that it was.
   Task& operator=(Task other) noexcept {
     std::swap(handle_, other.handle_);
     return *this;
@@ -83,6 +87,7 @@ class [[nodiscard]] Task {
     }
   }
 
+  /// @cond INTERNAL
   bool await_ready() const noexcept { return handle_.done(); }
   void await_suspend(std::coroutine_handle<> waiting) noexcept {
     handle_.promise().waiting = waiting;
@@ -93,6 +98,7 @@ class [[nodiscard]] Task {
     }
     return handle_.promise().take();
   }
+  /// @endcond
 
  private:
   explicit Task(Handle handle) : handle_(handle) {}

@@ -434,6 +434,9 @@ def prototype(member, writer):
         return f"#define {name}"
     if kind == "typedef":
         return f"using {name} = {kept};"
+    if kind == "enum":
+        values = ", ".join(value.findtext("name") for value in member.iter("enumvalue"))
+        return f"enum {name} {{ {values} }};"
     template = ""
     if (parameters := member.find("templateparamlist")) is not None:
         named = [" ".join(filter(None, (piece(one.find("type")), piece(one.find("declname")))))
@@ -468,6 +471,9 @@ def write_member(member, page, reference, writer):
     anchor = page.anchor(name)
     page.sections.append((3, anchor, name))
     text = write_description(member, writer)
+    values = [f"<li><code>{value.findtext('name')}</code> {write_description(value, writer)}</li>"
+              for value in member.iter("enumvalue") if documentation(value)]
+    text += f"<ul>{''.join(values)}</ul>" if values else ""
     base = member.find("reimplements")
     if base is not None and (url := reference.targets.get(base.get("refid"))):
         of = url.split("#")[0].removesuffix(".html").split(".")[-1]
