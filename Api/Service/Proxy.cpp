@@ -241,11 +241,19 @@ void Proxy::Impl::start(Call call) {
   calls_.emplace_hint(calls_.end(), id, std::move(call));
 }
 
+namespace {
+
+void logRefusedSubscription(const Outcome& outcome) {
+  TOVIK_SERVICE_LOG(0, outcome.error);
+}
+
+}  // namespace
+
 /// For a subscription's sake.
 void Proxy::Impl::ask(const char* command, const std::string& topic, Callback callback) {
   auto answered = [callback = std::move(callback)](Outcome outcome) {
     if (!outcome) {
-      TOVIK_SERVICE_LOG(0, outcome.error);
+      logRefusedSubscription(outcome);
     }
     if (callback) {
       callback(std::move(outcome));
