@@ -36,19 +36,21 @@ namespace {
 
 using Queue = std::deque<Kelvo::String>;
 
-/// Drops the oldest text. The only text leaves by the back: a deque whose end moves on with each
-/// text would need memory again and again. After a backlog, the front never rests on the first
-/// place of a block, since the standard library would not give back the storage of such a deque.
-void dropFirst(Queue& queue) {
+/// The front never rests on the first place of a block after a backlog: the standard library would
+/// not give back the storage of such a deque.
+void dropFirstOfBacklog(Queue& queue) {
   const bool nextStartsBlock = queue.size() == 2 && &queue[1] != &queue[0] + 1;
-  if (nextStartsBlock) {
-    queue[0] = std::move(queue[1]);
+  if (!nextStartsBlock) {
+    return queue.pop_front();
   }
-  if (queue.size() == 1 || nextStartsBlock) {
-    queue.pop_back();
-  } else {
-    queue.pop_front();
-  }
+  queue[0] = std::move(queue[1]);
+  queue.pop_back();
+}
+
+/// The only text leaves by the back: a deque whose end moves on with each text would need memory
+/// again and again.
+void dropFirst(Queue& queue) {
+  queue.size() == 1 ? queue.pop_back() : dropFirstOfBacklog(queue);
 }
 
 void wantWriteEvents(const Kelvo::Ptr<Kelvo::Platform::FdControl>& control, bool wanted) {

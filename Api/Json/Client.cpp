@@ -28,7 +28,7 @@
 
 #define TOVIK_SOURCE_PATH "Api/Json/Client"
 #include "Api/Json/detail/Debug.h"
-#include "Api/Json/detail/Parse.h"
+#include "Api/Json/detail/Deep.h"
 #include "Api/Json/detail/Socket.h"
 
 namespace Tovik {

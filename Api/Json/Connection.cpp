@@ -17,7 +17,7 @@
 
 #define TOVIK_SOURCE_PATH "Api/Json/Connection"
 #include "Api/Json/detail/Debug.h"
-#include "Api/Json/detail/Parse.h"
+#include "Api/Json/detail/Deep.h"
 
 namespace Tovik {
 

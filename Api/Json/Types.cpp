@@ -4,9 +4,9 @@
 
 #include <cstring>
 #include <string>
-#include <vector>
 
 #include "Api/Json/Types.h"
+#include "Api/Json/detail/Deep.h"
 
 namespace Tovik {
 
@@ -14,7 +14,6 @@ namespace {
 
 using rapidjson::SizeType;
 using rapidjson::StringBuffer;
-using rapidjson::Value;
 
 /// RapidJSON writes a document by recursion: the quickest way, but how deep a received document
 /// nests was its peer's choice. This writer stops it at a depth that every stack has room for.
@@ -46,72 +45,20 @@ class BoundedWriter : public Writer {
   int depth_ = 0;
 };
 
-/// Writes a document of any depth, without recursion.
 template <class Writer>
-class Walk {
- public:
-  explicit Walk(Writer& writer) : writer_(writer) {}
-
-  void write(const Value& root) {
-    bool goesOn = begin(root);
-    while (goesOn && !open_.empty()) {
-      goesOn = step();
-    }
-  }
-
- private:
-  struct Level {
-    const Value* container;
-    SizeType next;  // of its elements or members
-  };
-
-  bool begin(const Value& value) {
-    if (!value.IsObject() && !value.IsArray()) {
-      return value.Accept(writer_);
-    }
-    open_.push_back({&value, 0});
-    return value.IsObject() ? writer_.StartObject() : writer_.StartArray();
-  }
-
-  /// One element or member of the innermost container, or that container's end.
-  bool step() {
-    auto& [container, next] = open_.back();
-    const auto index = next++;
-    if (container->IsArray() && index < container->Size()) {
-      return begin((*container)[index]);
-    }
-    if (container->IsObject() && index < container->MemberCount()) {
-      const auto& member = container->MemberBegin()[index];
-      return writer_.Key(member.name.GetString(), member.name.GetStringLength()) &&
-             begin(member.value);
-    }
-    const bool isObject = container->IsObject();
-    open_.pop_back();
-    return isObject ? writer_.EndObject(index) : writer_.EndArray(index);
-  }
-
-  Writer& writer_;
-  std::vector<Level> open_;
-};
-
-template <class Writer>
-Kelvo::String write(const Message& msg) {
+Kelvo::String write(const Message& msg, bool pretty) {
   StringBuffer buffer;
-  BoundedWriter<Writer> bounded(buffer);
-  msg.Accept(bounded);
-  if (bounded.tooDeep()) {
-    buffer.Clear();
-    Writer writer(buffer);
-    Walk<Writer>(writer).write(msg);
-  }
-  return std::string(buffer.GetString(), buffer.GetSize());
+  BoundedWriter<Writer> writer(buffer);
+  msg.Accept(writer);
+  return writer.tooDeep() ? writeDeep(msg, pretty)
+                          : Kelvo::String(std::string(buffer.GetString(), buffer.GetSize()));
 }
 
 }  // namespace
 
 Kelvo::String Message::toStr(const Message& msg, bool pretty) {
-  return pretty ? write<rapidjson::PrettyWriter<StringBuffer>>(msg)
-                : write<rapidjson::Writer<StringBuffer>>(msg);
+  return pretty ? write<rapidjson::PrettyWriter<StringBuffer>>(msg, pretty)
+                : write<rapidjson::Writer<StringBuffer>>(msg, pretty);
 }
 
 SocketException::SocketException(int errnum) : Kelvo::Exception(std::strerror(errnum), true) {}

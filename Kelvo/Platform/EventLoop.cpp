@@ -3,9 +3,8 @@
 // with the thread.
 //
 // The object is only the thread's handle: what turns is the core, which controls and timers share.
-// So a forked child can be given a fresh core in the same object, and the old one goes when the
-// last of its controls does. A turn may be under way then, hence the handles that the functions
-// here keep while they turn it.
+// So a forked child can be given a fresh core in the same object. The old one stays with it, as a
+// turn of it may be under way.
 
 #include "Kelvo/Platform/EventLoop.h"
 
@@ -72,24 +71,25 @@ EventLoop& EventLoop::current() {
 void EventLoop::renewAfterFork() {
   auto* loop = static_cast<EventLoop*>(pthread_getspecific(threadKey()));
   if (loop != nullptr && !loop->core_->inOwnerProcess()) {
-    loop->core_ = Ptr<LoopCore>(new LoopCore);
+    Ptr<LoopCore> fresh(new LoopCore);
+    loop->inherited_.push_back(loop->core_);
+    loop->core_ = std::move(fresh);
   }
 }
 
 // --- turns ---
 
 void EventLoop::run() {
-  const auto core = core_;
-  core->mailbox()->drainStopRequest();  // one that was made before
-  while (!core->mailbox()->consumeStop()) {
-    core->turn(-1);
+  LoopCore& core = *core_;
+  core.mailbox()->drainStopRequest();  // one that was made before
+  while (!core.mailbox()->consumeStop()) {
+    core.turn(-1);
   }
 }
 
 bool EventLoop::runOnce(std::chrono::milliseconds timeout) {
   using Count = std::chrono::milliseconds::rep;
-  const auto core = core_;
-  return core->turn(
+  return core_->turn(
       static_cast<int>(std::clamp<Count>(timeout.count(), -1, std::numeric_limits<int>::max())));
 }
 
@@ -98,8 +98,7 @@ int EventLoop::fd() const noexcept {
 }
 
 bool EventLoop::dispatch() {
-  const auto core = core_;
-  return core->turn(0);
+  return core_->turn(0);
 }
 
 // --- from other threads ---

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <vector>
 
 #include "Kelvo/Export.h"
 #include "Kelvo/Platform/FdEventHandler.h"
@@ -151,6 +152,7 @@ class KELVO_API EventLoop {
   friend Ptr<Timer> getTimer(TimeoutHandler* handler, const FdEventHandler* unlessAttached);
 
   Ptr<LoopCore> core_;
+  std::vector<Ptr<LoopCore>> inherited_;  // of ancestors, whose turns may be under way
 };
 
 }  // namespace Kelvo::Platform

@@ -166,7 +166,7 @@ class RecipeForManyRecords : public Recipe {
   const Tovik::Server server_{name_,
                               [this](auto& client, auto&) {
                                 ++handled_;
-                                client.acknowledge(status_);
+                                client.acknowledge(static_cast<unsigned>(status_));
                               },
                               anyone};
 };

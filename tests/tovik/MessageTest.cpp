@@ -150,13 +150,13 @@ TEST(Message, EndsItsTextAtAValueThatJsonCannotExpressAtAnyDepth) {
 TEST(Message, IndentsADocumentOfAnyDepth) {
   std::string text;
   std::string expected;
-  for (int level = 0; level < 300; ++level) {
+  for (std::size_t level = 0; level < 300; ++level) {
     text += '[';
     expected += "[\n" + std::string(4 * (level + 1), ' ');
   }
   text += "1";
   expected += "1";
-  for (int level = 299; level >= 0; --level) {
+  for (std::size_t level = 300; level-- > 0;) {
     text += ']';
     expected += "\n" + std::string(4 * level, ' ') + "]";
   }

@@ -13,6 +13,8 @@
 
 namespace Kelvo::Platform {
 
+std::atomic<std::atomic<std::uint64_t>*> processPage{nullptr};
+
 namespace {
 
 using Cell = std::atomic<std::uint64_t>;
@@ -20,7 +22,6 @@ static_assert(Cell::is_always_lock_free);
 
 Cell lastEpoch{0};
 Cell refused{0};  // stands for a page that cannot be had
-std::atomic<Cell*> page{nullptr};
 
 Cell* makePage() noexcept {
   constexpr std::size_t kSize = sizeof(Cell);  // the kernel rounds up
@@ -37,10 +38,10 @@ Cell* makePage() noexcept {
 }
 
 Cell* thePage() noexcept {
-  Cell* known = page.load(std::memory_order_acquire);
+  Cell* known = processPage.load(std::memory_order_acquire);
   if (known == nullptr) {
     Cell* const made = makePage();
-    if (page.compare_exchange_strong(known, made, std::memory_order_acq_rel)) {
+    if (processPage.compare_exchange_strong(known, made, std::memory_order_acq_rel)) {
       return made;
     }
     if (made != &refused) {
@@ -52,7 +53,7 @@ Cell* thePage() noexcept {
 
 }  // namespace
 
-std::uint64_t processEpoch() noexcept {
+std::uint64_t takeProcessEpoch() noexcept {
   Cell* const cell = thePage();
   if (cell == &refused) {
     return static_cast<std::uint64_t>(::getpid());
