@@ -188,7 +188,9 @@ TEST(Layout, OfTheBaseLibrary) {
   EXPECT_EQ(sizeof(Kelvo::Platform::DebugStream), sizeof(std::ostringstream));
   expectInOrder(0, {FIELD(Kelvo::String, bytes_)}, sizeof(Kelvo::String));
   expectInOrder(0, {FIELD(Kelvo::Ptr<FdControl>, object_)}, sizeof(Kelvo::Ptr<FdControl>));
-  expectInOrder(0, {FIELD(Kelvo::Platform::EventLoop, core_)}, sizeof(Kelvo::Platform::EventLoop));
+  expectInOrder(
+      0, {FIELD(Kelvo::Platform::EventLoop, core_), FIELD(Kelvo::Platform::EventLoop, inherited_)},
+      sizeof(Kelvo::Platform::EventLoop));
   expectInOrder(kTable, {FIELD(Kelvo::Counted, references_)}, sizeof(Kelvo::Counted));
   expectInOrder(kTable, {FIELD(Kelvo::Platform::RawDebugHandler, mask_)},
                 sizeof(Kelvo::Platform::RawDebugHandler));
