@@ -10,7 +10,7 @@ NAME = r"((vtable|typeinfo|typeinfo name) for |non-virtual thunk to )?"
 INTERFACES = {
     "Tovik": (NAME + r"Tovik::((Server|Connection|Client|AsyncSender|AsyncClient|SocketException)"
                      r"(::|$)|Message::toStr\()", "TOVIK_1", "libtovik1"),
-    "TovikService": (NAME + r"Tovik::((Service|Session|Request|Refusal|Proxy)(::\W?\w+[[(]|$)"
+    "TovikService": (NAME + r"Tovik::((Service|Session|Request|Refusal|Proxy)(::\W?\w+[\[(]|$)"
                             r"|call\(|collecting\()", "TOVIK_SERVICE_1", "libtovik-service1"),
     "Kelvo": (NAME + r"Kelvo::", "KELVO_1", "libkelvo1"),
 }

@@ -26,7 +26,9 @@ set_tests_properties(Package.CompilesEachPublicHeaderAlone PROPERTIES PROCESSORS
 # rest looks at shared libraries, and builds static ones beside them.
 if(BUILD_SHARED_LIBS AND NOT TOVIK_SANITIZE)
   tovik_package_test(BuildsAndRunsApplicationsWithPkgConfigAlone applications.py)
-  tovik_package_test(ExportsItsInterfaceAndNothingElse exports.py)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU") # which the packages are built with; clang++ spares some tables
+    tovik_package_test(ExportsItsInterfaceAndNothingElse exports.py)
+  endif()
   tovik_package_test(HoldsItsAssertionsInAnApplicationWithoutAny assertions.py application)
   tovik_package_test(HoldsItsAssertionsInALibraryBuiltWithoutAny assertions.py library)
   set_tests_properties(Package.HoldsItsAssertionsInALibraryBuiltWithoutAny PROPERTIES PROCESSORS 2)
