@@ -15,6 +15,7 @@ FdEventHandler::~FdEventHandler() {
   CallbackFrame<FdEventHandler>::forget(this);
 }
 
+// NOLINTBEGIN(readability-make-member-function-const): they change what becomes of the handler
 void FdEventHandler::keepWhileRunning(std::shared_ptr<const void> owner) noexcept {
   CallbackFrame<FdEventHandler>::keep(this, std::move(owner));
 }
@@ -26,6 +27,7 @@ void FdEventHandler::deferReadEvent() noexcept {
 void FdEventHandler::deferWriteEvent() noexcept {
   CallbackFrame<FdEventHandler>::defer(this, Event::kWrite);
 }
+// NOLINTEND(readability-make-member-function-const)
 
 void FdEventHandler::writeFdEvent(int /*fd*/) {}
 
