@@ -45,8 +45,8 @@ void Session::connect() {
     lossError_ = EPIPE;  // of a write, unless a read sees the end first
     setFd(fd);
     checkServer();
-    connected();
-    return flushQueue();
+    flushQueue();  // before `connected`, whose own records would miss their `written`
+    return isAttached() ? connected() : void();
   }
   const int error = errno;
   if (fd >= 0) {
