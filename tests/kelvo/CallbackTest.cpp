@@ -203,6 +203,29 @@ TEST_F(OwnedCallback, KeepsItsHandlerUntilItReturns) {
   EXPECT_FALSE(loop().dispatch());
 }
 
+TEST_F(OwnedCallback, IsNotNeededBetweenCallbacks) {
+  drop();
+  EXPECT_TRUE(gone_.expired());
+}
+
+TEST_F(OwnedCallback, KeepsTheFirstOwnerOnly) {
+  auto second = std::make_shared<int>(0);
+  const std::weak_ptr<int> secondGone = second;
+  bool secondKept = true;
+  onRead([&] {
+    auto& handler = *owned_;
+    drop();
+    handler.keepWhileRunning(std::move(second));
+    secondKept = !secondGone.expired();
+  });
+  makeReady();
+  EXPECT_TRUE(loop().dispatch());
+
+  EXPECT_TRUE(alive_);
+  EXPECT_TRUE(gone_.expired());
+  EXPECT_FALSE(secondKept);
+}
+
 TEST_F(OwnedCallback, KeepsItsHandlerInAWriteEventToo) {
   owned_->onWrite = [this](int) {
     drop();

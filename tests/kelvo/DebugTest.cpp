@@ -318,6 +318,7 @@ TEST_F(DebugChannel, MakesControlCharactersVisibleOnStandardError) {
        "1m \xff \xc0\x80",
        R"(\x9b1m \xff \xc0\x80)"},  // no UTF-8
       {"\xe2\x82", R"(\xe2\x82)"},  // cut short
+      {"\xc3(", R"(\xc3()"},
       {"\xe0\x80\x9b \xed\xa0\x80 \xf4\x90\x80\x80",
        R"(\xe0\x80\x9b \xed\xa0\x80 \xf4\x90\x80\x80)"},  // not allowed
       {"\xf8\x88\x80\x80\x80", R"(\xf8\x88\x80\x80\x80)"},

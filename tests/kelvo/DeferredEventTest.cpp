@@ -184,6 +184,31 @@ TEST_F(StuckWriter, MayDetachInTheCallbackAfterAPause) {
   EXPECT_EQ(turnFor(20ms), 1);
 }
 
+TEST_F(StuckWriter, IsCalledAtOnceOnceItWantsToWriteAgain) {
+  writer_.onWrite = [this](int) {
+    writer_.deferWriteEvent();
+    writer_.control->setWriteInterest(false);
+  };
+  EXPECT_TRUE(loop().dispatch());
+  writer_.control->setWriteInterest(true);
+  EXPECT_TRUE(loop().dispatch());
+  EXPECT_EQ(writer_.writes, 2);
+}
+
+TEST_F(StuckWriter, CannotDeferOutsideOfAWriteEvent) {
+  writer_.onWrite = nullptr;
+  writer_.deferWriteEvent();
+  EXPECT_TRUE(loop().dispatch());
+  writer_.onRead = [this](int fd) {
+    rawReceiveNow(fd);
+    writer_.deferWriteEvent();
+  };
+  rawSend(ends_.second.get(), "x");
+  EXPECT_TRUE(loop().dispatch());
+  EXPECT_TRUE(loop().dispatch());
+  EXPECT_EQ(writer_.writes, 3);
+}
+
 TEST_F(StuckWriter, IsNotCalledByTheTurnThatEndsAPause) {
   turnUntilWrites(3);
   EXPECT_FALSE(loop().runOnce(10s));

@@ -300,6 +300,14 @@ TEST_F(ForkedChild, MayRenewItsLoopInsideACallback) {
   EXPECT_EQ(status, 0);
 }
 
+TEST_F(ForkedChild, MayEndTheThreadWhoseLoopItInherited) {
+  std::thread([] {
+    loop().post([] {});
+    EXPECT_TRUE(inChild([]() -> bool { pthread_exit(nullptr); }));
+    EXPECT_TRUE(loopServes());
+  }).join();
+}
+
 TEST_F(ForkedChild, HasItsOwnStop) {
   EXPECT_TRUE(inChild([] {
     EventLoop::renewAfterFork();

@@ -405,6 +405,44 @@ TEST_F(CrowdedLoop, DeliversATimerWithinOneBatch) {
   EXPECT_LE(reads(), 64);
 }
 
+TEST_F(Loop, DeliversWhatCameFirstOnceInAFullBatch) {
+  Alarm alarm;
+  alarm.timer->arm(0);
+  letPass(std::chrono::microseconds(100));
+  int posted = 0;
+  loop().post([&] { loop().post([&] { ++posted; }); });
+  std::vector<std::unique_ptr<Watcher>> watchers;
+  std::vector<Fd> ends;
+  for (int i = 0; i < 100; ++i) {
+    ends.emplace_back(eventfd(1, EFD_CLOEXEC));
+    watchers.push_back(std::make_unique<Watcher>(ends.back().get()));
+  }
+  alarm.onTimeout = [&] { alarm.timer->arm(0); };
+
+  loop().dispatch();
+  EXPECT_EQ(alarm.fired, 1);
+  EXPECT_EQ(posted, 0);
+}
+
+TEST_F(CrowdedLoop, LeavesTheRestOfAnOvertakenTurnToTheNextOne) {
+  Alarm first;
+  Alarm second;
+  int posted = 0;
+  watchers_[0]->onRead = [&](int) {
+    watchers_[0]->control->detach();
+    first.timer->arm(0);
+    second.timer->arm(0);
+    letPass(std::chrono::microseconds(100));
+    loop().dispatch();
+    loop().post([&] { ++posted; });
+  };
+  while (watchers_[0]->reads == 0) {
+    loop().dispatch();
+  }
+  EXPECT_LE(first.fired + second.fired, 1);
+  EXPECT_EQ(posted, 0);
+}
+
 TEST_F(Loop, IsDrivenByAForeignLoop) {
   const auto ends = rawPair();
   Watcher watcher(ends.first.get());

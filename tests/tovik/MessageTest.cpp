@@ -130,9 +130,12 @@ TEST(Message, WritesADocumentOfAnyDepthTheSameWay) {
 }
 
 TEST(Message, EndsItsTextAtAValueThatJsonCannotExpressAtAnyDepth) {
-  for (const int depth : {1, 500}) {
-    Tovik::Message msg;
-    msg.SetDouble(std::numeric_limits<double>::quiet_NaN());
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  for (const auto& [depth, inMember] : {std::pair(1, false), {500, false}, {500, true}}) {
+    Tovik::Message msg = objectWith(nan);
+    if (!inMember) {
+      msg.SetDouble(nan);
+    }
     for (int level = 0; level < depth; ++level) {
       Tovik::Message::ValueType outer(rapidjson::kArrayType);
       outer.PushBack(7, msg.GetAllocator());
@@ -143,6 +146,7 @@ TEST(Message, EndsItsTextAtAValueThatJsonCannotExpressAtAnyDepth) {
     for (int level = 0; level < depth; ++level) {
       expected += "[7,";
     }
+    expected += inMember ? R"({"before":1,"value":)" : "";
     EXPECT_EQ(compact(msg), expected);
   }
 }

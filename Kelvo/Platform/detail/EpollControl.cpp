@@ -1,6 +1,5 @@
 // One descriptor's way through the loop: attach -> read and write events, as the kernel reports
-// them
-// -> detach.
+// them -> detach.
 //
 // Readiness is level-triggered, so an event with which the handler can do nothing would come again
 // at once and for ever: clients that cannot be accepted, a record that the socket does not take.
@@ -89,14 +88,22 @@ void EpollControl::setWriteInterest(bool wanted) {
 }
 
 bool EpollControl::deliverRead() {
-  return !paused(Event::kRead) && deliver(Event::kRead);
+  if (paused(Event::kRead)) {
+    return false;
+  }
+  deliver(Event::kRead);
+  return true;
 }
 
 bool EpollControl::deliverWrite() {
-  return writeInterest_ && deliver(Event::kWrite);
+  if (!writeInterest_) {
+    return false;
+  }
+  deliver(Event::kWrite);
+  return true;
 }
 
-bool EpollControl::deliver(Event event) {
+void EpollControl::deliver(Event event) {
   const auto token = token_;
   const auto core = core_.get();  // outlives this control: a turn of it is running
   const bool deferred = runGuarded(
@@ -106,7 +113,7 @@ bool EpollControl::deliver(Event event) {
       },
       [fd = fd_](FdEventHandler& handler) { return handler.handleFdException(fd); });
   if (core->find(token) != this) {
-    return true;  // detached, and perhaps gone
+    return;  // detached, and perhaps gone
   }
   if (deferred && (event == Event::kRead || writeInterest_)) {
     pause(event);
@@ -114,7 +121,6 @@ bool EpollControl::deliver(Event event) {
     endPause(event);
     core_->setEvents(token_, events());  // a callback within this one may have deferred it
   }
-  return true;
 }
 
 void EpollControl::pause(Event event) {

@@ -29,7 +29,7 @@ class EpollControl final : public FdControl, private LoopCore::Registration {
   bool deliverWrite() override;
   const FdEventHandler* handler() const override { return &handler_; }
 
-  bool deliver(Event event);
+  void deliver(Event event);
   void pause(Event event);
   void resume(Pause& pause);
   void endPause(Event event) noexcept;
