@@ -56,6 +56,9 @@ Kelvo::String write(const Message& msg, bool pretty) {
 
 }  // namespace
 
+template <>
+void LibraryBuiltAlike::theseSizes() {}
+
 Kelvo::String Message::toStr(const Message& msg, bool pretty) {
   return pretty ? write<rapidjson::PrettyWriter<StringBuffer>>(msg, pretty)
                 : write<rapidjson::Writer<StringBuffer>>(msg, pretty);

@@ -3,6 +3,7 @@
 #include <rapidjson/document.h>
 
 #include "Api/Json/Export.h"
+#include "Api/Json/Layout.h"
 #include "Kelvo/Exception.h"
 #include "Kelvo/String.h"
 

@@ -9,7 +9,7 @@ NAME = r"((vtable|typeinfo|typeinfo name) for |non-virtual thunk to )?"
 # Each library's interface, the tag of its versions, and its package.
 INTERFACES = {
     "Tovik": (NAME + r"Tovik::((Server|Connection|Client|AsyncSender|AsyncClient|SocketException)"
-                     r"(::|$)|Message::toStr\()", "TOVIK_1", "libtovik1"),
+                     r"(::|$)|Message::toStr\(|LibraryBuiltWith<)", "TOVIK_1", "libtovik1"),
     "TovikService": (NAME + r"Tovik::((Service|Session|Request|Refusal|Proxy)(::\W?\w+[\[(]|$)"
                             r"|call\(|collecting\()", "TOVIK_SERVICE_1", "libtovik-service1"),
     "Kelvo": (NAME + r"Kelvo::", "KELVO_1", "libkelvo1"),

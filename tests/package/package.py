@@ -24,6 +24,7 @@ PUBLIC_HEADERS = [
     "Api/Json/Client.h",
     "Api/Json/Connection.h",
     "Api/Json/Export.h",
+    "Api/Json/Layout.h",
     "Api/Json/Server.h",
     "Api/Json/Types.h",
     "Api/Service/Object.h",
