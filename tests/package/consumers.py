@@ -83,6 +83,26 @@ def without_rapidjson():
     check(done.returncode != 0 and "'RapidJSON', required by 'tovik'" in done.stderr, f"{done}")
 
 
+def another_rapidjson():
+    """RapidJSON_DIR decides, however that version's own file names the folder of its headers."""
+    headers = WORK / "another"
+    shutil.copytree("/usr/include/rapidjson", headers / "rapidjson", dirs_exist_ok=True)
+    for line in (f"set(RAPIDJSON_INCLUDE_DIRS {headers})", f"set(RapidJSON_INCLUDE_DIRS {headers})",
+                 "add_library(RapidJSON INTERFACE IMPORTED)\n"
+                 f"target_include_directories(RapidJSON INTERFACE {headers})"):
+        (headers / "RapidJSONConfig.cmake").write_text(line)
+        options = [f"-DRapidJSON_DIR={headers}", "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON"]
+        library = WORK / "library-with-another"
+        run(["cmake", "-S", SOURCE, "-B", library, f"-DCMAKE_CXX_COMPILER={CXX}",
+             "-DTOVIK_BUILD_TESTS=OFF", *options])
+        project, command = configuration("another", CXX, "package", ["17"],
+                                         f"-DCMAKE_PREFIX_PATH={PREFIX}", *options)
+        run(command)
+        for build in (library, project / "build"):
+            commands = (build / "compile_commands.json").read_text()
+            check(f"-isystem {headers}" in commands, f"{line}: {commands}")
+
+
 def linked(build):
     """Of what kind the libraries are that the application was built with."""
     needed = run(["readelf", "-dW", build / "application-17"])
@@ -130,5 +150,5 @@ def static():
     check(done.returncode == 0 and not done.stdout + done.stderr, f"{done}")
 
 
-{way.__name__: way for way in (installed, moved, build_tree, without_rapidjson, subdirectory,
-                               fetch, static)}[sys.argv[1]]()
+{way.__name__: way for way in (installed, moved, build_tree, without_rapidjson,
+                               another_rapidjson, subdirectory, fetch, static)}[sys.argv[1]]()
