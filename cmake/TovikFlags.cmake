@@ -3,6 +3,8 @@
 add_library(tovik_flags INTERFACE)
 target_compile_features(tovik_flags INTERFACE cxx_std_17)
 target_compile_options(tovik_flags INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
+# Clocks of 32-bit machines end in 2038 unless these are asked for.
+target_compile_options(tovik_flags INTERFACE -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64)
 if(TOVIK_WERROR)
   target_compile_options(tovik_flags INTERFACE -Werror)
 endif()

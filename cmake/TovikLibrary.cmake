@@ -65,8 +65,9 @@ endfunction()
 # RapidJSON with the application's and might keep those, which need not hold the library's
 # assertions. Of the linkers only GNU's can do it.
 function(tovik_hide_internals target version_script)
-  find_program(TOVIK_GNU_LD ld.bfd REQUIRED)
-  find_program(TOVIK_GNU_OBJCOPY objcopy REQUIRED)
+  set(prefix ${CMAKE_LIBRARY_ARCHITECTURE}-) # the target's, which a cross compiler's differ in
+  find_program(TOVIK_GNU_LD NAMES ${prefix}ld.bfd ld.bfd REQUIRED)
+  find_program(TOVIK_GNU_OBJCOPY NAMES ${prefix}objcopy objcopy REQUIRED)
   # Unique symbols cannot be made local.
   target_compile_options(${target} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
   file(STRINGS ${version_script} exported REGEX "_Z")

@@ -32,9 +32,13 @@ thread_local std::vector<Trace*> traces;
 thread_local bool busy = false;  // the collecting itself may write
 Hook hook = nullptr;
 
+/// The next definition of an interposed function, under the name that this machine's headers gave
+/// it: a 32-bit one calls others for the sake of its 64-bit times.
 template <class Function>
-Function next(const char* name) {
-  return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+Function* next(Function* own) {
+  Dl_info symbol{};
+  dladdr(reinterpret_cast<void*>(own), &symbol);
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, symbol.dli_sname));
 }
 
 }  // namespace
@@ -151,45 +155,45 @@ using Faults::next;
 extern "C" {
 
 int socket(int domain, int type, int protocol) {
-  static const auto real = next<int (*)(int, int, int)>("socket");
+  static const auto real = next(socket);
   return Interposer::call<int>(CALLER, Call::kSocket, -1, 0, {},
                                [&] { return real(domain, type, protocol); });
 }
 
 int bind(int fd, const sockaddr* address, socklen_t size) {
-  static const auto real = next<int (*)(int, const sockaddr*, socklen_t)>("bind");
+  static const auto real = next(bind);
   return Interposer::call<int>(CALLER, Call::kBind, fd, size,
                                {reinterpret_cast<const char*>(address), size},
                                [&] { return real(fd, address, size); });
 }
 
 int listen(int fd, int backlog) {
-  static const auto real = next<int (*)(int, int)>("listen");
+  static const auto real = next(listen);
   return Interposer::call<int>(CALLER, Call::kListen, fd, static_cast<std::size_t>(backlog), {},
                                [&] { return real(fd, backlog); });
 }
 
 int accept(int fd, sockaddr* address, socklen_t* size) {
-  static const auto real = next<int (*)(int, sockaddr*, socklen_t*)>("accept");
+  static const auto real = next(accept);
   return Interposer::call<int>(CALLER, Call::kAccept, fd, size == nullptr ? 0 : *size, {},
                                [&] { return real(fd, address, size); });
 }
 
 int connect(int fd, const sockaddr* address, socklen_t size) {
-  static const auto real = next<int (*)(int, const sockaddr*, socklen_t)>("connect");
+  static const auto real = next(connect);
   return Interposer::call<int>(CALLER, Call::kConnect, fd, size,
                                {reinterpret_cast<const char*>(address), size},
                                [&] { return real(fd, address, size); });
 }
 
 int getsockopt(int fd, int level, int option, void* value, socklen_t* size) {
-  static const auto real = next<int (*)(int, int, int, void*, socklen_t*)>("getsockopt");
+  static const auto real = next(getsockopt);
   return Interposer::call<int>(CALLER, Call::kGetsockopt, fd, *size, {},
                                [&] { return real(fd, level, option, value, size); });
 }
 
 int fcntl(int fd, int command, ...) {
-  static const auto real = next<int (*)(int, int, ...)>("fcntl");
+  static const auto real = next(fcntl);
   va_list arguments;
   va_start(arguments, command);
   void* argument = va_arg(arguments, void*);
@@ -203,68 +207,67 @@ int fcntl(int fd, int command, ...) {
 }
 
 ssize_t read(int fd, void* buffer, size_t size) {
-  static const auto real = next<ssize_t (*)(int, void*, size_t)>("read");
+  static const auto real = next(read);
   return Interposer::call<ssize_t>(CALLER, Call::kRead, fd, size, {},
                                    [&] { return real(fd, buffer, size); });
 }
 
 ssize_t write(int fd, const void* bytes, size_t size) {
-  static const auto real = next<ssize_t (*)(int, const void*, size_t)>("write");
+  static const auto real = next(write);
   return Interposer::call<ssize_t>(CALLER, Call::kWrite, fd, size,
                                    {static_cast<const char*>(bytes), size},
                                    [&] { return real(fd, bytes, size); });
 }
 
 int close(int fd) {
-  static const auto real = next<int (*)(int)>("close");
+  static const auto real = next(close);
   return Interposer::call<int>(CALLER, Call::kClose, fd, 0, {}, [&] { return real(fd); });
 }
 
 char* strerror(int error) noexcept {
-  static const auto real = next<char* (*)(int)>("strerror");
+  static const auto real = next(strerror);
   char* const text = real(error);
   Interposer::record(Call::kStrerror, -1, 0, error, {});
   return text;
 }
 
 int epoll_create1(int flags) noexcept {
-  static const auto real = next<int (*)(int)>("epoll_create1");
+  static const auto real = next(epoll_create1);
   return Interposer::call<int>(CALLER, Call::kEpollCreate, -1, 0, {}, [&] { return real(flags); });
 }
 
 int epoll_ctl(int epoll, int operation, int fd, epoll_event* event) noexcept {
-  static const auto real = next<int (*)(int, int, int, epoll_event*)>("epoll_ctl");
+  static const auto real = next(epoll_ctl);
   return Interposer::call<int>(CALLER, Call::kEpollCtl, fd, static_cast<std::size_t>(operation), {},
                                [&] { return real(epoll, operation, fd, event); });
 }
 
 int epoll_wait(int epoll, epoll_event* events, int count, int timeout) {
-  static const auto real = next<int (*)(int, epoll_event*, int, int)>("epoll_wait");
+  static const auto real = next(epoll_wait);
   return Interposer::call<int>(CALLER, Call::kEpollWait, epoll, static_cast<std::size_t>(count), {},
                                [&] { return real(epoll, events, count, timeout); });
 }
 
 int poll(pollfd* fds, nfds_t count, int timeout) {
-  static const auto real = next<int (*)(pollfd*, nfds_t, int)>("poll");
+  static const auto real = next(poll);
   return Interposer::call<int>(CALLER, Call::kPoll, -1, count, {},
                                [&] { return real(fds, count, timeout); });
 }
 
 int eventfd(unsigned count, int flags) noexcept {
-  static const auto real = next<int (*)(unsigned, int)>("eventfd");
+  static const auto real = next(eventfd);
   return Interposer::call<int>(CALLER, Call::kEventfd, -1, 0, {},
                                [&] { return real(count, flags); });
 }
 
 int timerfd_create(int clock, int flags) noexcept {
-  static const auto real = next<int (*)(int, int)>("timerfd_create");
+  static const auto real = next(timerfd_create);
   return Interposer::call<int>(CALLER, Call::kTimerfdCreate, -1, 0, {},
                                [&] { return real(clock, flags); });
 }
 
 int timerfd_settime(int fd, int flags, const itimerspec* setting, itimerspec* old) noexcept {
-  static const auto real =
-      next<int (*)(int, int, const itimerspec*, itimerspec*)>("timerfd_settime");
+  static const auto real = next(timerfd_settime);
   return Interposer::call<int>(CALLER, Call::kTimerfdSettime, fd, 0, {},
                                [&] { return real(fd, flags, setting, old); });
 }
