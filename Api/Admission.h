@@ -39,6 +39,7 @@
 /// In another user namespace the kernel shows every user that has no mapping here as 65534, and
 /// every such group likewise: that number stands for many, and rules treat them as one.
 
+/// Rules for the validator of a server.
 namespace Tovik::Admission {
 
 /// Decides about one client. Any callable that a server takes as its validator is a rule; one that

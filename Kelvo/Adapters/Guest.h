@@ -22,9 +22,10 @@
 ///    so nothing is lost, and the host may be run again afterwards unless its own rules forbid it.
 ///  - `EventLoop::stop` ends `EventLoop::run`, not a host: use the host's own way to stop.
 
+/// The event loop inside foreign ones.
 namespace Kelvo::Adapters {
 
-/// This thread's event loop as the guest of a foreign one. Adapters are made of it.
+/// This thread's event loop as the guest of a foreign one: what adapters are made of.
 class Guest {
  public:
   Guest() : loop_(Platform::EventLoop::current()) {}

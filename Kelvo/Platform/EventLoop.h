@@ -76,6 +76,7 @@
 ///    Detaching, disarming and destroying are allowed there and leave the parent's registrations
 ///    alone. `renewAfterFork` gives it a loop of its own.
 
+/// The event loop, and the debug channels.
 namespace Kelvo::Platform {
 
 class LoopCore;
