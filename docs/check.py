@@ -1,7 +1,7 @@
 """Looks at every page of build/docs in a browser, at two widths, in light and in dark.
 
-Nothing may be wider than the page, no picture missing or cut, no text outside its picture. Every
-file is there, the text stands out from its ground, and the console is silent."""
+Nothing may be wider than the page, no picture missing or cut, no text of a picture outside it or
+crossed by a line. Every file is there, text stands out from its ground, the console is silent."""
 
 import functools
 import http.server
@@ -61,11 +61,15 @@ async function lookAt(page) {
 async function lookInto(picture) {
   easel.innerHTML = await (await fetch(picture)).text();
   const room = easel.firstElementChild.viewBox.baseVal;
+  const lines = [...easel.querySelectorAll(".line")].flatMap((line) =>
+    Array.from({length: line.getTotalLength()}, (_, at) => line.getPointAtLength(at)));
   for (const one of easel.querySelectorAll("text")) {
-    const box = one.getBBox();
-    if (box.x < 0 || box.y < 0 || box.x + box.width > room.width
-        || box.y + box.height > room.height) {
+    const box = one.getBBox(), right = box.x + box.width, bottom = box.y + box.height;
+    if (box.x < 0 || box.y < 0 || right > room.width || bottom > room.height) {
       problems.push(`${picture} cuts "${one.textContent}"`);
+    }
+    if (lines.some(({x, y}) => x > box.x && x < right && y > box.y && y < bottom)) {
+      problems.push(`${picture} has a line across "${one.textContent}"`);
     }
   }
 }
@@ -97,6 +101,10 @@ class Site(http.server.SimpleHTTPRequestHandler):
         Site.seen = json.loads(self.rfile.read(int(self.headers["Content-Length"])))
         self.send_response(204)
         self.end_headers()
+
+    def end_headers(self):
+        self.send_header("Cache-Control", "max-age=3600")  # styles and scripts are sent once
+        super().end_headers()
 
     def log_request(self, code="-", size="-"):
         pass
