@@ -45,8 +45,8 @@ class KELVO_API Timer : public Counted {
 /// A fresh timer, bound to `handler` and to the calling thread's event loop; `handler` must outlive
 /// it. With `unlessAttached`, an expiry is withheld while that handler has a descriptor attached to
 /// the same loop: it is delivered at the first turn after the descriptor was detached, unless the
-/// timer was armed anew or disarmed in the meantime. That is what a client needs whose timer stands
-/// for "try again": it never fires into a connection that works.
+/// timer was armed again or disarmed in the meantime. That is what a client needs whose timer
+/// stands for "try again": it never fires into a connection that works.
 KELVO_API Ptr<Timer> getTimer(TimeoutHandler* handler,
                               const FdEventHandler* unlessAttached = nullptr);
 
