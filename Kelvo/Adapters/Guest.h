@@ -9,8 +9,8 @@
 /// Adapters let a foreign event loop, the host, carry this library's: servers and asynchronous
 /// clients then live in an application that is built on GLib, Qt, sd-event, libuv, Asio or a plain
 /// poll. An adapter watches the one descriptor of this thread's loop, level-triggered, and makes
-/// one turn without waiting each time the host reports it readable; timers come through it too. One
-/// turn at a time, so that the host's own events get theirs under load.
+/// one turn without waiting each time the host reports it readable; timers come through it too. It
+/// makes one turn at a time, so that the host's own events get their turns under load.
 ///
 /// What all adapters have in common:
 ///  - They belong to the thread that makes them, and the host is run on that thread.

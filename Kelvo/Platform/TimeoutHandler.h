@@ -30,12 +30,11 @@ class KELVO_API TimeoutHandler {
 /// A one-shot timer on the monotonic clock. Releasing it disarms it.
 class KELVO_API Timer : public Counted {
  public:
-  /// Leads to one `timeout()` call after `seconds`, which may be a fraction (finer than a
-  /// millisecond holds true). Replaces an expiry that is still pending. Zero or less: at the loop's
-  /// next turn. A timer expires at most once a millisecond: what would come sooner after its last
-  /// expiry is put off until then.
+  /// Calls `timeout()` once, after `seconds`, which may be a fraction; exact below a millisecond.
+  /// Replaces an expiry that is still pending. Zero or less: at the loop's next turn. A timer
+  /// expires at most once a millisecond: an earlier expiry waits until then.
   /// @throws Kelvo::Exception if `seconds` is not a number, or if the kernel refuses; the timer is
-  /// armed then all the same, and the loop tries again at its next turn.
+  /// armed even so, and the loop tries again at its next turn.
   virtual void arm(double seconds) = 0;
 
   /// Drops a pending expiry, also one that is due already. Does nothing without one.
