@@ -8,7 +8,6 @@ from programs import CONTESTANTS
 LABELS = {c.name: c.label for c in CONTESTANTS}
 WIDTH, LEFT, RIGHT = 860, 220, 130  # names at the left, room for the last figures at the right
 BAR, STEP, PANEL, TOP = 14, 22, 36, 96
-TICK = 20  # microseconds
 LEGEND = (("ours", "Tovik"), ("base", "baseline"), ("peer", "another system"))
 STYLE = """
   text { fill: #1d2630; font: 12px system-ui, "DejaVu Sans", sans-serif;
@@ -56,8 +55,8 @@ def _legend():
     yield _text(x, 50, "bar: half of all take less; line: 99 of 100")
 
 
-def _axis(most, scale, bottom):
-    for value in range(0, most + 1, TICK):
+def _axis(most, tick, scale, bottom):
+    for value in range(0, most + 1, tick):
         x = LEFT + value * scale
         yield _line(x, TOP - 14, x, bottom, "grid")
         yield _text(x, TOP - 18, f"{value} µs" if value else "0", "middle", "soft")
@@ -78,7 +77,9 @@ def render(results):
     panels = {name: scenarios["round trip"] for name, scenarios in results["placements"].items()}
     slowest = max(entry["latency"]["p99"] for entries in panels.values()
                   for entry in entries.values()) / 1000
-    most = TICK * math.ceil(slowest / TICK)
+    tick = next(digit * 10**power for power in range(1, 9) for digit in (1, 2, 5)
+                if digit * 10**power * 10 >= slowest)
+    most = tick * math.ceil(slowest / tick)
     scale = (WIDTH - LEFT - RIGHT) / most
     parts, y = [], TOP
     for name, entries in panels.items():
@@ -93,5 +94,5 @@ def render(results):
         "<title>Round trips of a request and its reply, in microseconds</title>",
         f"<style>{STYLE}</style>", _rect(0, 0, WIDTH, height, "ground"),
         _text(LEFT, 24, "Round trip of a request and its reply", kind="title"), *_legend(),
-        *_axis(most, scale, y - 8), *parts, _text(12, y + 8, results["heading"], kind="soft"),
+        *_axis(most, tick, scale, y - 8), *parts, _text(12, y + 8, results["heading"], kind="soft"),
         "</svg>", ""])
