@@ -47,6 +47,7 @@ FILES = {}  # Doxygen's names of the headers, and their pages
 # The examples of the reference, which the tests run: a page and the mark of a snippet in it.
 EXAMPLES = {
     "Tovik::Server": ("index.md", "snippet: server"),
+    "Tovik::Message": ("docs/recipes.md", "file: Values.h"),
     "Tovik::Connection": ("docs/recipes.md", "file: Values.h"),
     "Tovik::Client": ("index.md", "snippet: client"),
     "Tovik::AsyncClient": ("docs/tutorial.md", "file: follow.cpp"),
