@@ -51,12 +51,10 @@ EXAMPLES = {
     "Tovik::Connection": ("docs/recipes.md", "file: Values.h"),
     "Tovik::Client": ("index.md", "snippet: client"),
     "Tovik::AsyncClient": ("docs/tutorial.md", "file: follow.cpp"),
-    "Tovik::AsyncSender": ("docs/recipes.md", "file: Mirror.h"),
     "Tovik::Admission::Rule": ("docs/recipes.md", "file: Members.h"),
     "Tovik::Service": ("docs/service.md", "file: lamp.cpp"),
     "Tovik::Proxy": ("docs/service.md", "file: follow.cpp"),
     "Kelvo::Platform::EventLoop": ("docs/recipes.md", "file: InBackground.h"),
-    "Kelvo::Platform::TimeoutHandler": ("docs/recipes.md", "file: StallWatch.h"),
     "Kelvo::Platform::DebugRecord": ("docs/diagnostics.md", "snippet: sink"),
 }
 KINDS = {"variable": "attrib", "typedef": "type", "enum": "type"}  # of members, for Doxygen
