@@ -125,7 +125,7 @@ class Guides(unittest.TestCase):
         self.fails("$ echo $?\n1\n", "$ echo $?\n0\n", "echo")
 
     def test_whose_commands_do_not_end_or_do_not_say_what_they_should_fail(self):
-        snippets.LIMIT = 0.5
+        snippets.LIMIT = 2
         self.fails("<!-- terminal: second, goes on -->", "<!-- terminal: second -->", "an end of")
         self.fails('{"on":true}\n^C', '{"on":false}\n^C', "what the command that runs")
 

@@ -37,7 +37,8 @@ import tempfile
 import termios
 import time
 
-LIMIT = 30  # seconds for anything to happen; nothing normally takes three
+START = 30  # seconds for a shell to start
+LIMIT = 30  # seconds for anything else to happen; nothing normally takes three
 PROMPT = re.compile("\x1e(\\d+)\x1e\\Z")
 
 
@@ -108,7 +109,7 @@ class Terminal:
         self.pid, self.fd = pty.fork()
         if self.pid == 0:
             self._become_shell(folder, environment)
-        self.wait("its first prompt", self.status)
+        self.wait("its first prompt", self.status, START)
         self.printed = ""
 
     @staticmethod
@@ -146,12 +147,13 @@ class Terminal:
         prompt = PROMPT.search(self.printed)
         return prompt and int(prompt.group(1))
 
-    def wait(self, what, condition):
+    def wait(self, what, condition, limit=None):
         """Reads on until the condition yields something other than None."""
-        deadline = time.monotonic() + LIMIT
+        limit = limit or LIMIT
+        deadline = time.monotonic() + limit
         while condition() is None:
             if not select.select([self.fd], [], [], max(0, deadline - time.monotonic()))[0]:
-                raise Failure(f"in {LIMIT} s there was not {what}, but:\n{self.printed!r}")
+                raise Failure(f"in {limit} s there was not {what}, but:\n{self.printed!r}")
             try:
                 self.printed += self.decoder.decode(os.read(self.fd, 65536))
             except OSError:
