@@ -39,11 +39,12 @@
 /// In another user namespace the kernel shows every user that has no mapping here as 65534, and
 /// every such group likewise: that number stands for many, and rules treat them as one.
 
+/// Rules for the validator of a server.
 namespace Tovik::Admission {
 
 /// Decides about one client. Any callable that a server takes as its validator is a rule; one that
-/// returns `std::optional<bool>` may also say, with nothing, that it cannot tell. Who is not
-/// admitted for certain is refused:
+/// returns `std::optional<bool>` may also say, with nothing, that it cannot tell. A client
+/// that is not admitted for certain is refused:
 ///  - an empty callable admits nobody, and neither does anything combined from it;
 ///  - what cannot be told stays so under `!`, and in `&&` and `||` once it is asked for.
 ///
@@ -69,8 +70,8 @@ class Rule {
   /// True if it admits nobody because a callable is missing.
   bool empty() const { return !check_; }
 
-  /// Operands are asked from left to right, and no more of them than it takes. What stands behind a
-  /// refusal counts nothing: put limits last.
+  /// Operands are asked from left to right, and no more of them than it takes. What is not asked
+  /// counts nothing, so put limits last.
   /// @{
   friend Rule operator&&(Rule left, Rule right) {
     return combined(std::move(left), std::move(right), true);
@@ -143,8 +144,8 @@ inline Rule groups(std::unordered_set<unsigned> admitted) {
 }
 
 /// A token bucket for each user. A bucket holds up to `burst` tokens and regains `perSecond`; an
-/// admission takes one. Buckets that are full again are forgotten, so that memory follows the users
-/// of late and not all there ever were.
+/// admission takes one. Buckets that are full again are forgotten, so memory is needed for recent
+/// users only.
 class TokenBuckets {
  public:
   /// Does not jump when somebody sets the time.
@@ -222,7 +223,7 @@ inline Rule ratePerUser(
 /// cannot be told.
 using Count = std::function<std::optional<std::size_t>(unsigned uid)>;
 
-/// Each user may have so many connections at the same time. A validator does not hear of the end of
+/// Each user may have `limit` connections at the same time. A validator does not hear of the end of
 /// a connection, so no rule can keep that count by itself: it is asked for, each time a client is
 /// judged. Give `OpenConnections`, or a count that the application keeps.
 inline Rule limitPerUser(std::size_t limit, Count count) {

@@ -8,6 +8,7 @@
 
 #include "Kelvo/Export.h"
 
+/// The base library: strings, counted handles and exceptions.
 namespace Kelvo {
 
 /// A string of bytes in no particular encoding. It may hold NUL bytes; `data()` always ends in one

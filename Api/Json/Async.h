@@ -12,7 +12,7 @@ namespace Tovik {
 
 /// The sending and reading half of a connection that lives in the event loop; `Connection` and
 /// `AsyncClient` derive from it. It owns a non-blocking socket from `setFd` until
-/// `terminateConnection`, and the texts that wait to be written.
+/// `terminateConnection`, and the payloads that wait to be written.
 ///
 /// Detached, it queues what it is told to send. Attached, it writes at once and keeps what the
 /// socket cannot take until the loop reports the socket writable again. The queue has no bound and
@@ -30,15 +30,15 @@ class TOVIK_API AsyncSender : public Kelvo::Platform::FdEventHandler {
   ~AsyncSender() override;
 
   /// Makes `fd`, connected and non-blocking, this sender's socket and owns it from then on. A
-  /// connection held so far is terminated first. Texts that wait are not written until the next
+  /// connection held so far is terminated first. Payloads that wait are not written until the next
   /// `asyncSendMsg`.
   /// @throws Kelvo::Exception if the event loop cannot watch it; `fd` is then still the caller's.
   void setFd(int fd);
 
-  /// Queues the message's compact text behind what waits already, then flushes.
+  /// Queues the message's compact text after what waits already, then flushes.
   void asyncSendMsg(const Message& msg);
 
-  /// Writes queued texts, one record each, until none is left or the socket takes no more.
+  /// Writes queued payloads, one record each, until none is left or the socket takes no more.
   void flushQueue();
 
   /// Reads all that the socket holds into `out`. A record is cut at its first NUL byte and at 4095
@@ -52,7 +52,7 @@ class TOVIK_API AsyncSender : public Kelvo::Platform::FdEventHandler {
   /// calls this one first.
   virtual void terminateConnection();
 
-  /// Drops every queued text and gives back the storage of a backlog, sent or not. Never throws.
+  /// Drops every queued payload and frees the storage of a backlog, sent or not. Never throws.
   void clearQueue();
 
   /// True from `setFd` until the connection ends.
@@ -65,9 +65,9 @@ class TOVIK_API AsyncSender : public Kelvo::Platform::FdEventHandler {
 
   /// Empty while there is no socket.
   Kelvo::Ptr<Kelvo::Platform::FdControl> fdControl_;
-  /// The texts that wait, oldest first.
+  /// The payloads that wait, oldest first.
   std::deque<Kelvo::String> sendQueue_;
-  /// 4096: a reader's bytes and the NUL behind them.
+  /// 4096: a reader's bytes and a NUL.
   const int readBufferSize_;
 };
 

@@ -58,7 +58,7 @@ class TOVIK_API Client {
 
 /// The client for the event loop: connects by itself, and again one interval after each loss or
 /// failed attempt, without end; while connected it stays connected. What it does not do is resend:
-/// texts that wait are dropped at a loss, while those queued before the first connection, or
+/// payloads that wait are dropped at a loss, while those queued before the first connection, or
 /// between two, go out with the next message sent after connecting.
 ///
 /// It lives on the event loop of the thread that makes it, and is used on that thread only. Both

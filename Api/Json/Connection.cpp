@@ -1,13 +1,13 @@
-// One client of a server: read event -> text -> message -> notification switch or handler -> reply.
+// One client of a server: read event -> payload -> message -> switch or handler -> reply.
 //
-// readFdEvent takes one text from the socket. No text is the end of the connection; text that is
-// not JSON is logged and dropped; what remains is a message. handleNotifMsg takes the notification
-// switch out of them and applies it. All others go to the application's handler, which answers with
-// acknowledge or sendMsg, now or later, or not at all: the connection never answers by itself, but
-// for the switch. acknowledge is silent for a dead connection and for a subscribed one.
+// readFdEvent takes one payload from the socket. An empty one is the end of the connection; one
+// that is not JSON is logged and dropped; what remains is a message. handleNotifMsg takes the
+// notification switch out of them and applies it. All others go to the application's handler, which
+// answers with acknowledge or sendMsg, now or later, or not at all: the connection never answers by
+// itself, but for the switch. acknowledge is silent for a dead connection and for a subscribed one.
 //
 // The handler may do anything, ending this connection or its server included. So it comes last: no
-// member is touched after it. Whoever drops the connection meanwhile lets the running callback
+// member is touched after it. What drops the connection meanwhile lets the running callback
 // share it, so that the handler and what it has captured stay until it returns.
 
 #include "Api/Json/Connection.h"

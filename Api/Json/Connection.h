@@ -15,10 +15,10 @@ namespace Tovik {
 ///
 /// Each record that arrives is parsed as one message. The notification switch, an object with
 /// "command" = "set" and a boolean "notification", subscribes the client or ends its subscription
-/// and is consumed here; everything else goes to the handler. Text that is not JSON is logged and
-/// dropped, and the connection goes on. JSON of the wrong shape (a root that is no object, a
-/// "command" beside "notification" that is no string) ends the process by assertion: only trusted
-/// peers are to be admitted.
+/// and is consumed here; everything else goes to the handler. A payload that is not JSON is
+/// logged and dropped, and the connection goes on. JSON of the wrong shape (a root that is no
+/// object, or a "command" that is no string next to a "notification") ends the process by
+/// assertion: admit trusted peers only.
 ///
 /// A failed or empty read ends the connection: it is dead from then on, sends nothing, and stays in
 /// the server's set until that frees it. The handler may use the connection freely, turn the loop,

@@ -10,7 +10,7 @@
 //   F_GETFL fails        logged
 //   F_SETFL fails        logged; the client stays open, on purpose
 //
-// Behind them it is a Connection, which watches its own socket. It is dead once it has let go of
+// After them it is a Connection, which watches its own socket. It is dead once it has let go of
 // its registration, stays in the set until the next read event or freeDeadConnections, and
 // outlives its own running handler in any case. notifyClients does not look for the dead: their
 // send path drops what they get.
@@ -103,7 +103,7 @@ void Server::readFdEvent(int fd) {
     TOVIK_LOG(0, "Server::readFdEvent: Failed to accept() -> " << std::strerror(errno));
     return;
   }
-  // The validator may turn the loop, and thereby accept others or free connections. All that is
+  // The validator may turn the loop, which may accept others or free connections. All that is
   // used below is this client's descriptor and the server, which it may not destroy.
   if (!validateConnection(client)) {
     ::close(client);

@@ -57,7 +57,7 @@ class TOVIK_API Server : public Kelvo::Platform::FdEventHandler {
   void readFdEvent(int fd) override;
   /// Never asked for; does nothing.
   void writeFdEvent(int fd) override;
-  /// The validator's word on the client behind `fd`; false if its credentials cannot be read.
+  /// The validator's word on the client at `fd`; false if its credentials cannot be read.
   bool validateConnection(int fd) const;
 
  private:

@@ -7,6 +7,7 @@
 #include "Kelvo/Exception.h"
 #include "Kelvo/String.h"
 
+/// Servers, their connections, clients and messages.
 namespace Tovik {
 
 /// One message: a JSON document, built and read with RapidJSON's own interface. It moves but does

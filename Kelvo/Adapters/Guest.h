@@ -9,8 +9,8 @@
 /// Adapters let a foreign event loop, the host, carry this library's: servers and asynchronous
 /// clients then live in an application that is built on GLib, Qt, sd-event, libuv, Asio or a plain
 /// poll. An adapter watches the one descriptor of this thread's loop, level-triggered, and makes
-/// one turn without waiting each time the host reports it readable; timers come through it too. One
-/// turn at a time, so that the host's own events get theirs under load.
+/// one turn without waiting each time the host reports it readable; timers come through it too. It
+/// makes one turn at a time, so that the host's own events get their turns under load.
 ///
 /// What all adapters have in common:
 ///  - They belong to the thread that makes them, and the host is run on that thread.
@@ -22,9 +22,10 @@
 ///    so nothing is lost, and the host may be run again afterwards unless its own rules forbid it.
 ///  - `EventLoop::stop` ends `EventLoop::run`, not a host: use the host's own way to stop.
 
+/// The event loop inside foreign ones.
 namespace Kelvo::Adapters {
 
-/// This thread's event loop as the guest of a foreign one. Adapters are made of it.
+/// This thread's event loop as the guest of a foreign one: what adapters are made of.
 class Guest {
  public:
   Guest() : loop_(Platform::EventLoop::current()) {}

@@ -54,7 +54,7 @@ class KELVO_API RawDebugHandler {
   RawDebugHandler& operator=(const RawDebugHandler&) = delete;
   virtual ~RawDebugHandler();
 
-  /// True when records of this level (0 to 31) are wanted now. Ask anew for every record.
+  /// True when records of this level (0 to 31) are wanted now. Ask again for every record.
   bool enabled(int level) const noexcept {
     return ((mask_.load(std::memory_order_relaxed) >> level) & 1U) != 0;
   }

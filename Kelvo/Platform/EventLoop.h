@@ -34,10 +34,10 @@
 ///    the other order a duplicate in a child process could keep reporting for ever.
 ///
 /// **Deferred events**
-///  - What a callback can do nothing about, such as a client to accept while no descriptor can be
-///    opened, would be reported again at once and for ever. Only the handler knows, so it says so,
-///    `deferReadEvent` or `deferWriteEvent`, and the event comes back after 1, 2, 4 ... up to
-///    100 ms. The loop itself slows nothing down.
+///  - An event that a callback cannot deal with now, such as a client to accept while no
+///    descriptor is left, would be reported again at once, for ever. Only the handler knows that:
+///    it calls `deferReadEvent` or `deferWriteEvent`, and the event comes back after 1, 2, 4 ... up
+///    to 100 ms. The loop delays nothing by itself.
 ///
 /// **Timers**
 ///  - Monotonic, in seconds as `double`, exact below a millisecond; zero and less mean the next
@@ -48,9 +48,9 @@
 ///
 /// **Callbacks**
 ///  - They may attach, detach, arm and destroy anything, themselves included, may stop the loop,
-///    and may run turns of the same loop; after a nested turn the outer one drops the rest of its
-///    batch, which is reported again. An owner that must not destroy a handler whose callback runs
-///    hands its share to `FdEventHandler::keepWhileRunning`.
+///    and may run turns of the same loop. After a nested turn, the outer turn discards its
+///    remaining events; they are reported again. An owner that must not destroy a handler whose
+///    callback runs hands its share to `FdEventHandler::keepWhileRunning`.
 ///  - An exception out of a callback is first shown to its handler's hook (`handleFdException`,
 ///    `handleTimeoutException`). If the hook returns false, the exception leaves `run`, `runOnce`
 ///    or `dispatch`. The loop stays usable and no other event is lost.
@@ -76,6 +76,7 @@
 ///    Detaching, disarming and destroying are allowed there and leave the parent's registrations
 ///    alone. `renewAfterFork` gives it a loop of its own.
 
+/// The event loop, and the debug channels.
 namespace Kelvo::Platform {
 
 class LoopCore;
@@ -101,10 +102,10 @@ class KELVO_API EventLoop {
   /// @throws Kelvo::Exception if the kernel refuses the descriptors; the old loop then stays.
   static void renewAfterFork();
 
-  /// Turns until `stop` is called. A stop that was called while nothing ran ends it at once.
+  /// Turns until `stop` is called. Returns at once if that was called while nothing ran.
   void run();
 
-  /// Makes `run` return after the turn at hand. From any thread, a callback or a signal handler. If
+  /// Makes `run` return after the current turn. From any thread, a callback or a signal handler. If
   /// an exception ends that turn and with it `run`, the next `run` returns at once.
   void stop() noexcept;
 
@@ -135,8 +136,8 @@ class KELVO_API EventLoop {
   /// Called on the loop's thread.
   Remote remote() const;
 
-  /// One turn, which waits for at most `timeout` (for ever if negative, less long if a signal
-  /// arrives). True when a callback was made.
+  /// One turn, which waits for at most `timeout`, for ever if negative; a signal ends the wait.
+  /// True when a callback was made.
   bool runOnce(std::chrono::milliseconds timeout);
 
   /// The descriptor for a foreign loop to watch. Owned by this loop; only ever to be polled.

@@ -38,12 +38,11 @@ class KELVO_API FdEventHandler {
  protected:
   FdEventHandler() = default;
 
-  /// Called in `readFdEvent` or in `writeFdEvent` respectively: what was reported cannot be dealt
-  /// with now, for a reason that outlasts this callback, such as a limit that is reached or a
-  /// record that the socket never takes. The event is then reported again after 1 ms, twice as late
-  /// each further time up to 100 ms, and at once again after a callback that does not say so.
-  /// Attaching, detaching and, for writing, switching write interest off and on start over. Called
-  /// elsewhere these do nothing.
+  /// For `readFdEvent` and `writeFdEvent` respectively, when they cannot deal with the event for a
+  /// reason that lasts, such as a limit that is reached or a record that the socket never takes.
+  /// The event is reported again after 1 ms, and then after twice as long each time, up to 100 ms.
+  /// A callback that does not defer starts over, and so does attaching, detaching and, for writing,
+  /// switching write interest off and on. Called elsewhere these do nothing.
   ///
   /// The kernel reports errors and hang-ups unasked, so while a read event is deferred it is asked
   /// for nothing, and write events wait as well.

@@ -30,12 +30,11 @@ class KELVO_API TimeoutHandler {
 /// A one-shot timer on the monotonic clock. Releasing it disarms it.
 class KELVO_API Timer : public Counted {
  public:
-  /// Leads to one `timeout()` call after `seconds`, which may be a fraction (finer than a
-  /// millisecond holds true). Replaces an expiry that is still pending. Zero or less: at the loop's
-  /// next turn. A timer expires at most once a millisecond: what would come sooner after its last
-  /// expiry is put off until then.
+  /// Calls `timeout()` once, after `seconds`, which may be a fraction; exact below a millisecond.
+  /// Replaces an expiry that is still pending. Zero or less: at the loop's next turn. A timer
+  /// expires at most once a millisecond: an earlier expiry waits until then.
   /// @throws Kelvo::Exception if `seconds` is not a number, or if the kernel refuses; the timer is
-  /// armed then all the same, and the loop tries again at its next turn.
+  /// armed even so, and the loop tries again at its next turn.
   virtual void arm(double seconds) = 0;
 
   /// Drops a pending expiry, also one that is due already. Does nothing without one.
@@ -45,8 +44,8 @@ class KELVO_API Timer : public Counted {
 /// A fresh timer, bound to `handler` and to the calling thread's event loop; `handler` must outlive
 /// it. With `unlessAttached`, an expiry is withheld while that handler has a descriptor attached to
 /// the same loop: it is delivered at the first turn after the descriptor was detached, unless the
-/// timer was armed anew or disarmed in the meantime. That is what a client needs whose timer stands
-/// for "try again": it never fires into a connection that works.
+/// timer was armed again or disarmed in the meantime. That is what a client needs whose timer
+/// stands for "try again": it never fires into a connection that works.
 KELVO_API Ptr<Timer> getTimer(TimeoutHandler* handler,
                               const FdEventHandler* unlessAttached = nullptr);
 

@@ -21,7 +21,7 @@ import sys
 import threading
 import time
 
-import breakages
+import mutants
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 WORK = ROOT / "build/mutate"
@@ -64,7 +64,7 @@ def digest(content):
 
 def version(text):
     """Of a source: the same as long as only its comments change."""
-    return digest(breakages.without_comments(text).encode())
+    return digest(mutants.without_comments(text).encode())
 
 
 # --- the copy of the tree ---
@@ -333,7 +333,7 @@ def main():
 
     texts = {file: (ROOT / file).read_text() for file in sources()}
     possible = [mutant for file, text in texts.items()
-                for mutant in breakages.mutants(file, text)]
+                for mutant in mutants.mutants(file, text)]
     explained = load_explained()
     stale = set(explained) - {place(mutant) for mutant in possible}
     for entry in sorted(stale):

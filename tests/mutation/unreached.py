@@ -8,7 +8,7 @@ import re
 import subprocess
 import sys
 
-import breakages
+import mutants
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 LIST = ROOT / "tests/mutation/unreached"
@@ -66,7 +66,7 @@ def main():
     totals, missing, files = collections.Counter(), collections.defaultdict(list), {}
     for (file, number), functions in sorted(counts(map(pathlib.Path, sys.argv[1:])).items()):
         if file not in files:
-            files[file] = breakages.Source(file, (ROOT / file).read_text())
+            files[file] = mutants.Source(file, (ROOT / file).read_text())
         lines = files[file].text.splitlines(keepends=True)
         text = lines[number - 1].strip()
         if text in ("}", "};", "{"):

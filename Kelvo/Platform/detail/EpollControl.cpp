@@ -3,7 +3,7 @@
 //
 // Readiness is level-triggered, so an event with which the handler can do nothing would come again
 // at once and for ever: clients that cannot be accepted, a record that the socket does not take.
-// Only the handler knows that; whoever guesses from outside slows a healthy one down, or lets an
+// Only the handler knows that; a guess from outside slows a healthy one down, or lets an
 // unusual failure spin. So the handler says it (`deferReadEvent`, `deferWriteEvent`), and the event
 // is not asked of the kernel during a pause of 1, 2, 4 ... up to 100 ms. Each of the two events has
 // its own pause, a timer of the loop:

@@ -9,7 +9,7 @@
 // So nothing is held across one, and everything it may have changed is looked up after it. Tokens
 // carry a generation, so one whose descriptor was closed and opened again is not found. Turns have
 // numbers, so an outer turn sees that another one has run inside its callback, and drops the rest
-// of its batch: the kernel reports it again. Timers that are armed during a turn queue behind its
+// of its batch: the kernel reports it again. Timers that are armed during a turn queue after its
 // mark. The kernel reports 64 descriptors at a time and takes turns among them, so after a full
 // batch the mailbox and the timers are looked at unasked.
 //

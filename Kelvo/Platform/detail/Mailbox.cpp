@@ -58,7 +58,7 @@ bool Mailbox::inOwnerProcess() const noexcept {
 
 // --- from any thread ---
 
-// From another thread the request travels through the descriptor alone. A flag beside it could be
+// From another thread the request travels through the descriptor alone. A flag as well could be
 // seen first, and the loop's thread could end, and the loop with it, while this call still uses it.
 void Mailbox::requestStop() noexcept {
   if (!inOwnerProcess()) {
