@@ -29,9 +29,9 @@ using Sink = std::function<void(const DebugRecord&)>;
 std::string timestamp() {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
-  const long second = now.tv_sec % 86400;
-  const long days = now.tv_sec / 86400 + 719468;  // since 1 March of the year 0
-  const long era = days / 146097;                 // of 400 years
+  const auto second = static_cast<long>(now.tv_sec % 86400);
+  const auto days = static_cast<long>(now.tv_sec / 86400 + 719468);  // since 1 March of the year 0
+  const long era = days / 146097;                                    // of 400 years
   const long dayOfEra = days % 146097;
   const long yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
   const long dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);

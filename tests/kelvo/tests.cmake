@@ -11,8 +11,3 @@ tovik_test(kelvo_timer_test kelvo/TimerTest.cpp)
 tovik_test(kelvo_fork_test kelvo/ForkTest.cpp)
 tovik_test(kelvo_deferred_event_test kelvo/DeferredEventTest.cpp)
 tovik_test(kelvo_refused_page_test kelvo/RefusedPageTest.cpp)
-
-if(TOVIK_SANITIZE) # whose instrumentation makes GCC see false alarms in <regex>
-  target_compile_options(kelvo_debug_test
-                         PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
-endif()
