@@ -328,7 +328,7 @@ bool LoopCore::programTimer() noexcept {
   itimerspec setting{};
   if (wanted != kDisarmed) {
     setting.it_value.tv_sec = std::chrono::duration_cast<std::chrono::seconds>(wanted).count();
-    setting.it_value.tv_nsec = (wanted % std::chrono::seconds(1)).count();
+    setting.it_value.tv_nsec = static_cast<long>((wanted % std::chrono::seconds(1)).count());
   }
   if (timerfd_settime(timer_.fd(), TFD_TIMER_ABSTIME, &setting, nullptr) != 0) {
     return false;
