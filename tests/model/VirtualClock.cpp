@@ -33,15 +33,21 @@ void applyDeadline() {
   ::poll(&query, 1, -1);
 }
 
+#ifdef SYS_clock_gettime64  // on 32-bit machines, the call with this timespec
+constexpr long kClockGettime = SYS_clock_gettime64;
+#else
+constexpr long kClockGettime = SYS_clock_gettime;
+#endif
+
 }  // namespace
 
 extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept {
   if (clock != CLOCK_MONOTONIC) {
-    return static_cast<int>(::syscall(SYS_clock_gettime, clock, time));
+    return static_cast<int>(::syscall(kClockGettime, clock, time));
   }
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(current);
   time->tv_sec = seconds.count();
-  time->tv_nsec = (current - seconds).count();
+  time->tv_nsec = static_cast<long>((current - seconds).count());
   return 0;
 }
 

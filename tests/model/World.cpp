@@ -48,13 +48,13 @@ int nextDescriptor() {
 }
 
 /// Real seconds, which the virtual clock does not stop.
-long realSeconds() {
+std::time_t realSeconds() {
   timespec time{};
   clock_gettime(CLOCK_MONOTONIC_RAW, &time);
   return time.tv_sec;
 }
 
-constexpr long kPatience = 20;  // seconds
+constexpr int kPatience = 20;  // seconds
 
 Report* sharedReport() {
   void* const memory =
@@ -243,7 +243,7 @@ void World::settle() {
 /// A server of this process is done when the loop is. Of one in a child, and of what it sends to
 /// clients in the loop, the model knows how much is to come.
 void World::turnUntilTheServerIsDone() {
-  const long deadline = realSeconds() + kPatience;
+  const auto deadline = realSeconds() + kPatience;
   const auto isDone = [this] {
     bool done = !model_.up || (report_->readEvents == model_.readEvents &&
                                report_->validations == model_.validations);
@@ -325,7 +325,7 @@ void World::compareLog() {
 
 void World::drain(unsigned place) {
   Link& link = *model_.clients[place].link;
-  const long deadline = realSeconds() + kPatience;
+  const auto deadline = realSeconds() + kPatience;
   while (true) {
     const std::string expected = model_.next(place);
     const std::string actual = receive(place);
