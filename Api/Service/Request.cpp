@@ -1,5 +1,6 @@
 // One call's answers: each becomes the text of a record, or a refusal that says why it cannot.
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -25,7 +26,7 @@ std::optional<std::string> textOf(const Answer& answer) {
   if (answer.id.has_value()) {
     text += R"(,"id":)" + std::to_string(*answer.id);
   }
-  if (answer.result != nullptr) {
+  if (answer.result != nullptr && !answer.result->IsNull()) {
     const auto result = Convention::textOf(*answer.result);
     if (!result.has_value()) {
       return std::nullopt;
@@ -36,6 +37,16 @@ std::optional<std::string> textOf(const Answer& answer) {
     text += R"(,"error":)" + Convention::quoted(answer.error);
   }
   return text + (answer.more ? R"(,"more":true})" : "}");
+}
+
+/// As much of a text, in whole characters, as a record holds whatever they are.
+std::string_view shortened(std::string_view text) {
+  constexpr std::size_t kLongest = 500;  // bytes, each of which may take six
+  auto size = std::min(text.size(), kLongest);
+  while (0 < size && size < text.size() && (text[size] & 0xC0) == 0x80) {
+    --size;
+  }
+  return text.substr(0, size);
 }
 
 }  // namespace
@@ -113,7 +124,7 @@ bool Request::Call::send(unsigned status, const rapidjson::Value* result, std::s
     isAnswered = isAnswered || !more;
     return false;
   }
-  auto text = textOf({status, id, result, error, more});
+  auto text = textOf({status, id, result, shortened(error), more});
   if (!text.has_value()) {
     send(EINVAL, nullptr, "the result holds a number that JSON cannot express", false);
     return false;

@@ -465,12 +465,12 @@ class Service:
         call.reply(0, part)
 
     def _entries(self) -> Iterator[Tuple[str, Message]]:
-        for name, command in self._commands.items():
+        for name, command in sorted(self._commands.items()):
             yield "commands", {
                 "name": name, "description": command.description, "arguments": [
                     {"name": each, "type": _TYPES[argument.type], "required": argument.required,
                      "description": argument.description}
                     for each, argument in command.arguments.items()]}
-        for name, topic in self._topics.items():
+        for name, topic in sorted(self._topics.items()):
             yield "topics", {"name": name, "description": topic.description,
                              "keepsLast": topic.keeps_last}

@@ -24,6 +24,17 @@ tovik_python_test(Service test_service)
 tovik_python_test(Proxy test_proxy)
 tovik_python_test(Readme test_readme)
 
+set(peer CONFORMANCE_PEER=$<TARGET_FILE:conformance_peer>)
+foreach(class IN ITEMS Services Callers Pairs)
+  tovik_python_test(Conformance_${class} test_conformance.${class} ENVIRONMENT ${peer})
+endforeach()
+set(tovik)
+if(TARGET tovik_tool)
+  set(tovik TOVIK=$<TARGET_FILE:tovik_tool>)
+endif()
+tovik_python_test(Conformance_Command test_conformance.Command NEEDS tovik
+                  ENVIRONMENT ${peer} ${tovik})
+
 set(hostmon)
 if(TARGET hostmon)
   set(hostmon HOSTMON=$<TARGET_FILE:hostmon>)

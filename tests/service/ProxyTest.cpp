@@ -315,14 +315,6 @@ TEST_F(ProxyOfAPlainServer, DoesNotTakeALateReplyForAnothers) {
   EXPECT_EQ(ask(object("status", 2)).status, 2U) << "over another connection";
 }
 
-TEST_F(ProxyOfAPlainServer, KeepsThePlaceOfACallThatTimedOutFirst) {
-  call(object("command", "none"), 1ms);
-  EXPECT_EQ(next().end, Outcome::kTimedOut);
-  call(object("status", 7), 20ms);
-  EXPECT_EQ(next().end, Outcome::kTimedOut) << "its reply stood for the first one's";
-  EXPECT_EQ(ask(object("status", 8)).status, 8U);
-}
-
 TEST_F(ProxyOfAPlainServer, GetsItsOwnMessages) {
   std::vector<std::string> types;
   proxy_->onMessage([&types](const Tovik::Message& message) {
@@ -378,6 +370,17 @@ TEST_F(ProxyOfAStranger, IsNotEndedByASilentOne) {
     EXPECT_EQ(outcome.status, 16U);
   }
   EXPECT_TRUE(proxy_->isConnected());
+}
+
+TEST_F(ProxyOfAStranger, KeepsNoMoreCallsThanABoundForOneThatAnswersNothing) {
+  std::string loss;
+  proxy_->onLoss([&loss](const std::string& reason) { loss = reason; });
+  for (int i = 0; i <= 100; ++i) {
+    call(object("command", "x"), 0s);
+  }
+  ASSERT_TRUE(turnUntil([&loss] { return !loss.empty(); }));
+  EXPECT_EQ(loss, "the server does not answer");
+  EXPECT_EQ(outcomes_.size(), 101U);
 }
 
 }  // namespace
