@@ -3,6 +3,7 @@
 CONFORMANCE_PEER is the service and the callers in C++; TOVIK the command, which is both, too.
 """
 
+import asyncio
 import collections
 import json
 import os
@@ -257,3 +258,50 @@ class Command(Pairs):
             with self.serve([os.environ["TOVIK"], "serve", self.name, "--describe", file.name]):
                 outcome = tovik.call(self.name, {"command": "describe"}, support.DEADLINE)
         self.assertEqual(outcome.result, SUITE["description"])
+
+    def test_describes_services(self):
+        for language, peer in PEERS.items():
+            self.setUp()
+            with self.subTest(service=language), self.serve([*peer, "serve", self.name]):
+                page = subprocess.check_output(
+                    [os.environ["TOVIK"], "describe", self.name, "--json", "short"])
+                self.assertEqual(json.loads(page), {"name": self.name, **SUITE["description"]})
+
+    def test_follows_topics_of_services_across_restarts(self):
+        for language, peer in PEERS.items():
+            self.setUp()
+            monitor = [os.environ["TOVIK"], "monitor", self.name, "--topic", "state"]
+            with self.subTest(service=language), Program(monitor) as tool:
+                for value in (1, 3):
+                    with self.serve([*peer, "serve", self.name]):
+                        self.publish("state", value)
+                        self.assertEqual(self.event(tool), {"value": value})
+                        self.publish("plain", 0)
+                        self.publish("state", value + 1)
+                        self.assertEqual(self.event(tool), {"value": value + 1})
+
+    def publish(self, topic, value):
+        call = {"command": "publish", "topic": topic, "value": value}
+        self.assertEqual(tovik.call(self.name, call, support.DEADLINE).status, 0)
+
+    def event(self, tool):
+        """Without its snapshot's mark: the command subscribes before or after it was published."""
+        event = json.loads(tool.process.stdout.readline())
+        self.assertEqual((event.pop("type"), event.pop("topic")), ("event", "state"))
+        event.pop("snapshot", None)
+        return event
+
+
+class CommandAndALongDescription(support.AsyncCase):
+    async def test_puts_its_parts_together(self):
+        name = support.unique_name()
+        async with tovik.Service(name, lambda peer: True) as service:
+            for number in range(100):
+                service.topic(f"t{number:02}", "x" * 100)
+            tool = await asyncio.create_subprocess_exec(
+                os.environ["TOVIK"], "describe", name, "--json", "short",
+                stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            output, errors = await self.within(tool.communicate())
+        self.assertEqual((tool.returncode, errors), (0, b""))
+        self.assertEqual([topic["name"] for topic in json.loads(output)["topics"]],
+                         [f"t{number:02}" for number in range(100)])

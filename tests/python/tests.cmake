@@ -32,8 +32,10 @@ set(tovik)
 if(TARGET tovik_tool)
   set(tovik TOVIK=$<TARGET_FILE:tovik_tool>)
 endif()
-tovik_python_test(Conformance_Command test_conformance.Command NEEDS tovik
-                  ENVIRONMENT ${peer} ${tovik})
+foreach(class IN ITEMS Command CommandAndALongDescription)
+  tovik_python_test(Conformance_${class} test_conformance.${class} NEEDS tovik
+                    ENVIRONMENT ${peer} ${tovik})
+endforeach()
 
 set(hostmon)
 if(TARGET hostmon)
