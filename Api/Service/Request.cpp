@@ -103,36 +103,32 @@ Request::Call::~Call() {
   });
 }
 
+/// What cannot be sent ends the call, with a reason that can.
 bool Request::Call::answer(unsigned status, const rapidjson::Value* result, std::string_view error,
                            bool more) {
   if (isAnswered) {
     TOVIK_SERVICE_LOG(0, "a call that has been answered is answered again; this is not sent");
     return false;
   }
-  if (more && !id.has_value()) {
-    send(EMSGSIZE, nullptr, "the answer takes several records: give the call an id", false);
-    return false;
-  }
-  return send(status, result, error, more);
-}
-
-/// What does not fit into a record or into JSON ends the call, with a reason that does.
-bool Request::Call::send(unsigned status, const rapidjson::Value* result, std::string_view error,
-                         bool more) {
   const auto to = session.lock();
   if (to == nullptr || !to->isOpen()) {
-    isAnswered = isAnswered || !more;
+    isAnswered = !more;
     return false;
+  }
+  const auto refused = [this](int why, const std::string& explained) {
+    answer(static_cast<unsigned>(why), nullptr, explained, false);
+    return false;
+  };
+  if (more && !id.has_value()) {
+    return refused(EMSGSIZE, "the answer takes several records: give the call an id");
   }
   auto text = textOf({status, id, result, shortened(error), more});
   if (!text.has_value()) {
-    send(EINVAL, nullptr, "the result holds a number that JSON cannot express", false);
-    return false;
+    return refused(EINVAL, "the result holds a number that JSON cannot express");
   }
   if (text->size() > Convention::kLongestRecord) {
-    send(EMSGSIZE, nullptr, "the answer of " + std::to_string(text->size()) + " bytes is too long",
-         false);
-    return false;
+    return refused(EMSGSIZE,
+                   "the answer of " + std::to_string(text->size()) + " bytes is too long");
   }
   isAnswered = !more;
   if (isAnswered && isInFlight) {

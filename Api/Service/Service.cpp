@@ -48,51 +48,23 @@ void requireNew(bool isNew, const std::string& what) {
   }
 }
 
-/// Puts entries of lists together into objects, each at most one part long.
-class Parts {
- public:
-  Parts(Request request, std::string head) : request_(std::move(request)), text_(std::move(head)) {}
+Message parsed(const std::string& text) {
+  Message msg;
+  Convention::parse(msg, text.c_str());
+  return msg;
+}
 
-  /// Once a part was refused, the caller knows, and nothing more is sent.
-  void add(const char* list, const std::string& entry) {
-    if (!request_.isOpen()) {
-      return;
-    }
-    const std::string begin = R"(")" + std::string(list) + R"(":[)";
-    if (text_.size() + begin.size() + entry.size() > kLongestPart) {
-      request_.more(part());
-      text_ = "{";
-      list_ = nullptr;
-    }
-    if (list_ == list) {
-      text_ += "," + entry;
-      return;
-    }
-    closeList();
-    text_ += (text_ == "{" ? "" : ",") + begin + entry;
-    list_ = list;
+/// A part of a description with one more entry in one of its lists.
+Message longer(const Message& part, const char* list, const std::string& entry) {
+  Message msg;
+  auto& memory = msg.GetAllocator();
+  msg.CopyFrom(part, memory);
+  if (!msg.HasMember(list)) {
+    msg.AddMember(rapidjson::StringRef(list), rapidjson::Value(rapidjson::kArrayType), memory);
   }
-
-  void finish() {
-    if (request_.isOpen()) {
-      request_.reply(part());
-    }
-  }
-
- private:
-  void closeList() { text_ += list_ == nullptr ? "" : "]"; }
-
-  Message part() {
-    closeList();
-    Message msg;
-    Convention::parse(msg, (text_ + "}").c_str());
-    return msg;
-  }
-
-  Request request_;
-  std::string text_;
-  const char* list_ = nullptr;
-};
+  msg[list].PushBack(rapidjson::Value(parsed(entry), memory), memory);
+  return msg;
+}
 
 }  // namespace
 
@@ -100,14 +72,11 @@ class Parts {
 
 Listener::Listener(const std::string& name, Service::Admission admission, Admitted admitted)
     : Server(name, {},
-             [this](int pid, unsigned uid, unsigned gid) { return remember(pid, uid, gid); }),
-      admission_(std::move(admission)),
+             [this, admission = std::move(admission)](int pid, unsigned uid, unsigned gid) {
+               peer_ = {pid, uid, gid};
+               return admission(pid, uid, gid);
+             }),
       admitted_(std::move(admitted)) {}
-
-bool Listener::remember(int pid, unsigned uid, unsigned gid) {
-  peer_ = {pid, uid, gid};
-  return admission_(pid, uid, gid);
-}
 
 void Listener::readFdEvent(int fd) {
   const int client = ::accept4(fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
@@ -129,10 +98,8 @@ void Listener::readFdEvent(int fd) {
 Service::Core::Core(std::string serviceName, Admission admission, ServiceOptions serviceOptions)
     : name((Convention::requireName(serviceName), std::move(serviceName))),
       options(std::move(serviceOptions)),
-      head(described(object("name", name, "description", options.description), "the service")),
-      listener(name, std::move(admission), [this](int fd, const ucred& peer) { join(fd, peer); }) {
-  head.pop_back();  // the brace
-}
+      itself(described(object("name", name, "description", options.description), "the service")),
+      listener(name, std::move(admission), [this](int fd, const ucred& peer) { join(fd, peer); }) {}
 
 Service::Core::~Core() {
   for (const auto& [number, session] : sessions) {
@@ -194,15 +161,28 @@ int Service::Core::publish(std::string_view topic, const Message& message) {
   return 0;
 }
 
+/// In as many parts as it takes. Once one was refused, the caller knows, and nothing more is sent.
 void Service::Core::describe(Request request) const {
-  Parts parts(std::move(request), head);
+  Message part = parsed(itself);
+  const auto add = [&request, &part](const char* list, const std::string& entry) {
+    if (!request.isOpen()) {
+      return;
+    }
+    Message next = longer(part, list, entry);
+    if (Convention::textOf(next)->size() > kLongestPart && request.more(part)) {
+      next = longer(object(), list, entry);
+    }
+    part = std::move(next);
+  };
   for (const auto& [command, entry] : commands) {
-    parts.add("commands", entry->described);
+    add("commands", entry->described);
   }
   for (const auto& [topic, feed] : feeds) {
-    parts.add("topics", feed.described);
+    add("topics", feed.described);
   }
-  parts.finish();
+  if (request.isOpen()) {
+    request.reply(part);
+  }
 }
 
 // --- the face ---
