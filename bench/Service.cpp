@@ -52,6 +52,7 @@ void serve(const std::string& name) {
   Tovik::ServiceOptions options;
   options.callsPerSession = kMostInFlight;
   options.queuedRecords = kMostInFlight;
+  options.queuedBytes = std::size_t{kMostInFlight} * 100;
   Tovik::Service service(
       name, [](int /*pid*/, unsigned uid, unsigned /*gid*/) { return uid == ::geteuid(); },
       options);
