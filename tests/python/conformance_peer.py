@@ -71,7 +71,10 @@ def add_topics(service):
     @service.command("publish", "Publishes, then answers.",
                      topic=tovik.Argument(str, "Where."), value=tovik.Argument(int, "What."))
     def publish(request):
-        service.publish(request["topic"], {"value": request["value"]})
+        try:
+            service.publish(request["topic"], {"value": request["value"]})
+        except KeyError as error:
+            raise tovik.Refusal(22, "not published") from error
 
 
 async def serve(name):
