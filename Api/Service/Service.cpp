@@ -20,6 +20,7 @@ namespace {
 
 constexpr std::size_t kSnapshotMark = std::string_view(R"("snapshot":true,)").size();
 constexpr std::size_t kLongestPart = 3900;  // leaves room for what stands around it in a reply
+constexpr std::size_t kAroundEntry = std::string_view(R"("commands":[],)").size();
 
 /// For "describe"; throws if it would not fit into a record.
 std::string described(const Message& description, const std::string& what) {
@@ -54,16 +55,13 @@ Message parsed(const std::string& text) {
   return msg;
 }
 
-/// A part of a description with one more entry in one of its lists.
-Message longer(const Message& part, const char* list, const std::string& entry) {
-  Message msg;
-  auto& memory = msg.GetAllocator();
-  msg.CopyFrom(part, memory);
-  if (!msg.HasMember(list)) {
-    msg.AddMember(rapidjson::StringRef(list), rapidjson::Value(rapidjson::kArrayType), memory);
+/// Adds an entry to one of the lists of a part of a description.
+void append(Message& part, const char* list, const std::string& entry) {
+  auto& memory = part.GetAllocator();
+  if (!part.HasMember(list)) {
+    part.AddMember(rapidjson::StringRef(list), rapidjson::Value(rapidjson::kArrayType), memory);
   }
-  msg[list].PushBack(rapidjson::Value(parsed(entry), memory), memory);
-  return msg;
+  part[list].PushBack(rapidjson::Value(parsed(entry), memory), memory);
 }
 
 }  // namespace
@@ -164,15 +162,17 @@ int Service::Core::publish(std::string_view topic, const Message& message) {
 /// In as many parts as it takes. Once one was refused, the caller knows, and nothing more is sent.
 void Service::Core::describe(Request request) const {
   Message part = parsed(itself);
-  const auto add = [&request, &part](const char* list, const std::string& entry) {
+  std::size_t size = itself.size();
+  const auto add = [&](const char* list, const std::string& entry) {
     if (!request.isOpen()) {
       return;
     }
-    Message next = longer(part, list, entry);
-    if (Convention::textOf(next)->size() > kLongestPart && request.more(part)) {
-      next = longer(object(), list, entry);
+    if (size + entry.size() > kLongestPart && request.more(part)) {
+      part = object();
+      size = 0;
     }
-    part = std::move(next);
+    append(part, list, entry);
+    size += entry.size() + kAroundEntry;
   };
   for (const auto& [command, entry] : commands) {
     add("commands", entry->described);

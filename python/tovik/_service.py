@@ -441,7 +441,7 @@ class Service:
             if name not in self._topics:
                 raise Refusal(errno.EINVAL, f"no topic {name!r:.80}")
         call.reply(0)
-        for name in names or self._topics:
+        for name in dict.fromkeys(names or self._topics):
             if follow:
                 self._follow(call.session, name)
             else:
