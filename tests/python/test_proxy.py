@@ -45,7 +45,7 @@ class Proxy(Case):
     async def test_gets_results_of_overlapping_calls_in_any_order(self):
         await self.serve()
         async with self.proxy() as proxy:
-            calls = [proxy.call({"command": "sleep", "turns": 50 - n}, 10) for n in range(50)]
+            calls = [proxy.call({"command": "sleep", "turns": 50 - n}, 100) for n in range(50)]
             outcomes = await asyncio.gather(*calls)
         self.assertEqual([outcome.result for outcome in outcomes], [50 - n for n in range(50)])
 
