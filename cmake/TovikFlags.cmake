@@ -14,12 +14,14 @@ if(TOVIK_SANITIZE)
   target_compile_options(tovik_flags INTERFACE -g1 -fsanitize=${TOVIK_SANITIZE} -fno-sanitize=vptr
                                                -fno-omit-frame-pointer -fno-sanitize-recover=all)
   target_link_options(tovik_flags INTERFACE -fsanitize=${TOVIK_SANITIZE})
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    target_compile_options(tovik_flags INTERFACE
+                           -fsanitize-ignorelist=${CMAKE_CURRENT_LIST_DIR}/SanitizerIgnores.txt)
+  endif()
 endif()
 if(TOVIK_BUILD_FUZZ)
   # A folder that stands before the C library's <assert.h>, in the libraries too.
   target_include_directories(tovik_flags INTERFACE ${PROJECT_SOURCE_DIR}/fuzz/libc)
-  target_compile_options(tovik_flags INTERFACE
-                         -fsanitize-ignorelist=${PROJECT_SOURCE_DIR}/fuzz/ignore.txt)
 endif()
 if(TOVIK_COVERAGE)
   # Threads count together, so they have to count atomically.

@@ -1,4 +1,5 @@
-// describe: {"command":"describe"} -> replies, the last one without "more" -> a page or JSON.
+// describe: {"command":"describe","id":1} -> replies, the last one without "more" -> a page or
+// JSON.
 
 #include "tool/Lines.h"
 #include "tool/Options.h"
@@ -47,7 +48,8 @@ class Describe : private Session {
   }
 
  private:
-  void connected() override { send(R"({"command":"describe"})"); }
+  /// With an id, without which a service gives no answer in parts.
+  void connected() override { send(R"({"command":"describe","id":1})"); }
 
   void received(std::string record) override {
     const Lint judged = lint(asRead(record));

@@ -31,7 +31,8 @@ namespace Tovik {
 /// close-on-exec: a child that keeps it keeps the name taken.
 class TOVIK_API Server : public Kelvo::Platform::FdEventHandler {
  public:
-  /// Gets the messages of every connection, as Connection describes.
+  /// Gets the messages of every connection, as Connection describes. Each connection has a copy of
+  /// its own, which is destroyed with it.
   using Handler = Connection::Handler;
   /// Judges a client by its process id, user id and group id; true admits it. A process id may have
   /// been reused by the time it is looked at, so decide by the other two.

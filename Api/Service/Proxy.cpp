@@ -28,6 +28,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr double kBacklogWait = 0.01;  // seconds; nothing reports when there is room
 constexpr double kLongestLimit = 1e8;
+constexpr int kMostTimedOut = 100;  // calls that a server may leave without any answer
 constexpr Proxy::Seconds kSubscribeLimit(30);
 
 Clock::time_point after(Proxy::Seconds limit) {
@@ -305,6 +306,9 @@ void Proxy::Impl::takeReply(Message reply) {
   Call& call = found->second;
   if (call.hasTimedOut) {
     calls_.erase(found);
+    if (replies_ == Replies::kPlain && !calls_.empty()) {
+      shutDown("a reply came that may belong to either of two calls");
+    }
     return;
   }
   auto outcome = outcomeOf(std::move(reply), call.outgoing.subject);
@@ -389,6 +393,11 @@ void Proxy::Impl::timeOut(Calls::iterator late) {
   later(std::move(call.callback), ended(Outcome::kTimedOut, ETIMEDOUT, call.outgoing.subject, why));
   if (isOpen() && replies_ == Replies::kUnknown) {
     call.hasTimedOut = true;
+    const auto silent = std::count_if(calls_.begin(), calls_.end(),
+                                      [](const auto& each) { return each.second.hasTimedOut; });
+    if (silent > kMostTimedOut) {
+      shutDown("the server does not answer");
+    }
     return;
   }
   if (isOpen() && replies_ == Replies::kPlain) {

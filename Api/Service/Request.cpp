@@ -1,5 +1,6 @@
 // One call's answers: each becomes the text of a record, or a refusal that says why it cannot.
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -25,7 +26,7 @@ std::optional<std::string> textOf(const Answer& answer) {
   if (answer.id.has_value()) {
     text += R"(,"id":)" + std::to_string(*answer.id);
   }
-  if (answer.result != nullptr) {
+  if (answer.result != nullptr && !answer.result->IsNull()) {
     const auto result = Convention::textOf(*answer.result);
     if (!result.has_value()) {
       return std::nullopt;
@@ -36,6 +37,16 @@ std::optional<std::string> textOf(const Answer& answer) {
     text += R"(,"error":)" + Convention::quoted(answer.error);
   }
   return text + (answer.more ? R"(,"more":true})" : "}");
+}
+
+/// As much of a text, in whole characters, as a record holds whatever they are.
+std::string_view shortened(std::string_view text) {
+  constexpr std::size_t kLongest = 500;  // bytes, each of which may take six
+  auto size = std::min(text.size(), kLongest);
+  while (0 < size && size < text.size() && (text[size] & 0xC0) == 0x80) {
+    --size;
+  }
+  return text.substr(0, size);
 }
 
 }  // namespace
@@ -92,36 +103,32 @@ Request::Call::~Call() {
   });
 }
 
+/// What cannot be sent ends the call, with a reason that can.
 bool Request::Call::answer(unsigned status, const rapidjson::Value* result, std::string_view error,
                            bool more) {
   if (isAnswered) {
     TOVIK_SERVICE_LOG(0, "a call that has been answered is answered again; this is not sent");
     return false;
   }
-  if (more && !id.has_value()) {
-    send(EMSGSIZE, nullptr, "the answer takes several records: give the call an id", false);
-    return false;
-  }
-  return send(status, result, error, more);
-}
-
-/// What does not fit into a record or into JSON ends the call, with a reason that does.
-bool Request::Call::send(unsigned status, const rapidjson::Value* result, std::string_view error,
-                         bool more) {
   const auto to = session.lock();
   if (to == nullptr || !to->isOpen()) {
-    isAnswered = isAnswered || !more;
+    isAnswered = !more;
     return false;
   }
-  auto text = textOf({status, id, result, error, more});
-  if (!text.has_value()) {
-    send(EINVAL, nullptr, "the result holds a number that JSON cannot express", false);
+  const auto refused = [this](int why, const std::string& explained) {
+    answer(static_cast<unsigned>(why), nullptr, explained, false);
     return false;
+  };
+  if (more && !id.has_value()) {
+    return refused(EMSGSIZE, "the answer takes several records: give the call an id");
+  }
+  auto text = textOf({status, id, result, shortened(error), more});
+  if (!text.has_value()) {
+    return refused(EINVAL, "the result holds a number that JSON cannot express");
   }
   if (text->size() > Convention::kLongestRecord) {
-    send(EMSGSIZE, nullptr, "the answer of " + std::to_string(text->size()) + " bytes is too long",
-         false);
-    return false;
+    return refused(EMSGSIZE,
+                   "the answer of " + std::to_string(text->size()) + " bytes is too long");
   }
   isAnswered = !more;
   if (isAnswered && isInFlight) {

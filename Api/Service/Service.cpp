@@ -20,6 +20,7 @@ namespace {
 
 constexpr std::size_t kSnapshotMark = std::string_view(R"("snapshot":true,)").size();
 constexpr std::size_t kLongestPart = 3900;  // leaves room for what stands around it in a reply
+constexpr std::size_t kAroundEntry = std::string_view(R"("commands":[],)").size();
 
 /// For "describe"; throws if it would not fit into a record.
 std::string described(const Message& description, const std::string& what) {
@@ -48,51 +49,20 @@ void requireNew(bool isNew, const std::string& what) {
   }
 }
 
-/// Puts entries of lists together into objects, each at most one part long.
-class Parts {
- public:
-  Parts(Request request, std::string head) : request_(std::move(request)), text_(std::move(head)) {}
+Message parsed(const std::string& text) {
+  Message msg;
+  Convention::parse(msg, text.c_str());
+  return msg;
+}
 
-  /// Once a part was refused, the caller knows, and nothing more is sent.
-  void add(const char* list, const std::string& entry) {
-    if (!request_.isOpen()) {
-      return;
-    }
-    const std::string begin = R"(")" + std::string(list) + R"(":[)";
-    if (text_.size() + begin.size() + entry.size() > kLongestPart) {
-      request_.more(part());
-      text_ = "{";
-      list_ = nullptr;
-    }
-    if (list_ == list) {
-      text_ += "," + entry;
-      return;
-    }
-    closeList();
-    text_ += (text_ == "{" ? "" : ",") + begin + entry;
-    list_ = list;
+/// Adds an entry to one of the lists of a part of a description.
+void append(Message& part, const char* list, const std::string& entry) {
+  auto& memory = part.GetAllocator();
+  if (!part.HasMember(list)) {
+    part.AddMember(rapidjson::StringRef(list), rapidjson::Value(rapidjson::kArrayType), memory);
   }
-
-  void finish() {
-    if (request_.isOpen()) {
-      request_.reply(part());
-    }
-  }
-
- private:
-  void closeList() { text_ += list_ == nullptr ? "" : "]"; }
-
-  Message part() {
-    closeList();
-    Message msg;
-    Convention::parse(msg, (text_ + "}").c_str());
-    return msg;
-  }
-
-  Request request_;
-  std::string text_;
-  const char* list_ = nullptr;
-};
+  part[list].PushBack(rapidjson::Value(parsed(entry), memory), memory);
+}
 
 }  // namespace
 
@@ -100,14 +70,11 @@ class Parts {
 
 Listener::Listener(const std::string& name, Service::Admission admission, Admitted admitted)
     : Server(name, {},
-             [this](int pid, unsigned uid, unsigned gid) { return remember(pid, uid, gid); }),
-      admission_(std::move(admission)),
+             [this, admission = std::move(admission)](int pid, unsigned uid, unsigned gid) {
+               peer_ = {pid, uid, gid};
+               return admission(pid, uid, gid);
+             }),
       admitted_(std::move(admitted)) {}
-
-bool Listener::remember(int pid, unsigned uid, unsigned gid) {
-  peer_ = {pid, uid, gid};
-  return admission_(pid, uid, gid);
-}
 
 void Listener::readFdEvent(int fd) {
   const int client = ::accept4(fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
@@ -129,10 +96,8 @@ void Listener::readFdEvent(int fd) {
 Service::Core::Core(std::string serviceName, Admission admission, ServiceOptions serviceOptions)
     : name((Convention::requireName(serviceName), std::move(serviceName))),
       options(std::move(serviceOptions)),
-      head(described(object("name", name, "description", options.description), "the service")),
-      listener(name, std::move(admission), [this](int fd, const ucred& peer) { join(fd, peer); }) {
-  head.pop_back();  // the brace
-}
+      itself(described(object("name", name, "description", options.description), "the service")),
+      listener(name, std::move(admission), [this](int fd, const ucred& peer) { join(fd, peer); }) {}
 
 Service::Core::~Core() {
   for (const auto& [number, session] : sessions) {
@@ -194,15 +159,30 @@ int Service::Core::publish(std::string_view topic, const Message& message) {
   return 0;
 }
 
+/// In as many parts as it takes. Once one was refused, the caller knows, and nothing more is sent.
 void Service::Core::describe(Request request) const {
-  Parts parts(std::move(request), head);
+  Message part = parsed(itself);
+  std::size_t size = itself.size();
+  const auto add = [&](const char* list, const std::string& entry) {
+    if (!request.isOpen()) {
+      return;
+    }
+    if (size + entry.size() > kLongestPart && request.more(part)) {
+      part = object();
+      size = 0;
+    }
+    append(part, list, entry);
+    size += entry.size() + kAroundEntry;
+  };
   for (const auto& [command, entry] : commands) {
-    parts.add("commands", entry->described);
+    add("commands", entry->described);
   }
   for (const auto& [topic, feed] : feeds) {
-    parts.add("topics", feed.described);
+    add("topics", feed.described);
   }
-  parts.finish();
+  if (request.isOpen()) {
+    request.reply(part);
+  }
 }
 
 // --- the face ---

@@ -135,9 +135,9 @@ class TOVIK_API Request {
     return find(message(), name) == nullptr ? otherwise : get<T>(name);
   }
 
-  /// Answers with status 0, and with a result: any value that `object` takes. False if the call has
-  /// been answered before, its client has gone, or the result does not fit into a record or into
-  /// JSON; in the last two cases the client is told so, with 90 or 22.
+  /// Answers with status 0, and with a result: any value that `object` takes; null is none. False
+  /// if the call has been answered before, its client has gone, or the result does not fit into a
+  /// record or into JSON; in the last two cases the client is told so, with 90 or 22.
   /// @{
   bool reply() { return answer(0, nullptr, {}, false); }
   template <class T>
@@ -154,7 +154,7 @@ class TOVIK_API Request {
   }
 
   /// Answers with a status other than 0 (an errno number, or the application's own from 1000 on)
-  /// and a text for people.
+  /// and a text for people, of which 500 bytes are sent at most.
   bool fail(unsigned status, std::string_view text);
 
   /// False once it is answered or its client has gone.

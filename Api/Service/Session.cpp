@@ -189,7 +189,9 @@ void ServedSession::changeSubscriptions(Request::Call& call, bool subscribe) {
       call.answer(EINVAL, nullptr, "no topic" + shown(topic), false);
       return;
     }
-    feeds.push_back(&found->second);
+    if (std::find(feeds.begin(), feeds.end(), &found->second) == feeds.end()) {
+      feeds.push_back(&found->second);
+    }
   }
   if (feeds.empty()) {
     for (auto& [topic, feed] : core_->feeds) {

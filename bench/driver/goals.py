@@ -1,6 +1,6 @@
 """What the library is to reach, and what was measured. Ratios are of medians in one run."""
 
-from programs import FLOOR, SUBJECT
+from programs import FLOOR, SERVICE, SUBJECT
 
 ONE_CORE = "one core"
 
@@ -59,14 +59,30 @@ def _inside(results):
                    / compiled["RapidJSON and <functional>"]["median"])
 
 
-def _peers(trips):
-    for name, label, factor in (("sd-bus", "sd-bus", 1.3), ("zeromq", "ZeroMQ", 3),
-                                ("nng", "nng", 5), ("capnp", "Cap'n Proto", 1)):
-        what = f"round trip of {label} against ours"
+PEERS = (("sd-bus", "sd-bus", 1.3), ("zeromq", "ZeroMQ", 3), ("nng", "nng", 5),
+         ("capnp", "Cap'n Proto", 1))
+
+
+def _peers(trips, ours, factors):
+    for name, label, factor in factors:
+        what = f"round trip of {label} against {ours}"
         if name in trips:
-            yield _at_least(what, factor, _p50(trips[name]) / _p50(trips[SUBJECT]))
+            yield _at_least(what, factor, _p50(trips[name]) / _p50(trips[ours]))
         else:
             yield Goal(what, f"at least {factor:g}", "not installed", None)
+
+
+def _service(one):
+    trips, told, idle = one["round trip"], one["broadcast"], one["idle"]
+    most = max(told, key=int)
+    yield _at_most("round trip of proxy and service, of the asynchronous client's", 1.15,
+                   _p50(trips[SERVICE]) / _p50(trips["tovik-async"]))
+    yield _at_most(f"event to {most}, CPU a follower, of notifyClients", 0.85,
+                   _cpu(told[most][SERVICE]) / _cpu(told[most][SUBJECT]))
+    yield _at_most("memory of an idle session, bytes", 2560,
+                   idle[max(idle, key=int)][SERVICE]["bytes_per_connection"])
+    yield from _peers(trips, SERVICE, (("sd-bus", "sd-bus", 1.3), ("capnp", "Cap'n Proto", 1.3),
+                                       ("grpc", "gRPC", 1.3)))
 
 
 def _many(results):
@@ -96,5 +112,6 @@ def table(results):
                  _p50(trips[SUBJECT]) / _p50(trips["floor-json"])),
         _at_most("one-way, server CPU a message, of baseline (iii)", 1.08,
                  _cpu(streams[SUBJECT]) / _cpu(streams[FLOOR])),
-        *_many(results), *_system_calls(results), *_inside(results), *_peers(trips)]
+        *_many(results), *_system_calls(results), *_inside(results), *_peers(trips, SUBJECT, PEERS),
+        *_service(one)]
     return [row.row() for row in rows]

@@ -10,6 +10,7 @@ import tempfile
 import time
 
 SUBJECT = "tovik"
+SERVICE = "tovik-service"  # with a proxy
 FLOOR = "floor-epoll"
 
 
@@ -25,7 +26,8 @@ class Contestant:
         self.drive = drive
         self.streams = streams
         self.crowd = crowd  # the program of many subscribers, if it has broadcasts
-        self.on_path = program not in ("floors", "library")  # wants a socket in the file system
+        # Others want a socket in the file system.
+        self.on_path = program not in ("floors", "library", "service")
 
 
 CONTESTANTS = [
@@ -39,6 +41,7 @@ CONTESTANTS = [
                "drive-epoll", streams=False),
     Contestant("tovik-async", "Tovik, asynchronous client", "library", "serve", "drive-async",
                streams=False),
+    Contestant(SERVICE, "Tovik, service and proxy", "service", streams=False, crowd="floors"),
     Contestant("sd-bus", "sd-bus, direct", "sdbus"),
     Contestant("zeromq", "ZeroMQ, ipc", "zmq", crowd="zmq"),
     Contestant("nng", "nng, ipc", "nng", crowd="nng"),

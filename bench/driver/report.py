@@ -76,6 +76,9 @@ def _placement(name, scenarios):
             yield f"Bytes of an idle connection: {memory}."
     for kind, entries in scenarios.get("admission", {}).items():
         yield _against_floor(f"admission: {kind}, us a client", entries, "elapsed", ["server_cpu"])
+    for number, entries in scenarios.get("calls in flight", {}).items():
+        yield table([f"{number} calls in flight, answered in random order", "us a call"],
+                    [[LABELS[n], spread(entry["elapsed"])] for n, entry in entries.items()])
     if "start-up" in scenarios:
         yield _start_up(scenarios["start-up"])
 

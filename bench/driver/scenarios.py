@@ -4,7 +4,7 @@ disturbance of the machine meets all alike."""
 import time
 
 from figures import Latencies, Series
-from programs import CONTESTANTS, FLOOR, SUBJECT
+from programs import CONTESTANTS, FLOOR, SERVICE, SUBJECT
 
 WARM_UP = 200
 
@@ -21,6 +21,7 @@ class Sizes:
         self.idle = [0, 10, 1000] if quick else [0, 10, 1000, 10000]
         self.live = 500 if quick else 2000
         self.admissions = 50 if quick else 100
+        self.in_flight = 1000 if quick else 10000
         self.counted = 100 if quick else 500
 
 
@@ -121,7 +122,7 @@ def broadcast(bench, placement):
 
 def idle(bench, placement):
     """One active client among many idle ones, and the memory that an idle one costs."""
-    contestants = bench.pick(FLOOR, SUBJECT)
+    contestants = bench.pick(FLOOR, SUBJECT, SERVICE)
     pairs = {}
     memory = {}
     for contestant in contestants:
@@ -180,6 +181,17 @@ def admission(bench, placement):
             for kind in kinds}
 
 
+def overlap(bench, placement):
+    """Many calls of one client in flight at once, answered in a random order: time for each."""
+    pairs = started(bench, bench.pick(SERVICE), placement)
+    count = bench.sizes.in_flight
+    elapsed = {name: Series() for name in pairs}
+    for contestant in bench.rounds("calls in flight", bench.pick(SERVICE), bench.sizes.starts):
+        client = pairs[contestant.name][1]
+        elapsed[contestant.name].add(client.do("overlap", count)[0] / count)
+    return {str(count): {name: {"elapsed": series.summary()} for name, series in elapsed.items()}}
+
+
 def start_up(bench, placement):
     """A client's program, from its start to its first reply."""
     servers = {c.name: bench.programs.server(c, placement) for c in bench.contestants}
@@ -194,4 +206,5 @@ def start_up(bench, placement):
 
 
 SCENARIOS = {"round trip": round_trip, "one-way stream": stream, "broadcast": broadcast,
-             "idle": idle, "admission": admission, "start-up": start_up}
+             "idle": idle, "admission": admission, "calls in flight": overlap,
+             "start-up": start_up}

@@ -1,59 +1,34 @@
-// The blocking client: one command after the other, each with its answer.
+// The caller without an event loop: one command after the other, each with its answer.
 
 #include <iostream>
-#include <string_view>
 
-#include "Api/Json/Client.h"
+#include "Api/Service/Proxy.h"
 #include "examples/hostmon/Hostmon.h"
 
 namespace Hostmon {
 
 namespace {
 
-/// "get" is answered with a message of its own, everything else with a status.
-bool wantsMessage(const Tovik::Message& msg) {
-  const auto command = msg.FindMember("command");
-  return command != msg.MemberEnd() && command->value.IsString() &&
-         std::string_view(command->value.GetString()) == "get";
-}
+constexpr Tovik::Proxy::Seconds kLimit(5);
 
-std::string answerTo(const Tovik::Message& msg, const Tovik::Client& client) {
-  if (!wantsMessage(msg)) {
-    const int status = client.sendMsg(msg, true);
-    return status < 0 ? "no reply" : "reply with status " + std::to_string(status);
-  }
-  if (client.sendMsg(msg, false) != 0) {
-    return "not sent";
-  }
-  return Tovik::Message::toStr(client.waitForMsg(), false).data();
-}
-
-bool call(const Tovik::Client& client, const std::string& text) {
-  Tovik::Message msg;
-  msg.Parse(text.c_str());
-  if (msg.HasParseError() || !msg.IsObject()) {
-    std::cerr << "not a JSON object, so not sent: " << text << std::endl;
-    return false;
-  }
-  std::cout << text << " -> " << std::flush;
-  try {
-    std::cout << answerTo(msg, client) << std::endl;
-    return true;
-  } catch (const Tovik::SocketException& failure) {
-    std::cout << "no answer: " << failure.what() << std::endl;
-    return false;
-  }
+/// The result if there is one.
+std::string shown(const Tovik::Outcome& outcome) {
+  const auto result = outcome.get<Tovik::Message>();
+  return result ? Tovik::Message::toStr(*result, false).data() : "done";
 }
 
 }  // namespace
 
 int call(const std::string& name, const std::vector<std::string>& commands) {
-  const Tovik::Client client(name);
-  bool answered = true;
+  bool done = true;
   for (const auto& command : commands) {
-    answered = call(client, command) && answered;
+    Tovik::Message msg;
+    msg.Parse(command.c_str());
+    const auto outcome = Tovik::call(name, msg, kLimit);
+    std::cout << command << " -> " << (outcome ? shown(outcome) : outcome.error) << std::endl;
+    done = done && outcome;
   }
-  return answered ? 0 : 1;
+  return done ? 0 : 1;
 }
 
 }  // namespace Hostmon

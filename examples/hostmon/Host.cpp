@@ -4,6 +4,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "Api/Service/Object.h"
+
 namespace Hostmon {
 
 namespace {
@@ -35,13 +37,7 @@ Host Host::read() {
 }
 
 Tovik::Message Host::toMessage() const {
-  Tovik::Message msg;
-  msg.SetObject();
-  msg.AddMember("type", "hostmon", msg.GetAllocator());
-  msg.AddMember("load", load, msg.GetAllocator());
-  msg.AddMember("memory", memoryMiB, msg.GetAllocator());
-  msg.AddMember("uptime", uptime, msg.GetAllocator());
-  return msg;
+  return Tovik::object("load", load, "memory", memoryMiB, "uptime", uptime);
 }
 
 }  // namespace Hostmon

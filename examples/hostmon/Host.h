@@ -13,7 +13,7 @@ struct Host {
   /// @throws std::runtime_error if a file of /proc cannot be understood.
   static Host read();
 
-  /// {"type":"hostmon","load":...,"memory":...,"uptime":...}
+  /// {"load":...,"memory":...,"uptime":...}
   Tovik::Message toMessage() const;
 };
 

@@ -5,19 +5,14 @@
 
 // hostmon: a small service that watches its host.
 //
-// The server broadcasts the host's load, free memory and uptime at an interval (a second, at
-// first). It understands two commands:
+// It publishes the host's load, free memory and uptime at an interval (a second, at first), as
+// events of the topic "host", and has two commands:
 //
-//     {"command":"interval","seconds":2}    sets the interval; answered with a status
-//     {"command":"get","value":"load"}      answered with {"type":"value","load":0.25}; also
-//     "memory"
-//                                           (available, in MiB) and "uptime" (in seconds)
-//
-// and answers what it cannot do with one of these statuses.
+//     {"command":"interval","seconds":2}    sets the interval, from 0.1 s to an hour
+//     {"command":"get","value":"load"}      its result is a number; also "memory" (available, in
+//                                           MiB) and "uptime" (in seconds)
 
 namespace Hostmon {
-
-enum Status : unsigned { kDone = 0, kUnknownCommand = 1, kBadArgument = 2 };
 
 // The three faces of the program; each returns its exit status.
 int serve(const std::string& name, bool rootOnly);

@@ -1,12 +1,9 @@
-// The server: a timer that broadcasts, a handler that answers, a validator that admits.
-
-#include <unistd.h>
+// The service: a timer that publishes, two commands, a rule for who is admitted.
 
 #include <iostream>
-#include <string_view>
-#include <utility>
 
-#include "Api/Json/Server.h"
+#include "Api/Admission.h"
+#include "Api/Service/Service.h"
 #include "Kelvo/Platform/Debug.h"
 #include "Kelvo/Platform/TimeoutHandler.h"
 #include "examples/hostmon/Host.h"
@@ -19,87 +16,66 @@ namespace {
 constexpr double kShortestInterval = 0.1;  // seconds
 constexpr double kLongestInterval = 3600;
 
-std::string_view textOf(const Tovik::Message& msg, const char* member) {
-  const auto found = msg.FindMember(member);
-  const bool isText = found != msg.MemberEnd() && found->value.IsString();
-  return isText ? std::string_view(found->value.GetString()) : std::string_view();
-}
-
 class Monitor : public Kelvo::Platform::TimeoutHandler {
  public:
-  Monitor(const std::string& name, Tovik::Server::Validator validator)
-      : server_(
-            name, [this](auto& client, const auto& msg) { handle(client, msg); },
-            std::move(validator)),
-        timer_(Kelvo::Platform::getTimer(this)) {
-    timer_->arm(interval_);
+  Monitor(const std::string& name, Tovik::Service::Admission admission)
+      : service_(name, std::move(admission), {"Watches its host."}) {
+    using Tovik::required;
+    service_.topic("host", {"Its load, free memory in MiB, uptime in seconds; at an interval.",
+                            Tovik::Topic::kKeepLast, Tovik::Topic::kQueueLatest});
+    service_.command("interval", "Sets the interval.",
+                     {required<double>("seconds", "From 0.1 to 3600.")},
+                     [this](Tovik::Request request) { setInterval(request); });
+    service_.command("get", "Reads one value.",
+                     {required<std::string>("value", "load, memory or uptime.")}, get);
+    timeout();
   }
 
   void timeout() override {
-    server_.freeDeadConnections();
-    server_.notifyClients(Host::read().toMessage());
+    service_.publish("host", Host::read().toMessage());
     timer_->arm(interval_);
   }
 
  private:
-  void handle(Tovik::Connection& client, const Tovik::Message& msg) {
-    const auto command = textOf(msg, "command");
-    if (command == "interval") {
-      client.acknowledge(setInterval(msg));
-    } else if (command == "get") {
-      get(client, textOf(msg, "value"));
-    } else {
-      client.acknowledge(kUnknownCommand);
+  void setInterval(Tovik::Request& request) {
+    const auto seconds = request.get<double>("seconds");
+    if (seconds < kShortestInterval || seconds > kLongestInterval) {
+      throw Tovik::Refusal(22, "an interval is from 0.1 s to 3600 s");
     }
-  }
-
-  Status setInterval(const Tovik::Message& msg) {
-    const auto seconds = msg.FindMember("seconds");
-    if (seconds == msg.MemberEnd() || !seconds->value.IsNumber()) {
-      return kBadArgument;
-    }
-    const double wanted = seconds->value.GetDouble();
-    if (wanted < kShortestInterval || wanted > kLongestInterval) {
-      return kBadArgument;
-    }
-    interval_ = wanted;
+    interval_ = seconds;
     timer_->arm(interval_);
-    return kDone;
+    request.reply();
   }
 
-  static void get(Tovik::Connection& client, std::string_view value) {
-    const Host host = Host::read();
-    Tovik::Message answer;
-    answer.SetObject();
-    answer.AddMember("type", "value", answer.GetAllocator());
-    if (value == "load") {
-      answer.AddMember("load", host.load, answer.GetAllocator());
-    } else if (value == "memory") {
-      answer.AddMember("memory", host.memoryMiB, answer.GetAllocator());
-    } else if (value == "uptime") {
-      answer.AddMember("uptime", host.uptime, answer.GetAllocator());
-    } else {
-      return client.acknowledge(kBadArgument);
+  static void get(Tovik::Request request) {
+    const auto host = Host::read().toMessage();
+    const auto value = Tovik::get<Tovik::Message>(host, request.get<std::string>("value"));
+    if (!value) {
+      throw Tovik::Refusal(22, "a value is load, memory or uptime");
     }
-    client.sendMsg(answer);
+    request.reply(*value);
   }
 
-  Tovik::Server server_;
-  Kelvo::Ptr<Kelvo::Platform::Timer> timer_;
+  Tovik::Service service_;
+  Kelvo::Ptr<Kelvo::Platform::Timer> timer_ = Kelvo::Platform::getTimer(this);
   double interval_ = 1;
 };
+
+/// The libraries' own diagnostics: errors, and who was admitted or denied.
+void showLog() {
+  for (const char* channel : {"Tovik", "TovikService"}) {
+    Kelvo::Platform::setDebugSink(
+        channel, [](const auto& record) { std::cout << record.text << std::endl; });
+    Kelvo::Platform::setDebugLevels(channel, 0b11);
+  }
+}
 
 }  // namespace
 
 int serve(const std::string& name, bool rootOnly) {
-  // The library's own diagnostics: errors, and who was admitted or denied.
-  Kelvo::Platform::setDebugSink("Tovik",
-                                [](const auto& record) { std::cout << record.text << std::endl; });
-  Kelvo::Platform::setDebugLevels("Tovik", 0b11);
-
-  const Monitor monitor(name, [rootOnly, own = geteuid()](int /*pid*/, unsigned uid, unsigned) {
-    return uid == 0 || (!rootOnly && uid == own);
-  });
+  using namespace Tovik::Admission;
+  showLog();
+  const Monitor monitor(name, rootOnly ? root() : root() || sameUser());
   std::cout << "listening as " << name << std::endl;
   runUntilSignalled();
   return 0;

@@ -60,11 +60,15 @@ class Client:
 
     def receive(self) -> Message:
         """Waits for the next message, whatever it is."""
+        with self._operation():
+            return _wire.decode(self._receive())
+
+    def _receive(self) -> bytes:
         with self._operation() as connection:
             record = _wire.receive(connection)
             if not record:
                 raise ConnectionLost("the server has closed the connection")
-            return _wire.decode(record)
+            return record
 
     def call(self, message: Message) -> int:
         """Sends a message and waits for the reply's status, which the server chooses."""

@@ -1,8 +1,8 @@
 """Calls of services: a proxy for asyncio, and one call that blocks.
 
 request with an id -> reply with that id. A plain server gives no ids back; its replies come in the
-order of the calls. A call that was given up keeps its place among these, so that its late reply is
-not taken for another's; where that cannot be told, the connection ends.
+order of the calls. Once a call to it was given up, the connection ends, so that no late reply is
+taken for another's; while nobody knows what the server is, the call keeps its place instead.
 """
 
 import asyncio
@@ -73,7 +73,7 @@ class Proxy(Reconnecting):
         self._topics: Dict[str, Handler] = {}
         self._calls: Dict[int, _Call] = {}  # in the order of sending
         self._ids = itertools.count(1)
-        self._gives_ids = False
+        self._with_ids: Optional[bool] = None  # the replies of this connection; None: unknown yet
 
     async def __aenter__(self) -> "Proxy":
         await self._enter()
@@ -122,10 +122,13 @@ class Proxy(Reconnecting):
             self._finish(connection, number, call, sent.cancelled())
 
     def _finish(self, connection: Connection, number: int, call: _Call, unsent: bool) -> None:
-        """A call that was given up keeps its place where replies have no ids."""
-        call.outcome.cancel()
-        if unsent or self._gives_ids:
+        """Where replies may have no ids, a call that was given up keeps its place; where they have
+        none, its late reply would be taken for another's."""
+        call.outcome.cancel()  # unless it is done
+        if unsent or self._with_ids:
             self._calls.pop(number, None)
+        elif call.outcome.cancelled() and self._with_ids is False:
+            connection.close("a call was given up, and replies without ids could be mistaken")
         elif len([each for each in self._calls.values() if each.outcome.cancelled()]) \
                 > _MOST_GIVEN_UP:
             connection.close("the server does not answer")
@@ -175,9 +178,10 @@ class Proxy(Reconnecting):
 
     def _number_of(self, reply: Message) -> Optional[int]:
         if "id" not in reply:
-            return None if self._gives_ids else next(iter(self._calls), None)
-        if not self._gives_ids:
-            self._gives_ids = True
+            self._with_ids = bool(self._with_ids)
+            return None if self._with_ids else next(iter(self._calls), None)
+        if not self._with_ids:
+            self._with_ids = True
             self._calls = {number: call for number, call in self._calls.items()
                            if not call.outcome.cancelled()}
         return reply["id"] if type(reply["id"]) is int else None
@@ -185,7 +189,7 @@ class Proxy(Reconnecting):
     # connections
 
     async def _greet(self, connection: Connection) -> None:
-        self._gives_ids = False
+        self._with_ids = None
         for topic in self._topics:
             self._ask(connection, "subscribe", topic)
 
@@ -226,10 +230,15 @@ def _wait(client: Client, subject: str, deadline: float) -> Outcome:
     parts: Tuple[Any, ...] = ()
     while True:
         client.timeout = max(deadline - time.monotonic(), 1e-6)
-        reply = client.receive()
-        if reply.get("type") != "reply" or reply.get("id", 0) != 0:
+        record = client._receive()
+        try:
+            reply = _wire.decode(record)
+            if reply.get("type") != "reply" or reply.get("id", 0) != 0:
+                continue
+            outcome = _outcome(reply, subject, parts)
+        except ProtocolError as error:
+            _log.warning("%s: a record was dropped: %s", subject, error)
             continue
-        outcome = _outcome(reply, subject, parts)
         if reply.get("more") is not True:
             return outcome
         parts = (*parts, outcome.result)

@@ -441,7 +441,7 @@ class Service:
             if name not in self._topics:
                 raise Refusal(errno.EINVAL, f"no topic {name!r:.80}")
         call.reply(0)
-        for name in names or self._topics:
+        for name in dict.fromkeys(names or self._topics):
             if follow:
                 self._follow(call.session, name)
             else:
@@ -465,12 +465,12 @@ class Service:
         call.reply(0, part)
 
     def _entries(self) -> Iterator[Tuple[str, Message]]:
-        for name, command in self._commands.items():
+        for name, command in sorted(self._commands.items()):
             yield "commands", {
                 "name": name, "description": command.description, "arguments": [
                     {"name": each, "type": _TYPES[argument.type], "required": argument.required,
                      "description": argument.description}
                     for each, argument in command.arguments.items()]}
-        for name, topic in self._topics.items():
+        for name, topic in sorted(self._topics.items()):
             yield "topics", {"name": name, "description": topic.description,
                              "keepsLast": topic.keeps_last}

@@ -1,9 +1,11 @@
 """What goes over the wire: addresses, records, replies, and the errors that tell of them."""
 
 import json
+import math
+import re
 import socket
 import struct
-from typing import Any, Collection, Dict, NamedTuple, NoReturn
+from typing import Any, Collection, Dict, List, NamedTuple, NoReturn, Tuple
 
 Message = Dict[str, Any]
 """A message is a JSON object."""
@@ -13,6 +15,9 @@ LONGEST_NAME = 106
 LONGEST_RECORD = 4094  # bytes that every reader takes
 RECEIVE_SIZE = 4096  # enough to tell a record that is too long
 LARGEST_STATUS = 2**31 - 1
+
+_HALF_CHARACTER = re.compile(
+    r"(?<!\\)(?:\\\\)*\\u[dD][89abAB]..(?!\\u[dD][c-fC-F])")  # the first half alone
 
 SUBSCRIBE: Message = {"command": "set", "notification": True}
 
@@ -82,11 +87,18 @@ def encode_any(value: object) -> bytes:
 
 
 def decode(record: bytes) -> Message:
-    """The message that a record carries. Bytes that are no UTF-8 become surrogate escapes."""
+    """The message that a record carries. Bytes that are no UTF-8 become surrogate escapes.
+
+    As for every reader, a NUL ends the text, and of members with one name the first counts.
+    """
     if len(record) > LONGEST_RECORD:
         raise TooLong(f"a record of more than {LONGEST_RECORD} bytes")
     try:
-        message = json.loads(record.decode("utf-8", "surrogateescape"), parse_constant=_refuse)
+        text = record.partition(b"\0")[0].decode("utf-8", "surrogateescape")
+        if _HALF_CHARACTER.search(text):
+            raise ValueError("half of a surrogate pair")
+        message = json.loads(text, parse_constant=_refuse, parse_float=_finite,
+                             object_pairs_hook=_first_of_each)
     except (ValueError, RecursionError) as error:
         raise ProtocolError(f"a record that is not JSON: {error}") from error
     if not isinstance(message, dict):
@@ -96,6 +108,17 @@ def decode(record: bytes) -> Message:
 
 def _refuse(constant: str) -> NoReturn:
     raise ValueError(f"{constant} is not JSON")
+
+
+def _finite(number: str) -> float:
+    return float(number) if math.isfinite(float(number)) else _refuse(number)
+
+
+def _first_of_each(members: List[Tuple[str, Any]]) -> Message:
+    message: Message = {}
+    for name, value in members:
+        message.setdefault(name, value)
+    return message
 
 
 def status_of(reply: Message) -> int:

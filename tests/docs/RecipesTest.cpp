@@ -10,11 +10,13 @@
 #include <algorithm>
 #include <array>
 #include <csignal>
+#include <filesystem>
 #include <functional>
 #include <future>
 #include <iterator>
 #include <thread>
 
+#include "Api/Json/Server.h"
 #include "tests/support/Support.h"
 
 using namespace std::chrono_literals;
@@ -84,62 +86,6 @@ class RecipeForChildren : public Recipe {
     return {const_cast<char*>("sh"), const_cast<char*>("-c"), const_cast<char*>(command), nullptr};
   }
 };
-
-/// A server that keeps a sum.
-class Adder {
- public:
-  Adder(const std::string& name, int sum)
-      : server_(
-            name, [this](auto& client, const auto& msg) { take(client, msg); }, anyone),
-        sum_(sum) {}
-
-  void add(int number) {
-    sum_ += number;
-    server_.notifyClients(parsed("{\"added\":" + std::to_string(number) + "}"));
-  }
-
-  int addBeforeAnswering = 0;
-
- private:
-  void take(Tovik::Connection& client, const Tovik::Message& /*get*/) {
-    add(addBeforeAnswering);
-    client.sendMsg(parsed("{\"sum\":" + std::to_string(sum_) + "}"));
-  }
-
-  Tovik::Server server_;
-  int sum_;
-};
-
-TEST_F(Recipe, ACallWithinATimeReturnsTheStatus) {
-  const Tovik::Server server(
-      name_, [](auto& client, auto&) { client.acknowledge(7); }, anyone);
-  EXPECT_EQ(callWithin(10s, name_.c_str(), parsed("{}")), 7U);
-}
-
-TEST_F(Recipe, ACallWithoutAnAnswerEndsWhenItsTimeIsUp) {
-  const Tovik::Server server(name_, ignore, anyone);
-  const auto begin = std::chrono::steady_clock::now();
-  EXPECT_EQ(callWithin(50ms, name_.c_str(), parsed("{}")), std::nullopt);
-  EXPECT_GE(std::chrono::steady_clock::now() - begin, 50ms);
-}
-
-TEST_F(Recipe, ACallIsNotMadeAgainAfterALoss) {
-  int calls = 0;
-  int connections = 0;
-  const Tovik::Server server(
-      name_,
-      [&](Tovik::Connection& client, auto&) {
-        ++calls;
-        client.terminateConnection();
-      },
-      [&](int, unsigned, unsigned) {
-        ++connections;
-        return true;
-      });
-  EXPECT_EQ(callWithin(1200ms, name_.c_str(), parsed("{}")), std::nullopt);
-  EXPECT_EQ(calls, 1);
-  EXPECT_EQ(connections, 2);
-}
 
 TEST_F(Recipe, AValueIsAskedForAndAnswered) {
   const std::map<std::string, std::string> values{{"colour", "\"red\"\n"}};
@@ -217,95 +163,42 @@ TEST_F(Recipe, WorkInTheBackgroundEndsOnTheLoopsThread) {
   EXPECT_NE(worked, here);
 }
 
-TEST_F(Recipe, AMirrorMissesNoChangeAndCountsNoneTwice) {
-  auto adder = std::make_unique<Adder>(name_, 10);
-  adder->addBeforeAnswering = 5;  // told between the subscription and the snapshot
-  const Mirror mirror(name_.c_str());
-  EXPECT_EQ(mirror.sum(), std::nullopt);
-  ASSERT_TRUE(turnUntil([&] { return mirror.sum().has_value(); }));
-  EXPECT_EQ(mirror.sum(), 15);
-  adder->add(2);
-  turnUntilIdle();
-  EXPECT_EQ(mirror.sum(), 17);
-  adder.reset();
-  ASSERT_TRUE(turnUntil([&] { return !mirror.sum().has_value(); }));
-  adder = std::make_unique<Adder>(name_, 3);
-  ASSERT_TRUE(turnUntil([&] { return mirror.sum().has_value(); }));
-  EXPECT_EQ(mirror.sum(), 3);
-}
-
-/// A server with connected clients, most of them subscribed.
-class RecipeForStalledReaders : public Recipe {
+/// A server that answers only when it is told to.
+class RecipeForAnsweringLater : public Recipe {
  protected:
-  Fd subscriber(const std::string& name) {
-    Fd client = rawConnect(name);
-    rawSend(client.get(), R"({"command":"set","notification":true})");
-    EXPECT_TRUE(turnUntil([&] { return rawReceiveNow(client.get()) != "<nothing>"; }));
+  Fd ask() {
+    Fd client = rawConnect(name_);
+    rawSend(client.get(), "{}");
+    const auto before = waiting_.size();
+    EXPECT_TRUE(turnUntil([&] { return waiting_.size() > before; }));
     return client;
   }
 
-  /// Enough to fill a socket that is read by nobody, and to leave one alone that is read.
-  void broadcast(Tovik::Server& server) {
-    for (int count = 0; count < 200; ++count, ++told_) {
-      server.notifyClients(parsed("{}"));
-    }
-  }
-
-  /// How many there were until `end` comes.
-  int readUntil(const std::string& end, const Fd& client) {
-    int count = 0;
-    std::string last = rawReceiveNow(client.get());
-    for (; last == "{}"; last = rawReceiveNow(client.get())) {
-      ++count;
-    }
-    EXPECT_EQ(last, end);
-    return count;
-  }
-
-  int told_ = 0;
-  Tovik::Server server_{name_, ignore, anyone};
+  std::vector<Later> waiting_;
+  Tovik::Server server_{
+      name_, AnswersLater([this](const Later& client, auto&) { waiting_.push_back(client); }),
+      anyone};
 };
 
-TEST_F(RecipeForStalledReaders, AreCutOffAndNoOtherIs) {
-  const StallWatch watch(name_, 0.05, 3);
-  const Fd idle = rawConnect(name_);
-  const Fd stalled = subscriber(name_);
-  const Fd healthy = subscriber(name_);
-  int read = 0;
-  const CapturedLog log(0b10);
-  ASSERT_TRUE(turnUntil([&] {
-    broadcast(server_);
-    read += readUntil("<nothing>", healthy);
-    return !log.lines(1).empty();
-  }));
+TEST_F(RecipeForAnsweringLater, EachGetsItsOwn) {
+  const Fd first = ask();
+  const Fd second = ask();
+  waiting_[1].acknowledge(2);
+  waiting_[0].acknowledge(1);
   turnUntilIdle();
-  EXPECT_LT(readUntil("<end>", stalled), told_) << "nothing has piled up";
-  EXPECT_EQ(read, told_);
-  EXPECT_EQ(readUntil("<nothing>", healthy), 0);
-  EXPECT_EQ(readUntil("<nothing>", idle), 0);
+  EXPECT_EQ(rawReceiveNow(first.get()), R"({"type":"reply","status":1})");
+  EXPECT_EQ(rawReceiveNow(second.get()), R"({"type":"reply","status":2})");
 }
 
-TEST_F(RecipeForStalledReaders, AreSparedIfTheyCatchUpInTime) {
-  StallWatch watch(name_, 3600, 3);
-  const Fd client = subscriber(name_);
-  int read = 0;
-  for (const int looks : {2, 2}) {
-    broadcast(server_);
-    for (int look = 0; look < looks; ++look) {
-      watch.timeout();
-    }
-    read += readUntil("<nothing>", client);
-    watch.timeout();
-  }
-  EXPECT_EQ(read, told_);
-}
-
-TEST_F(RecipeForStalledReaders, AreSparedByAnotherServersWatch) {
-  StallWatch watch(name_ + "-other", 3600, 1);
-  const Fd client = subscriber(name_);
-  broadcast(server_);
-  watch.timeout();
-  EXPECT_EQ(readUntil("<nothing>", client), told_);
+TEST_F(RecipeForAnsweringLater, OneThatHasGoneIsLeftAlone) {
+  ask().reset();
+  const Fd staying = ask();
+  turnUntilIdle();
+  server_.freeDeadConnections();
+  waiting_[0].acknowledge(1);
+  waiting_[1].acknowledge(2);
+  turnUntilIdle();
+  EXPECT_EQ(rawReceiveNow(staying.get()), R"({"type":"reply","status":2})");
 }
 
 TEST_F(Recipe, MembersOfAGroupAreAdmittedByItsName) {

@@ -11,11 +11,12 @@ add_test(NAME docs.ReadmeExampleWorks
                  --tovik $<TARGET_FILE:Tovik> --kelvo $<TARGET_FILE:Kelvo>)
 set_tests_properties(docs.ReadmeExampleWorks PROPERTIES TIMEOUT 120)
 
-if(TARGET hostmon)
+if(TARGET hostmon AND TARGET tovik_tool)
   find_program(TOVIK_SOCAT socat)
   add_test(NAME docs.WireIsAsWritten
            COMMAND Python3::Interpreter -B -W error ${CMAKE_CURRENT_LIST_DIR}/wire.py
                    --source ${PROJECT_SOURCE_DIR} --hostmon $<TARGET_FILE:hostmon>
+                   --tovik $<TARGET_FILE:tovik_tool> --client $<TARGET_FILE:conformance_peer>
                    $<$<BOOL:${TOVIK_SOCAT}>:--socat>)
   set_tests_properties(docs.WireIsAsWritten PROPERTIES TIMEOUT 120)
 endif()

@@ -1,17 +1,16 @@
-"""The package and this system's C++ code, each as the other's server."""
+"""The plain clients of the package, and the example service's own, with that service in C++."""
 
 import os
 import subprocess
 
 import support
 import tovik
-import tovik.testing
 
-UNKNOWN_COMMAND = 1
-BAD_ARGUMENT = 2
+UNKNOWN_COMMAND = 38
+BAD_ARGUMENT = 22
 
 
-class ClientOfACppServer(support.HostmonCase):
+class Client(support.HostmonCase):
     def setUp(self):
         self.name = support.unique_name()
         self.process = self.serve(self.name)
@@ -21,25 +20,25 @@ class ClientOfACppServer(support.HostmonCase):
         self.addCleanup(client.close)
         return client
 
-    def test_gets_statuses_and_messages(self):
+    def test_gets_statuses_and_results(self):
         client = self.client()
         self.assertEqual(client.call({"command": "interval", "seconds": 5}), 0)
         self.assertEqual(client.call({"command": "interval", "seconds": -1}), BAD_ARGUMENT)
         self.assertEqual(client.call({"command": "dance"}), UNKNOWN_COMMAND)
         client.send({"command": "get", "value": "uptime"})
-        self.assertEqual(client.receive().keys(), {"type", "uptime"})
+        self.assertGreater(client.receive()["result"], 0)
 
     def test_gets_notifications(self):
         self.assertEqual(self.client().call({"command": "interval", "seconds": 0.1}), 0)
         client = self.client()
         client.subscribe()
         for message, _count in zip(client, range(3)):
-            self.assertEqual(message["type"], "hostmon")
+            self.assertEqual(message["topic"], "host")
 
     def test_sends_the_largest_record(self):
-        filler = "x" * (4094 - len('{"command":"dance","filler":""}'))
-        self.assertEqual(self.client().call({"command": "dance", "filler": filler}),
-                         UNKNOWN_COMMAND)
+        filler = "x" * (4094 - len('{"command":"interval","seconds":5,"filler":""}'))
+        call = {"command": "interval", "seconds": 5, "filler": filler}
+        self.assertEqual(self.client().call(call), 0)
 
     def test_knows_the_server(self):
         self.assertEqual(self.client().server.pid, self.process.pid)
@@ -52,7 +51,7 @@ class ClientOfACppServer(support.HostmonCase):
             client.call({"command": "dance"})
 
 
-class AsyncClientOfACppServer(support.AsyncCase, support.HostmonCase):
+class AsyncClient(support.AsyncCase, support.HostmonCase):
     async def test_reconnects_when_the_server_is_killed_and_started_again(self):
         self.name = support.unique_name()
         self.process = self.serve(self.name)
@@ -63,54 +62,42 @@ class AsyncClientOfACppServer(support.AsyncCase, support.HostmonCase):
             for count in (1, 2, 3):
                 await self.within(client.wait_connected())
                 message = await self.within(messages.__anext__())
-                self.assertEqual(message["type"], "hostmon")
+                self.assertEqual(message["topic"], "host")
                 self.process.kill()
                 await self.until(lambda: len(losses) == count)
                 self.process.wait(support.DEADLINE)
                 self.process = self.serve(self.name)
 
 
-class CppClientOfTheServer(support.HostmonCase):
+class Hostmon(support.HostmonCase):
+    """The example's own callers."""
+
     def setUp(self):
         self.name = support.unique_name()
-        self.handler = lambda message: 0
-
-    def serve_python(self, **options):
-        server = tovik.testing.Server(self.name, lambda message: self.handler(message), **options)
-        server.__enter__()
-        self.addCleanup(server.__exit__, None, None, None)
-        return server
 
     def call(self, *commands):
         done = subprocess.run([os.environ["HOSTMON"], "call", self.name, *commands],
                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
                               timeout=support.DEADLINE)
-        return done.stdout.splitlines()
+        return done.returncode, done.stdout.splitlines()
 
-    def test_that_blocks_gets_statuses_and_messages(self):
-        server = self.serve_python()
-        self.handler = lambda message: {"v": 1} if message["command"] == "get" else 2147483647
-        self.assertEqual(self.call('{"command":"x"}', '{"command":"get"}'),
-                         ['{"command":"x"} -> reply with status 2147483647',
-                          '{"command":"get"} -> {"v":1}'])
-        self.assertEqual(server.received, [{"command": "x"}, {"command": "get"}])
+    def test_prints_results_and_reasons(self):
+        self.serve(self.name)
+        status, lines = self.call('{"command":"interval","seconds":5}',
+                                  '{"command":"get","value":"uptime"}', '{"command":"dance"}')
+        self.assertEqual(status, 1)
+        self.assertEqual(lines[0], '{"command":"interval","seconds":5} -> done')
+        self.assertRegex(lines[1], r"-> [0-9.]+$")
+        self.assertEqual(lines[2], f'{{"command":"dance"}} -> {self.name}: dance: '
+                                   "no command 'dance'")
 
-    def test_that_blocks_refuses_a_status_out_of_range(self):
-        self.serve_python()
-        self.handler = lambda message: 2147483648
-        self.assertEqual(self.call('{"command":"x"}'), ['{"command":"x"} -> no reply'])
+    def test_says_that_nobody_serves(self):
+        self.assertEqual(self.call("{}"), (1, [f"{{}} -> {self.name}: call: Connection refused"]))
 
-    def test_that_is_not_admitted_gets_no_answer(self):
-        self.serve_python(validator=lambda peer: False)
-        (line,) = self.call('{"command":"x"}')
-        self.assertRegex(line, "no (answer|reply)")
-
-    def test_that_subscribes_gets_notifications_and_reconnects(self):
+    def test_follows_across_restarts(self):
         watcher = self.start("watch", self.name)
-        for turn in (1, 2):
-            with tovik.testing.Server(self.name) as server:
-                support.wait_until(lambda: server.subscribers == 1)
-                server.notify({"type": "hostmon", "turn": turn})
-                lines = self.lines_until(watcher, "notification")
-                self.assertIn('"turn":%d' % turn, lines[-1])
-            self.lines_until(watcher, "connection lost")
+        for _turn in (1, 2):
+            server = self.serve(self.name)
+            self.assertIn('"snapshot":true', self.lines_until(watcher, "event")[-1])
+            self.assertEqual(self.stop(server), 0)
+            self.lines_until(watcher, "lost")

@@ -45,7 +45,7 @@ class Proxy(Case):
     async def test_gets_results_of_overlapping_calls_in_any_order(self):
         await self.serve()
         async with self.proxy() as proxy:
-            calls = [proxy.call({"command": "sleep", "turns": 50 - n}, 10) for n in range(50)]
+            calls = [proxy.call({"command": "sleep", "turns": 50 - n}, 100) for n in range(50)]
             outcomes = await asyncio.gather(*calls)
         self.assertEqual([outcome.result for outcome in outcomes], [50 - n for n in range(50)])
 
@@ -203,19 +203,6 @@ class ProxyOfAPlainServer(Case):
                     await self.until(lambda: proxy._calls)
                     peer.send(b'{"type":"reply","status":2}')
                     self.assertEqual((await second).status, 2)
-
-    async def test_ends_the_connection_where_nobody_can_tell_whose_reply_it_is(self):
-        with support.listener(self.name) as listener:
-            async with self.proxy() as proxy:
-                await self.within(proxy.wait_connected())
-                with listener.accept()[0] as peer:
-                    with self.assertRaises(TimeoutError):
-                        await proxy.call({"n": 1}, 0.05)
-                    second = asyncio.ensure_future(proxy.call({"n": 2}, 10))
-                    await self.until(lambda: len(proxy._calls) == 2)
-                    peer.send(b'{"type":"reply","status":1}')
-                    with self.assertRaisesRegex(tovik.ConnectionLost, "either of two calls"):
-                        await self.within(second)
 
     async def test_keeps_no_more_calls_than_a_bound_of_a_server_that_answers_none(self):
         losses = []

@@ -1,4 +1,5 @@
-"""The service for asyncio: conversations as data, and what a client may do to it."""
+"""The service for asyncio: what handlers and clients may do to it. test_conformance has what goes
+over the wire."""
 
 import asyncio
 import json
@@ -6,15 +7,6 @@ import os
 
 import support
 import tovik
-
-CONVERSATIONS = json.loads((support.SOURCE / "tests/python/conversations.json").read_text())
-
-
-def matches(found, wanted):
-    """Whether the record is the wanted one, in which "*" stands for anything."""
-    return found.keys() == wanted.keys() and all(
-        value == "*" or json.dumps(found[name]) == json.dumps(value)
-        for name, value in wanted.items())
 
 
 class Case(support.AsyncCase):
@@ -36,37 +28,13 @@ class Case(support.AsyncCase):
         def add(request):
             return request["a"] + request["b"]
 
-        @service.command("echo", "Gives back.", value=tovik.Argument(object, "Anything."))
-        async def echo(request):
-            return request["value"]
-
         @service.command("wait", "Waits for go.")
         async def wait(request):
             await self.released.wait()
             return "waited"
 
-        @service.command("count", "Counts in parts.", to=integer)
-        def count(request):
-            for n in range(1, request["to"]):
-                request.more(n)
-            return request["to"]
-
-        @service.command("publish", "Publishes.")
-        def publish(request):
-            service.publish(request["topic"], request["event"])
-
-        @service.command("refuse", "Never does.")
-        async def refuse(request):
-            raise tovik.Refusal(1001, "not today")
-
-        @service.command("babble", "Refuses at length, in characters that JSON escapes.")
-        def babble(request):
-            raise tovik.Refusal(1002, "\0\ud800" * 4000)
-
         service.command("raise", "Has a fault.")(lambda request: 1 // 0)
-        service.command("go", "Lets waiters go.")(lambda request: self.released.set())
         service.command("nothing", "Does nothing.")(lambda request: None)
-        service.command("long", "Answers too much.")(lambda request: "x" * 5000)
 
     async def peer(self):
         peer = tovik._wire.new_socket()
@@ -81,25 +49,25 @@ class Case(support.AsyncCase):
 
 
 class Service(Case):
-    async def test_holds_each_conversation(self):
+    async def test_logs_a_handler_that_raises_and_fails_its_call_alone(self):
         await self.serve()
-        with self.assertLogs("tovik") as logs:
-            for conversation in CONVERSATIONS:
-                with self.subTest(conversation["name"]):
-                    self.released.clear()
-                    with await self.peer() as peer:
-                        await self.talk(peer, conversation["talk"])
-                    self.released.set()
+        with await self.peer() as peer, self.assertLogs("tovik") as logs:
+            for command, status in (("raise", 5), ("nothing", 0)):
+                peer.send(json.dumps({"command": command}).encode())
+                self.assertEqual((await self.receive(peer))["status"], status)
         self.assertIn("ZeroDivisionError", "".join(logs.output))
 
-    async def talk(self, peer, lines):
-        for direction, message in lines:
-            if direction == ">":
-                text = message if isinstance(message, str) else json.dumps(message)
-                peer.send(text.encode())
-            else:
-                found = await self.receive(peer)
-                self.assertTrue(matches(found, message), f"{found}, not {message}")
+    async def test_refuses_an_event_that_cannot_be_sent(self):
+        service = await self.serve()
+        with await self.peer() as peer:
+            peer.send(b'{"command":"subscribe","topics":["tick"]}')
+            await self.receive(peer)
+            for topic, event, error in (("none", {}, KeyError), ("tick", {"type": 1}, ValueError),
+                                        ("tick", {"x": "x" * 5000}, tovik.TooLong)):
+                with self.assertRaises(error):
+                    service.publish(topic, event)
+            service.publish("tick", {"n": 1})
+            self.assertEqual((await self.receive(peer))["n"], 1)
 
     async def test_describes_itself_in_parts_that_belong_together(self):
         service = await self.serve(description="For tests.")
@@ -118,21 +86,8 @@ class Service(Case):
                 {"name": name, "type": "integer", "required": True, "description": "A number."}
                 for name in "ab"]})
         self.assertEqual(len(topics), 102)
-        self.assertEqual(topics[0], {"name": "state", "description": "Whether it is on.",
-                                     "keepsLast": True})
-
-    async def test_answers_a_record_that_is_too_long(self):
-        await self.serve()
-        with await self.peer() as peer:
-            peer.send(b"{}".ljust(4095))
-            self.assertEqual((await self.receive(peer))["status"], 90)
-
-    async def test_serves_the_plain_clients(self):
-        await self.serve()
-        async with tovik.AsyncClient(self.name) as client:
-            await self.within(client.wait_connected())
-            self.assertEqual(await self.within(client.call({"command": "nothing"})), 0)
-            self.assertEqual(await self.within(client.call({"command": "dance"})), 38)
+        self.assertIn({"name": "state", "description": "Whether it is on.", "keepsLast": True},
+                      topics)
 
     async def test_refuses_whom_its_admission_refuses(self):
         name = support.unique_name()

@@ -59,9 +59,15 @@ class Record(unittest.TestCase):
                 tovik.decode(text)
 
     def test_that_is_not_json_is_refused(self):
-        for record in (b"", b"{", b"{} {}", b"{'a':1}", b'{"a":1,}', b'{"a":1}\0', b"[" * 4000):
+        for record in (b"", b"{", b"{} {}", b"{'a':1}", b'{"a":1,}', b"[" * 4000,
+                       b'{"a":1e400}', b'{"a":"\\ud800"}', b'{"a":"\\\\\\uDBFF\\u0041"}'):
             with self.assertRaises(tovik.ProtocolError):
                 tovik.decode(record)
+
+    def test_reads_as_every_other_reader_does(self):
+        for record, message in ((b'{"a":1}\0{', {"a": 1}), (b'{"a":1,"a":2}', {"a": 1}),
+                                (b'{"a":"\\ud83d\\ude00\\\\ud800"}', {"a": "\U0001f600\\ud800"})):
+            self.assertEqual(tovik.decode(record), message)
 
     def test_takes_any_bytes_in_strings_and_gives_them_back(self):
         record = b'{"b":"\xff\xc3(\x80"}'

@@ -27,7 +27,6 @@ void Lamp::restart() {
       [](Request request) { request.reply(request.get<int>("a") + request.get<int>("b", 1)); });
   service_->command("keep", "Is answered later.", {},
                     [this](Request request) { kept.push_back(request); });
-  service_->command("drop", "Is never answered.", {}, [](Request) {});
   service_->command("refuse", "Fails.", {}, [](Request) { throw Tovik::Refusal(13, "not you"); });
   service_->command("throw", "Breaks.", {}, [](Request) { throw std::runtime_error("broken"); });
   service_->command("count", "Counts to three, in parts.", {}, [](Request request) {

@@ -1,4 +1,4 @@
-// Calls of a service's commands, as clients of any language make them.
+// Calls of a service's commands. What goes over the wire is in conformance.json.
 
 #include <gmock/gmock.h>
 
@@ -6,7 +6,6 @@
 #include <thread>
 #include <utility>
 
-#include "Api/Json/Client.h"
 #include "tests/service/Lamp.h"
 
 namespace {
@@ -23,49 +22,6 @@ class Request : public testing::Test {
   Fd client_ = lamp_.connect();
 };
 
-TEST_F(Request, IsAnsweredWithAStatus) {
-  EXPECT_EQ(ask(R"({"command":"switch","on":true})"), R"({"type":"reply","status":0})");
-}
-
-TEST_F(Request, IsAnsweredWithItsId) {
-  EXPECT_EQ(ask(R"({"command":"switch","on":true,"id":0})"),
-            R"({"type":"reply","status":0,"id":0})");
-  EXPECT_EQ(ask(R"({"command":"switch","on":true,"id":9007199254740991})"),
-            R"({"type":"reply","status":0,"id":9007199254740991})");
-}
-
-TEST_F(Request, IsAnsweredWithAResult) {
-  EXPECT_EQ(ask(R"({"command":"add","a":1,"b":2})"), R"({"type":"reply","status":0,"result":3})");
-  EXPECT_EQ(ask(R"({"command":"add","a":1})"), R"({"type":"reply","status":0,"result":2})");
-}
-
-TEST_F(Request, GetsTheStatusThroughAPlainClient) {
-  int status = -1;
-  std::thread caller([this, &status] {
-    status = Tovik::Client(lamp_.name()).sendMsg(parsed(R"({"command":"refuse"})"), true);
-  });
-  turnUntil([this] { return lamp_.left.size() == 1; });
-  caller.join();
-  EXPECT_EQ(status, 13);
-}
-
-TEST_F(Request, IsAnsweredInPartsIfItHasAnId) {
-  tell(R"({"command":"count","id":5})");
-  EXPECT_EQ(next(), R"({"type":"reply","status":0,"id":5,"result":1,"more":true})");
-  EXPECT_EQ(next(), R"({"type":"reply","status":0,"id":5,"result":2,"more":true})");
-  EXPECT_EQ(next(), R"({"type":"reply","status":0,"id":5,"result":3})");
-}
-
-TEST_F(Request, WithoutAnIdIsNotAnsweredInParts) {
-  EXPECT_THAT(ask(R"({"command":"count"})"), HasSubstr(R"("status":90,"error":)"));
-  EXPECT_EQ(rawReceiveNow(client_.get()), "<nothing>");
-}
-
-TEST_F(Request, OfAnUnknownCommandIsAnsweredWith38) {
-  EXPECT_EQ(ask(R"({"command":"dim"})"),
-            R"({"type":"reply","status":38,"error":"no command 'dim'"})");
-}
-
 TEST_F(Request, WithoutAnArgumentIsToldWhich) {
   EXPECT_EQ(ask(R"({"command":"switch"})"),
             R"({"type":"reply","status":22,"error":"argument 'on' is missing"})");
@@ -78,20 +34,11 @@ TEST_F(Request, WithAnArgumentOfTheWrongTypeIsToldWhich) {
   EXPECT_THAT(ask(R"({"command":"add","a":1,"b":"2"})"), HasSubstr("'b'"));
 }
 
-TEST_F(Request, IsRefusedByAnException) {
-  EXPECT_EQ(ask(R"({"command":"refuse","id":3})"),
-            R"({"type":"reply","status":13,"id":3,"error":"not you"})");
-}
-
 TEST_F(Request, IsAnsweredWith5IfTheHandlerThrowsSomethingElse) {
   rawSend(client_.get(), R"({"command":"throw"})");
   EXPECT_THROW(turnUntil([this] { return rawReceiveNow(client_.get()) != "<nothing>"; }),
                std::runtime_error);
   EXPECT_THAT(next(), HasSubstr(R"("status":5)"));
-}
-
-TEST_F(Request, IsAnsweredWith5IfItIsDropped) {
-  EXPECT_THAT(ask(R"({"command":"drop","id":1})"), HasSubstr(R"("status":5,"id":1)"));
 }
 
 TEST_F(Request, IsAnsweredByAWorkerThroughTheLoop) {
@@ -112,26 +59,6 @@ TEST_F(Request, MayBeDroppedByAWorker) {
   EXPECT_THAT(next(), HasSubstr(R"("status":5,"id":1)"));
   EXPECT_THAT(next(), HasSubstr(R"("status":5,"error")"));
   worker.join();
-}
-
-TEST_F(Request, MayBeAnsweredLaterAndInAnyOrder) {
-  tell(R"({"command":"keep","id":1})");
-  tell(R"({"command":"keep","id":2})");
-  EXPECT_TRUE(lamp_.kept[1].reply("b"));
-  EXPECT_TRUE(lamp_.kept[0].reply("a"));
-  EXPECT_EQ(next(), R"({"type":"reply","status":0,"id":2,"result":"b"})");
-  EXPECT_EQ(next(), R"({"type":"reply","status":0,"id":1,"result":"a"})");
-}
-
-TEST_F(Request, WithoutAnIdIsAnsweredInItsTurn) {
-  tell(R"({"command":"keep"})");
-  tell(R"({"command":"add","a":1})");
-  tell(R"({"command":"add","a":5,"id":7})");
-  EXPECT_EQ(next(), R"({"type":"reply","status":0,"id":7,"result":6})");
-  EXPECT_EQ(rawReceiveNow(client_.get()), "<nothing>");
-  lamp_.kept[0].reply();
-  EXPECT_EQ(next(), R"({"type":"reply","status":0})");
-  EXPECT_EQ(next(), R"({"type":"reply","status":0,"result":2})");
 }
 
 TEST_F(Request, IsAnsweredOnce) {
@@ -194,13 +121,6 @@ TEST_F(Request, EndsASessionThatDoesNotWaitForItsTurn) {
   EXPECT_EQ(lamp_.left.size(), 1U);
 }
 
-TEST_F(Request, WithAnIdInFlightIsRefused) {
-  tell(R"({"command":"keep","id":1})");
-  EXPECT_THAT(ask(R"({"command":"switch","on":true,"id":1})"), HasSubstr(R"("status":22,"id":1)"));
-  lamp_.kept[0].reply();
-  EXPECT_THAT(next(), HasSubstr(R"("status":0,"id":1)"));
-}
-
 TEST_F(Request, IsToldWhenItsAnswerIsTooLong) {
   const std::string longest(4094 - std::string(R"({"type":"reply","status":0,"result":""})").size(),
                             'x');
@@ -217,24 +137,6 @@ TEST_F(Request, IsToldWhenItsAnswerIsNoJson) {
   tell(R"({"command":"keep"})");
   EXPECT_FALSE(lamp_.kept[0].reply(std::numeric_limits<double>::quiet_NaN()));
   EXPECT_THAT(next(), HasSubstr(R"("status":22,"error":)"));
-}
-
-TEST_F(Request, OfTheWrongShapeIsAnsweredWith22) {
-  for (const std::string record :
-       {"[1,2]", "\"text\"", "null", "7", "not JSON", "{} {}", "{}", R"({"command":7})",
-        R"({"command":["set"],"notification":true})", R"({"command":"switch","on":true,"id":-1})",
-        R"({"command":"switch","on":true,"id":1.0})",
-        R"({"command":"switch","on":true,"id":9007199254740992})", R"({"command":"subscribe"})",
-        R"({"command":"subscribe","topics":"plain"})", R"({"command":"subscribe","topics":[[]]})",
-        R"({"command":"subscribe","topics":["plain","dim"]})"}) {
-    const std::string answer = ask(record);
-    EXPECT_THAT(answer, HasSubstr(R"({"type":"reply","status":22,"error":)")) << record;
-  }
-}
-
-TEST_F(Request, ThatIsNestedToTheLimitIsLookedAt) {
-  const std::string depth(4094, '[');
-  EXPECT_THAT(ask(depth), HasSubstr(R"("status":22)"));
 }
 
 TEST_F(Request, ThatIsTooLongIsAnsweredWith90) {

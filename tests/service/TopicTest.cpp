@@ -1,4 +1,4 @@
-// Events and who gets them.
+// Events and who gets them. What goes over the wire is in conformance.json.
 
 #include <gmock/gmock.h>
 
@@ -42,48 +42,6 @@ class Topic : public testing::Test {
   Fd client_ = lamp_.connect();
 };
 
-TEST_F(Topic, ReachesThoseWhoFollowIt) {
-  EXPECT_EQ(ask(R"({"command":"subscribe","topics":["plain"]})"), kDone);
-  EXPECT_EQ(publish("level", 1), 0);
-  EXPECT_EQ(publish("plain", 2), 0);
-  EXPECT_EQ(next(), event("plain", 2));
-  EXPECT_EQ(ask(R"({"command":"unsubscribe","topics":["plain"]})"), kDone);
-  EXPECT_EQ(publish("plain", 3), 0);
-  EXPECT_EQ(now(), "<nothing>");
-}
-
-TEST_F(Topic, IsFollowedWithAllOthersByAnEmptyList) {
-  EXPECT_EQ(ask(R"({"command":"subscribe","topics":[]})"), kDone);
-  publish("level", 1);
-  publish("plain", 2);
-  EXPECT_EQ(next(), event("level", 1));
-  EXPECT_EQ(next(), event("plain", 2));
-  EXPECT_EQ(ask(R"({"command":"unsubscribe","topics":[]})"), kDone);
-  publish("plain", 3);
-  EXPECT_EQ(now(), "<nothing>");
-}
-
-TEST_F(Topic, StartsWithItsLastValue) {
-  publish("state", 1);
-  publish("state", 2);
-  EXPECT_EQ(ask(R"({"command":"subscribe","topics":["state"]})"), kDone);
-  publish("state", 3);
-  EXPECT_EQ(next(), R"({"type":"event","topic":"state","snapshot":true,"value":2})");
-  EXPECT_EQ(next(), event("state", 3));
-}
-
-TEST_F(Topic, KeepsAnswersComing) {
-  ask(R"({"command":"subscribe","topics":["plain"]})");
-  EXPECT_EQ(ask(R"({"command":"switch","on":true})"), kDone);
-}
-
-TEST_F(Topic, IsNotFollowedAtAllIfOneOfTheListIsUnknown) {
-  EXPECT_EQ(ask(R"({"command":"subscribe","topics":["plain","dim"],"id":1})"),
-            R"({"type":"reply","status":22,"id":1,"error":"no topic 'dim'"})");
-  publish("plain", 1);
-  EXPECT_EQ(now(), "<nothing>");
-}
-
 TEST_F(Topic, TakesObjectsThatFit) {
   EXPECT_EQ(lamp_->publish("dim", object()), 22);
   EXPECT_EQ(lamp_->publish("plain", parsed("[]")), 22);
@@ -105,43 +63,6 @@ TEST_F(Topic, TakesObjectsThatFit) {
   Lamp::tell(another, R"({"command":"subscribe","topics":["state"]})");
   EXPECT_EQ(Lamp::receive(another), kDone);
   EXPECT_EQ(Lamp::receive(another).size(), 4094U) << "the longest snapshot";
-}
-
-TEST_F(Topic, ReachesThoseWhoHaveSwitchedAllOn) {
-  publish("state", 1);
-  EXPECT_EQ(ask(R"({"command":"set","notification":true})"), kDone);
-  publish("state", 2);
-  publish("plain", 3);
-  EXPECT_EQ(next(), event("state", 2));
-  EXPECT_EQ(next(), event("plain", 3));
-}
-
-TEST_F(Topic, ReachesEachOnce) {
-  ask(R"({"command":"subscribe","topics":["plain"],"id":1})");
-  ask(R"({"command":"set","notification":true,"id":2})");
-  publish("plain", 1);
-  EXPECT_EQ(next(), event("plain", 1));
-  EXPECT_EQ(now(), "<nothing>");
-}
-
-TEST_F(Topic, TakesAwayRepliesWithoutIdFromThoseWhoHaveSwitchedAllOn) {
-  ask(R"({"command":"set","notification":true})");
-  EXPECT_EQ(ask(R"({"command":"switch","on":true,"id":1})"),
-            R"({"type":"reply","status":0,"id":1})");
-  Lamp::tell(client_, R"({"command":"switch","on":true})");
-  Lamp::tell(client_, R"({"command":"set","notification":true})");
-  Lamp::tell(client_, R"({"command":"set","notification":false})");
-  EXPECT_EQ(now(), "<nothing>");
-  publish("plain", 1);
-  EXPECT_EQ(now(), "<nothing>");
-  EXPECT_EQ(ask(R"({"command":"switch","on":true})"), kDone);
-}
-
-TEST_F(Topic, IsNotTouchedByASwitchThatIsNoBoolean) {
-  Lamp::tell(client_, R"({"command":"set","notification":1})");
-  EXPECT_EQ(now(), "<nothing>");
-  EXPECT_THAT(ask(R"({"command":"set","notification":1,"id":1})"), HasSubstr(R"("status":22)"));
-  EXPECT_THAT(ask(R"({"command":"set"})"), HasSubstr(R"("status":38)"));
 }
 
 TEST_F(Topic, EndsASessionWhoseQueueIsFull) {

@@ -13,6 +13,8 @@ tovik_service_test(service_test service/RequestTest.cpp service/ServiceTest.cpp
 tovik_service_test(proxy_test service/CallTest.cpp service/CallsTest.cpp service/ProxyTest.cpp)
 tovik_service_test(task_test service/TaskTest.cpp)
 target_compile_features(task_test PRIVATE cxx_std_20)
-tovik_service_test(conformance_test service/ConformanceTest.cpp)
-target_compile_definitions(conformance_test
-                           PRIVATE TOVIK_CONFORMANCE="${CMAKE_CURRENT_LIST_DIR}/conformance.json")
+
+# The C++ side of the conformance suite, which tests/python/test_conformance.py runs.
+add_executable(conformance_peer service/ConformancePeer.cpp)
+target_include_directories(conformance_peer PRIVATE ${PROJECT_SOURCE_DIR})
+target_link_libraries(conformance_peer PRIVATE tovik_test_flags TovikService)

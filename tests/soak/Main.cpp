@@ -27,8 +27,8 @@ struct Named {
 
 constexpr Named kScenarios[] = {
     {"broadcast", crowd}, {"burst", burst},       {"stopped-reader", stoppedReader},
-    {"flood", flood},     {"restarts", restarts}, {"idle", idle},
-    {"mixed", mixed},
+    {"flood", flood},     {"restarts", restarts}, {"services", services},
+    {"idle", idle},       {"mixed", mixed},
 };
 
 /// Few samples of times, on a machine that does other things: a looser bound for their ratio.
@@ -42,6 +42,8 @@ Form ciForm() {
   form.stoppedReaderRatio = 1.5;
   form.floodSeconds = 4;
   form.restarts = 10;
+  form.sessions = 100;
+  form.serviceKills = 5;
   form.idleSeconds = 3;
   form.mixedSeconds = 12;
   return form;
@@ -61,6 +63,9 @@ Form shortForm() {
   form.floodSeconds = 0.4;
   form.restarts = 1;
   form.restartClients = 20;
+  form.sessions = 20;
+  form.serviceKills = 1;
+  form.serviceSeconds = 0.2;
   form.idleSeconds = 0;
   form.quietSeconds = 0.2;
   form.mixedSeconds = 0.4;

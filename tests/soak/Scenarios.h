@@ -27,9 +27,12 @@ struct Form {
   unsigned restarts = 200;
   unsigned restartClients = 50;
   unsigned idleConnections = 200;
-  double idleSeconds = 60;   // 0: not at all
-  double quietSeconds = 1;   // at the end of every other scenario
-  double mixedSeconds = 60;  // at least
+  unsigned sessions = 1000;  // of a service, one in ten of which does not read
+  unsigned serviceKills = 100;
+  double serviceSeconds = 1;  // from each kill to the next, at least
+  double idleSeconds = 60;    // 0: not at all
+  double quietSeconds = 1;    // at the end of every other scenario
+  double mixedSeconds = 60;   // at least
 };
 
 struct Run {
@@ -48,6 +51,7 @@ void burst(const Run& run, const std::string& scenario);
 void stoppedReader(const Run& run, const std::string& scenario);
 void flood(const Run& run, const std::string& scenario);
 void restarts(const Run& run, const std::string& scenario);
+void services(const Run& run, const std::string& scenario);
 void idle(const Run& run, const std::string& scenario);
 void mixed(const Run& run, const std::string& scenario);
 

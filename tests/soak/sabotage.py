@@ -15,6 +15,9 @@ FAULTS = [
     ("wake", "broadcast", {"wake-ups while idle"}),
     ("late", "restarts", {"until all are back, longest"}),
     ("mute", "flood", {"failures"}),
+    ("drop", "services", {"events left out"}),
+    ("double", "services", {"events doubled"}),
+    ("mute", "services", {"calls timed out or refused"}),
 ]
 
 

@@ -4,9 +4,9 @@ if(NOT TOVIK_SANITIZE)
   find_package(CLI11 REQUIRED)
   add_executable(soak soak/Blocking.cpp soak/Clients.cpp soak/Endurance.cpp soak/Load.cpp
                       soak/Log.cpp soak/Main.cpp soak/Process.cpp soak/Report.cpp
-                      soak/Scenarios.cpp soak/Server.cpp)
+                      soak/Scenarios.cpp soak/Server.cpp soak/Services.cpp)
   target_include_directories(soak PRIVATE ${PROJECT_SOURCE_DIR})
-  target_link_libraries(soak PRIVATE tovik_test_flags Tovik Kelvo CLI11::CLI11)
+  target_link_libraries(soak PRIVATE tovik_test_flags TovikService Tovik Kelvo CLI11::CLI11)
   add_test(NAME soak.Short COMMAND soak --short)
   add_test(NAME soak.NoticesABrokenServer
            COMMAND ${Python3_EXECUTABLE} -B ${CMAKE_CURRENT_SOURCE_DIR}/soak/sabotage.py

@@ -1481,7 +1481,7 @@ class Describe(Case):
         server = self.raw_server()
         describe = self.start("describe", self.name, *options)
         client = self.accept(server)
-        self.assertEqual(b'{"command":"describe"}', client.recv(4096))
+        self.assertEqual(b'{"command":"describe","id":1}', client.recv(4096))
         return describe, client
 
     def test_prints_a_page(self):

@@ -52,9 +52,6 @@ class Listener final : public Server {
   void readFdEvent(int fd) override;
 
  private:
-  bool remember(int pid, unsigned uid, unsigned gid);
-
-  const Service::Admission admission_;
   const Admitted admitted_;
   ucred peer_{};
 };
@@ -87,9 +84,6 @@ struct Request::Call {
   Turns::iterator turn;     // if there is no id
   bool isInFlight = false;  // and counted by its session
   bool isAnswered = false;
-
- private:
-  bool send(unsigned status, const rapidjson::Value* result, std::string_view error, bool more);
 };
 
 class ServedSession final : public Session,
@@ -154,7 +148,7 @@ struct Service::Core {
   const std::string name;
   const ServiceOptions options;
   const std::shared_ptr<const Home> home = std::make_shared<const Home>();
-  std::string head;  // what the description begins with, the brace not closed
+  const std::string itself;  // for "describe"
   std::map<std::string, std::shared_ptr<const Command>, std::less<>> commands;
   std::map<std::string, Feed, std::less<>> feeds;
   std::unordered_set<ServedSession*> followAll;

@@ -1,0 +1,307 @@
+"""Every service with every caller, by conformance.json, which says what its cases mean.
+
+CONFORMANCE_PEER is the service and the callers in C++; TOVIK the command, which is both, too.
+"""
+
+import asyncio
+import collections
+import json
+import os
+import pathlib
+import socket
+import subprocess
+import sys
+import tempfile
+import threading
+import unittest
+
+import support
+import tovik
+
+SUITE = json.loads((support.SOURCE / "tests/service/conformance.json").read_text())
+PEERS = {
+    "C++": [os.environ["CONFORMANCE_PEER"]],
+    "Python": [sys.executable, "-B", str(pathlib.Path(__file__).with_name("conformance_peer.py"))],
+}
+SENTINEL = {"command": "sentinel", "id": 4711}  # there is no such command
+
+
+def comparable(message):
+    return json.dumps(message, sort_keys=True)
+
+
+def whole(outcome):
+    """A description, whose lists may come in parts."""
+    together = {}
+    for part in (*outcome.parts, outcome.result):
+        for name, value in part.items():
+            together[name] = together.get(name, []) + value if isinstance(value, list) else value
+    return together
+
+
+def raw_bytes(step):
+    return step["raw"].encode() * step.get("times", 1)
+
+
+class Program:
+    """A peer as a process, and what it prints."""
+
+    def __init__(self, command):
+        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                        stderr=subprocess.DEVNULL)
+        self.guard = threading.Timer(3 * support.DEADLINE, self.process.kill)
+        self.guard.start()
+        self.outcomes = collections.defaultdict(collections.deque)
+        self.events = collections.deque()
+
+    def tell(self, line):
+        self.process.stdin.write(json.dumps(line).encode() + b"\n")
+        self.process.stdin.flush()
+
+    def next_of(self, queue):
+        while not queue:
+            line = self.process.stdout.readline()
+            assert line, "nothing more is printed"
+            self.note(json.loads(line))
+        return queue.popleft()
+
+    def note(self, line):
+        if "event" in line:
+            self.events.append(line["event"])
+        else:
+            self.outcomes[line.pop("as")].append(line)
+
+    def outcome(self, name=""):
+        return self.next_of(self.outcomes[name])
+
+    def rest(self):
+        """What else it prints until it ends."""
+        self.process.stdin.close()
+        for line in self.process.stdout:
+            self.note(json.loads(line))
+        assert self.process.wait() == 0
+        return [*self.events, *(rest for queue in self.outcomes.values() for rest in queue)]
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.guard.cancel()
+        self.process.kill()
+        self.process.wait()
+        self.process.stdout.close()
+        self.process.stdin.close()
+
+
+class Case(unittest.TestCase):
+    def setUp(self):
+        self.name = support.unique_name()
+
+    def serve(self, command):
+        service = Program(command)
+        support.wait_until(lambda: support.listens(self.name))
+        return service
+
+    def expect(self, wanted, found):
+        text = found.get("error")
+        if wanted.get("error") == "?" and isinstance(text, str) and text:
+            found = {**found, "error": "?"}
+        self.assertEqual(comparable(found), comparable(wanted))
+
+    def for_each(self, side, run):
+        for language, peer in PEERS.items():
+            for case in SUITE[side]:
+                with self.subTest(case=case["name"], peer=language):
+                    self.setUp()
+                    run(case, peer)
+
+    def connect(self):
+        client = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+        self.addCleanup(client.close)
+        client.connect(tovik.address(self.name))
+        client.settimeout(support.DEADLINE)
+        return client
+
+
+class Services(Case):
+    def test_hold_every_case(self):
+        self.for_each("service", self.run_case)
+
+    def run_case(self, case, peer):
+        with self.serve([*peer, "serve", self.name]):
+            self.run_steps(case["steps"])
+
+    def run_steps(self, steps):
+        clients = {name: self.connect() for name in {step.get("as") for step in steps}}
+        for step in steps:
+            self.run_step(step, clients[step.get("as")])
+        for client in clients.values() if "end" not in steps[-1] else ():
+            client.send(json.dumps(SENTINEL).encode())
+            self.expect({"type": "reply", "status": 38, "id": SENTINEL["id"], "error": "?"},
+                        json.loads(client.recv(5000)))
+
+    def run_step(self, step, client):
+        if "send" in step:
+            client.send(json.dumps(step["send"]).encode())
+        elif "raw" in step:
+            client.send(raw_bytes(step))
+        elif "receive" in step:
+            self.expect(step["receive"], json.loads(client.recv(5000)))
+        else:
+            self.assertTrue(step["end"])
+            self.assertEqual(client.recv(5000), b"")
+
+    def test_describe_themselves_alike(self):
+        for language, peer in PEERS.items():
+            with self.subTest(peer=language), self.serve([*peer, "serve", self.name]):
+                outcome = tovik.call(self.name, {"command": "describe"}, support.DEADLINE)
+                self.assertEqual(whole(outcome), {"name": self.name, **SUITE["description"]})
+
+
+class Callers(Case):
+    def test_that_do_not_block_hold_every_case(self):
+        self.for_each("caller", lambda case, peer: self.run_case(case, [*peer, "proxy"]))
+
+    def test_that_block_hold_theirs(self):
+        self.for_each("caller", lambda case, peer: (
+            case.get("blocking") and self.run_case(case, [*peer, "call"])))
+
+    def run_case(self, case, command):
+        ids = {}
+        with support.listener(self.name) as self.listener, \
+                Program([*command, self.name]) as caller:
+            self.listener.settimeout(support.DEADLINE)
+            for step in case["steps"]:
+                self.run_step(step, step.get("as", ""), caller, ids)
+            self.assertEqual(caller.rest(), [])
+
+    def run_step(self, step, name, caller, ids):
+        if "call" in step or "subscribe" in step:
+            caller.tell(step)
+        elif "accept" in step:
+            self.server, _address = self.listener.accept()
+            self.addCleanup(self.server.close)
+            self.server.settimeout(support.DEADLINE)
+        elif "close" in step:
+            self.server.close()
+        elif "raw" in step:
+            self.server.send(raw_bytes(step))
+        elif "reply" in step:
+            self.server.send(json.dumps({**step["reply"], "id": ids[name]}).encode())
+        elif "request" in step:
+            request = json.loads(self.server.recv(5000))
+            ids[name] = request.pop("id")
+            self.expect(step["request"], request)
+        elif "outcome" in step:
+            self.expect(step["outcome"], caller.outcome(name))
+        else:
+            self.expect(step["event"], caller.next_of(caller.events))
+
+
+class Pairs(Case):
+    """Every caller with every service. The command, which is both, has a class of its own."""
+
+    def call_from_all(self, rows):
+        for language, peer in PEERS.items():
+            for role in ("proxy", "call", "client"):
+                with Program([*peer, role, self.name]) as caller:
+                    for row in rows:
+                        with self.subTest(call=row["call"], caller=language, role=role):
+                            caller.tell({"call": row["call"]})
+                            self.expect(self.wanted(row, role), caller.outcome())
+
+    @staticmethod
+    def wanted(row, role):
+        outcome = {"end": "reply", **row["outcome"]}
+        if role == "client":
+            return {"end": "reply", "status": row.get("plain", outcome["status"])}
+        return outcome
+
+    def test_agree_on_every_call(self):
+        for language, peer in PEERS.items():
+            self.setUp()
+            with self.subTest(service=language), self.serve([*peer, "serve", self.name]):
+                self.call_from_all(SUITE["calls"])
+
+
+class Command(Pairs):
+    def test_agree_on_every_call(self):
+        """Of `tovik call`."""
+        for language, peer in PEERS.items():
+            self.setUp()
+            with self.serve([*peer, "serve", self.name]):
+                for row in SUITE["calls"]:
+                    with self.subTest(call=row["call"], service=language):
+                        self.expect(row["outcome"], self.outcome_of(row["call"]))
+
+    def outcome_of(self, call):
+        message = json.dumps({**call, "id": 1})
+        done = subprocess.run([os.environ["TOVIK"], "call", self.name, message, "--json", "short"],
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                              timeout=support.DEADLINE)
+        *parts, last = map(json.loads, done.stdout.splitlines())
+        self.assertEqual(done.returncode, 0 if last["status"] == 0 else 1)
+        self.assertEqual((last.pop("type"), last.pop("id")), ("reply", 1))
+        return {**last, "parts": [part["result"] for part in parts]} if parts else last
+
+    def test_stands_in_for_a_service(self):
+        for row in SUITE["calls"]:
+            if "serve" in row:
+                self.setUp()
+                with self.serve([os.environ["TOVIK"], "serve", self.name, *row["serve"]]):
+                    self.call_from_all([row])
+
+    def test_stands_in_with_a_description(self):
+        with tempfile.NamedTemporaryFile("w") as file:
+            file.write(json.dumps(SUITE["description"]))
+            file.flush()
+            with self.serve([os.environ["TOVIK"], "serve", self.name, "--describe", file.name]):
+                outcome = tovik.call(self.name, {"command": "describe"}, support.DEADLINE)
+        self.assertEqual(outcome.result, SUITE["description"])
+
+    def test_describes_services(self):
+        for language, peer in PEERS.items():
+            self.setUp()
+            with self.subTest(service=language), self.serve([*peer, "serve", self.name]):
+                page = subprocess.check_output(
+                    [os.environ["TOVIK"], "describe", self.name, "--json", "short"])
+                self.assertEqual(json.loads(page), {"name": self.name, **SUITE["description"]})
+
+    def test_follows_topics_of_services_across_restarts(self):
+        for language, peer in PEERS.items():
+            self.setUp()
+            monitor = [os.environ["TOVIK"], "monitor", self.name, "--topic", "state"]
+            with self.subTest(service=language), Program(monitor) as tool:
+                for value in (1, 3):
+                    with self.serve([*peer, "serve", self.name]):
+                        self.publish("state", value)
+                        self.assertEqual(self.event(tool), {"value": value})
+                        self.publish("plain", 0)
+                        self.publish("state", value + 1)
+                        self.assertEqual(self.event(tool), {"value": value + 1})
+
+    def publish(self, topic, value):
+        call = {"command": "publish", "topic": topic, "value": value}
+        self.assertEqual(tovik.call(self.name, call, support.DEADLINE).status, 0)
+
+    def event(self, tool):
+        """Without its snapshot's mark: the command subscribes before or after it was published."""
+        event = json.loads(tool.process.stdout.readline())
+        self.assertEqual((event.pop("type"), event.pop("topic")), ("event", "state"))
+        event.pop("snapshot", None)
+        return event
+
+
+class CommandAndALongDescription(support.AsyncCase):
+    async def test_puts_its_parts_together(self):
+        name = support.unique_name()
+        async with tovik.Service(name, lambda peer: True) as service:
+            for number in range(100):
+                service.topic(f"t{number:02}", "x" * 100)
+            tool = await asyncio.create_subprocess_exec(
+                os.environ["TOVIK"], "describe", name, "--json", "short",
+                stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            output, errors = await self.within(tool.communicate())
+        self.assertEqual((tool.returncode, errors), (0, b""))
+        self.assertEqual([topic["name"] for topic in json.loads(output)["topics"]],
+                         [f"t{number:02}" for number in range(100)])
