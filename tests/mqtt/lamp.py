@@ -1,0 +1,60 @@
+"""A service to be carried: lamp.py NAME [FILE]. Each call of "carry" adds its value to the file."""
+
+import asyncio
+import os
+import sys
+
+import support  # noqa: F401, where the package is
+import tovik
+
+
+async def main():
+    name, file = (sys.argv[1:] + [os.devnull])[:2]
+    service = tovik.Service(name, lambda peer: True, calls=100, description="A lamp.")
+    held = asyncio.Event()
+    anything = tovik.Argument(object, "Anything.")
+
+    @service.command("switch", "Switches it.", on=tovik.Argument(bool, "True switches it on."))
+    def switch(request):
+        service.publish("state", {"on": request["on"]})
+
+    @service.command("add", "Adds.", a=tovik.Argument(int, "One."), b=tovik.Argument(int, "Two."))
+    def add(request):
+        return request["a"] + request["b"]
+
+    @service.command("echo", "Gives back.", value=anything)
+    def echo(request):
+        return request["value"]
+
+    @service.command("refuse", "Fails.")
+    def refuse(request):
+        raise tovik.Refusal(1001, "not today")
+
+    @service.command("count", "Counts to three, in parts.")
+    def count(request):
+        request.more(1)
+        request.more(2)
+        return 3
+
+    @service.command("carry", "Adds a line to the file.", value=anything)
+    def carry(request):
+        with open(file, "a") as lines:
+            lines.write(f"{request['value']}\n")
+
+    @service.command("hold", "Answers when told to.")
+    async def hold(request):
+        await held.wait()
+
+    @service.command("emit", "Publishes.", topic=tovik.Argument(str, "Where."), event=anything)
+    def emit(request):
+        service.publish(request["topic"], request["event"])
+
+    service.command("release", "Answers all that are held.")(lambda request: held.set())
+    service.topic("state", "Whether it is on.", keeps_last=True)
+    service.topic("plain", "Nothing special.")
+    service.topic("a/b+c#d.e%\x01ä", "An odd name.")
+    async with service:
+        await asyncio.Event().wait()
+
+
+asyncio.run(main())
