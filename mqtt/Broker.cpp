@@ -23,6 +23,7 @@ namespace {
 constexpr double kFirstDelay = 0.5;  // seconds
 constexpr double kLongestDelay = 30;
 constexpr int kConnectLimit = 10;  // seconds
+constexpr int kShortLife = 10;     // seconds
 constexpr std::size_t kWindow = 64;
 constexpr std::size_t kMostWaiting = 10000;
 constexpr std::size_t kMostBytes = std::size_t{8} * 1024 * 1024;
@@ -143,11 +144,9 @@ int Broker::begin() {
     const auto orNull = [](const std::string& text) {
       return text.empty() ? nullptr : text.c_str();
     };
-    if (settings_.caFile.empty()) {
-      mosquitto_int_option(client, MOSQ_OPT_TLS_USE_OS_CERTS, 1);
-    }
+    const char* const trusted = settings_.caFile.empty() ? X509_get_default_cert_dir() : nullptr;
     const int result =
-        mosquitto_tls_set(client, orNull(settings_.caFile), nullptr, orNull(settings_.certFile),
+        mosquitto_tls_set(client, orNull(settings_.caFile), trusted, orNull(settings_.certFile),
                           orNull(settings_.keyFile), nullptr);
     if (result != MOSQ_ERR_SUCCESS) {
       return result;
@@ -224,8 +223,13 @@ void Broker::writeFdEvent(int fd) {
 }
 
 void Broker::tick() {
-  if (!isUp_ && ++seconds_ >= kConnectLimit) {
+  ++seconds_;
+  if (!isUp_ && seconds_ >= kConnectLimit) {
     return lose("no answer within " + tool::seconds(kConnectLimit));
+  }
+  if (isUp_ && seconds_ == kShortLife) {
+    delay_ = kFirstDelay;
+    shortLives_ = 0;
   }
   ticking_.arm(1);
   handle(mosquitto_loop_misc(client_.get()));
@@ -238,7 +242,7 @@ bool Broker::hasFailed(int fd) {
   if (isUp_ || ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) < 0 || error == 0) {
     return false;
   }
-  lose(std::strerror(error));
+  lose(unexplained(std::strerror(error)));
   return true;
 }
 
@@ -279,12 +283,17 @@ std::string Broker::reasonOf(int result, const Seen& seen) const {
   if (!seen.error.empty()) {
     return tool::escaped(seen.error);
   }
-  return result == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(result);
+  return unexplained(result == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(result));
+}
+
+/// A broker that is not content with a certificate may just close the connection.
+std::string Broker::unexplained(const std::string& why) const {
+  return settings_.tls && !isUp_ ? why + " with TLS; the broker's log may say more" : why;
 }
 
 void Broker::becomeUp() {
   isUp_ = true;
-  delay_ = kFirstDelay;
+  seconds_ = 0;
   lastReason_.clear();
   ++counters_.connected;
   say(role_.subject + ": connected to the broker");
@@ -314,14 +323,17 @@ void Broker::becomeUp() {
 
 void Broker::lose(const std::string& reason) {
   control_->detach();
-  const bool takenOver = reason == mosquitto_reason_string(MQTT_RC_SESSION_TAKEN_OVER);
   client_.reset();
   ticking_.disarm();
   const bool wasUp = std::exchange(isUp_, false);
   onlyIpv4_ = wasUp ? onlyIpv4_ : !onlyIpv4_;
+  shortLives_ += wasUp && seconds_ < kShortLife ? 1 : 0;
   if (std::exchange(lastReason_, reason) != reason) {
     say(role_.subject + (wasUp ? ": lost the broker: " : ": cannot connect to the broker: ") +
-        reason + (takenOver ? ": another bridge exports this name, too" : ""));
+        reason +
+        (wasUp && shortLives_ > 1 && !role_.will.empty()
+             ? "; so soon again: does another bridge export this name, too?"
+             : ""));
   }
   subscriptions_.clear();
   for (auto& [identifier, sent] : std::exchange(inFlight_, {})) {
@@ -331,7 +343,6 @@ void Broker::lose(const std::string& reason) {
     bytes_ -= queued.publication.payload.size();
     keep(std::move(queued));
   }
-  delay_ = takenOver ? kLongestDelay : delay_;
   retry_.arm(jittered(delay_));
   delay_ = std::min(2 * delay_, kLongestDelay);
   if (wasUp) {

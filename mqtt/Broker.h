@@ -104,6 +104,7 @@ class Broker : private Kelvo::Platform::FdEventHandler {
   bool hasFailed(int fd);
   void handle(int result);
   std::string reasonOf(int result, const Seen& seen) const;
+  std::string unexplained(const std::string& why) const;
   void becomeUp();
   void lose(const std::string& reason);
   void watch();
@@ -122,7 +123,8 @@ class Broker : private Kelvo::Platform::FdEventHandler {
   bool isUp_ = false;
   bool onlyIpv4_ = false;
   double delay_;
-  int seconds_ = 0;  // since the attempt to connect began
+  int seconds_ = 0;     // since the attempt to connect began, or has succeeded
+  int shortLives_ = 0;  // of connections, one after the other
   std::string lastReason_;
   Seen seen_;
   std::map<int, std::string> subscriptions_;          // not confirmed yet

@@ -162,8 +162,9 @@ void requireNoCollision(const Settings& settings) {
 }
 
 void requireReadable(const std::string& option, const std::string& file) {
-  require(file.empty() || ::access(file.c_str(), R_OK) == 0,
-          option + " " + inQuotes(file) + " cannot be read: " + std::strerror(errno));
+  if (!file.empty() && ::access(file.c_str(), R_OK) != 0) {
+    refuse(option + " " + inQuotes(file) + " cannot be read: " + std::strerror(errno));
+  }
 }
 
 std::string passwordIn(const std::string& file) {

@@ -1,4 +1,4 @@
-"""What the tests of the bridge share: a broker of their own, bridges, services, and the broker's own
+"""What the tests of the bridge share: a broker of their own, bridges, services, and the broker's
 clients as independent peers. Where programs are comes in the environment."""
 
 import itertools
@@ -78,10 +78,12 @@ class Program:
         return self._all(self.errors)
 
     def says(self, text, times=1):
-        wait_until(lambda: self.log().count(text) >= times or self.process.poll() is not None,
-                   f"{text!r} in {self.log()!r}")
-        if self.log().count(text) < times:
-            raise AssertionError(f"{self.arguments[0]} ended: {self.log()}")
+        deadline = time.monotonic() + DEADLINE
+        while self.log().count(text) < times:
+            ended = self.process.poll() is not None and self.log().count(text) < times
+            if ended or time.monotonic() > deadline:
+                raise AssertionError(f"{text!r} is not in its log:\n{self.log()}")
+            time.sleep(0.01)
 
     def prints(self, count):
         """The first lines of its output, once there are that many."""
@@ -120,8 +122,9 @@ class Case(unittest.TestCase):
 
     def bridge(self, *arguments, name=None, **options):
         name = unique_name("bridge") if name is None else name
-        return Program(self, [os.environ["TOVIK_MQTT"], "--broker", f"127.0.0.1:{self.port}",
-                              "--name", name, *arguments], **options)
+        if "--broker" not in arguments:
+            arguments = ("--broker", f"127.0.0.1:{self.port}", *arguments)
+        return Program(self, [os.environ["TOVIK_MQTT"], "--name", name, *arguments], **options)
 
     def lamp(self, name=None, *arguments):
         """A service, once it listens."""
