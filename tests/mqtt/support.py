@@ -77,6 +77,9 @@ class Program:
     def log(self):
         return self._all(self.errors)
 
+    def log_of_output(self):
+        return self._all(self.output)
+
     def says(self, text, times=1):
         deadline = time.monotonic() + DEADLINE
         while self.log().count(text) < times:

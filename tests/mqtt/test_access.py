@@ -145,7 +145,8 @@ acl_file {folder}/acl
 class Admission(support.Case):
     def status(self, name, user):
         script = "import sys, support, tovik\n" \
-                 "try: print(tovik.call(sys.argv[1], {'command': 'echo', 'value': 1}, 10).status)\n" \
+                 "message = {'command': 'echo', 'value': 1}\n" \
+                 "try: print(tovik.call(sys.argv[1], message, 10).status)\n" \
                  "except tovik.ConnectionLost: print(-1)"
         command = ["setpriv", f"--reuid={user}", f"--regid={user}", "--clear-groups",
                    "/usr/bin/python3", "-B", "-c", script, name]

@@ -14,7 +14,7 @@ function(tovik_mqtt_test name tests)
                        "TOVIK_MQTT=$<TARGET_FILE:tovik_mqtt>;TOVIK_TOOL=$<TARGET_FILE:tovik_tool>")
 endfunction()
 
-foreach(module IN ITEMS access export import options)
+foreach(module IN ITEMS access export import machines options)
   tovik_test_classes(classes mqtt/test_${module}.py)
   foreach(class IN LISTS classes)
     tovik_mqtt_test(${module}.${class} test_${module}.${class})
