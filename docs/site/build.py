@@ -21,7 +21,7 @@ OUT = ROOT / "build/docs"
 # The order of the navigation. Other pages of docs/ follow at the end of the first group.
 GROUPS = {
     "Guides": ["README.md", "docs/why.md", "docs/tutorial.md", "docs/service.md",
-               "docs/recipes.md", "docs/packages.md", "python/README.md"],
+               "docs/beyond.md", "docs/recipes.md", "docs/packages.md", "python/README.md"],
     "In operation": ["docs/wire.md", "docs/diagnostics.md", "docs/troubleshooting.md",
                      "docs/reliability.md", "docs/performance.md", "SECURITY.md"],
     "Inside": ["docs/internals.md", "CONTRIBUTING.md", "CHANGELOG.md"],

@@ -18,8 +18,12 @@ async def main():
         while not ended.is_set():
             value = next(values)
             print("made", value, flush=True)
-            outcome = await proxy.call({"command": "carry", "value": value}, 10)
-            print("ended", value, outcome.status, flush=True)
+            try:
+                outcome = await proxy.call({"command": "carry", "value": value}, 10)
+                status = outcome.status
+            except (tovik.TovikError, TimeoutError):  # the connection's end, or the limit
+                status = 104
+            print("ended", value, status, flush=True)
             await asyncio.sleep(0.01)
 
     async with tovik.aio.Proxy(sys.argv[1], reconnect=0.1) as proxy:

@@ -178,8 +178,13 @@ class Faults(MachinesCase):
                 self.cut(fault.removeprefix("cut "))
             else:
                 self.kill(fault)
-            support.wait_until(lambda: self.succeeded() > before, f"a call after {fault}, fault "
-                               f"{number} of seed {SEED}", limit=90)
+            try:
+                support.wait_until(lambda: self.succeeded() > before, limit=90)
+            except AssertionError:
+                logs = [f"{part}: {program.process.poll()}\n{program.log()}"
+                        for part, program in self.running.items()]
+                self.fail("\n".join([f"no call after {fault}, fault {number} of seed {SEED}",
+                                     *logs, *self.callers[-1].lines()[-10:]]))
         self.running["caller"].kill(signal.SIGTERM)
         self.check_calls()
         self.check_state()

@@ -2,6 +2,8 @@
 
 import os
 import pathlib
+import re
+import shutil
 import signal
 import socket
 import subprocess
@@ -87,6 +89,27 @@ tls = true
                 done = self.run_bridge("--config", self.file("bad", text), "--check-config")
                 self.assertEqual(done.returncode, 2, done)
                 self.assertIn(sentence, done.stderr)
+
+    def test_for_the_service_manager_are_those_it_knows(self):
+        verify = shutil.which("systemd-analyze")
+        if verify is None:
+            self.skipTest("systemd-analyze is not here")
+        built = pathlib.Path(os.environ["TOVIK_MQTT"])
+        unit = self.folder / "tovik-mqtt@root.service"
+        unit.write_text(re.sub("ExecStart=[^ ]*", f"ExecStart={built}",
+                               (built.parent / "tovik-mqtt@.service").read_text()))
+        done = subprocess.run([verify, "verify", "--man=no", unit], capture_output=True, text=True)
+        self.assertNotIn(unit.name + ":", done.stderr)
+        self.assertEqual(done.returncode, 0, done.stderr)
+
+    def test_stand_in_the_manual_page(self):
+        page = (pathlib.Path(os.environ["TOVIK_MQTT"]).parent / "tovik-mqtt.1").read_text()
+        done = subprocess.run(["man", "--warnings", "-l", "-"], input=page, capture_output=True,
+                              text=True) if shutil.which("man") else None
+        if done is not None:
+            self.assertEqual(done.stderr, "")
+        for option in set(re.findall(r"--[a-z-]+", self.run_bridge("--help").stdout)):
+            self.assertIn(option.replace("-", "\\-"), page)
 
     def test_are_explained(self):
         done = self.run_bridge("--help")
