@@ -114,8 +114,14 @@ void Export::describe(void (Export::*then)(Message)) {
     if (outcome.more || outcome.end == Outcome::kLost) {
       return;
     }
-    const bool isDescribed = outcome && whole->HasMember("name") && *size < kLongestAbout;
-    (this->*then)(isDescribed ? std::move(*whole) : Message());
+    if (*size >= kLongestAbout) {
+      return say(tool::inQuotes(name_) + ": its description is too long, so it is not exported");
+    }
+    if (outcome.end == Outcome::kTimedOut) {
+      say(tool::inQuotes(name_) + ": it does not answer, so it is not exported yet");
+      return describe(then);
+    }
+    (this->*then)(outcome && whole->HasMember("name") ? std::move(*whole) : Message());
   });
 }
 
@@ -210,6 +216,8 @@ void Export::announce() {
   }
   if (isThere_) {
     publishState("about", about_);
+  } else {
+    say(tool::inQuotes(name_) + ": the server is not here yet");
   }
   publishState("online", isThere_ ? "true" : "false");
 }

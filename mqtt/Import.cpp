@@ -119,6 +119,9 @@ void Import::onArrival(const Arrival& arrival) {
     onReply(arrival);
   } else if (arrival.topic == imported_.remote + "/online") {
     isOnline_ = arrival.payload == "true";
+    if (!isOnline_ && service_ == nullptr) {
+      say(tool::inQuotes(imported_.name) + ": the remote server is away");
+    }
     update();
   } else if (arrival.topic == imported_.remote + "/about") {
     about_ = arrival.payload;

@@ -8,10 +8,10 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdlib>
-#include <cstring>
 #include <exception>
 #include <list>
 #include <memory>
+#include <string_view>
 
 #include "Api/Admission.h"
 #include "Kelvo/Exception.h"
@@ -26,14 +26,15 @@ using bridge::Settings;
 
 /// As systemd's protocol has it; without a service manager nothing is told.
 void tellServiceManager(std::string_view state) {
-  const char* const path = std::getenv("NOTIFY_SOCKET");
+  const char* const variable = std::getenv("NOTIFY_SOCKET");
+  const std::string_view path = variable == nullptr ? "" : variable;
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  if (path == nullptr || std::strlen(path) >= sizeof address.sun_path) {
+  if (path.empty() || path.size() >= sizeof address.sun_path) {
     return;
   }
-  std::strcpy(address.sun_path, path);
-  const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + std::strlen(path));
+  path.copy(address.sun_path, path.size());
+  const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
   if (address.sun_path[0] == '@') {
     address.sun_path[0] = '\0';
   }

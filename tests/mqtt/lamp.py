@@ -1,4 +1,5 @@
-"""A service to be carried: lamp.py NAME [FILE]. Each call of "carry" adds its value to the file."""
+"""A service to be carried: lamp.py NAME [FILE [TOPICS]]. Each call of "carry" adds its value to the
+file. So many topics keep a value from the beginning."""
 
 import asyncio
 import os
@@ -9,7 +10,8 @@ import tovik
 
 
 async def main():
-    name, file = (sys.argv[1:] + [os.devnull])[:2]
+    name, *more = sys.argv[1:]
+    file, topics = (*more, os.devnull, "0")[:2] if len(more) != 1 else (*more, "0")
     service = tovik.Service(name, lambda peer: True, calls=100, description="A lamp.")
     held = asyncio.Event()
     anything = tovik.Argument(object, "Anything.")
@@ -53,6 +55,9 @@ async def main():
     service.topic("state", "Whether it is on.", keeps_last=True)
     service.topic("plain", "Nothing special.")
     service.topic("a/b+c#d.e%\x01ä", "An odd name.")
+    for number in range(int(topics)):
+        service.topic(f"topic {number}", "One of many.", keeps_last=True)
+        service.publish(f"topic {number}", {"n": number})
     async with service:
         await asyncio.Event().wait()
 

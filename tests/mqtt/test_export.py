@@ -60,6 +60,18 @@ class Events(support.Case):
         self.assertLessEqual(set(peer.heard()), {lamp.base + '/event/plain {"n":4}'})
 
 
+    def test_of_a_thousand_topics_are_there_before_the_server_is(self):
+        lamp = self.lamp(None, "/dev/null", "1000")
+        base = f"{self.prefix}/{lamp.name}"
+        peer = self.subscribe(base + "/event/#", base + "/online")
+        bridge = self.bridge("--prefix", self.prefix, lamp.name)
+        bridge.says("exported as")
+        support.wait_until(lambda: base + "/online true" in peer.heard())
+        before = peer.heard()[:peer.heard().index(base + "/online true")]
+        for number in range(1000):
+            self.assertIn(f'{base}/event/topic {number} {{"n":{number}}}', before)
+
+
 class Presence(support.Case):
     def test_is_true_with_a_description_once_the_server_is_there(self):
         lamp = self.exported()
