@@ -59,7 +59,6 @@ class Events(support.Case):
         lamp.bridge.says("4 messages dropped while the broker was away")
         self.assertLessEqual(set(peer.heard()), {lamp.base + '/event/plain {"n":4}'})
 
-
     def test_of_a_thousand_topics_are_there_before_the_server_is(self):
         lamp = self.lamp(None, "/dev/null", "1000")
         base = f"{self.prefix}/{lamp.name}"

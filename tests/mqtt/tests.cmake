@@ -1,5 +1,5 @@
 # The bridge, with a broker that each test starts and ends. Needs Python 3, mosquitto and its clients.
-foreach(subject IN ITEMS access export import machines options)
+foreach(subject IN ITEMS access conformance export import machines options)
   set_property(GLOBAL APPEND PROPERTY TOVIK_TEST_SOURCES mqtt/test_${subject}.py)
   if(NOT TARGET tovik_mqtt OR NOT TOVIK_MOSQUITTO OR NOT TOVIK_MOSQUITTO_SUB)
     tovik_missing_test(mqtt.${subject})
