@@ -13,3 +13,16 @@ foreach(subject IN ITEMS access conformance export import machines options)
     PROPERTIES TIMEOUT 300 ENVIRONMENT
                "TOVIK_MQTT=$<TARGET_FILE:tovik_mqtt>;TOVIK_TOOL=$<TARGET_FILE:tovik_tool>")
 endforeach()
+
+# The page takes a browser, and npm, which scripts/setup leaves to others.
+set_property(GLOBAL APPEND PROPERTY TOVIK_TEST_SOURCES mqtt/test_web.py)
+find_program(TOVIK_NPM npm)
+find_program(TOVIK_CHROMIUM chromium)
+if(TARGET tovik_mqtt AND TARGET hostmon AND TOVIK_MOSQUITTO AND TOVIK_NPM AND TOVIK_CHROMIUM)
+  add_test(NAME mqtt.web COMMAND Python3::Interpreter -B -m unittest test_web
+           WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/mqtt)
+  set_tests_properties(mqtt.web PROPERTIES TIMEOUT 120 ENVIRONMENT
+                                           TOVIK_BUILD=${PROJECT_BINARY_DIR})
+else()
+  message(STATUS "Not run: mqtt.web, which takes npm and chromium")
+endif()
