@@ -138,11 +138,13 @@ void Export::follow(Message description) {
       continue;
     }
     server_.unsubscribe(at->first);
-    publishState("event/" + levelOf(at->first), "");
+    forget(at->first);
+    gone_.insert(at->first);
     at = topics_.erase(at);
   }
   for (const auto& [topic, keepsLast] : wanted) {
     const bool isNew = topics_.count(topic) == 0;
+    gone_.erase(topic);
     topics_[topic].keepsLast = keepsLast;
     if (isNew) {
       server_.subscribe(topic,
@@ -183,9 +185,9 @@ void Export::appear(Message description) {
     return;  // the server has changed its mind; the connection ends
   }
   for (auto& [topic, state] : topics_) {
-    if (!state.isCurrent && state.last.has_value()) {
+    if (state.keepsLast && !state.isCurrent) {
       state.last.reset();
-      publishState("event/" + levelOf(topic), "");
+      forget(topic);
     }
   }
   about_ = textOf(description);
@@ -209,9 +211,14 @@ void Export::disappear() {
 
 /// All that is retained, for a broker that may have forgotten it.
 void Export::announce() {
+  for (const auto& topic : gone_) {
+    forget(topic);
+  }
   for (const auto& [topic, state] : topics_) {
     if (state.last.has_value()) {
       broker_.publish({base_ + "/event/" + levelOf(topic), *state.last, true, true});
+    } else if (isThere_ && state.keepsLast) {
+      forget(topic);
     }
   }
   if (isThere_) {
@@ -220,6 +227,11 @@ void Export::announce() {
     say(tool::inQuotes(name_) + ": the server is not here yet");
   }
   publishState("online", isThere_ ? "true" : "false");
+}
+
+/// Has the broker forget what it may have retained, also from an earlier bridge.
+void Export::forget(const std::string& topic) {
+  publishState("event/" + levelOf(topic), "");
 }
 
 void Export::publishState(const std::string& level, std::string payload) {

@@ -46,6 +46,7 @@ class Export {
 
   // the broker
   void announce();
+  void forget(const std::string& topic);
   void publishState(const std::string& level, std::string payload);
 
   // calls
@@ -63,6 +64,7 @@ class Export {
   const std::string base_;  // PREFIX/NAME
   Broker broker_;
   std::map<std::string, Topic> topics_;
+  std::set<std::string> gone_;  // topics that were there before
   std::string about_;
   bool isThere_ = false;
   int inFlight_ = 0;

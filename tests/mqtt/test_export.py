@@ -35,6 +35,17 @@ class Events(support.Case):
         self.await_retained(lamp.base + "/online", "true")
         self.assertIsNone(self.retained(lamp.base + "/event/state"))
 
+    def test_that_are_retained_go_if_the_bridge_was_away_meanwhile(self):
+        lamp = self.exported()
+        self.call(lamp.base, "switch", '{"on":true}')
+        lamp.bridge.kill()
+        lamp.kill()
+        self.lamp(lamp.name)
+        self.await_retained(lamp.base + "/online", "false")
+        self.bridge("--prefix", self.prefix, lamp.name)
+        self.await_retained(lamp.base + "/online", "true")
+        self.assertIsNone(self.retained(lamp.base + "/event/state"))
+
     def test_survive_a_broker_that_forgets(self):
         lamp = self.exported()
         self.call(lamp.base, "switch", '{"on":true}')
@@ -69,6 +80,27 @@ class Events(support.Case):
         before = peer.heard()[:peer.heard().index(base + "/online true")]
         for number in range(1000):
             self.assertIn(f'{base}/event/topic {number} {{"n":{number}}}', before)
+
+
+class StoredEvents(support.Case):
+    broker_options = """allow_anonymous true
+persistence true
+persistence_location {folder}/
+"""
+
+    def test_go_if_the_server_has_none_any_more(self):
+        lamp = self.exported()
+        self.call(lamp.base, "switch", '{"on":true}')
+        self.broker.kill(signal.SIGTERM)
+        lamp.bridge.says("lost the broker")
+        lamp.kill()
+        lamp.bridge.says("the server is away")
+        self.lamp(lamp.name)
+        lamp.bridge.says("exported as", times=2)
+        self.start_broker()
+        lamp.bridge.says("connected to the broker", times=2)
+        self.await_retained(lamp.base + "/online", "true")
+        self.assertIsNone(self.retained(lamp.base + "/event/state"))
 
 
 class Presence(support.Case):
