@@ -309,21 +309,18 @@ void Broker::becomeUp() {
     subscriptions_[identifier] = filter;
   }
   handlers_.up();
-  std::vector<Waiting> events;
-  for (auto& [topic, event] : std::exchange(last_, {})) {
-    bytes_ -= event.publication.payload.size();
+  for (auto& event : takeLast()) {
     if (!event.publication.retain) {  // the others are those that were published just now
-      events.push_back(std::move(event));
+      publish(std::move(event.publication));
     }
   }
-  std::sort(events.begin(), events.end(),
-            [](const Waiting& a, const Waiting& b) { return a.number < b.number; });
-  for (auto& event : events) {
-    publish(std::move(event.publication));
-  }
+  sayWhatWasDropped("while the broker was away");
+}
+
+void Broker::sayWhatWasDropped(const std::string& when) {
   if (const auto dropped = counters_.dropped - std::exchange(droppedBefore_, counters_.dropped)) {
-    say(role_.subject + ": " + tool::counted(dropped, "message") +
-        " dropped while the broker was away; the last event of each topic was kept");
+    say(role_.subject + ": " + tool::counted(dropped, "message") + " dropped " + when +
+        "; the last event of each topic was kept");
   }
 }
 
@@ -367,12 +364,55 @@ void Broker::publish(Publication publication) {
     hand(std::move(next));
     return flush();
   }
-  if (waiting_.size() >= kMostWaiting || bytes_ >= kMostBytes) {
-    keep(std::move(next));
-    return lose("it does not take what is published");
+  queue(std::move(next));
+  if (waiting_.size() > kMostWaiting || bytes_ > kMostBytes) {
+    thin();
   }
+}
+
+void Broker::queue(Waiting next) {
   bytes_ += next.publication.payload.size();
   waiting_.push_back(std::move(next));
+}
+
+/// For a broker that does not keep up: of what waits, only the last event of each topic goes on
+/// waiting. If that is not enough, the connection is made again.
+void Broker::thin() {
+  std::vector<Waiting> rest;
+  for (auto& queued : std::exchange(waiting_, {})) {
+    bytes_ -= queued.publication.payload.size();
+    if (queued.publication.isEvent) {
+      keep(std::move(queued));
+    } else {
+      rest.push_back(std::move(queued));
+    }
+  }
+  for (auto& event : takeLast()) {
+    rest.push_back(std::move(event));
+  }
+  std::sort(rest.begin(), rest.end(), isOlder);
+  for (auto& one : rest) {
+    queue(std::move(one));
+  }
+  sayWhatWasDropped("since the broker does not keep up");
+  if (waiting_.size() > kMostWaiting / 2 || bytes_ > kMostBytes / 2) {
+    lose("it does not take what is published");
+  }
+}
+
+/// The last event of each topic, in their order.
+std::vector<Broker::Waiting> Broker::takeLast() {
+  std::vector<Waiting> events;
+  for (auto& [topic, event] : std::exchange(last_, {})) {
+    bytes_ -= event.publication.payload.size();
+    events.push_back(std::move(event));
+  }
+  std::sort(events.begin(), events.end(), isOlder);
+  return events;
+}
+
+bool Broker::isOlder(const Waiting& a, const Waiting& b) {
+  return a.number < b.number;
 }
 
 /// For the time when the broker is back.

@@ -109,7 +109,12 @@ class Broker : private Kelvo::Platform::FdEventHandler {
   void lose(const std::string& reason);
   void watch();
 
+  void queue(Waiting next);
+  void thin();
   void keep(Waiting event);
+  std::vector<Waiting> takeLast();
+  static bool isOlder(const Waiting& a, const Waiting& b);
+  void sayWhatWasDropped(const std::string& when);
   void flush();
   void hand(Waiting next);
   void settle();

@@ -51,6 +51,13 @@ async def main():
     def emit(request):
         service.publish(request["topic"], request["event"])
 
+    @service.command("flood", "Publishes on and on.", count=tovik.Argument(int, "How often."))
+    async def flood(request):
+        for number in range(request["count"]):
+            service.publish("plain", {"n": number})
+            if number % 50 == 0:
+                await asyncio.sleep(0.002)
+
     service.command("release", "Answers all that are held.")(lambda request: held.set())
     service.topic("state", "Whether it is on.", keeps_last=True)
     service.topic("plain", "Nothing special.")

@@ -70,6 +70,19 @@ class Events(support.Case):
         lamp.bridge.says("4 messages dropped while the broker was away")
         self.assertLessEqual(set(peer.heard()), {lamp.base + '/event/plain {"n":4}'})
 
+    def test_beyond_the_bound_are_dropped_but_for_the_last(self):
+        import tovik
+        lamp = self.exported()
+        peer = self.subscribe(lamp.base + "/event/#", lamp.base + "/online")
+        self.broker.process.send_signal(signal.SIGSTOP)
+        self.addCleanup(self.broker.process.send_signal, signal.SIGCONT)
+        done = tovik.call(lamp.name, {"command": "flood", "count": 12000}, support.DEADLINE)
+        self.assertEqual(done.status, 0)
+        lamp.bridge.says("messages dropped since the broker does not keep up")
+        self.broker.process.send_signal(signal.SIGCONT)
+        support.wait_until(lambda: lamp.base + '/event/plain {"n":11999}' in peer.heard())
+        self.assertNotIn(lamp.base + "/online false", peer.heard())
+
     def test_of_a_thousand_topics_are_there_before_the_server_is(self):
         lamp = self.lamp(None, "/dev/null", "1000")
         base = f"{self.prefix}/{lamp.name}"

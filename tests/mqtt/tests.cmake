@@ -10,8 +10,10 @@ foreach(subject IN ITEMS access conformance export import machines options)
            WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/mqtt)
   set_tests_properties(
     mqtt.${subject}
-    PROPERTIES TIMEOUT 300 ENVIRONMENT
-               "TOVIK_MQTT=$<TARGET_FILE:tovik_mqtt>;TOVIK_TOOL=$<TARGET_FILE:tovik_tool>")
+    PROPERTIES
+    TIMEOUT 300
+    ENVIRONMENT
+    "TOVIK_MQTT=$<TARGET_FILE:tovik_mqtt>;TOVIK_TOOL=$<TARGET_FILE:tovik_tool>;TOVIK_SANITIZE=${TOVIK_SANITIZE}")
 endforeach()
 
 # The page takes a browser, and npm, which scripts/setup leaves to others.
