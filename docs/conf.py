@@ -36,8 +36,8 @@ html_use_index = False
 
 # The menu. Pages that are in no group follow at the end of the first one.
 MENU = {
-    "Guides": ["index", "docs/why", "docs/tutorial", "docs/service", "docs/recipes", "docs/limits",
-               "docs/packages", "python/README"],
+    "Guides": ["index", "docs/why", "docs/tutorial", "docs/service", "docs/beyond", "docs/recipes",
+               "docs/limits", "docs/packages", "python/README"],
     "In operation": ["command", "docs/wire", "docs/diagnostics", "docs/troubleshooting",
                      "docs/reliability", "docs/performance", "SECURITY"],
     "Inside": ["docs/internals", "CONTRIBUTING", "CHANGELOG"],

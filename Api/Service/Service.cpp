@@ -159,6 +159,31 @@ int Service::Core::publish(std::string_view topic, const Message& message) {
   return 0;
 }
 
+int Service::Core::notify(const Message& message) const {
+  const auto type = Convention::textMember(message, "type");
+  if (message.HasParseError() || !message.IsObject() || type == "reply" || type == "event") {
+    return EINVAL;
+  }
+  auto text = Convention::textOf(message);
+  if (!text.has_value()) {
+    return EINVAL;
+  }
+  if (text->size() > Convention::kLongestRecord) {
+    return EMSGSIZE;
+  }
+  const auto shared = std::make_shared<const std::string>(*std::move(text));
+  for (ServedSession* session : followAll) {
+    session->push(shared);
+  }
+  return 0;
+}
+
+std::shared_ptr<const Command> Service::Core::commandFor(
+    std::optional<std::string_view> wanted) const {
+  const auto found = wanted.has_value() ? commands.find(*wanted) : commands.end();
+  return found == commands.end() ? otherwise : found->second;
+}
+
 /// In as many parts as it takes. Once one was refused, the caller knows, and nothing more is sent.
 void Service::Core::describe(Request request) const {
   Message part = parsed(itself);
@@ -218,6 +243,18 @@ int Service::publish(std::string_view topic, const Message& message) {
   if (status != 0) {
     TOVIK_SERVICE_LOG(0, core_->name << ": an event of topic '" << topic
                                      << "' is refused: " << std::strerror(status));
+  }
+  return status;
+}
+
+void Service::otherwise(Handler handler) {
+  core_->otherwise = std::make_shared<const Command>(Command{{}, std::move(handler), {}});
+}
+
+int Service::notify(const Message& message) {
+  const int status = core_->notify(message);
+  if (status != 0) {
+    TOVIK_SERVICE_LOG(0, core_->name << ": a notification is refused: " << std::strerror(status));
   }
   return status;
 }

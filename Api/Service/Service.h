@@ -276,6 +276,16 @@ class TOVIK_API Service {
   /// what JSON cannot express, or has a member "type", "topic" or "snapshot"; 90 if it is too long.
   int publish(std::string_view topic, const Message& message);
 
+  /// Answers requests that no command is for: with another command, or with none. For a service
+  /// that stands for another one. Without a handler they are answered with 38 and 22.
+  void otherwise(Handler handler);
+
+  /// Sends an object as it is, as a plain server does, to those who have switched on all
+  /// notifications. A refusal is logged, too.
+  /// @return 0; 22, and nothing is sent, if the message is no object, holds what JSON cannot
+  /// express, or could be taken for a reply or an event; 90 if it is too long.
+  int notify(const Message& message);
+
   /// Called when a client was admitted, and when its connection has ended. The latter is not called
   /// for those who are there when the service is destroyed.
   /// @{

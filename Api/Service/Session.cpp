@@ -97,20 +97,17 @@ void ServedSession::dispatch(const std::shared_ptr<Request::Call>& call) {
     return applySwitch(*call);
   }
   const auto name = Convention::textMember(message, "command");
-  if (!name.has_value()) {
-    return refuse(*call, EINVAL, "a request has a command, which is a text");
+  if (name == "subscribe" || name == "unsubscribe") {
+    return changeSubscriptions(*call, name == "subscribe");
   }
-  if (*name == "subscribe" || *name == "unsubscribe") {
-    return changeSubscriptions(*call, *name == "subscribe");
-  }
-  if (*name == "describe") {
+  if (name == "describe") {
     return core_->describe(Request(call));
   }
-  const auto found = core_->commands.find(*name);
-  if (found == core_->commands.end()) {
-    return refuse(*call, ENOSYS, "no command" + shown(*name));
+  const auto command = core_->commandFor(name);  // a share: the handler may destroy the service
+  if (command == nullptr) {
+    return name.has_value() ? refuse(*call, ENOSYS, "no command" + shown(*name))
+                            : refuse(*call, EINVAL, "a request has a command, which is a text");
   }
-  const auto command = found->second;  // its own share: the handler may destroy the service
   const auto wrong = complaint(*command, message);
   if (!wrong.empty()) {
     return refuse(*call, EINVAL, wrong);

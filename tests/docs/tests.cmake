@@ -21,10 +21,18 @@ if(TARGET hostmon AND TARGET tovik_tool)
   set_tests_properties(docs.WireIsAsWritten PROPERTIES TIMEOUT 120)
 endif()
 
+find_program(TOVIK_MOSQUITTO mosquitto PATHS /usr/sbin)
+find_program(TOVIK_MOSQUITTO_SUB mosquitto_sub)
 # The guides: what a reader would type, and the recipes' C++ in a program of tests.
 set(snippets ${CMAKE_CURRENT_LIST_DIR}/snippets.py)
 if(TARGET tovik_tool)
-  foreach(guide IN ITEMS docs/tutorial docs/service docs/recipes docs/why python/README)
+  set(guides docs/tutorial docs/service docs/recipes docs/why python/README)
+  if(TARGET tovik_mqtt AND TOVIK_MOSQUITTO AND TOVIK_MOSQUITTO_SUB)
+    list(APPEND guides docs/beyond)
+  else()
+    tovik_missing_test(docs.GuideWorks_docs_beyond)
+  endif()
+  foreach(guide IN LISTS guides)
     string(REPLACE "/" "_" name ${guide})
     add_test(NAME docs.GuideWorks_${name}
              COMMAND Python3::Interpreter -B -W error ${snippets}

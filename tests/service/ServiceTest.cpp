@@ -70,6 +70,51 @@ TEST(Service, ClosesASession) {
   EXPECT_THAT(lamp.left, ElementsAre(1));
 }
 
+TEST(Service, AnswersWhatNoCommandIsFor) {
+  Lamp lamp;
+  lamp->otherwise([](Tovik::Request request) {
+    request.reply(request.command() + ":" + request.get<std::string>("a", "none"));
+  });
+  const Fd client = lamp.connect();
+  EXPECT_THAT(Lamp::ask(client, R"({"command":"dance","a":"b"})"),
+              HasSubstr(R"("result":"dance:b")"));
+  EXPECT_THAT(Lamp::ask(client, R"({"a":"b"})"), HasSubstr(R"("result":":b")"));
+  EXPECT_THAT(Lamp::ask(client, R"({"command":7})"), HasSubstr(R"("result":":none")"));
+  EXPECT_THAT(Lamp::ask(client, R"({"command":"refuse"})"), HasSubstr(R"("status":13)"));
+  EXPECT_THAT(Lamp::ask(client, R"({"command":"describe","id":1})"), HasSubstr(R"("commands")"));
+  EXPECT_THAT(Lamp::ask(client, "[]"), HasSubstr(R"("status":22)"));
+}
+
+TEST(Service, BoundsTheCallsThatNoCommandIsFor) {
+  Tovik::ServiceOptions options;
+  options.callsPerSession = 1;
+  Lamp lamp(options);
+  lamp->otherwise([&lamp](Tovik::Request request) { lamp.kept.push_back(request); });
+  const Fd client = lamp.connect();
+  Lamp::tell(client, R"({"any":"thing","id":1})");
+  EXPECT_THAT(Lamp::ask(client, R"({"any":"thing","id":2})"), HasSubstr(R"("status":16)"));
+}
+
+TEST(Service, SendsItsOwnMessagesToThoseWhoGetAll) {
+  Lamp lamp;
+  const Fd follower = lamp.connect();
+  const Fd other = lamp.connect();
+  Lamp::ask(follower, R"({"command":"set","notification":true})");
+  Lamp::ask(other, R"({"command":"subscribe","topics":[]})");
+  EXPECT_EQ(lamp->notify(Tovik::object("load", 3)), 0);
+  EXPECT_EQ(Lamp::receive(follower), R"({"load":3})");
+  lamp->publish("plain", Tovik::object());
+  EXPECT_THAT(Lamp::receive(other), HasSubstr(R"("topic":"plain")"));
+}
+
+TEST(Service, RefusesMessagesThatWouldBeMistaken) {
+  Lamp lamp;
+  EXPECT_EQ(lamp->notify(Tovik::Message()), 22);
+  EXPECT_EQ(lamp->notify(Tovik::object("type", "reply", "status", 0)), 22);
+  EXPECT_EQ(lamp->notify(Tovik::object("type", "event")), 22);
+  EXPECT_EQ(lamp->notify(Tovik::object("text", std::string(4094, 'x'))), 90);
+}
+
 TEST(Service, MayBeDestroyedWhenASessionBegins) {
   auto service = std::make_unique<Tovik::Service>(uniqueName(), admitAll);
   service.reset();

@@ -104,6 +104,8 @@ class ServedSession final : public Session,
 
   /// An event of this feed.
   void deliver(const Feed& feed, const Link::Text& text);
+  /// Sends it, or ends the session if its queue is full.
+  void push(Link::Text text, const Feed* feed = nullptr);
   /// Also given all events, by the core's notification switch.
   bool followsAll() const noexcept { return followsAll_; }
 
@@ -126,7 +128,6 @@ class ServedSession final : public Session,
   void changeSubscriptions(Request::Call& call, bool subscribe);
   void follow(Feed& feed);
   void flushTurns();
-  void push(Link::Text text, const Feed* feed = nullptr);
 
   Service::Core* core_;
   bool followsAll_ = false;
@@ -143,6 +144,8 @@ struct Service::Core {
   void join(int fd, const ucred& peer);
   void leave(ServedSession& session);
   int publish(std::string_view topic, const Message& message);
+  int notify(const Message& message) const;
+  std::shared_ptr<const Command> commandFor(std::optional<std::string_view> wanted) const;
   void describe(Request request) const;
 
   const std::string name;
@@ -150,6 +153,7 @@ struct Service::Core {
   const std::shared_ptr<const Home> home = std::make_shared<const Home>();
   const std::string itself;  // for "describe"
   std::map<std::string, std::shared_ptr<const Command>, std::less<>> commands;
+  std::shared_ptr<const Command> otherwise;  // or null
   std::map<std::string, Feed, std::less<>> feeds;
   std::unordered_set<ServedSession*> followAll;
   SessionHandler onJoin, onLeave;

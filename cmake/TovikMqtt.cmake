@@ -1,0 +1,16 @@
+# Whether the bridge to MQTT is built: TOVIK_WITH_MQTT. It is where libmosquitto and OpenSSL are, unless
+# TOVIK_BUILD_MQTT says otherwise. As a part of another project it has to be asked for.
+set(TOVIK_WITH_MQTT OFF)
+if(TOVIK_BUILD_MQTT STREQUAL AUTO AND PROJECT_IS_TOP_LEVEL AND TOVIK_BUILD_TOOL)
+  find_package(PkgConfig QUIET)
+  find_package(OpenSSL QUIET)
+  if(PkgConfig_FOUND AND OPENSSL_FOUND)
+    pkg_check_modules(mosquitto QUIET IMPORTED_TARGET GLOBAL libmosquitto)
+    set(TOVIK_WITH_MQTT ${mosquitto_FOUND})
+  endif()
+elseif(TOVIK_BUILD_MQTT AND NOT TOVIK_BUILD_MQTT STREQUAL AUTO)
+  find_package(PkgConfig REQUIRED)
+  find_package(OpenSSL REQUIRED)
+  pkg_check_modules(mosquitto REQUIRED IMPORTED_TARGET GLOBAL libmosquitto)
+  set(TOVIK_WITH_MQTT ON)
+endif()
