@@ -9,10 +9,10 @@
 #include <list>
 
 #include "tool/Lines.h"
-#include "tool/Options.h"
 #include "tool/Output.h"
 #include "tool/Run.h"
 #include "tool/Session.h"
+#include "tool/Verb.h"
 
 namespace tool {
 
@@ -222,22 +222,20 @@ void bench(const BenchOptions& options, const Common& common) {
 
 }  // namespace
 
-void addBench(CLI::App& program, const Common& common) {
-  const auto options = std::make_shared<BenchOptions>();
-  const auto run = [options, &common] { bench(*options, common); };
-  CLI::App& verb = addVerb(
-      program, "bench", "measures round trips",
+void addBench(Program& program) {
+  auto [verb, options] = program.verb<BenchOptions>(
+      "bench", "measures round trips",
       "Sends {\"pad\":\"...\"}, waits for the reply, and so on; any status counts. Prints the "
       "rate, percentiles and a histogram, also after Ctrl-C. The time-out, 5 seconds, is for each "
       "reply.",
-      run);
-  addName(verb, options->name);
-  addNumber(verb, "--size", options->size, "BYTES", 10, kLargestText,
-            "size of the message (64 unless given)");
-  addNumber(verb, "--clients", options->clients, "N", 1, 1000,
-            "connections at once (1 unless given)");
-  addNumber(verb, "--count", options->count, "N", 1, 10000000,
-            "round trips in all (10000 unless given)");
+      bench);
+  verb.argument(kName, Needed::kYes, name(options.name))
+      .option("--size", "BYTES", number(options.size, 10, kLargestText),
+              "size of the message (64 unless given)")
+      .option("--clients", "N", number(options.clients, 1, 1000),
+              "connections at once (1 unless given)")
+      .option("--count", "N", number(options.count, 1, 10000000),
+              "round trips in all (10000 unless given)");
 }
 
 }  // namespace tool

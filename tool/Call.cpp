@@ -4,9 +4,9 @@
 #include <memory>
 
 #include "tool/Lines.h"
-#include "tool/Options.h"
 #include "tool/Output.h"
 #include "tool/Session.h"
+#include "tool/Verb.h"
 
 namespace tool {
 
@@ -217,22 +217,23 @@ void Call::finish() {
 
 }  // namespace
 
-void addCall(CLI::App& program, const Common& common) {
-  const auto options = std::make_shared<CallOptions>();
-  const auto run = [options, &common] { Call(*options, common).run(); };
-  CLI::App& verb = addVerb(
-      program, "call", "sends messages and waits for each reply",
+void addCall(Program& program) {
+  const auto run = [](const CallOptions& options, const Common& common) {
+    Call(options, common).run();
+  };
+  auto [verb, options] = program.verb<CallOptions>(
+      "call", "sends messages and waits for each reply",
       "Sends one message, or each line of standard input as one, waits for the reply before the "
       "next, and prints its result, or its status if it has none. A line that must not be sent "
       "ends the command there; a file as standard input is looked through before anything is "
       "sent. The time-out, 5 seconds, is for each reply.",
       run);
-  addName(verb, options->name);
-  addMessage(verb, options->text);
-  addNumber(verb, "--ok", options->ok, "N", 0, 2147483647U,
-            "take status N for success (repeatable; 0 unless given)");
-  addFlag(verb, "--status-only", options->statusOnly, "print the status as a bare number");
-  addFlag(verb, "--any", options->any, "take any record for an answer, and print it");
+  verb.argument(kName, Needed::kYes, name(options.name))
+      .argument("JSON", Needed::kNo, text(options.text))
+      .option("--ok", "N", number(options.ok, 0, 2147483647U),
+              "take status N for success (repeatable; 0 unless given)")
+      .flag("--status-only", options.statusOnly, "print the status as a bare number")
+      .flag("--any", options.any, "take any record for an answer, and print it");
 }
 
 }  // namespace tool

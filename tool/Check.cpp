@@ -1,9 +1,9 @@
 // check: each line of a file, judged.
 
 #include "tool/Lines.h"
-#include "tool/Options.h"
 #include "tool/Output.h"
 #include "tool/Run.h"
+#include "tool/Verb.h"
 
 namespace tool {
 
@@ -152,18 +152,18 @@ class Check {
 
 }  // namespace
 
-void addCheck(CLI::App& program, const Common& common) {
-  const auto options = std::make_shared<CheckOptions>();
-  const auto run = [options, &common] { Check(*options, common).run(); };
-  CLI::App& verb =
-      addVerb(program, "check", "lints messages, one a line",
-              "Says of each line of the file whether it is JSON, an object, short enough for a "
-              "record, a notification switch or a reply, and whether it would end a process that "
-              "receives it. What begins like JSON is no file but the message itself; without "
-              "either, standard input is read.",
-              run);
-  addArgument(verb, kFile, options->what, Needed::kNo);
-  addFlag(verb, "--reply", options->reply, "judge the lines as answers to a call");
+void addCheck(Program& program) {
+  const auto run = [](const CheckOptions& options, const Common& common) {
+    Check(options, common).run();
+  };
+  auto [verb, options] = program.verb<CheckOptions>(
+      "check", "lints messages, one a line",
+      "Says of each line of the file whether it is JSON, an object, short enough for a record, a "
+      "notification switch or a reply, and whether it would end a process that receives it. What "
+      "begins like JSON is no file but the message itself; without either, standard input is read.",
+      run);
+  verb.argument(kFile, Needed::kNo, text(options.what))
+      .flag("--reply", options.reply, "judge the lines as answers to a call");
 }
 
 }  // namespace tool

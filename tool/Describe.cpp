@@ -1,9 +1,9 @@
 // describe: {"command":"describe"} -> replies, the last one without "more" -> a page or JSON.
 
 #include "tool/Lines.h"
-#include "tool/Options.h"
 #include "tool/Output.h"
 #include "tool/Session.h"
+#include "tool/Verb.h"
 
 namespace tool {
 
@@ -115,14 +115,16 @@ class Describe : private Session {
 
 }  // namespace
 
-void addDescribe(CLI::App& program, const Common& common) {
-  const auto name = std::make_shared<std::string>();
-  const auto run = [name, &common] { Describe(*name, common).run(); };
-  CLI::App& verb = addVerb(program, "describe", "prints what a service says about itself",
-                           "Asks with {\"command\":\"describe\"}, and prints the commands with "
-                           "their arguments, and the topics. The time-out is 5 seconds.",
-                           run);
-  addName(verb, *name);
+void addDescribe(Program& program) {
+  const auto run = [](const std::string& name, const Common& common) {
+    Describe(name, common).run();
+  };
+  auto [verb, server] = program.verb<std::string>(
+      "describe", "prints what a service says about itself",
+      "Asks with {\"command\":\"describe\"}, and prints the commands with their arguments, and the "
+      "topics. The time-out is 5 seconds.",
+      run);
+  verb.argument(kName, Needed::kYes, name(server));
 }
 
 }  // namespace tool

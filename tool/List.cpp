@@ -4,9 +4,9 @@
 #include <utility>
 
 #include "tool/Kernel.h"
-#include "tool/Options.h"
 #include "tool/Output.h"
 #include "tool/Run.h"
+#include "tool/Verb.h"
 
 namespace tool {
 
@@ -165,26 +165,24 @@ class Watch {
 
 }  // namespace
 
-void addList(CLI::App& program, const Common& common) {
-  const auto options = std::make_shared<ListOptions>();
-  const auto run = [options, &common] {
-    options->watch ? Watch(*options, common).run() : list(*options, common);
+void addList(Program& program) {
+  const auto run = [](const ListOptions& options, const Common& common) {
+    options.watch ? Watch(options, common).run() : list(options, common);
   };
-  CLI::App& verb = addVerb(
-      program, "list", "names the servers that listen on this machine",
+  auto [verb, options] = program.verb<ListOptions>(
+      "list", "names the servers that listen on this machine",
       "The names come straight from the kernel's table of sockets: there is no registry and no "
       "daemon to ask. One name a line, sorted; bytes that do not print are shown in the notation "
       "of a shell's $'...'. With --server-uid, only that user's servers. On a terminal, --long has "
       "headings.",
       run);
-  addFlag(verb, "-l,--long", options->longForm,
-          "process, user, connections, clients waiting of how many that may wait, bytes that "
-          "nobody has read yet, connections in which one side cannot write on, and the process's "
-          "state");
-  addFlag(verb, "--all", options->all,
-          "also sequenced-packet servers whose names are not padded to the whole path");
-  addFlag(verb, "--watch", options->watch,
-          "go on, and tell of each server that comes (+) or goes (-)");
+  verb.flag("-l,--long", options.longForm,
+            "process, user, connections, clients waiting of how many that may wait, bytes that "
+            "nobody has read yet, connections in which one side cannot write on, and the process's "
+            "state")
+      .flag("--all", options.all,
+            "also sequenced-packet servers whose names are not padded to the whole path")
+      .flag("--watch", options.watch, "go on, and tell of each server that comes (+) or goes (-)");
 }
 
 }  // namespace tool

@@ -5,9 +5,9 @@
 #include <list>
 
 #include "tool/Lines.h"
-#include "tool/Options.h"
 #include "tool/Output.h"
 #include "tool/Session.h"
+#include "tool/Verb.h"
 
 namespace tool {
 
@@ -251,26 +251,25 @@ void monitor(const MonitorOptions& options, const Common& common) {
 
 }  // namespace
 
-void addMonitor(CLI::App& program, const Common& common) {
-  const auto options = std::make_shared<MonitorOptions>();
-  const auto run = [options, &common] { monitor(*options, common); };
-  CLI::App& verb = addVerb(
-      program, "monitor", "subscribes and prints what comes",
+void addMonitor(Program& program) {
+  auto [verb, options] = program.verb<MonitorOptions>(
+      "monitor", "subscribes and prints what comes",
       "Subscribes and prints each message, one a line; of several servers, with the name. After a "
       "loss it reconnects by itself, every second, and says so on standard error; what was sent "
       "in between is lost. There is no time-out unless one is given, for the whole run.",
-      run);
-  addAlias(verb, "subscribe");
-  addNames(verb, options->names, Needed::kYes);
-  addNumber(verb, "--count", options->count, "N", 1, UINT64_MAX, "end after N messages");
-  addFlag(verb, "--no-reconnect", options->noReconnect, "end when the connection is lost");
-  addValue(verb, "--topic", options->topics, "TOPIC",
-           "subscribe to this topic of a service (repeatable) instead of everything");
-  addValue(verb, "--send", options->send, "JSON", "send this message once subscribed (repeatable)");
-  addValue(verb, "--where", options->where, "KEY=VALUE",
-           "only messages whose member KEY has that value (repeatable: all must hold); a.b is "
-           "the member b of a");
-  addFlag(verb, "--timestamps", options->timestamps, "the time of arrival before each message");
+      monitor);
+  verb.alias("subscribe")
+      .arguments(kName, Needed::kYes, name(options.names))
+      .option("--count", "N", number(options.count, 1, UINT64_MAX), "end after N messages")
+      .flag("--no-reconnect", options.noReconnect, "end when the connection is lost")
+      .option("--topic", "TOPIC", text(options.topics),
+              "subscribe to this topic of a service (repeatable) instead of everything")
+      .option("--send", "JSON", text(options.send),
+              "send this message once subscribed (repeatable)")
+      .option("--where", "KEY=VALUE", text(options.where),
+              "only messages whose member KEY has that value (repeatable: all must hold); a.b is "
+              "the member b of a")
+      .flag("--timestamps", options.timestamps, "the time of arrival before each message");
 }
 
 }  // namespace tool

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "Api/Json/Types.h"
-#include "tool/Common.h"
+#include "tool/Verb.h"
 
 namespace tool {
 

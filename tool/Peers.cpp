@@ -4,8 +4,8 @@
 
 #include <algorithm>
 
-#include "tool/Options.h"
 #include "tool/Report.h"
+#include "tool/Verb.h"
 
 namespace tool {
 
@@ -122,19 +122,17 @@ std::map<Inode, Process> clientProcesses(const std::vector<Connection>& connecti
   return result;
 }
 
-void addPeers(CLI::App& program, const Common& common) {
-  const auto names = std::make_shared<std::vector<std::string>>();
-  const auto run = [names, &common] { peers(*names, common); };
-  CLI::App& verb = addVerb(
-      program, "peers", "shows who is connected to servers",
+void addPeers(Program& program) {
+  auto [verb, names] = program.verb<std::vector<std::string>>(
+      "peers", "shows who is connected to servers",
       "A line for each connection: the client's process, user and age of the process, the bytes "
       "that the server and the client have not read yet, and what is wrong: 'waiting' has not "
       "been accepted; of 'stalled' clients the server can write no more, of 'server-stalls' the "
       "client; and a process that is stopped or a zombie. It comes from the kernel alone: neither "
       "side notices. Without a name, all servers' connections. Processes of others show for root "
       "only.",
-      run);
-  addNames(verb, *names, Needed::kNo);
+      peers);
+  verb.arguments(kName, Needed::kNo, name(names));
 }
 
 }  // namespace tool

@@ -13,9 +13,9 @@
 
 #include "tool/Lint.h"
 #include "tool/Listening.h"
-#include "tool/Options.h"
 #include "tool/Recording.h"
 #include "tool/Session.h"
+#include "tool/Verb.h"
 
 namespace tool {
 
@@ -319,25 +319,22 @@ void relay(const RelayOptions& options, const Common& common) {
 
 }  // namespace
 
-void addRelay(CLI::App& program, const Common& common) {
-  const auto options = std::make_shared<RelayOptions>();
-  const auto run = [options, &common] { relay(*options, common); };
-  CLI::App& verb = addVerb(
-      program, "relay", "stands between clients and a server and shows both directions",
+void addRelay(Program& program) {
+  auto [verb, options] = program.verb<RelayOptions>(
+      "relay", "stands between clients and a server and shows both directions",
       "Listens under NAME, connects to UPSTREAM for each client, and passes every record on, byte "
       "for byte. Admits its own user and root. The server sees the relay's credentials, not the "
       "clients'. The time-out, 5 seconds, is for the connection, and for the other side to read "
       "on after one has left.",
-      run);
-  addName(verb, options->name);
-  addName(verb, options->upstream, "UPSTREAM");
-  addValue(verb, "--record", options->record, kFile,
-           "append every record to FILE, as JSON lines: time, direction, connection, pid, uid, "
-           "text; 'tovik replay' plays them");
-  addFlag(verb, "--refuse-unsafe", options->refuseUnsafe,
-          "do not pass on what would end the receiving process, or what no record carries "
-          "whole");
-  addFlag(verb, "--timestamps", options->timestamps, "the time of arrival before each record");
+      relay);
+  verb.argument(kName, Needed::kYes, name(options.name))
+      .argument("UPSTREAM", Needed::kYes, name(options.upstream))
+      .option("--record", kFile, text(options.record),
+              "append every record to FILE, as JSON lines: time, direction, connection, pid, uid, "
+              "text; 'tovik replay' plays them")
+      .flag("--refuse-unsafe", options.refuseUnsafe,
+            "do not pass on what would end the receiving process, or what no record carries whole")
+      .flag("--timestamps", options.timestamps, "the time of arrival before each record");
 }
 
 }  // namespace tool

@@ -10,9 +10,9 @@
 #include <utility>
 
 #include "tool/Lint.h"
-#include "tool/Options.h"
 #include "tool/Recording.h"
 #include "tool/Session.h"
+#include "tool/Verb.h"
 
 namespace tool {
 
@@ -182,19 +182,20 @@ class Replay {
 
 }  // namespace
 
-void addReplay(CLI::App& program, const Common& common) {
-  const auto options = std::make_shared<ReplayOptions>();
-  const auto run = [options, &common] { Replay(*options, common).run(); };
-  CLI::App& verb = addVerb(
-      program, "replay", "plays the clients' side of a recording",
+void addReplay(Program& program) {
+  const auto run = [](const ReplayOptions& options, const Common& common) {
+    Replay(options, common).run();
+  };
+  auto [verb, options] = program.verb<ReplayOptions>(
+      "replay", "plays the clients' side of a recording",
       "Sends what the clients of a recorded 'tovik relay' sent, over as many connections, and "
       "waits for each recorded reply; one with another status than recorded counts as not "
       "allowed. FILE may be - for standard input. The time-out, 5 seconds, is for each reply.",
       run);
-  addName(verb, options->name);
-  addArgument(verb, kFile, options->file, Needed::kYes);
-  addValue(verb, "--record", options->record, kFile, "append every record to this file");
-  addFlag(verb, "--timestamps", options->timestamps, "the time before each record");
+  verb.argument(kName, Needed::kYes, name(options.name))
+      .argument(kFile, Needed::kYes, text(options.file))
+      .option("--record", kFile, text(options.record), "append every record to this file")
+      .flag("--timestamps", options.timestamps, "the time before each record");
 }
 
 }  // namespace tool

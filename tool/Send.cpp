@@ -3,8 +3,8 @@
 // read, and dropped, until then.
 
 #include "tool/Lines.h"
-#include "tool/Options.h"
 #include "tool/Session.h"
+#include "tool/Verb.h"
 
 namespace tool {
 
@@ -105,23 +105,22 @@ class Sender : private Session {
 
 }  // namespace
 
-void addSend(CLI::App& program, const Common& common) {
-  const auto options = std::make_shared<SendOptions>();
-  const auto run = [options, &common] {
+void addSend(Program& program) {
+  const auto run = [](const SendOptions& options, const Common& common) {
     Run loop(Ending::kIsFailure);
-    const Sender sender(*options, common, loop);
+    const Sender sender(options, common, loop);
     loop.untilFinished();
   };
-  CLI::App& verb =
-      addVerb(program, "send", "sends messages without waiting for replies",
-              "Ends when the server has read all of them. The time-out, 5 seconds, is for the "
-              "server to take the next one.",
-              run);
-  addName(verb, options->name);
-  addMessage(verb, options->text);
-  addNumber(verb, "--count", options->count, "N", 1, UINT64_MAX,
-            "send the message N times, or at most N lines");
-  addSeconds(verb, "--interval", options->interval, "pause between two messages");
+  auto [verb, options] = program.verb<SendOptions>(
+      "send", "sends messages without waiting for replies",
+      "Ends when the server has read all of them. The time-out, 5 seconds, is for the server to "
+      "take the next one.",
+      run);
+  verb.argument(kName, Needed::kYes, name(options.name))
+      .argument("JSON", Needed::kNo, text(options.text))
+      .option("--count", "N", number(options.count, 1, UINT64_MAX),
+              "send the message N times, or at most N lines")
+      .option("--interval", "SECONDS", seconds(options.interval), "pause between two messages");
 }
 
 }  // namespace tool

@@ -11,9 +11,9 @@
 
 #include "tool/Lines.h"
 #include "tool/Listening.h"
-#include "tool/Options.h"
 #include "tool/Output.h"
 #include "tool/Shell.h"
+#include "tool/Verb.h"
 
 namespace tool {
 
@@ -243,33 +243,31 @@ void serve(const ServeOptions& options, const Common& common) {
 
 }  // namespace
 
-void addServe(CLI::App& program, const Common& common) {
-  const auto options = std::make_shared<ServeOptions>();
-  const auto run = [options, &common] { serve(*options, common); };
-  CLI::App& verb = addVerb(
-      program, "serve", "a stand-in server to test clients against",
+void addServe(Program& program) {
+  auto [verb, options] = program.verb<ServeOptions>(
+      "serve", "a stand-in server to test clients against",
       "Prints each message and answers it. It is a real server, with what that means: valid JSON "
       "of the wrong shape ends its process, as it would end any server's. Admits its own user and "
       "root unless told otherwise.",
-      run);
-  addName(verb, options->name);
-  addNumber(verb, "--status", options->status, "N", 0, kUint32,
-            "answer with status N (0 unless given)");
-  addValue(verb, "--answer", options->answer, "JSON", "answer with this result");
-  addValue(verb, "--describe", options->describe, kFile,
-           "answer 'tovik describe' with the JSON in this file");
-  addValue(verb, "--exec", options->exec, "CMD",
-           "run CMD in a shell for each message, which is its standard input; its exit status is "
-           "the answer's");
-  addValue(verb, "--notify", options->notify, kFile,
-           "broadcast each line of the file, or of standard input for -");
-  addNumber(verb, "--allow-uid", options->admitted.uids, "UID", 0, kUint32,
-            "admit this user (repeatable)");
-  addNumber(verb, "--allow-gid", options->admitted.gids, "GID", 0, kUint32,
-            "admit this group (repeatable)");
-  addFlag(verb, "--deny-all", options->admitted.nobody, "admit nobody");
-  addFlag(verb, "--timestamps", options->timestamps,
-          "the time and the sender's process before each message");
+      serve);
+  verb.argument(kName, Needed::kYes, name(options.name))
+      .option("--status", "N", number(options.status, 0, kUint32),
+              "answer with status N (0 unless given)")
+      .option("--answer", "JSON", text(options.answer), "answer with this result")
+      .option("--describe", kFile, text(options.describe),
+              "answer 'tovik describe' with the JSON in this file")
+      .option("--exec", "CMD", text(options.exec),
+              "run CMD in a shell for each message, which is its standard input; its exit status "
+              "is the answer's")
+      .option("--notify", kFile, text(options.notify),
+              "broadcast each line of the file, or of standard input for -")
+      .option("--allow-uid", "UID", number(options.admitted.uids, 0, kUint32),
+              "admit this user (repeatable)")
+      .option("--allow-gid", "GID", number(options.admitted.gids, 0, kUint32),
+              "admit this group (repeatable)")
+      .flag("--deny-all", options.admitted.nobody, "admit nobody")
+      .flag("--timestamps", options.timestamps,
+            "the time and the sender's process before each message");
 }
 
 }  // namespace tool

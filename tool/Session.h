@@ -3,9 +3,9 @@
 #include <string>
 
 #include "Api/Json/Async.h"
-#include "tool/Common.h"
 #include "tool/Report.h"
 #include "tool/Run.h"
+#include "tool/Verb.h"
 
 namespace tool {
 

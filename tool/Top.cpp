@@ -12,10 +12,10 @@
 #include <csignal>
 #include <cstdio>
 
-#include "tool/Options.h"
 #include "tool/Peers.h"
 #include "tool/Report.h"
 #include "tool/Run.h"
+#include "tool/Verb.h"
 
 namespace tool {
 
@@ -434,19 +434,17 @@ void top(const TopOptions& options, const Common& common) {
 
 }  // namespace
 
-void addTop(CLI::App& program, const Common& common) {
-  const auto options = std::make_shared<TopOptions>();
-  const auto run = [options, &common] { top(*options, common); };
-  CLI::App& verb = addVerb(
-      program, "top", "shows live what servers do",
+void addTop(Program& program) {
+  auto [verb, options] = program.verb<TopOptions>(
+      "top", "shows live what servers do",
       "A line for each server: the processor time and memory of its process, connections, the "
       "bytes that nobody has read yet, connections in which one side cannot write on, clients "
       "waiting of how many that may wait, process, user and state. It looks once a second. Keys "
       "sort, filter (/), show the peers of the selected server (Enter) and quit (q). The kernel "
       "counts bytes, not messages. With --once or --json it prints one table, whose processor time "
       "is the average over the life of the process.",
-      run);
-  addFlag(verb, "--once", options->once, "print one table and end");
+      top);
+  verb.flag("--once", options.once, "print one table and end");
 }
 
 }  // namespace tool

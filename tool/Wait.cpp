@@ -3,9 +3,9 @@
 #include <algorithm>
 
 #include "tool/Kernel.h"
-#include "tool/Options.h"
 #include "tool/Output.h"
 #include "tool/Run.h"
+#include "tool/Verb.h"
 
 namespace tool {
 
@@ -84,19 +84,19 @@ class Wait {
 
 }  // namespace
 
-void addWait(CLI::App& program, const Common& common) {
-  const auto options = std::make_shared<WaitOptions>();
-  const auto run = [options, &common] {
+void addWait(Program& program) {
+  const auto run = [](const WaitOptions& options, const Common& common) {
     Run loop(Ending::kIsFailure);
-    const Wait wait(*options, common, loop);
+    const Wait wait(options, common, loop);
     loop.untilFinished();
   };
-  CLI::App& verb = addVerb(program, "wait", "waits until each server listens",
-                           "Looks into the kernel's table and does not connect, so the servers "
-                           "notice nothing. The time-out is 5 seconds.",
-                           run);
-  addNames(verb, options->names, Needed::kYes);
-  addFlag(verb, "--gone", options->gone, "wait until none of them listens");
+  auto [verb, options] =
+      program.verb<WaitOptions>("wait", "waits until each server listens",
+                                "Looks into the kernel's table and does not connect, so the "
+                                "servers notice nothing. The time-out is 5 seconds.",
+                                run);
+  verb.arguments(kName, Needed::kYes, name(options.names))
+      .flag("--gone", options.gone, "wait until none of them listens");
 }
 
 }  // namespace tool

@@ -1,3 +1,8 @@
-# The manual page: what is written by hand, and what the command says about its verbs.
-execute_process(COMMAND ${TOOL} help --man OUTPUT_VARIABLE VERBS COMMAND_ERROR_IS_FATAL ANY)
+# The manual page: what is written by hand, and what the command's help says about its verbs.
+execute_process(COMMAND ${TOOL} help --all OUTPUT_VARIABLE HELP COMMAND_ERROR_IS_FATAL ANY)
+string(REGEX REPLACE "\n'tovik help[^\n]*\n" "" HELP "${HELP}")
+string(REPLACE "\\" "\\e" HELP "${HELP}")
+string(REPLACE "-" "\\-" HELP "${HELP}")
+string(REPLACE "'" "\\(aq" HELP "${HELP}")
+string(REGEX REPLACE "Usage: tovik ([a-z]+)([^\n]*)\n" ".fi\n.SS \"\\1\\2\"\n.nf" HELP "${HELP}")
 configure_file(${TEMPLATE} ${PAGE} @ONLY)
