@@ -7,8 +7,11 @@
 #include <chrono>
 #include <cmath>
 #include <list>
+#include <string>
+#include <utility>
+#include <vector>
 
-#include "tool/Lines.h"
+#include "tool/Json.h"
 #include "tool/Output.h"
 #include "tool/Run.h"
 #include "tool/Session.h"
@@ -42,7 +45,6 @@ struct BenchOptions {
 
 /// What all clients of the measurement share.
 struct Measurement {
-  Run run{Ending::kIsFailure};
   std::string message;
   std::uint64_t toStart = 0;
   std::uint64_t toFinish = 0;
@@ -53,10 +55,8 @@ struct Measurement {
 class BenchClient : private Session {
  public:
   BenchClient(const std::string& name, const Common& common, Measurement& measurement)
-      : Session(name, common),
-        measurement_(measurement),
-        deadline_(common.timeLimit(5), [this, &common] { return lateText(common.timeLimit(5)); }) {
-    deadline_.restart();
+      : Session(name, common), measurement_(measurement), limit_(common.timeLimit()) {
+    late_.limit(limit_);
   }
 
  private:
@@ -64,10 +64,10 @@ class BenchClient : private Session {
 
   void start() {
     if (measurement_.toStart == 0) {
-      return deadline_.disarm();
+      return late_.disarm();
     }
     --measurement_.toStart;
-    deadline_.restart();
+    late_.limit(limit_);
     sent_ = Clock::now();
     send(measurement_.message);
   }
@@ -79,14 +79,13 @@ class BenchClient : private Session {
                                               "such as 'tovik serve'.");
     }
     measurement_.times.push_back(microseconds(Clock::now() - sent_));
-    if (--measurement_.toFinish == 0) {
-      measurement_.run.finish();
-    }
+    --measurement_.toFinish;
     start();
   }
 
   Measurement& measurement_;
-  Deadline deadline_;
+  const double limit_;
+  Alarm late_{[this] { throw Failure(Exit::kTimeout, lateText(limit_)); }};
   Clock::time_point sent_;
 };
 
@@ -162,19 +161,16 @@ void printHistogram(const std::vector<double>& times, Output& output) {
 
 void printObject(const BenchOptions& options, const std::vector<double>& times, double elapsed,
                  Output& output) {
-  Tovik::Message result(rapidjson::kObjectType);
-  addMember(result, "count", static_cast<std::uint64_t>(times.size()));
-  addMember(result, "size_bytes", options.size);
-  addMember(result, "clients", options.clients);
-  addMember(result, "seconds", elapsed);
-  addMember(result, "per_second", static_cast<double>(times.size()) / elapsed);
+  Object object;
+  object.add("count", times.size())
+      .add("size_bytes", options.size)
+      .add("clients", options.clients)
+      .add("seconds", elapsed)
+      .add("per_second", static_cast<double>(times.size()) / elapsed);
   for (const auto& [name, share] : kPercentiles) {
-    const std::string text = std::string(name) + "_us";
-    rapidjson::Value key(text.c_str(), result.GetAllocator());
-    rapidjson::Value time(percentile(times, share));
-    result.AddMember(key, time, result.GetAllocator());
+    object.add((std::string(name) + "_us").c_str(), percentile(times, share));
   }
-  output.message(result);
+  output.message(object.text());
 }
 
 void print(const BenchOptions& options, const Common& common, Measurement& measurement) {
@@ -199,6 +195,7 @@ void print(const BenchOptions& options, const Common& common, Measurement& measu
 
 /// An interrupted measurement has its results, too.
 void bench(const BenchOptions& options, const Common& common) {
+  Run run(Ending::kIsFailure);
   Measurement measurement;
   const std::string padding(options.size - std::string(R"({"pad":""})").size(), 'x');
   measurement.message = R"({"pad":")" + padding + R"("})";
@@ -210,7 +207,7 @@ void bench(const BenchOptions& options, const Common& common) {
   }
   try {
     const ProgressBar bar(common, measurement);
-    measurement.run.untilFinished();
+    run.until([&] { return measurement.toFinish == 0; });
   } catch (const Interrupted&) {
     if (!measurement.times.empty()) {
       print(options, common, measurement);

@@ -1,6 +1,9 @@
 // describe: {"command":"describe"} -> replies, the last one without "more" -> a page or JSON.
 
-#include "tool/Lines.h"
+#include <string>
+#include <vector>
+
+#include "tool/Json.h"
 #include "tool/Output.h"
 #include "tool/Session.h"
 #include "tool/Verb.h"
@@ -18,6 +21,11 @@ std::string textOf(const Value& object, const char* name) {
              : "";
 }
 
+bool isTrue(const Value& object, const char* name) {
+  const auto found = object.FindMember(name);
+  return found != object.MemberEnd() && found->value.IsTrue();
+}
+
 /// The objects of a list, as far as there are any.
 std::vector<const Value*> entriesOf(const Value& object, const char* list) {
   std::vector<const Value*> entries;
@@ -32,19 +40,13 @@ std::vector<const Value*> entriesOf(const Value& object, const char* list) {
   return entries;
 }
 
-class Describe : private Session {
+/// Asks, and puts the answers together: long lists come in several replies.
+class Describer : public Session {
  public:
-  Describe(const std::string& name, const Common& common)
-      : Session(name, common),
-        output_(common),
-        deadline_(common.timeLimit(5), [this, &common] { return lateText(common.timeLimit(5)); }) {
-    deadline_.restart();
-  }
+  using Session::Session;
 
-  void run() {
-    run_.untilFinished();
-    output_.json() ? output_.message(whole_) : printPage();
-  }
+  bool complete() const { return complete_; }
+  const Tovik::Message& whole() const { return whole_; }
 
  private:
   void connected() override { send(R"({"command":"describe"})"); }
@@ -55,21 +57,17 @@ class Describe : private Session {
       throw Failure(Exit::kNotUnderstood,
                     "the answer " + inQuotes(record.substr(0, 80)) + " is no reply.");
     }
-    const Tovik::Message reply = messageFrom(judged.compact);
-    const auto result = reply.FindMember("result");
-    if (*judged.replyStatus != 0 || result == reply.MemberEnd() || !result->value.IsObject()) {
+    const auto result = judged.message.FindMember("result");
+    if (*judged.replyStatus != 0 || result == judged.message.MemberEnd() ||
+        !result->value.IsObject()) {
       throw Failure(Exit::kStatus, "the server " + inQuotes(name()) +
                                        " does not describe itself; it answered with status " +
                                        std::to_string(*judged.replyStatus) + ".");
     }
     merge(result->value);
-    const auto more = reply.FindMember("more");
-    if (more == reply.MemberEnd() || !more->value.IsTrue()) {
-      run_.finish();
-    }
+    complete_ = !isTrue(judged.message, "more");
   }
 
-  /// Long lists come in several replies.
   void merge(const Value& part) {
     auto& memory = whole_.GetAllocator();
     for (const auto& member : part.GetObject()) {
@@ -84,46 +82,52 @@ class Describe : private Session {
     }
   }
 
-  void printPage() {
-    const std::string description = textOf(whole_, "description");
-    output_.line(textOf(whole_, "name") + (description.empty() ? "" : ": " + description));
-    for (const Value* command : entriesOf(whole_, "commands")) {
-      printEntry(*command, "");
-      for (const Value* argument : entriesOf(*command, "arguments")) {
-        const auto required = argument->FindMember("required");
-        const bool needed = required != argument->MemberEnd() && required->value.IsTrue();
-        printEntry(*argument, "  ", textOf(*argument, "type") + (needed ? "" : ", optional"));
-      }
-    }
-    for (const Value* topic : entriesOf(whole_, "topics")) {
-      printEntry(*topic, "", "topic");
-    }
-  }
-
-  void printEntry(const Value& entry, const std::string& indent, const std::string& note = {}) {
-    const std::string description = textOf(entry, "description");
-    output_.line("  " + indent + painted(textOf(entry, "name"), "1", output_.colour()) +
-                 (note.empty() ? "" : " (" + note + ")") +
-                 (description.empty() ? "" : ": " + description));
-  }
-
-  Output output_;
-  Run run_{Ending::kIsFailure};
-  Deadline deadline_;
   Tovik::Message whole_{rapidjson::kObjectType};
+  bool complete_ = false;
 };
+
+void printEntry(Output& output, const Value& entry, const std::string& indent,
+                const std::string& note = {}) {
+  const std::string description = textOf(entry, "description");
+  output.line("  " + indent + painted(textOf(entry, "name"), "1", output.colour()) +
+              (note.empty() ? "" : " (" + note + ")") +
+              (description.empty() ? "" : ": " + description));
+}
+
+void printPage(Output& output, const Value& whole) {
+  const std::string description = textOf(whole, "description");
+  output.line(textOf(whole, "name") + (description.empty() ? "" : ": " + description));
+  for (const Value* command : entriesOf(whole, "commands")) {
+    printEntry(output, *command, "");
+    for (const Value* argument : entriesOf(*command, "arguments")) {
+      const bool needed = isTrue(*argument, "required");
+      printEntry(output, *argument, "  ", textOf(*argument, "type") + (needed ? "" : ", optional"));
+    }
+  }
+  for (const Value* topic : entriesOf(whole, "topics")) {
+    printEntry(output, *topic, "", "topic");
+  }
+}
+
+void describe(const std::string& name, const Common& common) {
+  Run run(Ending::kIsFailure);
+  Describer describer(name, common);
+  if (!run.until([&] { return describer.complete(); }, common.timeLimit())) {
+    throw Failure(Exit::kTimeout, describer.lateText(common.timeLimit()));
+  }
+  Output output(common);
+  output.json() ? output.message(Tovik::Message::toStr(describer.whole(), false).data())
+                : printPage(output, describer.whole());
+}
 
 }  // namespace
 
 void addDescribe(Program& program) {
-  const auto run = [](const std::string& name, const Common& common) {
-    Describe(name, common).run();
-  };
   auto [verb, server] = program.verb<std::string>(
       "describe", "prints what a service says about itself",
       "Asks with {\"command\":\"describe\"}, and prints the commands with their arguments, and the "
       "topics. The time-out is 5 seconds.",
-      run);
+      describe);
   verb.argument(kName, Needed::kYes, name(server));
 }
 

@@ -402,6 +402,32 @@ int Owners::pidOf(Inode inode) const {
   return known == known_.end() ? 0 : known->second;
 }
 
+std::set<Inode> inodesOf(const std::vector<Listener>& listeners) {
+  std::set<Inode> inodes;
+  for (const Listener& listener : listeners) {
+    inodes.insert(listener.inode);
+  }
+  return inodes;
+}
+
+std::vector<Process> clientsOf(const std::vector<Connection>& connections, Owners& owners) {
+  std::set<Inode> inodes;
+  for (const Connection& connection : connections) {
+    inodes.insert(connection.client);
+  }
+  owners.find(inodes);
+  std::map<int, Process> known;
+  std::vector<Process> clients;
+  for (const Connection& connection : connections) {
+    const int pid = owners.pidOf(connection.client);
+    if (known.count(pid) == 0) {
+      known[pid] = processOf(pid);
+    }
+    clients.push_back(known[pid]);
+  }
+  return clients;
+}
+
 std::string userName(unsigned uid) {
   static std::map<unsigned, std::string> names;
   auto& name = names[uid];

@@ -77,6 +77,10 @@ class Owners {
   std::unordered_map<Inode, int> known_;
 };
 
+std::set<Inode> inodesOf(const std::vector<Listener>& listeners);
+/// The processes behind the clients' ends of the connections, in their order.
+std::vector<Process> clientsOf(const std::vector<Connection>& connections, Owners& owners);
+
 /// The user's name, or the number of one who has none.
 std::string userName(unsigned uid);
 

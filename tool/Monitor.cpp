@@ -1,10 +1,13 @@
 // monitor: connect -> subscribe -> acknowledged -> messages; after a loss, from the start. One
 // session for each name.
 
+#include <algorithm>
 #include <cerrno>
 #include <list>
+#include <string>
+#include <vector>
 
-#include "tool/Lines.h"
+#include "tool/Json.h"
 #include "tool/Output.h"
 #include "tool/Session.h"
 #include "tool/Verb.h"
@@ -37,9 +40,10 @@ class Condition {
     }
     key_ = text.substr(0, equals);
     value_ = text.substr(equals + 1);
-    const Lint judged = lint(value_);
-    if (judged.notJson.empty()) {
-      json_ = messageFrom(judged.compact);
+    Tovik::Message json;
+    json.Parse<rapidjson::kParseIterativeFlag>(value_.c_str());
+    if (!json.HasParseError()) {
+      json_ = std::move(json);
     }
   }
 
@@ -86,45 +90,42 @@ class Condition {
 /// What the monitored servers' messages come together in.
 class Printer {
  public:
-  Printer(const MonitorOptions& options, const Common& common, Run& run)
+  Printer(const MonitorOptions& options, const Common& common)
       : options_(options),
-        run_(run),
         output_(common),
         conditions_(options.where.begin(), options.where.end()) {}
 
-  void print(const std::string& name, std::string_view json) {
-    const Tovik::Message message = messageFrom(json);
-    for (const Condition& condition : conditions_) {
-      if (!condition.holds(message)) {
-        return;
-      }
-    }
-    show(name, json);
-    if (++printed_ == options_.count) {
-      run_.finish();
+  bool done() const { return printed_ == options_.count; }
+
+  void print(const std::string& name, std::string_view json, const rapidjson::Value& message) {
+    const auto holds = [&](const Condition& condition) { return condition.holds(message); };
+    if (!done() && std::all_of(conditions_.begin(), conditions_.end(), holds)) {
+      show(name, json);
+      ++printed_;
     }
   }
 
  private:
   void show(const std::string& name, std::string_view json) {
     const bool several = options_.names.size() > 1;
-    if (!output_.json() || !(several || options_.timestamps)) {
-      const std::string time =
-          options_.timestamps ? painted(timestamp(), "2", output_.colour()) + " " : "";
-      return output_.message(json, time + (several ? cell(name) + " " : ""));
+    if (!several && !options_.timestamps) {
+      return output_.message(json);
     }
-    Tovik::Message head(rapidjson::kObjectType);
+    Object head;
+    std::string prefix;
     if (options_.timestamps) {
-      addString(head, "time", timestamp());
+      const std::string time = timestamp();
+      head.add("time", time);
+      prefix = painted(time, "2", output_.colour()) + " ";
     }
     if (several) {
-      addNameTo(head, name);
+      head.name(name);
+      prefix += cell(name) + " ";
     }
-    output_.message(enveloped(head, json));
+    output_.message(head, prefix, json);
   }
 
   const MonitorOptions& options_;
-  Run& run_;
   Output output_;
   const std::vector<Condition> conditions_;
   std::uint64_t printed_ = 0;
@@ -135,15 +136,13 @@ std::string subscription(const MonitorOptions& options) {
   if (options.topics.empty()) {
     return R"({"command":"set","notification":true})";
   }
-  Tovik::Message message(rapidjson::kObjectType);
-  rapidjson::Value topics(rapidjson::kArrayType);
+  std::string topics;
   for (const std::string& topic : options.topics) {
-    topics.PushBack(rapidjson::Value(topic.c_str(), message.GetAllocator()),
-                    message.GetAllocator());
+    const std::string object = Object().add("", topic).text();
+    topics += (topics.empty() ? "" : ",") + std::string(memberText(object, ""));
   }
-  addString(message, "command", "subscribe");
-  message.AddMember("topics", topics, message.GetAllocator());
-  return sendable(Tovik::Message::toStr(message, false).data(), "the subscription");
+  return sendable(Object().add("command", "subscribe").raw("topics", "[" + topics + "]").text(),
+                  "the subscription");
 }
 
 class Monitor : private Session {
@@ -178,7 +177,7 @@ class Monitor : private Session {
     if (!acknowledged_ && judged.replyStatus) {
       return acknowledge(*judged.replyStatus);
     }
-    printer_.print(name(), asRead(record));
+    printer_.print(name(), asRead(record), judged.message);
   }
 
   void acknowledge(unsigned status) {
@@ -236,17 +235,16 @@ void monitor(const MonitorOptions& options, const Common& common) {
     sendable(text, "the message for --send");
   }
   Run run(Ending::kIsSuccess);
-  Printer printer(options, common, run);
+  Printer printer(options, common);
   std::list<Monitor> monitors;
   for (const std::string& name : options.names) {
     monitors.emplace_back(name, options, common, printer);
   }
-  Deadline deadline(common.timeLimit(0), [&common] {
-    return "the " + seconds(common.timeLimit(0)) + " of --timeout are over; leave it out to " +
-           "monitor without end.";
-  });
-  deadline.restart();
-  run.untilFinished();
+  if (!run.until([&] { return printer.done(); }, common.timeLimit(0))) {
+    throw Failure(Exit::kTimeout, "the " + secondsText(common.timeLimit(0)) +
+                                      " of --timeout are over; leave it out to monitor without "
+                                      "end.");
+  }
 }
 
 }  // namespace

@@ -37,6 +37,11 @@ Session::Session(std::string name, const Common& common, double reconnectSeconds
   connect_.arm(0);
 }
 
+Session::Session(std::string name, const Common& common, AcceptedFd client)
+    : name_(std::move(name)), common_(common), reconnectSeconds_(0) {
+  setFd(client.fd);
+}
+
 void Session::connect() {
   const sockaddr_un address = addressOf(name_);
   const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
@@ -132,10 +137,10 @@ bool Session::allTaken() const {
 
 std::string Session::lateText(double limit) const {
   if (full_) {
-    return "the server " + inQuotes(name_) + " accepted no client within " + seconds(limit) +
+    return "the server " + inQuotes(name_) + " accepted no client within " + secondsText(limit) +
            ", and no more may wait; see 'tovik list --long'.";
   }
-  return "the server " + inQuotes(name_) + " did not answer within " + seconds(limit) +
+  return "the server " + inQuotes(name_) + " did not answer within " + secondsText(limit) +
          "; give it more with --timeout.";
 }
 
@@ -156,8 +161,7 @@ Failure Session::lostFailure() const {
 
 Failure Session::notConnectedFailure(int error) const {
   if (error == ECONNREFUSED) {
-    return {Exit::kNoServer, "no server listens under " + inQuotes(name_) +
-                                 "; start it, or see the names with 'tovik list'."};
+    return noServer(name_);
   }
   return {Exit::kLost,
           "the connection to " + inQuotes(name_) + " failed: " + std::strerror(error) + "."};

@@ -16,6 +16,11 @@ class Session : public Tovik::AsyncSender {
  public:
   /// The first attempt to connect happens from the loop.
   Session(std::string name, const Common& common, double reconnectSeconds = 0);
+  /// The other end: a connection that a server has accepted.
+  struct AcceptedFd {
+    int fd;
+  };
+  Session(std::string name, const Common& common, AcceptedFd client);
 
   const std::string& name() const { return name_; }
 

@@ -375,6 +375,11 @@ class Call(Case):
         answer = '{"type":"reply","status":0,"n":123456789012345678901234567890,"x":1.50,"y":1e2}'
         client.send(answer.encode())
         self.expect(call, 0, answer + "\n")
+        self.name = unique_name()
+        call, client = self.called("{}")
+        client.recv(4096)
+        client.send(b'{"type":"reply","status":0,"result":[123456789012345678901234567890, 1.50]}')
+        self.expect(call, 0, "[123456789012345678901234567890,1.50]\n")
 
     def test_takes_no_read_error_for_the_end(self):
         self.raw_server()
