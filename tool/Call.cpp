@@ -45,11 +45,10 @@ class Caller : public Session {
     send(message);
   }
 
-  /// What has come since; with nothing, `late` has to be said.
+  /// What comes next.
   std::string answer(Run& run, double limit) {
-    if (!run.until([this] { return answer_.has_value(); }, limit)) {
-      throw Failure(Exit::kTimeout, lateText(limit));
-    }
+    run.within(
+        limit, [this] { return answer_.has_value(); }, [&] { return lateText(limit); });
     waiting_ = false;
     return std::move(*answer_);
   }
@@ -141,14 +140,6 @@ Lint answerTo(const std::string& message, Caller& caller, Run& run, const CallOp
   }
 }
 
-/// What the server says about a status.
-std::string errorOf(const Lint& judged) {
-  const auto found = judged.message.FindMember("error");
-  return found != judged.message.MemberEnd() && found->value.IsString()
-             ? ": " + escaped({found->value.GetString(), found->value.GetStringLength()})
-             : "";
-}
-
 void call(const CallOptions& options, const Common& common) {
   Output output(common);
   Run run(Ending::kIsFailure);
@@ -167,7 +158,7 @@ void call(const CallOptions& options, const Common& common) {
     if (!options.allows(judged.replyStatus)) {
       ++disallowed;
       last = std::to_string(*judged.replyStatus);
-      error = errorOf(judged);
+      error = escaped(textOf(memberOf(judged.message, "error")));
     }
   }
   if (disallowed > 0) {
@@ -175,7 +166,8 @@ void call(const CallOptions& options, const Common& common) {
                   (answers == 1 ? "the server answered with status "
                                 : std::to_string(disallowed) + " of " + std::to_string(answers) +
                                       " answers had a status that is not allowed, the last one ") +
-                      last + error + "; if that is a success, say --ok " + last + ".");
+                      last + (error.empty() ? "" : ": " + error) +
+                      "; if that is a success, say --ok " + last + ".");
   }
 }
 

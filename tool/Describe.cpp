@@ -14,27 +14,17 @@ namespace {
 
 using Value = rapidjson::Value;
 
-std::string textOf(const Value& object, const char* name) {
-  const auto found = object.FindMember(name);
-  return found != object.MemberEnd() && found->value.IsString()
-             ? escaped({found->value.GetString(), found->value.GetStringLength()})
-             : "";
+std::string shown(const Value& object, const char* name) {
+  return escaped(textOf(memberOf(object, name)));
 }
 
-bool isTrue(const Value& object, const char* name) {
-  const auto found = object.FindMember(name);
-  return found != object.MemberEnd() && found->value.IsTrue();
-}
-
-/// The objects of a list, as far as there are any.
+/// The members of a list, as far as there are any.
 std::vector<const Value*> entriesOf(const Value& object, const char* list) {
   std::vector<const Value*> entries;
-  const auto found = object.FindMember(list);
-  if (found != object.MemberEnd() && found->value.IsArray()) {
-    for (const Value& entry : found->value.GetArray()) {
-      if (entry.IsObject()) {
-        entries.push_back(&entry);
-      }
+  const Value& found = memberOf(object, list);
+  if (found.IsArray()) {
+    for (const Value& entry : found.GetArray()) {
+      entries.push_back(&entry);
     }
   }
   return entries;
@@ -57,15 +47,14 @@ class Describer : public Session {
       throw Failure(Exit::kNotUnderstood,
                     "the answer " + inQuotes(record.substr(0, 80)) + " is no reply.");
     }
-    const auto result = judged.message.FindMember("result");
-    if (*judged.replyStatus != 0 || result == judged.message.MemberEnd() ||
-        !result->value.IsObject()) {
+    const Value& result = memberOf(judged.message, "result");
+    if (*judged.replyStatus != 0 || !result.IsObject()) {
       throw Failure(Exit::kStatus, "the server " + inQuotes(name()) +
                                        " does not describe itself; it answered with status " +
                                        std::to_string(*judged.replyStatus) + ".");
     }
-    merge(result->value);
-    complete_ = !isTrue(judged.message, "more");
+    merge(result);
+    complete_ = !memberOf(judged.message, "more").IsTrue();
   }
 
   void merge(const Value& part) {
@@ -88,20 +77,20 @@ class Describer : public Session {
 
 void printEntry(Output& output, const Value& entry, const std::string& indent,
                 const std::string& note = {}) {
-  const std::string description = textOf(entry, "description");
-  output.line("  " + indent + painted(textOf(entry, "name"), "1", output.colour()) +
+  const std::string description = shown(entry, "description");
+  output.line("  " + indent + painted(shown(entry, "name"), "1", output.colour()) +
               (note.empty() ? "" : " (" + note + ")") +
               (description.empty() ? "" : ": " + description));
 }
 
 void printPage(Output& output, const Value& whole) {
-  const std::string description = textOf(whole, "description");
-  output.line(textOf(whole, "name") + (description.empty() ? "" : ": " + description));
+  const std::string description = shown(whole, "description");
+  output.line(shown(whole, "name") + (description.empty() ? "" : ": " + description));
   for (const Value* command : entriesOf(whole, "commands")) {
     printEntry(output, *command, "");
     for (const Value* argument : entriesOf(*command, "arguments")) {
-      const bool needed = isTrue(*argument, "required");
-      printEntry(output, *argument, "  ", textOf(*argument, "type") + (needed ? "" : ", optional"));
+      const bool needed = memberOf(*argument, "required").IsTrue();
+      printEntry(output, *argument, "  ", shown(*argument, "type") + (needed ? "" : ", optional"));
     }
   }
   for (const Value* topic : entriesOf(whole, "topics")) {
@@ -112,9 +101,9 @@ void printPage(Output& output, const Value& whole) {
 void describe(const std::string& name, const Common& common) {
   Run run(Ending::kIsFailure);
   Describer describer(name, common);
-  if (!run.until([&] { return describer.complete(); }, common.timeLimit())) {
-    throw Failure(Exit::kTimeout, describer.lateText(common.timeLimit()));
-  }
+  const double limit = common.timeLimit();
+  run.within(
+      limit, [&] { return describer.complete(); }, [&] { return describer.lateText(limit); });
   Output output(common);
   output.json() ? output.message(Tovik::Message::toStr(describer.whole(), false).data())
                 : printPage(output, describer.whole());

@@ -22,12 +22,6 @@ using Buffer = rapidjson::StringBuffer;
 constexpr const char* kKinds[] = {"null",     "a boolean", "a boolean", "an object",
                                   "an array", "a string",  "a number"};  // in RapidJSON's order
 
-/// The first of that name, as lookups find it; null without one.
-const Value* member(const Value& object, const char* name) {
-  const auto found = object.FindMember(name);
-  return found == object.MemberEnd() ? nullptr : &found->value;
-}
-
 /// Strings are compared as C strings: up to a NUL, which JSON can express.
 bool is(const Value& value, std::string_view text) {
   return value.IsString() && value.GetString() == text;
@@ -38,8 +32,8 @@ void judgeForServer(Lint& lint) {
     lint.endsServer = "its root is " + lint.root + " and no object";
     return;
   }
-  const Value* const command = member(lint.message, "command");
-  const Value* const notification = member(lint.message, "notification");
+  const Value* const command = findMember(lint.message, "command");
+  const Value* const notification = findMember(lint.message, "notification");
   if (command == nullptr || notification == nullptr) {
     return;
   }
@@ -53,24 +47,22 @@ void judgeForServer(Lint& lint) {
 }
 
 void judgeForClient(Lint& lint) {
+  const Value& type = memberOf(lint.message, "type");
+  const Value& status = memberOf(lint.message, "status");
   if (!lint.isObject()) {
     lint.endsClient = "its root is " + lint.root + " and no object";
-    return;
-  }
-  const Value* const type = member(lint.message, "type");
-  const Value* const status = member(lint.message, "status");
-  if (type == nullptr) {
+  } else if (findMember(lint.message, "type") == nullptr) {
     lint.noReply = "it has no \"type\"";
-  } else if (status == nullptr || !status->IsUint()) {
+  } else if (!status.IsUint()) {
     lint.noReply = "it has no \"status\" from 0 to 2147483647";
-  } else if (!type->IsString()) {
+  } else if (!type.IsString()) {
     lint.endsClient = R"("type" stands beside a "status" and is no string)";
-  } else if (!is(*type, "reply")) {
+  } else if (!is(type, "reply")) {
     lint.noReply = R"(its "type" is not "reply")";
-  } else if (status->GetUint() > 2147483647U) {
+  } else if (status.GetUint() > 2147483647U) {
     lint.noReply = "its \"status\" is above 2147483647";
   } else {
-    lint.replyStatus = status->GetUint();
+    lint.replyStatus = status.GetUint();
   }
 }
 
@@ -171,6 +163,33 @@ std::string_view asRead(std::string_view record) {
 std::string rewritten(std::string_view json, bool pretty) {
   return pretty ? writtenBy<rapidjson::PrettyWriter<Buffer>>(json)
                 : writtenBy<rapidjson::Writer<Buffer>>(json);
+}
+
+Tovik::Message messageFrom(std::string_view json) {
+  Tovik::Message message;
+  rapidjson::MemoryStream stream(json.data(), json.size());
+  message.ParseStream<rapidjson::kParseIterativeFlag>(stream);
+  return message;
+}
+
+const Value* findMember(const Value& object, std::string_view name) {
+  if (!object.IsObject()) {
+    return nullptr;
+  }
+  const Value key(rapidjson::StringRef(name.data(), static_cast<rapidjson::SizeType>(name.size())));
+  const auto found = object.FindMember(key);
+  return found == object.MemberEnd() ? nullptr : &found->value;
+}
+
+const Value& memberOf(const Value& object, std::string_view name) {
+  static const Value none;
+  const Value* const found = findMember(object, name);
+  return found == nullptr ? none : *found;
+}
+
+std::string_view textOf(const Value& value) {
+  return value.IsString() ? std::string_view(value.GetString(), value.GetStringLength())
+                          : std::string_view();
 }
 
 std::size_t endOfString(std::string_view json, std::size_t at) {

@@ -51,6 +51,17 @@ std::string_view asRead(std::string_view record);
 /// Valid JSON on one line, or indented, whose numbers stay as they are written.
 std::string rewritten(std::string_view json, bool pretty = false);
 
+/// A message from valid JSON, of any depth.
+Tovik::Message messageFrom(std::string_view json);
+
+/// The first member of that name, as lookups find it; nothing without one, and of what is no
+/// object.
+const rapidjson::Value* findMember(const rapidjson::Value& object, std::string_view name);
+/// The same, but JSON's null without one.
+const rapidjson::Value& memberOf(const rapidjson::Value& object, std::string_view name);
+/// The text of a string; empty of other values.
+std::string_view textOf(const rapidjson::Value& value);
+
 /// The index behind the string that begins there.
 std::size_t endOfString(std::string_view json, std::size_t at);
 

@@ -38,7 +38,8 @@ void printLong(const std::vector<Listener>& found, bool all, Output& output) {
   std::vector<Entry> entries;
   entries.reserve(found.size());
   for (const Listener& listener : found) {
-    entries.push_back(entryOf({listener, processOf(owners.pidOf(listener.inode))}, false, all));
+    entries.push_back(
+        entryOf({listener, processOf(owners.pidOf(listener.inode)), 0}, output.json(), false, all));
   }
   print(entries, output);
 }

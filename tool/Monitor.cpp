@@ -40,11 +40,7 @@ class Condition {
     }
     key_ = text.substr(0, equals);
     value_ = text.substr(equals + 1);
-    Tovik::Message json;
-    json.Parse<rapidjson::kParseIterativeFlag>(value_.c_str());
-    if (!json.HasParseError()) {
-      json_ = std::move(json);
-    }
+    json_ = messageFrom(value_);
   }
 
   bool holds(const rapidjson::Value& message) const { return holds(message, key_); }
@@ -52,39 +48,28 @@ class Condition {
  private:
   /// "a.b" is a member of that name, or the member "b" of the member "a".
   bool holds(const rapidjson::Value& value, std::string_view key) const {
-    const rapidjson::Value* const whole = member(value, key);
+    const rapidjson::Value* const whole = findMember(value, key);
     if (whole != nullptr && equals(*whole)) {
       return true;
     }
     for (std::size_t dot = key.find('.'); dot != std::string_view::npos;
          dot = key.find('.', dot + 1)) {
-      const rapidjson::Value* const inner = member(value, key.substr(0, dot));
-      if (inner != nullptr && holds(*inner, key.substr(dot + 1))) {
+      const rapidjson::Value& inner = memberOf(value, key.substr(0, dot));
+      if (inner.IsObject() && holds(inner, key.substr(dot + 1))) {
         return true;
       }
     }
     return false;
   }
 
-  static const rapidjson::Value* member(const rapidjson::Value& value, std::string_view key) {
-    if (!value.IsObject()) {
-      return nullptr;
-    }
-    const auto name =
-        rapidjson::StringRef(key.data(), static_cast<rapidjson::SizeType>(key.size()));
-    const auto found = value.FindMember(rapidjson::Value(name));
-    return found == value.MemberEnd() ? nullptr : &found->value;
-  }
-
   bool equals(const rapidjson::Value& found) const {
-    const bool sameText =
-        found.IsString() && value_ == std::string_view(found.GetString(), found.GetStringLength());
-    return sameText || found == json_;
+    const bool sameText = found.IsString() && textOf(found) == value_;
+    return sameText || (!json_.HasParseError() && found == json_);
   }
 
   std::string key_;
   std::string value_;
-  Tovik::Message json_{rapidjson::kObjectType};
+  Tovik::Message json_;
 };
 
 /// What the monitored servers' messages come together in.
@@ -240,11 +225,13 @@ void monitor(const MonitorOptions& options, const Common& common) {
   for (const std::string& name : options.names) {
     monitors.emplace_back(name, options, common, printer);
   }
-  if (!run.until([&] { return printer.done(); }, common.timeLimit(0))) {
-    throw Failure(Exit::kTimeout, "the " + secondsText(common.timeLimit(0)) +
-                                      " of --timeout are over; leave it out to monitor without "
-                                      "end.");
-  }
+  const double limit = common.timeLimit(0);
+  run.within(
+      limit, [&] { return printer.done(); },
+      [&] {
+        return "the " + secondsText(limit) +
+               " of --timeout are over; leave it out to monitor without end.";
+      });
 }
 
 }  // namespace

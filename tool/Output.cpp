@@ -124,9 +124,9 @@ std::string painted(const std::string& text, const char* colour, bool wanted) {
 }
 
 std::string cell(std::string_view text) {
-  std::string result;
-  for (const char byte : escaped(text)) {
-    result += byte == ' ' ? std::string("\\x20") : std::string(1, byte);
+  std::string result = escaped(text);
+  for (std::size_t at = 0; (at = result.find(' ', at)) != std::string::npos;) {
+    result.replace(at, 1, "\\x20");
   }
   return result.empty() ? "''" : result;
 }

@@ -43,7 +43,7 @@ void peers(const std::vector<std::string>& names, const Common& common) {
   std::size_t hidden = 0;
   for (const Process& process : clientsOf(connections, owners)) {
     hidden += process.pid == 0 ? 1 : 0;
-    entries.push_back(entryOf(connections[entries.size()], process));
+    entries.push_back(entryOf(connections[entries.size()], process, output.json()));
   }
   print(entries, output);
   if (hidden > 0) {

@@ -49,26 +49,18 @@ std::string recordingOf(const Record& record) {
 
 bool parseRecording(std::string_view line, Record& record) {
   const Lint judged = lint(line);
-  static const rapidjson::Value none;
-  const auto member = [&](const char* name) -> const rapidjson::Value& {
-    const auto found = judged.message.FindMember(name);
-    return found == judged.message.MemberEnd() ? none : found->value;
-  };
-  const auto view = [&](const char* name) {
-    const auto& value = member(name);
-    return value.IsString() ? std::string_view(value.GetString(), value.GetStringLength())
-                            : std::string_view();
-  };
-  const auto direction = view("direction");
-  if ((direction != kToServerText && direction != kToClientText) ||
-      !member("connection").IsUint64()) {
+  const auto direction = textOf(memberOf(judged.message, "direction"));
+  const auto& connection = memberOf(judged.message, "connection");
+  const auto& text = memberOf(judged.message, "text");
+  if ((direction != kToServerText && direction != kToClientText) || !connection.IsUint64()) {
     return false;
   }
   record.direction = direction == kToServerText ? Direction::kToServer : Direction::kToClient;
-  record.connection = member("connection").GetUint64();
-  record.refused = member("refused").IsTrue();
-  record.text = view("text");
-  return (member("text").IsString() || fromHex(view("hex"), record.text)) && !record.text.empty();
+  record.connection = connection.GetUint64();
+  record.refused = memberOf(judged.message, "refused").IsTrue();
+  record.text = textOf(text);
+  return (text.IsString() || fromHex(textOf(memberOf(judged.message, "hex")), record.text)) &&
+         !record.text.empty();
 }
 
 RecordLog::RecordLog(const Common& common, const std::string& file, bool timestamps)

@@ -91,6 +91,13 @@ bool Run::until(const std::function<bool()>& done, double seconds, double interv
   return true;
 }
 
+void Run::within(double seconds, const std::function<bool()>& done,
+                 const std::function<std::string()>& late, double interval) {
+  if (!until(done, seconds, interval)) {
+    throw Failure(Exit::kTimeout, late());
+  }
+}
+
 void Run::pause(double seconds) {
   if (seconds > 0) {
     until([] { return false; }, seconds);

@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <optional>
+#include <string>
 
 #include "Kelvo/Platform/FdEventHandler.h"
 #include "Kelvo/Platform/TimeoutHandler.h"
@@ -68,6 +69,9 @@ class Run {
   /// at after each turn, and in these intervals if they are given. False if the time (0: for ever)
   /// is over first.
   bool until(const std::function<bool()>& done, double seconds = 0, double interval = 0);
+  /// The same, and a failure if the time is over first.
+  void within(double seconds, const std::function<bool()>& done,
+              const std::function<std::string()>& late, double interval = 0);
   void pause(double seconds);
 
   /// Nobody wants the command any more.

@@ -58,13 +58,10 @@ void sendAll(const SendOptions& options, const Common& common) {
   Run run(Ending::kIsFailure);
   Messages messages(run, options.text, options.count.value_or(1));
   Sender sender(options.name, common);
-  const auto wait = [&](const std::function<bool()>& done, double interval) {
-    if (!run.until(done, common.timeLimit(), interval)) {
-      throw Failure(Exit::kTimeout, sender.lateText(common.timeLimit()));
-    }
-  };
+  const double limit = common.timeLimit();
   const auto wroteAll = [&] { return sender.wroteAll(); };
-  wait(wroteAll, 0);  // there is a connection
+  const auto late = [&] { return sender.lateText(limit); };
+  run.within(limit, wroteAll, late);  // there is a connection
   for (std::uint64_t sent = 0; sent != options.count;) {
     const auto message = messages.next();
     if (!message) {
@@ -73,10 +70,11 @@ void sendAll(const SendOptions& options, const Common& common) {
     run.pause(sent == 0 ? 0 : options.interval.value_or(0));
     wroteAll();
     sender.send(*message);
-    wait(wroteAll, 0);
+    run.within(limit, wroteAll, late);
     ++sent;
   }
-  wait([&] { return sender.done(); }, kLookAgain);
+  run.within(
+      limit, [&] { return sender.done(); }, late, kLookAgain);
 }
 
 }  // namespace

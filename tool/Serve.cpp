@@ -98,10 +98,8 @@ class StandIn : public Tovik::Server {
   /// A bad line must not end a server that others use.
   void broadcast(const std::string& line, std::size_t number) {
     try {
-      Tovik::Message message;
-      const auto text = sendable(line, "line " + std::to_string(number) + " of the input");
-      message.Parse<rapidjson::kParseIterativeFlag>(text.c_str());
-      notifyClients(message);
+      notifyClients(
+          messageFrom(sendable(line, "line " + std::to_string(number) + " of the input")));
     } catch (const Failure& failure) {
       report(failure.what());
     }
@@ -155,9 +153,7 @@ class StandIn : public Tovik::Server {
     if (!result.empty()) {
       object.raw("result", result);
     }
-    Tovik::Message message;
-    message.Parse<rapidjson::kParseIterativeFlag>(object.text().c_str());
-    client.sendMsg(message);
+    client.sendMsg(messageFrom(object.text()));
   }
 
   /// One command at a time, so that answers come in the order of the messages.

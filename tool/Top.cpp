@@ -77,7 +77,7 @@ class Looks {
                       connections.end());
     std::vector<Entry> entries;
     for (const Process& process : clientsOf(connections, clients_)) {
-      entries.push_back(entryOf(connections[entries.size()], process));
+      entries.push_back(entryOf(connections[entries.size()], process, false));
     }
     return entries;
   }
@@ -274,7 +274,7 @@ class Top {
       title = looks_.nameOf(inside_) + ": " + counted(entries.size(), "client");
     } else {
       for (const Server& server : shown()) {
-        entries.push_back(entryOf(server, true));
+        entries.push_back(entryOf(server, false, true));
       }
       title = counted(entries.size(), "server");
     }
@@ -291,9 +291,9 @@ class Top {
   /// A star marks what is sorted by.
   Row heading() const {
     if (inside_ != 0) {
-      return entryOf(Connection(), Process()).heading();
+      return entryOf(Connection(), Process(), false).heading();
     }
-    Row row = entryOf(Server(), true).heading();
+    Row row = entryOf(Server(), false, true).heading();
     for (std::string& name : row) {
       name += isSortedBy(name, sortKey_) ? "*" : "";
     }
@@ -358,7 +358,7 @@ void top(const TopOptions& options, const Common& common) {
     sortBy('c', servers);
     std::vector<Entry> entries;
     for (const Server& server : servers) {
-      entries.push_back(entryOf(server, true));
+      entries.push_back(entryOf(server, output.json(), true));
     }
     return print(entries, output);
   }

@@ -94,9 +94,9 @@ std::string troubleOf(const Connection& connection, const Process& process) {
 
 }  // namespace
 
-Entry entryOf(const Server& server, bool live, bool withPadding) {
+Entry entryOf(const Server& server, bool asJson, bool live, bool withPadding) {
   const bool known = server.process.pid != 0;
-  Entry entry;
+  Entry entry(asJson);
   entry.name("NAME", server.listener.name);
   if (live) {
     std::array<char, 32> percent{};
@@ -118,9 +118,9 @@ Entry entryOf(const Server& server, bool live, bool withPadding) {
   return entry;
 }
 
-Entry entryOf(const Connection& connection, const Process& process) {
+Entry entryOf(const Connection& connection, const Process& process, bool asJson) {
   const bool known = process.pid != 0;
-  return Entry()
+  return Entry(asJson)
       .name("SERVER", connection.name)
       .number("PID", "pid", when(known, process.pid))
       .number(nullptr, "uid", when(true, connection.uid))

@@ -13,20 +13,21 @@ namespace tool {
 
 using Row = std::vector<std::string>;
 
-/// One thing that is shown: as a row of a table, or as a JSON object. What is not known is "-" in a
-/// row, and left out of an object.
+/// One thing that is shown: as a JSON object, or as a row of a table. What is not known is left out
+/// of an object, and "-" in a row.
 class Entry {
  public:
+  explicit Entry(bool asJson) : asJson_(asJson) {}
+
   /// A cell and a member, of which either may be null.
   template <class T>
   Entry& add(const char* heading, const char* key, const std::optional<T>& value,
              const std::string& shown) {
-    if (heading != nullptr) {
+    if (asJson_ && key != nullptr && value) {
+      object_.add(key, *value);
+    } else if (!asJson_ && heading != nullptr) {
       heading_.emplace_back(heading);
       row_.push_back(value ? shown : "-");
-    }
-    if (key != nullptr && value) {
-      object_.add(key, *value);
     }
     return *this;
   }
@@ -38,7 +39,7 @@ class Entry {
     return add(heading, key, value, cell(value.value_or("")));
   }
   Entry& name(const char* heading, const std::string& name) {
-    object_.name(name);
+    asJson_ ? void(object_.name(name)) : void();
     return text(heading, nullptr, name);
   }
 
@@ -47,6 +48,7 @@ class Entry {
   std::string json() const { return object_.text(); }
 
  private:
+  bool asJson_;
   Row heading_;
   Row row_;
   Object object_;
@@ -60,9 +62,9 @@ struct Server {
 };
 
 /// As `list --long` shows it, or as `top` does.
-Entry entryOf(const Server& server, bool live, bool withPadding = false);
+Entry entryOf(const Server& server, bool asJson, bool live, bool withPadding = false);
 /// Whether a client waits, who does not read, and what is odd about the client's process.
-Entry entryOf(const Connection& connection, const Process& process);
+Entry entryOf(const Connection& connection, const Process& process, bool asJson);
 
 /// The lines of a table whose columns fit their widest cell.
 std::vector<std::string> aligned(const std::vector<Row>& rows);

@@ -53,9 +53,8 @@ void waitFor(const WaitOptions& options, const Common& common) {
     missing.erase(std::remove_if(missing.begin(), missing.end(), satisfied), missing.end());
     return missing.empty();
   };
-  if (!run.until(look, common.timeLimit(), kLookAgain)) {
-    throw Failure(Exit::kTimeout, lateText(missing, options, common));
-  }
+  run.within(
+      common.timeLimit(), look, [&] { return lateText(missing, options, common); }, kLookAgain);
 }
 
 }  // namespace
