@@ -6,6 +6,9 @@
 #include <array>
 #include <chrono>
 #include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
 #include <list>
 #include <string>
 #include <utility>
@@ -89,39 +92,33 @@ class BenchClient : private Session {
   Clock::time_point sent_;
 };
 
-/// On standard error, if that is a terminal.
+/// On standard error, if that is a terminal; drawn once for each percent.
 class ProgressBar {
  public:
-  ProgressBar(const Common& common, const Measurement& measurement)
-      : measurement_(measurement), total_(measurement.toFinish) {
-    if (!common.quiet && ::isatty(STDERR_FILENO) != 0) {
-      draw();
-    }
-  }
+  explicit ProgressBar(const Common& common)
+      : wanted_(!common.quiet && ::isatty(STDERR_FILENO) != 0) {}
   ProgressBar(const ProgressBar&) = delete;
   ProgressBar& operator=(const ProgressBar&) = delete;
   ~ProgressBar() { write("\r\x1b[K"); }
 
- private:
-  void draw() {
-    const std::uint64_t done = total_ - measurement_.toFinish;
-    const std::size_t filled = kBarWidth * done / total_;
-    drawn_ = true;
-    write("\r[" + std::string(filled, '#') + std::string(kBarWidth - filled, ' ') + "] " +
-          std::to_string(100 * done / total_) + "%");
-    again_.arm(0.1);
+  void show(std::uint64_t done, std::uint64_t total) {
+    const std::uint64_t percent = 100 * done / total;
+    if (percent != std::exchange(percent_, percent)) {
+      const std::size_t filled = kBarWidth * done / total;
+      write("\r[" + std::string(filled, '#') + std::string(kBarWidth - filled, ' ') + "] " +
+            std::to_string(percent) + "%");
+    }
   }
 
+ private:
   void write(const std::string& text) const {
-    if (drawn_) {
+    if (wanted_) {
       [[maybe_unused]] const auto written = ::write(STDERR_FILENO, text.data(), text.size());
     }
   }
 
-  const Measurement& measurement_;
-  const std::uint64_t total_;
-  bool drawn_ = false;
-  Alarm again_{[this] { draw(); }};
+  const bool wanted_;
+  std::uint64_t percent_ = 101;
 };
 
 /// The time that this share of the round trips did not exceed; `times` is sorted.
@@ -206,8 +203,12 @@ void bench(const BenchOptions& options, const Common& common) {
     clients.emplace_back(options.name, common, measurement);
   }
   try {
-    const ProgressBar bar(common, measurement);
-    run.until([&] { return measurement.toFinish == 0; });
+    ProgressBar bar(common);
+    run.until([&] {
+      const bool done = measurement.toFinish == 0;
+      done ? void() : bar.show(options.count - measurement.toFinish, options.count);
+      return done;
+    });
   } catch (const Interrupted&) {
     if (!measurement.times.empty()) {
       print(options, common, measurement);

@@ -1,5 +1,6 @@
 // check: each line of a file, judged.
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 

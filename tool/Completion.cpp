@@ -3,6 +3,10 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cstddef>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "tool/Kernel.h"
 #include "tool/Output.h"

@@ -9,6 +9,7 @@
 #include <rapidjson/reader.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "tool/Report.h"
 

@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -23,6 +24,7 @@
 #include <sstream>
 #include <string_view>
 #include <tuple>
+#include <utility>
 
 #include "tool/Report.h"
 

@@ -61,7 +61,7 @@ std::optional<std::string> Lines::next() {
       return line;
     }
   } while (fill());
-  if (line.empty()) {
+  if (line.empty() || run_.ended()) {
     return std::nullopt;
   }
   ++number_;

@@ -3,8 +3,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
+#include <cstdint>
 #include <list>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tool/Json.h"
@@ -244,7 +248,7 @@ void addMonitor(Program& program) {
       "in between is lost. There is no time-out unless one is given, for the whole run.",
       monitor);
   verb.alias("subscribe")
-      .arguments(kName, Needed::kYes, name(options.names))
+      .argument("NAME...", Needed::kYes, name(options.names))
       .option("--count", "N", number(options.count, 1, UINT64_MAX), "end after N messages")
       .flag("--no-reconnect", options.noReconnect, "end when the connection is lost")
       .option("--topic", "TOPIC", text(options.topics),

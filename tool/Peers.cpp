@@ -1,6 +1,7 @@
 // peers: the connections in the kernel's table, printed.
 
 #include <algorithm>
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -64,7 +65,7 @@ void addPeers(Program& program) {
       "side notices. Without a name, all servers' connections. Processes of others show for root "
       "only.",
       peers);
-  verb.arguments(kName, Needed::kNo, name(names));
+  verb.argument("NAME...", Needed::kNo, name(names));
 }
 
 }  // namespace tool

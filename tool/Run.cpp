@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cmath>
 #include <csignal>
+#include <cstdint>
 #include <utility>
 
 #include "Kelvo/Platform/EventLoop.h"

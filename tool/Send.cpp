@@ -3,6 +3,7 @@
 // read, and dropped, until then.
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 

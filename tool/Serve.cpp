@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <optional>
 #include <string>

@@ -10,10 +10,12 @@
 #include <array>
 #include <chrono>
 #include <csignal>
+#include <cstddef>
 #include <iterator>
 #include <map>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "tool/Kernel.h"
@@ -97,8 +99,8 @@ struct Column {
 };
 
 constexpr Column kColumns[] = {
-    {"NAME", 'n', [](const Server&) { return 0.0; }},
     {"CPU%", 'c', [](const Server& server) { return server.cpuPercent; }},
+    {"NAME", 'n', [](const Server&) { return 0.0; }},
     {"MEMORY", 'm', [](const Server& server) { return double(server.process.memory); }},
     {"CONNS", 'o', [](const Server& server) { return double(server.listener.connections); }},
     {"WAITING", 'w',
@@ -108,20 +110,10 @@ constexpr Column kColumns[] = {
     {"STALLED", 's',
      [](const Server& server) { return double(server.listener.stalled.value_or(0)); }}};
 
-bool isSortedBy(const std::string& name, char key) {
-  return std::any_of(std::begin(kColumns), std::end(kColumns), [&](const Column& column) {
-    return column.name == name && column.key == key;
+void sortBy(const Column& column, std::vector<Server>& servers) {
+  std::stable_sort(servers.begin(), servers.end(), [&](const Server& a, const Server& b) {
+    return column.weight(a) > column.weight(b);
   });
-}
-
-void sortBy(char key, std::vector<Server>& servers) {
-  for (const Column& column : kColumns) {
-    if (column.key == key) {
-      std::stable_sort(servers.begin(), servers.end(), [&](const Server& a, const Server& b) {
-        return column.weight(a) > column.weight(b);
-      });
-    }
-  }
 }
 
 /// The terminal while it shows screens instead of lines: keys come at once and unseen, and what was
@@ -235,9 +227,9 @@ class Top {
       at_ -= at_ > 0 ? 1 : 0;
     } else if (key == 'q') {
       done_ = true;
-    } else if (std::any_of(std::begin(kColumns), std::end(kColumns),
-                           [key](const Column& column) { return column.key == key; })) {
-      sortKey_ = key;
+    }
+    for (const Column& column : kColumns) {
+      sort_ = !typing_ && column.key == key ? &column : sort_;
     }
   }
 
@@ -257,7 +249,7 @@ class Top {
                  [this](const Server& server) {
                    return server.listener.name.find(filter_) != std::string::npos;
                  });
-    sortBy(sortKey_, servers);
+    sortBy(*sort_, servers);
     return servers;
   }
 
@@ -295,7 +287,7 @@ class Top {
     }
     Row row = entryOf(Server(), false, true).heading();
     for (std::string& name : row) {
-      name += isSortedBy(name, sortKey_) ? "*" : "";
+      name += name == sort_->name ? "*" : "";
     }
     return row;
   }
@@ -340,7 +332,7 @@ class Top {
   std::vector<Server> servers_;
   std::size_t at_ = 0;
   Inode inside_ = 0;  // the server whose peers are shown
-  char sortKey_ = 'c';
+  const Column* sort_ = &kColumns[0];
   bool typing_ = false;
   bool done_ = false;
   std::string filter_;
@@ -355,7 +347,7 @@ void top(const TopOptions& options, const Common& common) {
   Output output(common);
   if (options.once || output.json()) {
     auto servers = Looks().look();
-    sortBy('c', servers);
+    sortBy(kColumns[0], servers);
     std::vector<Entry> entries;
     for (const Server& server : servers) {
       entries.push_back(entryOf(server, output.json(), true));

@@ -8,6 +8,7 @@
 #include <cctype>
 #include <charconv>
 #include <cmath>
+#include <iomanip>
 #include <sstream>
 #include <string_view>
 
@@ -139,12 +140,8 @@ Verb& Verb::alias(const std::string& name) {
 }
 
 Verb& Verb::argument(const std::string& name, Needed needed, Take take) {
-  arguments_.push_back({name, needed, false, std::move(take)});
-  return *this;
-}
-
-Verb& Verb::arguments(const std::string& name, Needed needed, Take take) {
-  arguments_.push_back({name, needed, true, std::move(take)});
+  const std::size_t dots = name.find("...");
+  arguments_.push_back({name.substr(0, dots), needed, dots != std::string::npos, std::move(take)});
   return *this;
 }
 
@@ -300,7 +297,7 @@ std::string Program::help() const {
        << "\nExit status:\n";
   int status = 0;
   for (const char* meaning : kExitTexts) {
-    CLI::detail::format_help(text, std::to_string(status++), meaning, kIndent);
+    text << "  " << std::left << std::setw(kIndent - 2) << status++ << meaning << "\n";
   }
   text << "\n'tovik help VERB' and 'man tovik' say more.";
   return wrapped(text.str());

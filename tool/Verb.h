@@ -86,19 +86,11 @@ enum class Needed { kNo, kYes };
 /// lists.
 class Verb {
  public:
-  struct Argument {
-    std::string name;
-    Needed needed;
-    bool many;
-    Take take;
-  };
-
   Verb(CLI::App& app, std::function<void()> run) : app_(app), run_(std::move(run)) {}
 
   Verb& alias(const std::string& name);
+  /// One that is called "NAME..." takes all words that are left.
   Verb& argument(const std::string& name, Needed needed, Take take);
-  /// Takes all words that are left.
-  Verb& arguments(const std::string& name, Needed needed, Take take);
   Verb& flag(const std::string& flags, bool& target, const std::string& text);
   Verb& flag(const std::string& flags, int& count, const std::string& text);
   Verb& option(const std::string& flags, const std::string& value, Take take,
@@ -115,6 +107,13 @@ class Verb {
   void run() const { run_(); }
 
  private:
+  struct Argument {
+    std::string name;
+    Needed needed;
+    bool many;
+    Take take;
+  };
+
   CLI::App& app_;
   std::function<void()> run_;
   std::vector<Argument> arguments_;

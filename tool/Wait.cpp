@@ -65,7 +65,7 @@ void addWait(Program& program) {
                                 "Looks into the kernel's table and does not connect, so the "
                                 "servers notice nothing. The time-out is 5 seconds.",
                                 waitFor);
-  verb.arguments(kName, Needed::kYes, name(options.names))
+  verb.argument("NAME...", Needed::kYes, name(options.names))
       .flag("--gone", options.gone, "wait until none of them listens");
 }
 

@@ -34,6 +34,11 @@ DECEPTIVE = "\u00a0\u00ad\u034f\u061c\u2003\u200b\u200d\u200e\u2028\u2029\u202e\
 DECEPTIVE += "\u2800\u3000\u3164\ufe0f\ufeff\ufff9\U0001d173\U000e0041\U0010ffff"
 
 
+# Runs a command as another user, who may go through folders that are closed to others.
+STRANGER = ["setpriv", "--reuid=54321", "--regid=54320", "--clear-groups",
+            "--inh-caps=+dac_read_search", "--ambient-caps=+dac_read_search"]
+
+
 class Case(unittest.TestCase):
     def setUp(self):
         self.name = unique_name()
@@ -124,6 +129,7 @@ class Monitor(Case):
             self.name = unique_name()
             _, monitor, client = self.subscribed("--where", where, "--count", "1")
             client.send(b'{"x":"other"}')
+            client.send(b'{"no x":1}')
             client.send(text)
             self.expect(monitor, 0, text.decode() + "\n")
 
@@ -703,13 +709,24 @@ class Serve(Case):
         self.expect(pipeline, 0, "{}\n0\n")
 
     def test_admits_its_own_user_and_root_only(self):
-        self.server("-q")
-        self.assertEqual(REPLY % 0, self.exchange(self.client(), b"{}"))
-        if os.geteuid() == 0:  # only root can be somebody else
-            os.seteuid(54321)
-            stranger = self.client()
-            os.seteuid(0)
-            self.assertEqual(b"", stranger.recv(4096))
+        if os.geteuid() != 0:
+            self.skipTest("only root can be somebody else")
+        front = unique_name("front")
+        server = self.server()
+        relay = self.start("relay", front, self.name)
+        until(lambda: support.listens(front), "a listening relay")
+        for name, program in ((self.name, server), (front, relay)):
+            self.output_of("call", name, "{}")
+            stranger = self.start("call", name, "{}", run_in=STRANGER)
+            self.expect(stranger, 5, "", "see whether it admits uid 54321 and whether")
+            program.says(f"refused process {stranger.process.pid}, uid 54321, gid 54320;")
+
+    def test_admits_whom_it_is_told_to(self):
+        if os.geteuid() != 0:
+            self.skipTest("only root can be somebody else")
+        self.server("-q", "--allow-uid", "54321")
+        self.expect(self.start("call", self.name, "{}"), 5)
+        self.output_of("call", self.name, "{}", run_in=STRANGER)
 
     def test_serves_many_clients(self):
         self.server("-q")
@@ -827,16 +844,6 @@ class Relay(Case):
         for client in clients:
             client.send(b"{}")
         self.assertEqual([REPLY % 0] * 20, [client.recv(4096) for client in clients])
-
-    def test_admits_its_own_user_and_root_only(self):
-        client, server = self.between()
-        client.send(b"{}")
-        self.assertEqual(b"{}", server.recv(4096))
-        if os.geteuid() == 0:  # only root can be somebody else
-            os.seteuid(54321)
-            stranger = self.client(self.front)
-            os.seteuid(0)
-            self.assertEqual(b"", stranger.recv(4096))
 
     def test_drops_a_reader_that_stalls(self):
         client, server = self.between("-q")
@@ -1345,20 +1352,41 @@ class Peers(Case):
         ends = [each for each in by_ss.values() if each[1].startswith("@" + self.name)]
         expected = sorted((received, by_ss[peer][0]) for received, _, peer in ends)
         self.assertEqual(4, len(expected))
+        peers = self.peers()
         self.assertEqual(expected, sorted((peer["unread_by_server_bytes"],
-                                           peer["unread_by_client_bytes"])
-                                          for peer in self.peers()))
+                                           peer["unread_by_client_bytes"]) for peer in peers))
+        self.assertTrue(all(f"pid={peer['pid']}," in line for peer in peers
+                            for line in ss.splitlines() if "@" + self.name in line))
+        for verb in (("top",), ("list", "-l")):
+            loads = map(json.loads, self.output_of(*verb, "-j").splitlines())
+            load = [each for each in loads if each["name"] == self.name][0]
+            self.assertEqual((4, sum(map(sum, expected))),
+                             (load["connections"], load["unread_bytes"]))
 
     def test_reports_servers_that_are_not_there(self):
         self.expect(self.start("peers", self.name), 3, "", "no server listens under")
         self.raw_server()
         self.assertEqual([], self.peers())
 
-    def test_many_connections(self):
+    def test_takes_little_time_for_2000_connections(self):
+        hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+        resource.setrlimit(resource.RLIMIT_NOFILE, (min(hard, 8192), hard))
         server = self.raw_server()
         server.listen(4096)
-        clients = [self.client() for _ in range(400)]
-        self.assertEqual(len(clients), len(self.peers()))
+        for _ in range(2000):
+            self.client()
+            self.accept(server)
+        self.assertEqual(2000, len(self.peers()))
+
+        def processor_time():
+            before = os.times()
+            self.output_of("peers", self.name, stdin=b"")
+            after = os.times()
+            return after.children_user + after.children_system \
+                - before.children_user - before.children_system
+        # 50 ms; twice that here, where other tests share the processor's caches.
+        sanitized = any(key.endswith("SAN_OPTIONS") for key in support.ENV)
+        self.assertLess(min(processor_time() for _ in range(5)), 5 if sanitized else 0.1)
 
 
 class Top(Case):
