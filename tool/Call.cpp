@@ -64,8 +64,6 @@ class Caller : public Session {
   }
 
  private:
-  void connected() override {}
-
   void received(std::string record) override {
     if (waiting_ && !answer_) {
       answer_ = std::move(record);

@@ -34,13 +34,10 @@ std::vector<Listener> chosen(const ListOptions& options, const Common& common) {
 }
 
 void printLong(const std::vector<Listener>& found, bool all, Output& output) {
-  Owners owners;
-  owners.find(inodesOf(found));
   std::vector<Entry> entries;
-  entries.reserve(found.size());
-  for (const Listener& listener : found) {
-    entries.push_back(
-        entryOf({listener, processOf(owners.pidOf(listener.inode)), 0}, output.json(), false, all));
+  for (const Process& process : Owners().of(inodesOf(found, &Listener::inode))) {
+    const Server server{found[entries.size()], process, 0};
+    entries.push_back(entryOf(server, output.json(), false, all));
   }
   print(entries, output);
 }

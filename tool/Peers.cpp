@@ -39,10 +39,9 @@ void peers(const std::vector<std::string>& names, const Common& common) {
   connections.erase(std::remove_if(connections.begin(), connections.end(), other),
                     connections.end());
   Output output(common);
-  Owners owners;
   std::vector<Entry> entries;
   std::size_t hidden = 0;
-  for (const Process& process : clientsOf(connections, owners)) {
+  for (const Process& process : Owners().of(inodesOf(connections, &Connection::client))) {
     hidden += process.pid == 0 ? 1 : 0;
     entries.push_back(entryOf(connections[entries.size()], process, output.json()));
   }

@@ -87,7 +87,7 @@ class Side : public Session {
   bool hasAll() const { return gone_ || (allWritten() && allTaken()); }
   void close() {
     gone_ = true;
-    AsyncSender::terminateConnection();
+    endQuietly();
   }
 
  private:

@@ -60,7 +60,6 @@ class Player : public Session {
   const Failure& end() const { return *end_; }
 
  private:
-  void connected() override {}
   void received(std::string record) override {
     show(Direction::kToClient, record);
     if (const auto status = lint(asRead(record)).replyStatus) {

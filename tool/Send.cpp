@@ -41,7 +41,6 @@ class Sender : public Session {
   }
 
  private:
-  void connected() override {}
   void received(std::string /*reply*/) override {}
 
   void lost(int error) override {

@@ -107,13 +107,6 @@ void Session::readFdEvent(int fd) {
   received(std::move(record));
 }
 
-void Session::writeFdEvent(int fd) {
-  AsyncSender::writeFdEvent(fd);
-  if (isAttached() && allWritten()) {
-    written();
-  }
-}
-
 void Session::terminateConnection() {
   const bool ended = isAttached();
   AsyncSender::terminateConnection();

@@ -43,14 +43,12 @@ class Looks {
   /// The processor time since the look before, or since the process began.
   std::vector<Server> look() {
     table_ = kernelTable(false);
-    owners_.find(inodesOf(table_.listeners));
     const auto now = Clock::now();
     const double passed = std::chrono::duration<double>(now - lookedAt_).count();
     std::map<int, double> used;
     std::vector<Server> servers;
-    for (const Listener& listener : table_.listeners) {
-      Server server{listener, processOf(owners_.pidOf(listener.inode)), 0};
-      const Process& process = server.process;
+    for (const Process& process : owners_.of(inodesOf(table_.listeners, &Listener::inode))) {
+      Server server{table_.listeners[servers.size()], process, 0};
       const auto before = used_.find(process.pid);
       const bool first = before == used_.end();
       const double seconds = process.cpuSeconds - (first ? 0 : before->second);
@@ -78,7 +76,7 @@ class Looks {
     connections.erase(std::remove_if(connections.begin(), connections.end(), other),
                       connections.end());
     std::vector<Entry> entries;
-    for (const Process& process : clientsOf(connections, clients_)) {
+    for (const Process& process : clients_.of(inodesOf(connections, &Connection::client))) {
       entries.push_back(entryOf(connections[entries.size()], process, false));
     }
     return entries;
