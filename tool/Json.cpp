@@ -194,14 +194,14 @@ std::string_view textOf(const Value& value) {
 }
 
 std::size_t endOfString(std::string_view json, std::size_t at) {
-  while (json[++at] != '"') {
+  while (++at < json.size() && json[at] != '"') {
     at += json[at] == '\\' ? 1 : 0;
   }
-  return at + 1;
+  return std::min(at + 1, json.size());
 }
 
 std::string_view memberText(std::string_view json, std::string_view name) {
-  for (std::size_t at = 1; at + 1 < json.size();) {
+  for (std::size_t at = 1; json.substr(0, 1) == "{" && at + 1 < json.size();) {
     const std::size_t colon = endOfString(json, at);
     const std::size_t end = endOfValue(json, colon + 1);
     if (json.substr(at + 1, colon - at - 2) == name) {

@@ -344,11 +344,12 @@ class Call(Case):
             self.expect(call, 6, shown + "\n", "tovik: the answer is no reply (")
 
     def test_takes_any_record_for_an_answer_if_told_to(self):
-        call, client = self.called("--any", stdin=b'{"command":"get"}\n{"command":"get"}\n')
-        for answer in (b'{"load":0.5}', b"no JSON"):
+        answers = [b'{"load":0.5}', b"no JSON", b"[1]", b"7", b'"x"', b"{}", b'{"type":"reply"}']
+        call, client = self.called("--any", stdin=b'{"command":"get"}\n' * len(answers))
+        for answer in answers:
             client.recv(4096)
             client.send(answer)
-        self.expect(call, 0, '{"load":0.5}\nno JSON\n')
+        self.expect(call, 0, (b"\n".join(answers) + b"\n").decode())
 
     def test_prints_results(self):
         call, client = self.called("-", stdin=b'{"n":1}\n{"n":2}\n{"n":3}\n')
