@@ -1,4 +1,5 @@
-// describe: {"command":"describe"} -> replies, the last one without "more" -> a page or JSON.
+// describe: {"command":"describe","id":1} -> replies, the last one without "more" -> a page or
+// JSON.
 
 #include <string>
 #include <vector>
@@ -39,7 +40,8 @@ class Describer : public Session {
   const Tovik::Message& whole() const { return whole_; }
 
  private:
-  void connected() override { send(R"({"command":"describe"})"); }
+  /// With an id, without which a service gives no answer in parts.
+  void connected() override { send(R"({"command":"describe","id":1})"); }
 
   void received(std::string record) override {
     const Lint judged = lint(asRead(record));

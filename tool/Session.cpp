@@ -51,8 +51,8 @@ void Session::connect() {
     lossError_ = EPIPE;  // of a write, unless a read sees the end first
     setFd(fd);
     checkServer();
-    connected();
-    return flushQueue();
+    flushQueue();  // what was sent before there was a connection goes first
+    return isAttached() ? connected() : void();
   }
   const int error = errno;
   if (fd >= 0) {

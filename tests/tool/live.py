@@ -509,6 +509,20 @@ class Call(Case):
         os.close(master)
 
 
+def room_of_a_socket(record):
+    """How many records wait in a socket before its writer has to."""
+    left, right = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+    left.setblocking(False)
+    with left, right, contextlib.suppress(BlockingIOError):
+        for sent in range(100000):
+            left.send(record)
+    return sent
+
+
+def unread_bytes(client):
+    return struct.unpack("i", fcntl.ioctl(client, termios.FIONREAD, bytes(4)))[0]
+
+
 class Send(Case):
     def test_returns_when_the_server_has_read_everything(self):
         server = self.raw_server()
@@ -545,10 +559,15 @@ class Send(Case):
                     "did not read on within 0.2 s")
 
     def test_waits_while_the_socket_is_full(self):
-        server = self.raw_server()
         text = b'{"pad":"' + b"x" * 3000 + b'"}'
-        send = self.start("send", self.name, text.decode(), "--count", "500")
+        server = self.raw_server()
+        # The delay lets the server empty the full socket before the sender waits for that.
+        send = self.start("send", self.name, text.decode(), "--count", "500", run_in=[
+            "strace", "-o", "/dev/null", "-e", "trace=epoll_ctl",
+            "-e", "inject=epoll_ctl:delay_exit=200000:when=4..5"])
         client = self.accept(server)
+        full = room_of_a_socket(text) * len(text)
+        until(lambda: unread_bytes(client) == full, "a full socket")
         self.assertEqual([text] * 500, [client.recv(4096) for _ in range(500)])
         self.expect(send, 0, "")
 
@@ -1486,7 +1505,7 @@ class Describe(Case):
         server = self.raw_server()
         describe = self.start("describe", self.name, *options)
         client = self.accept(server)
-        self.assertEqual(b'{"command":"describe"}', client.recv(4096))
+        self.assertEqual(b'{"command":"describe","id":1}', client.recv(4096))
         return describe, client
 
     def test_prints_a_page(self):

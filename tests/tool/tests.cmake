@@ -21,8 +21,6 @@ list(REMOVE_ITEM cases Zsh Fish)
 foreach(case IN LISTS cases)
   tovik_tool_test(${case} -W error live.py ${case})
 endforeach()
-# Has stalled for seconds, twice, next to tests that take all processors; the cause is not known.
-set_tests_properties(tool.Send PROPERTIES RUN_SERIAL TRUE)
 
 foreach(shell IN ITEMS Zsh Fish)
   string(TOLOWER ${shell} program)
