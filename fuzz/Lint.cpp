@@ -1,11 +1,10 @@
 // The tool's judgement of a text, which is to be right about what the text would do at either end.
 // Before that, the two ways in which the JSON library parses: what they take and make is the same.
 
-#include "tool/Lint.h"
-
 #include "Api/Json/Types.h"
 #include "fuzz/Reader.h"
 #include "fuzz/Support.h"
+#include "tool/Json.h"
 
 namespace fuzz {
 

@@ -10,7 +10,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (!tool::parseRecording({reinterpret_cast<const char*>(data), size}, record)) {
     return 0;
   }
-  const auto line = Tovik::Message::toStr(tool::recordingOf(record), false);
+  const std::string line = tool::recordingOf(record);
   tool::Record again;
   fuzz::require(tool::parseRecording(line, again), "a written record is none");
   fuzz::require(again.text == record.text, "the text");

@@ -231,7 +231,7 @@ void Broker::writeFdEvent(int fd) {
 void Broker::tick() {
   ++seconds_;
   if (!isUp_ && seconds_ >= kConnectLimit) {
-    return lose("no answer within " + tool::seconds(kConnectLimit));
+    return lose("no answer within " + tool::secondsText(kConnectLimit));
   }
   if (isUp_ && seconds_ == kShortLife) {
     delay_ = kFirstDelay;

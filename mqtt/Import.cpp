@@ -329,7 +329,7 @@ void Import::expire() {
     Request request = calls_.begin()->second.request;
     calls_.erase(calls_.begin());
     ++timedOut_;
-    request.fail(ETIMEDOUT, "no reply within " + tool::seconds(settings_.timeout));
+    request.fail(ETIMEDOUT, "no reply within " + tool::secondsText(settings_.timeout));
   }
   if (!calls_.empty()) {
     limit_.arm(calls_.begin()->second.deadline - now());

@@ -208,24 +208,6 @@ void take(Settings& settings, const Words& words) {
   requireNoCollision(settings);
 }
 
-/// The options, for the manual page.
-void printManual(const CLI::App& program) {
-  for (const auto* option : program.get_options()) {
-    if (option->get_group().empty()) {
-      continue;
-    }
-    std::string names = option->get_name(false, true);
-    for (auto at = names.find('-'); at != std::string::npos; at = names.find('-', at + 2)) {
-      names.insert(at, "\\");
-    }
-    std::cout << ".TP\n\\fB" << names << "\\fR \\fI" << option->get_type_name() << "\\fR\n"
-              << option->get_description()
-              << (option->get_default_str().empty() ? ""
-                                                    : "; default: " + option->get_default_str())
-              << '\n';
-  }
-}
-
 }  // namespace
 
 std::optional<Settings> settingsFrom(int argc, char** argv) {
@@ -233,11 +215,6 @@ std::optional<Settings> settingsFrom(int argc, char** argv) {
   Words words;
   CLI::App program("Carries servers of this machine over an MQTT 5 broker.", "tovik-mqtt");
   addOptions(program, settings, words);
-  const auto printed = [&program] {
-    printManual(program);
-    throw CLI::Success();
-  };
-  program.add_flag_callback("--man", printed)->configurable(false)->group("");
   try {
     program.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {
@@ -245,8 +222,6 @@ std::optional<Settings> settingsFrom(int argc, char** argv) {
     return std::nullopt;
   } catch (const CLI::CallForVersion&) {
     std::cout << program.version() << std::endl;
-    return std::nullopt;
-  } catch (const CLI::Success&) {
     return std::nullopt;
   } catch (const CLI::ParseError& error) {
     refuse(tool::escaped(error.what()) + "; see tovik-mqtt --help");

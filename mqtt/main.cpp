@@ -99,7 +99,7 @@ void run(const Settings& settings) {
   const Bridge bridge(settings);
   tellServiceManager("READY=1");
   try {
-    untilSignal.untilFinished();
+    untilSignal.until([] { return false; });
   } catch (const tool::Interrupted&) {
     tellServiceManager("STOPPING=1");  // the broker sees the connections end, and says so to others
   }

@@ -6,13 +6,19 @@
 #include <array>
 #include <chrono>
 #include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
 #include <list>
+#include <string>
+#include <utility>
+#include <vector>
 
-#include "tool/Lines.h"
-#include "tool/Options.h"
+#include "tool/Json.h"
 #include "tool/Output.h"
 #include "tool/Run.h"
 #include "tool/Session.h"
+#include "tool/Verb.h"
 
 namespace tool {
 
@@ -42,7 +48,6 @@ struct BenchOptions {
 
 /// What all clients of the measurement share.
 struct Measurement {
-  Run run{Ending::kIsFailure};
   std::string message;
   std::uint64_t toStart = 0;
   std::uint64_t toFinish = 0;
@@ -53,10 +58,8 @@ struct Measurement {
 class BenchClient : private Session {
  public:
   BenchClient(const std::string& name, const Common& common, Measurement& measurement)
-      : Session(name, common),
-        measurement_(measurement),
-        deadline_(common.timeLimit(5), [this, &common] { return lateText(common.timeLimit(5)); }) {
-    deadline_.restart();
+      : Session(name, common), measurement_(measurement), limit_(common.timeLimit()) {
+    late_.limit(limit_);
   }
 
  private:
@@ -64,10 +67,10 @@ class BenchClient : private Session {
 
   void start() {
     if (measurement_.toStart == 0) {
-      return deadline_.disarm();
+      return late_.disarm();
     }
     --measurement_.toStart;
-    deadline_.restart();
+    late_.limit(limit_);
     sent_ = Clock::now();
     send(measurement_.message);
   }
@@ -79,50 +82,43 @@ class BenchClient : private Session {
                                               "such as 'tovik serve'.");
     }
     measurement_.times.push_back(microseconds(Clock::now() - sent_));
-    if (--measurement_.toFinish == 0) {
-      measurement_.run.finish();
-    }
+    --measurement_.toFinish;
     start();
   }
 
   Measurement& measurement_;
-  Deadline deadline_;
+  const double limit_;
+  Alarm late_{[this] { throw Failure(Exit::kTimeout, lateText(limit_)); }};
   Clock::time_point sent_;
 };
 
-/// On standard error, if that is a terminal.
+/// On standard error, if that is a terminal; drawn once for each percent.
 class ProgressBar {
  public:
-  ProgressBar(const Common& common, const Measurement& measurement)
-      : measurement_(measurement), total_(measurement.toFinish) {
-    if (!common.quiet && ::isatty(STDERR_FILENO) != 0) {
-      draw();
-    }
-  }
+  explicit ProgressBar(const Common& common)
+      : wanted_(!common.quiet && ::isatty(STDERR_FILENO) != 0) {}
   ProgressBar(const ProgressBar&) = delete;
   ProgressBar& operator=(const ProgressBar&) = delete;
   ~ProgressBar() { write("\r\x1b[K"); }
 
- private:
-  void draw() {
-    const std::uint64_t done = total_ - measurement_.toFinish;
-    const std::size_t filled = kBarWidth * done / total_;
-    drawn_ = true;
-    write("\r[" + std::string(filled, '#') + std::string(kBarWidth - filled, ' ') + "] " +
-          std::to_string(100 * done / total_) + "%");
-    again_.arm(0.1);
+  void show(std::uint64_t done, std::uint64_t total) {
+    const std::uint64_t percent = 100 * done / total;
+    if (percent != std::exchange(percent_, percent)) {
+      const std::size_t filled = kBarWidth * done / total;
+      write("\r[" + std::string(filled, '#') + std::string(kBarWidth - filled, ' ') + "] " +
+            std::to_string(percent) + "%");
+    }
   }
 
+ private:
   void write(const std::string& text) const {
-    if (drawn_) {
+    if (wanted_) {
       [[maybe_unused]] const auto written = ::write(STDERR_FILENO, text.data(), text.size());
     }
   }
 
-  const Measurement& measurement_;
-  const std::uint64_t total_;
-  bool drawn_ = false;
-  Alarm again_{[this] { draw(); }};
+  const bool wanted_;
+  std::uint64_t percent_ = 101;
 };
 
 /// The time that this share of the round trips did not exceed; `times` is sorted.
@@ -162,19 +158,16 @@ void printHistogram(const std::vector<double>& times, Output& output) {
 
 void printObject(const BenchOptions& options, const std::vector<double>& times, double elapsed,
                  Output& output) {
-  Tovik::Message result(rapidjson::kObjectType);
-  addMember(result, "count", static_cast<std::uint64_t>(times.size()));
-  addMember(result, "size_bytes", options.size);
-  addMember(result, "clients", options.clients);
-  addMember(result, "seconds", elapsed);
-  addMember(result, "per_second", static_cast<double>(times.size()) / elapsed);
+  Object object;
+  object.add("count", times.size())
+      .add("size_bytes", options.size)
+      .add("clients", options.clients)
+      .add("seconds", elapsed)
+      .add("per_second", static_cast<double>(times.size()) / elapsed);
   for (const auto& [name, share] : kPercentiles) {
-    const std::string text = std::string(name) + "_us";
-    rapidjson::Value key(text.c_str(), result.GetAllocator());
-    rapidjson::Value time(percentile(times, share));
-    result.AddMember(key, time, result.GetAllocator());
+    object.add((std::string(name) + "_us").c_str(), percentile(times, share));
   }
-  output.message(result);
+  output.message(object.text());
 }
 
 void print(const BenchOptions& options, const Common& common, Measurement& measurement) {
@@ -199,6 +192,7 @@ void print(const BenchOptions& options, const Common& common, Measurement& measu
 
 /// An interrupted measurement has its results, too.
 void bench(const BenchOptions& options, const Common& common) {
+  Run run(Ending::kIsFailure);
   Measurement measurement;
   const std::string padding(options.size - std::string(R"({"pad":""})").size(), 'x');
   measurement.message = R"({"pad":")" + padding + R"("})";
@@ -209,8 +203,12 @@ void bench(const BenchOptions& options, const Common& common) {
     clients.emplace_back(options.name, common, measurement);
   }
   try {
-    const ProgressBar bar(common, measurement);
-    measurement.run.untilFinished();
+    ProgressBar bar(common);
+    run.until([&] {
+      const bool done = measurement.toFinish == 0;
+      done ? void() : bar.show(options.count - measurement.toFinish, options.count);
+      return done;
+    });
   } catch (const Interrupted&) {
     if (!measurement.times.empty()) {
       print(options, common, measurement);
@@ -222,22 +220,20 @@ void bench(const BenchOptions& options, const Common& common) {
 
 }  // namespace
 
-void addBench(CLI::App& program, const Common& common) {
-  const auto options = std::make_shared<BenchOptions>();
-  const auto run = [options, &common] { bench(*options, common); };
-  CLI::App& verb = addVerb(
-      program, "bench", "measures round trips",
+void addBench(Program& program) {
+  auto [verb, options] = program.verb<BenchOptions>(
+      "bench", "measures round trips",
       "Sends {\"pad\":\"...\"}, waits for the reply, and so on; any status counts. Prints the "
       "rate, percentiles and a histogram, also after Ctrl-C. The time-out, 5 seconds, is for each "
       "reply.",
-      run);
-  addName(verb, options->name);
-  addNumber(verb, "--size", options->size, "BYTES", 10, kLargestText,
-            "size of the message (64 unless given)");
-  addNumber(verb, "--clients", options->clients, "N", 1, 1000,
-            "connections at once (1 unless given)");
-  addNumber(verb, "--count", options->count, "N", 1, 10000000,
-            "round trips in all (10000 unless given)");
+      bench);
+  verb.argument(kName, Needed::kYes, name(options.name))
+      .option("--size", "BYTES", number(options.size, 10, kLargestText),
+              "size of the message (64 unless given)")
+      .option("--clients", "N", number(options.clients, 1, 1000),
+              "connections at once (1 unless given)")
+      .option("--count", "N", number(options.count, 1, 10000000),
+              "round trips in all (10000 unless given)");
 }
 
 }  // namespace tool

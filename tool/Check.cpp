@@ -1,9 +1,14 @@
 // check: each line of a file, judged.
 
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "tool/Json.h"
 #include "tool/Lines.h"
-#include "tool/Options.h"
 #include "tool/Output.h"
 #include "tool/Run.h"
+#include "tool/Verb.h"
 
 namespace tool {
 
@@ -30,25 +35,24 @@ const char* kindOf(const Lint& judged) {
 
 /// The faults of any message, the gravest first.
 std::string faultOf(const Lint& judged) {
+  const bool server = !judged.endsServer.empty();
+  const bool client = !judged.endsClient.empty();
   if (!judged.notJson.empty()) {
     return "not JSON: " + judged.notJson;
   }
-  if (!judged.endsServer.empty() && !judged.endsClient.empty()) {
-    return "would end a server, and a client that waits for a reply: " + judged.endsServer;
-  }
-  if (!judged.endsServer.empty()) {
-    return "would end a server: " + judged.endsServer;
-  }
-  if (!judged.endsClient.empty()) {
-    return "would end a client that waits for a reply: " + judged.endsClient;
+  if (server || client) {
+    return std::string("would end a ") +
+           (!server  ? "client that waits for a reply"
+            : client ? "server, and a client that waits for a reply"
+                     : "server") +
+           ": " + (server ? judged.endsServer : judged.endsClient);
   }
   if (!judged.fits()) {
     return "too long: a record carries " + std::to_string(kLargestText) + " bytes";
   }
-  if (judged.notification == Switch::kSwallowed) {
-    return "servers swallow it without an answer: \"notification\" is no boolean";
-  }
-  return {};
+  return judged.notification == Switch::kSwallowed
+             ? "servers swallow it without an answer: \"notification\" is no boolean"
+             : "";
 }
 
 Verdict judge(const Lint& judged, bool asReply) {
@@ -65,105 +69,75 @@ struct CheckOptions {
   bool reply = false;
 };
 
-class Check {
- public:
-  Check(const CheckOptions& options, const Common& common) : options_(options), output_(common) {}
-
-  void run() {
-    if (const char first = options_.what.front(); first == '{' || first == '[') {
-      take(options_.what);
-      return finish();
-    }
-    Run run(Ending::kIsFailure);
-    lines_.emplace(options_.what, [&](const auto& line) {
-      if (!line) {
-        return run.finish();
-      }
-      take(*line);
-      lines_->want();
-    });
-    lines_->want();
-    run.untilFinished();
-    finish();
+void printObject(const Lint& judged, const Verdict& verdict, std::size_t line, Output& output) {
+  Object object;
+  object.add("line", line).add("good", verdict.fault.empty());
+  if (judged.notJson.empty()) {
+    object.add("bytes", judged.compact.size()).add("kind", verdict.kind);
   }
+  if (judged.replyStatus) {
+    object.add("status", *judged.replyStatus);
+  }
+  if (!verdict.fault.empty()) {
+    object.add("fault", verdict.fault);
+  }
+  output.message(object.text());
+}
 
- private:
-  void take(const std::string& line) {
-    if (isBlank(line)) {
-      return;
-    }
+void print(const Lint& judged, const Verdict& verdict, std::size_t line, Output& output) {
+  if (output.json()) {
+    return printObject(judged, verdict, line, output);
+  }
+  const bool good = verdict.fault.empty();
+  std::string text = "line " + std::to_string(line) + ": " +
+                     painted(good ? "good" : "bad", good ? "32" : "31", output.colour());
+  if (judged.notJson.empty()) {
+    text += ", " + counted(judged.compact.size(), "byte") + ", " + verdict.kind;
+    text += judged.replyStatus ? " with status " + std::to_string(*judged.replyStatus) : "";
+  }
+  output.line(good ? text : text + ", " + verdict.fault);
+}
+
+void check(const CheckOptions& options, const Common& common) {
+  Run run(Ending::kIsFailure);
+  Output output(common);
+  std::uint64_t checked = 0;
+  std::uint64_t faulty = 0;
+  const auto take = [&](const std::string& line, std::size_t number) {
     const Lint judged = lint(line);
-    const Verdict verdict = judge(judged, options_.reply);
-    ++checked_;
-    faulty_ += verdict.fault.empty() ? 0 : 1;
-    print(judged, verdict);
-  }
-
-  std::size_t number() const { return lines_ ? lines_->number() : 1; }
-
-  void print(const Lint& judged, const Verdict& verdict) {
-    if (output_.json()) {
-      return output_.message(objectOf(judged, verdict));
-    }
-    const bool good = verdict.fault.empty();
-    std::string text = "line " + std::to_string(number()) + ": " +
-                       painted(good ? "good" : "bad", good ? "32" : "31", output_.colour());
-    if (judged.notJson.empty()) {
-      text += ", " + counted(judged.compact.size(), "byte") + ", " + verdict.kind;
-      text += judged.replyStatus ? " with status " + std::to_string(*judged.replyStatus) : "";
-    }
-    output_.line(good ? text : text + ", " + verdict.fault);
-  }
-
-  Tovik::Message objectOf(const Lint& judged, const Verdict& verdict) const {
-    Tovik::Message object;
-    object.SetObject();
-    addMember(object, "line", static_cast<std::uint64_t>(number()));
-    addMember(object, "good", verdict.fault.empty());
-    if (judged.notJson.empty()) {
-      addMember(object, "bytes", static_cast<std::uint64_t>(judged.compact.size()));
-      addString(object, "kind", verdict.kind);
-    }
-    if (judged.replyStatus) {
-      addMember(object, "status", *judged.replyStatus);
-    }
-    if (!verdict.fault.empty()) {
-      addString(object, "fault", verdict.fault);
-    }
-    return object;
-  }
-
-  void finish() const {
-    if (checked_ == 0) {
-      throw Failure(Exit::kUsage, "there is no message to check; give one on each line.");
-    }
-    if (faulty_ > 0) {
-      throw Failure(Exit::kUsage, std::to_string(faulty_) + " of " + counted(checked_, "message") +
-                                      " must not be sent.");
+    const Verdict verdict = judge(judged, options.reply);
+    ++checked;
+    faulty += verdict.fault.empty() ? 0 : 1;
+    print(judged, verdict, number, output);
+  };
+  if (options.what.rfind('{', 0) == 0 || options.what.rfind('[', 0) == 0) {
+    take(options.what, 1);
+  } else {
+    Lines lines(run, options.what);
+    while (const auto line = lines.next()) {
+      isBlank(*line) ? void() : take(*line, lines.number());
     }
   }
-
-  const CheckOptions& options_;
-  Output output_;
-  std::optional<Lines> lines_;
-  std::uint64_t checked_ = 0;
-  std::uint64_t faulty_ = 0;
-};
+  if (checked == 0) {
+    throw Failure(Exit::kUsage, "there is no message to check; give one on each line.");
+  }
+  if (faulty > 0) {
+    throw Failure(Exit::kUsage, std::to_string(faulty) + " of " + counted(checked, "message") +
+                                    " must not be sent.");
+  }
+}
 
 }  // namespace
 
-void addCheck(CLI::App& program, const Common& common) {
-  const auto options = std::make_shared<CheckOptions>();
-  const auto run = [options, &common] { Check(*options, common).run(); };
-  CLI::App& verb =
-      addVerb(program, "check", "lints messages, one a line",
-              "Says of each line of the file whether it is JSON, an object, short enough for a "
-              "record, a notification switch or a reply, and whether it would end a process that "
-              "receives it. What begins like JSON is no file but the message itself; without "
-              "either, standard input is read.",
-              run);
-  addArgument(verb, kFile, options->what, Needed::kNo);
-  addFlag(verb, "--reply", options->reply, "judge the lines as answers to a call");
+void addCheck(Program& program) {
+  auto [verb, options] = program.verb<CheckOptions>(
+      "check", "lints messages, one a line",
+      "Says of each line of the file whether it is JSON, an object, short enough for a record, a "
+      "notification switch or a reply, and whether it would end a process that receives it. What "
+      "begins like JSON is no file but the message itself; without either, standard input is read.",
+      check);
+  verb.argument(kFile, Needed::kNo, text(options.what))
+      .flag("--reply", options.reply, "judge the lines as answers to a call");
 }
 
 }  // namespace tool

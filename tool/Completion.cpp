@@ -1,16 +1,20 @@
 // completion: short scripts for three shells. They ask `tovik complete` what may stand where the
 // cursor is, so they know every verb and option of the program that is installed.
 
-#include "tool/Help.h"
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstddef>
+#include <string>
+#include <utility>
+#include <vector>
+
 #include "tool/Kernel.h"
 #include "tool/Output.h"
+#include "tool/Verb.h"
 
 namespace tool {
 
 namespace {
-
-// The program prints one candidate a line, with its explanation behind a tab; ":files" leaves it to
-// the shell to complete the name of a file.
 
 constexpr const char* kBash = R"sh(# bash completion for tovik
 _tovik() {
@@ -71,97 +75,77 @@ end
 complete -c tovik -f -a '(__tovik)'
 )sh";
 
+/// Follows the line up to the cursor.
 class Completion {
  public:
-  Completion(const CLI::App& program, std::vector<std::string> words)
+  Completion(const Program& program, const std::vector<std::string>& words)
       : program_(program), current_(words.empty() ? "" : words.back()) {
     for (std::size_t i = 1; i + 1 < words.size(); ++i) {
       take(words[i]);
     }
   }
 
-  /// What may stand at the place of the last word.
   std::vector<std::string> candidates() {
-    if (pending_ != nullptr) {
-      offerValues(pending_->get_type_name());
-    } else if (const std::size_t equals = current_.find('=');
-               !onlyArguments_ && current_.rfind("--", 0) == 0 && equals != std::string::npos) {
-      const CLI::Option* const option = find(current_.substr(0, equals));
+    const bool option = !onlyArguments_ && current_.rfind('-', 0) == 0;
+    const std::size_t equals =
+        current_.rfind("--", 0) == 0 ? current_.find('=') : std::string::npos;
+    if (!pending_.empty()) {
+      offerValues(pending_);
+    } else if (option && equals != std::string::npos) {
+      const std::string value = valueOf(current_.substr(0, equals));
       current_.erase(0, equals + 1);
-      offerValues(option == nullptr ? "" : option->get_type_name());
-    } else if (!onlyArguments_ && current_.rfind('-', 0) == 0) {
+      offerValues(value);
+    } else if (option) {
       offerOptions();
-    } else if (verb_ == nullptr) {
-      offerVerbs();
     } else {
-      offerArgument();
+      offerValues(verb_ == nullptr ? "VERB" : verb_->argumentAt(arguments_));
     }
     return std::move(found_);
   }
 
  private:
-  /// Follows the line up to the cursor.
   void take(const std::string& word) {
-    if (pending_ != nullptr) {
-      pending_ = nullptr;
+    if (!pending_.empty()) {
+      pending_.clear();
     } else if (word == "--" && !onlyArguments_) {
       onlyArguments_ = true;
     } else if (!onlyArguments_ && word.rfind('-', 0) == 0 && word != "-") {
-      const CLI::Option* const option = find(word);
-      pending_ = option != nullptr && takesValue(*option) ? option : nullptr;
+      pending_ = valueOf(word);
     } else if (verb_ == nullptr) {
-      for (const CLI::App* verb : verbsOf(program_)) {
-        verb_ = verb->check_name(word) ? verb : verb_;
-      }
+      verb_ = program_.find(word);
     } else {
       ++arguments_;
     }
   }
 
-  const CLI::Option* find(const std::string& flag) const {
-    for (const CLI::App* app : {verb_, &program_}) {
-      for (const CLI::Option* option :
-           app == nullptr ? std::vector<const CLI::Option*>{} : optionsOf(*app)) {
-        if (option->check_name(flag)) {
-          return option;
-        }
+  /// Of the verb, and those that every verb takes.
+  std::vector<const CLI::Option*> options() const {
+    auto options = optionsOf((verb_ == nullptr ? program_.root() : *verb_).app());
+    const auto common = optionsOf(program_.root().app());
+    options.insert(options.end(), common.begin(), common.end());
+    return options;
+  }
+
+  /// What the option's value is called; empty for a flag.
+  std::string valueOf(const std::string& flag) const {
+    for (const CLI::Option* option : options()) {
+      if (option->check_name(flag) && option->get_items_expected_max() > 0) {
+        return option->get_type_name();
       }
     }
-    return nullptr;
+    return {};
   }
 
   void offer(const std::string& word, const std::string& text = {}) {
-    if (word.rfind(current_, 0) == 0) {
-      found_.push_back(text.empty() ? word : word + "\t" + text);
-    }
-  }
-
-  void offerVerbs() {
-    for (const CLI::App* verb : verbsOf(program_)) {
-      offer(verb->get_name(), verb->get_description());
-      for (const std::string& alias : verb->get_aliases()) {
-        offer(alias, verb->get_description());
-      }
+    const std::string line = text.empty() ? word : word + "\t" + text;
+    if (word.rfind(current_, 0) == 0 && std::count(found_.begin(), found_.end(), line) == 0) {
+      found_.push_back(line);
     }
   }
 
   void offerOptions() {
-    for (const CLI::App* app : {verb_, &program_}) {
-      for (const CLI::Option* option :
-           app == nullptr ? std::vector<const CLI::Option*>{} : optionsOf(*app)) {
-        const auto& names = option->get_lnames();
-        offer(names.empty() ? "-" + option->get_snames().front() : "--" + names.front(),
-              option->get_description());
-      }
-    }
-  }
-
-  void offerArgument() {
-    const auto arguments = argumentsOf(*verb_);
-    const bool many = !arguments.empty() && arguments.back()->get_expected_max() > 1;
-    if (arguments_ < arguments.size() || many) {
-      const auto at = std::min(arguments_, arguments.size() - 1);
-      offerValues(arguments[at]->get_name(true, false));
+    for (const CLI::Option* option : options()) {
+      offer(nameOf(*option), option->get_description());
     }
   }
 
@@ -169,50 +153,52 @@ class Completion {
     if (kind == kFile) {
       found_.emplace_back(":files");
     } else if (kind == "VERB") {
-      offerVerbs();
+      for (const Verb& verb : program_.verbs()) {
+        offer(verb.app().get_name(), verb.app().get_description());
+        for (const std::string& alias : verb.app().get_aliases()) {
+          offer(alias, verb.app().get_description());
+        }
+      }
     } else if (kind == kName || kind == "UPSTREAM") {
       for (const Listener& listener : listeners(false)) {
         offer(escaped(listener.name));
       }
-    } else if (kind == "SHELL" || kind.find('|') != std::string::npos) {
-      for (const std::string& word : splitAt(kind == "SHELL" ? "bash|zsh|fish" : kind, '|')) {
+    } else if (kind.find('|') != std::string::npos) {
+      for (const std::string& word : splitAt(kind, '|')) {
         offer(word);
       }
     }
   }
 
-  const CLI::App& program_;
+  const Program& program_;
   std::string current_;
-  const CLI::App* verb_ = nullptr;
-  const CLI::Option* pending_ = nullptr;  // waits for its value
+  const Verb* verb_ = nullptr;
+  std::string pending_;  // what the value is called that comes next
   std::size_t arguments_ = 0;
   bool onlyArguments_ = false;
   std::vector<std::string> found_;
 };
 
-void addComplete(CLI::App& program, const Common& common) {
-  CLI::App* const verb = program.add_subcommand("complete")->group("");
-  verb->prefix_command();
-  verb->callback([verb, &program, &common] {
-    Output output(common);
-    for (const std::string& line : Completion(program, verb->remaining()).candidates()) {
-      output.line(line);
-    }
-  });
+struct CompletionOptions {
+  std::string shell;
+};
+
+void printCompletion(const CompletionOptions& options, const Common& common) {
+  Output(common).text(options.shell == "bash" ? kBash : options.shell == "zsh" ? kZsh : kFish);
 }
 
 }  // namespace
 
-void addCompletion(CLI::App& program, const Common& common) {
-  const auto shell = std::make_shared<std::string>();
-  CLI::App& verb =
-      addVerb(program, "completion", "prints the completion for a shell",
-              "For example: source <(tovik completion bash).", [shell, &common] {
-                Output(common).text(*shell == "bash" ? kBash : *shell == "zsh" ? kZsh : kFish);
-              });
-  addChoice(verb, "SHELL", *shell, "bash|zsh|fish", "");
-  verb.get_option("SHELL")->required();
-  addComplete(program, common);
+std::vector<std::string> completions(const Program& program,
+                                     const std::vector<std::string>& words) {
+  return Completion(program, words).candidates();
+}
+
+void addCompletion(Program& program) {
+  auto [verb, options] = program.verb<CompletionOptions>(
+      "completion", "prints the completion for a shell",
+      "For example: source <(tovik completion bash).", printCompletion);
+  verb.argument("bash|zsh|fish", Needed::kYes, oneOf("bash|zsh|fish", options.shell));
 }
 
 }  // namespace tool

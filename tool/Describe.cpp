@@ -1,10 +1,13 @@
 // describe: {"command":"describe","id":1} -> replies, the last one without "more" -> a page or
 // JSON.
 
-#include "tool/Lines.h"
-#include "tool/Options.h"
+#include <string>
+#include <vector>
+
+#include "tool/Json.h"
 #include "tool/Output.h"
 #include "tool/Session.h"
+#include "tool/Verb.h"
 
 namespace tool {
 
@@ -12,40 +15,29 @@ namespace {
 
 using Value = rapidjson::Value;
 
-std::string textOf(const Value& object, const char* name) {
-  const auto found = object.FindMember(name);
-  return found != object.MemberEnd() && found->value.IsString()
-             ? escaped({found->value.GetString(), found->value.GetStringLength()})
-             : "";
+std::string shown(const Value& object, const char* name) {
+  return escaped(textOf(memberOf(object, name)));
 }
 
-/// The objects of a list, as far as there are any.
+/// The members of a list, as far as there are any.
 std::vector<const Value*> entriesOf(const Value& object, const char* list) {
   std::vector<const Value*> entries;
-  const auto found = object.FindMember(list);
-  if (found != object.MemberEnd() && found->value.IsArray()) {
-    for (const Value& entry : found->value.GetArray()) {
-      if (entry.IsObject()) {
-        entries.push_back(&entry);
-      }
+  const Value& found = memberOf(object, list);
+  if (found.IsArray()) {
+    for (const Value& entry : found.GetArray()) {
+      entries.push_back(&entry);
     }
   }
   return entries;
 }
 
-class Describe : private Session {
+/// Asks, and puts the answers together: long lists come in several replies.
+class Describer : public Session {
  public:
-  Describe(const std::string& name, const Common& common)
-      : Session(name, common),
-        output_(common),
-        deadline_(common.timeLimit(5), [this, &common] { return lateText(common.timeLimit(5)); }) {
-    deadline_.restart();
-  }
+  using Session::Session;
 
-  void run() {
-    run_.untilFinished();
-    output_.json() ? output_.message(whole_) : printPage();
-  }
+  bool complete() const { return complete_; }
+  const Tovik::Message& whole() const { return whole_; }
 
  private:
   /// With an id, without which a service gives no answer in parts.
@@ -57,21 +49,16 @@ class Describe : private Session {
       throw Failure(Exit::kNotUnderstood,
                     "the answer " + inQuotes(record.substr(0, 80)) + " is no reply.");
     }
-    const Tovik::Message reply = messageFrom(judged.compact);
-    const auto result = reply.FindMember("result");
-    if (*judged.replyStatus != 0 || result == reply.MemberEnd() || !result->value.IsObject()) {
+    const Value& result = memberOf(judged.message, "result");
+    if (*judged.replyStatus != 0 || !result.IsObject()) {
       throw Failure(Exit::kStatus, "the server " + inQuotes(name()) +
                                        " does not describe itself; it answered with status " +
                                        std::to_string(*judged.replyStatus) + ".");
     }
-    merge(result->value);
-    const auto more = reply.FindMember("more");
-    if (more == reply.MemberEnd() || !more->value.IsTrue()) {
-      run_.finish();
-    }
+    merge(result);
+    complete_ = !memberOf(judged.message, "more").IsTrue();
   }
 
-  /// Long lists come in several replies.
   void merge(const Value& part) {
     auto& memory = whole_.GetAllocator();
     for (const auto& member : part.GetObject()) {
@@ -86,45 +73,53 @@ class Describe : private Session {
     }
   }
 
-  void printPage() {
-    const std::string description = textOf(whole_, "description");
-    output_.line(textOf(whole_, "name") + (description.empty() ? "" : ": " + description));
-    for (const Value* command : entriesOf(whole_, "commands")) {
-      printEntry(*command, "");
-      for (const Value* argument : entriesOf(*command, "arguments")) {
-        const auto required = argument->FindMember("required");
-        const bool needed = required != argument->MemberEnd() && required->value.IsTrue();
-        printEntry(*argument, "  ", textOf(*argument, "type") + (needed ? "" : ", optional"));
-      }
-    }
-    for (const Value* topic : entriesOf(whole_, "topics")) {
-      printEntry(*topic, "", "topic");
-    }
-  }
-
-  void printEntry(const Value& entry, const std::string& indent, const std::string& note = {}) {
-    const std::string description = textOf(entry, "description");
-    output_.line("  " + indent + painted(textOf(entry, "name"), "1", output_.colour()) +
-                 (note.empty() ? "" : " (" + note + ")") +
-                 (description.empty() ? "" : ": " + description));
-  }
-
-  Output output_;
-  Run run_{Ending::kIsFailure};
-  Deadline deadline_;
   Tovik::Message whole_{rapidjson::kObjectType};
+  bool complete_ = false;
 };
+
+void printEntry(Output& output, const Value& entry, const std::string& indent,
+                const std::string& note = {}) {
+  const std::string description = shown(entry, "description");
+  output.line("  " + indent + painted(shown(entry, "name"), "1", output.colour()) +
+              (note.empty() ? "" : " (" + note + ")") +
+              (description.empty() ? "" : ": " + description));
+}
+
+void printPage(Output& output, const Value& whole) {
+  const std::string description = shown(whole, "description");
+  output.line(shown(whole, "name") + (description.empty() ? "" : ": " + description));
+  for (const Value* command : entriesOf(whole, "commands")) {
+    printEntry(output, *command, "");
+    for (const Value* argument : entriesOf(*command, "arguments")) {
+      const bool needed = memberOf(*argument, "required").IsTrue();
+      printEntry(output, *argument, "  ", shown(*argument, "type") + (needed ? "" : ", optional"));
+    }
+  }
+  for (const Value* topic : entriesOf(whole, "topics")) {
+    printEntry(output, *topic, "", "topic");
+  }
+}
+
+void describe(const std::string& name, const Common& common) {
+  Run run(Ending::kIsFailure);
+  Describer describer(name, common);
+  const double limit = common.timeLimit();
+  run.within(
+      limit, [&] { return describer.complete(); }, [&] { return describer.lateText(limit); });
+  Output output(common);
+  output.json() ? output.message(Tovik::Message::toStr(describer.whole(), false).data())
+                : printPage(output, describer.whole());
+}
 
 }  // namespace
 
-void addDescribe(CLI::App& program, const Common& common) {
-  const auto name = std::make_shared<std::string>();
-  const auto run = [name, &common] { Describe(*name, common).run(); };
-  CLI::App& verb = addVerb(program, "describe", "prints what a service says about itself",
-                           "Asks with {\"command\":\"describe\"}, and prints the commands with "
-                           "their arguments, and the topics. The time-out is 5 seconds.",
-                           run);
-  addName(verb, *name);
+void addDescribe(Program& program) {
+  auto [verb, server] = program.verb<std::string>(
+      "describe", "prints what a service says about itself",
+      "Asks with {\"command\":\"describe\"}, and prints the commands with their arguments, and the "
+      "topics. The time-out is 5 seconds.",
+      describe);
+  verb.argument(kName, Needed::kYes, name(server));
 }
 
 }  // namespace tool

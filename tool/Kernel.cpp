@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -23,6 +24,7 @@
 #include <sstream>
 #include <string_view>
 #include <tuple>
+#include <utility>
 
 #include "tool/Report.h"
 
@@ -325,24 +327,8 @@ double uptime() {
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
-}  // namespace
-
-Table kernelTable(bool all) {
-  std::vector<Socket> sockets;
-  const bool byNetlink = queryKernel(sockets);
-  if (!byNetlink) {
-    sockets = readProc();
-  }
-  Table table = Builder(sockets, all).take();
-  table.byNetlink = byNetlink;
-  return table;
-}
-
-std::vector<Listener> listeners(bool all) {
-  return kernelTable(all).listeners;
-}
-
-/// /proc/PID/stat: PID (NAME) STATE and numbers, of which the name may hold anything.
+/// The process as /proc/PID/stat has it: PID (NAME) STATE and numbers, of which the name may hold
+/// anything. An unknown one if it is gone or hidden.
 Process processOf(int pid) {
   Process process;
   std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
@@ -372,11 +358,28 @@ Process processOf(int pid) {
   return process;
 }
 
-void Owners::find(const std::set<Inode>& inodes) {
+}  // namespace
+
+Table kernelTable(bool all) {
+  std::vector<Socket> sockets;
+  const bool byNetlink = queryKernel(sockets);
+  if (!byNetlink) {
+    sockets = readProc();
+  }
+  Table table = Builder(sockets, all).take();
+  table.byNetlink = byNetlink;
+  return table;
+}
+
+std::vector<Listener> listeners(bool all) {
+  return kernelTable(all).listeners;
+}
+
+void Owners::find(const std::vector<Inode>& sockets) {
   bool anyNew = false;
   std::size_t missing = 0;  // those of hidden processes included
   std::unordered_map<Inode, int> found;
-  for (const Inode inode : inodes) {
+  for (const Inode inode : sockets) {
     const auto known = known_.find(inode);
     anyNew = anyNew || known == known_.end();
     found[inode] = known == known_.end() ? 0 : known->second;
@@ -397,9 +400,16 @@ void Owners::find(const std::set<Inode>& inodes) {
   }
 }
 
-int Owners::pidOf(Inode inode) const {
-  const auto known = known_.find(inode);
-  return known == known_.end() ? 0 : known->second;
+std::vector<Process> Owners::of(const std::vector<Inode>& sockets) {
+  find(sockets);
+  std::map<int, Process> byPid;
+  std::vector<Process> owners;
+  for (const Inode socket : sockets) {
+    const int pid = known_[socket];
+    const auto found = byPid.find(pid);
+    owners.push_back(found == byPid.end() ? byPid[pid] = processOf(pid) : found->second);
+  }
+  return owners;
 }
 
 std::string userName(unsigned uid) {

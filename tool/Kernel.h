@@ -1,8 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -61,21 +61,29 @@ struct Process {
   std::uint64_t memory = 0;  // resident bytes
 };
 
-/// The process as /proc has it; an unknown one if it is gone or hidden.
-Process processOf(int pid);
-
 /// Finds the processes that hold sockets, as far as this user may look. If several hold one, that
 /// with the lowest number. It remembers what it has found.
 class Owners {
  public:
-  /// Looks for these if it does not know them yet, and forgets all others.
-  void find(const std::set<Inode>& inodes);
-  /// The process's number, or 0.
-  int pidOf(Inode inode) const;
+  /// Those of the sockets, in their order. It looks for what it does not know yet, and forgets all
+  /// other sockets.
+  std::vector<Process> of(const std::vector<Inode>& sockets);
 
  private:
+  void find(const std::vector<Inode>& sockets);
+
   std::unordered_map<Inode, int> known_;
 };
+
+/// One of the sockets of each listener or connection.
+template <class T>
+std::vector<Inode> inodesOf(const std::vector<T>& all, Inode T::*socket) {
+  std::vector<Inode> inodes;
+  for (const T& each : all) {
+    inodes.push_back(each.*socket);
+  }
+  return inodes;
+}
 
 /// The user's name, or the number of one who has none.
 std::string userName(unsigned uid);

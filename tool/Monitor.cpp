@@ -1,13 +1,20 @@
 // monitor: connect -> subscribe -> acknowledged -> messages; after a loss, from the start. One
 // session for each name.
 
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
+#include <cstdint>
 #include <list>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
 
-#include "tool/Lines.h"
-#include "tool/Options.h"
+#include "tool/Json.h"
 #include "tool/Output.h"
 #include "tool/Session.h"
+#include "tool/Verb.h"
 
 namespace tool {
 
@@ -37,10 +44,7 @@ class Condition {
     }
     key_ = text.substr(0, equals);
     value_ = text.substr(equals + 1);
-    const Lint judged = lint(value_);
-    if (judged.notJson.empty()) {
-      json_ = messageFrom(judged.compact);
-    }
+    json_ = messageFrom(value_);
   }
 
   bool holds(const rapidjson::Value& message) const { return holds(message, key_); }
@@ -48,83 +52,69 @@ class Condition {
  private:
   /// "a.b" is a member of that name, or the member "b" of the member "a".
   bool holds(const rapidjson::Value& value, std::string_view key) const {
-    const rapidjson::Value* const whole = member(value, key);
+    const rapidjson::Value* const whole = findMember(value, key);
     if (whole != nullptr && equals(*whole)) {
       return true;
     }
     for (std::size_t dot = key.find('.'); dot != std::string_view::npos;
          dot = key.find('.', dot + 1)) {
-      const rapidjson::Value* const inner = member(value, key.substr(0, dot));
-      if (inner != nullptr && holds(*inner, key.substr(dot + 1))) {
+      const rapidjson::Value& inner = memberOf(value, key.substr(0, dot));
+      if (inner.IsObject() && holds(inner, key.substr(dot + 1))) {
         return true;
       }
     }
     return false;
   }
 
-  static const rapidjson::Value* member(const rapidjson::Value& value, std::string_view key) {
-    if (!value.IsObject()) {
-      return nullptr;
-    }
-    const auto name =
-        rapidjson::StringRef(key.data(), static_cast<rapidjson::SizeType>(key.size()));
-    const auto found = value.FindMember(rapidjson::Value(name));
-    return found == value.MemberEnd() ? nullptr : &found->value;
-  }
-
   bool equals(const rapidjson::Value& found) const {
-    const bool sameText =
-        found.IsString() && value_ == std::string_view(found.GetString(), found.GetStringLength());
-    return sameText || found == json_;
+    const bool sameText = found.IsString() && textOf(found) == value_;
+    return sameText || (!json_.HasParseError() && found == json_);
   }
 
   std::string key_;
   std::string value_;
-  Tovik::Message json_{rapidjson::kObjectType};
+  Tovik::Message json_;
 };
 
 /// What the monitored servers' messages come together in.
 class Printer {
  public:
-  Printer(const MonitorOptions& options, const Common& common, Run& run)
+  Printer(const MonitorOptions& options, const Common& common)
       : options_(options),
-        run_(run),
         output_(common),
         conditions_(options.where.begin(), options.where.end()) {}
 
-  void print(const std::string& name, std::string_view json) {
-    const Tovik::Message message = messageFrom(json);
-    for (const Condition& condition : conditions_) {
-      if (!condition.holds(message)) {
-        return;
-      }
-    }
-    show(name, json);
-    if (++printed_ == options_.count) {
-      run_.finish();
+  bool done() const { return printed_ == options_.count; }
+
+  void print(const std::string& name, std::string_view json, const rapidjson::Value& message) {
+    const auto holds = [&](const Condition& condition) { return condition.holds(message); };
+    if (!done() && std::all_of(conditions_.begin(), conditions_.end(), holds)) {
+      show(name, json);
+      ++printed_;
     }
   }
 
  private:
   void show(const std::string& name, std::string_view json) {
     const bool several = options_.names.size() > 1;
-    if (!output_.json() || !(several || options_.timestamps)) {
-      const std::string time =
-          options_.timestamps ? painted(timestamp(), "2", output_.colour()) + " " : "";
-      return output_.message(json, time + (several ? cell(name) + " " : ""));
+    if (!several && !options_.timestamps) {
+      return output_.message(json);
     }
-    Tovik::Message head(rapidjson::kObjectType);
+    Object head;
+    std::string prefix;
     if (options_.timestamps) {
-      addString(head, "time", timestamp());
+      const std::string time = timestamp();
+      head.add("time", time);
+      prefix = painted(time, "2", output_.colour()) + " ";
     }
     if (several) {
-      addNameTo(head, name);
+      head.name(name);
+      prefix += cell(name) + " ";
     }
-    output_.message(enveloped(head, json));
+    output_.message(head, prefix, json);
   }
 
   const MonitorOptions& options_;
-  Run& run_;
   Output output_;
   const std::vector<Condition> conditions_;
   std::uint64_t printed_ = 0;
@@ -135,15 +125,13 @@ std::string subscription(const MonitorOptions& options) {
   if (options.topics.empty()) {
     return R"({"command":"set","notification":true})";
   }
-  Tovik::Message message(rapidjson::kObjectType);
-  rapidjson::Value topics(rapidjson::kArrayType);
+  std::string topics;
   for (const std::string& topic : options.topics) {
-    topics.PushBack(rapidjson::Value(topic.c_str(), message.GetAllocator()),
-                    message.GetAllocator());
+    const std::string object = Object().add("", topic).text();
+    topics += (topics.empty() ? "" : ",") + std::string(memberText(object, ""));
   }
-  addString(message, "command", "subscribe");
-  message.AddMember("topics", topics, message.GetAllocator());
-  return sendable(Tovik::Message::toStr(message, false).data(), "the subscription");
+  return sendable(Object().add("command", "subscribe").raw("topics", "[" + topics + "]").text(),
+                  "the subscription");
 }
 
 class Monitor : private Session {
@@ -178,7 +166,7 @@ class Monitor : private Session {
     if (!acknowledged_ && judged.replyStatus) {
       return acknowledge(*judged.replyStatus);
     }
-    printer_.print(name(), asRead(record));
+    printer_.print(name(), asRead(record), judged.message);
   }
 
   void acknowledge(unsigned status) {
@@ -236,41 +224,41 @@ void monitor(const MonitorOptions& options, const Common& common) {
     sendable(text, "the message for --send");
   }
   Run run(Ending::kIsSuccess);
-  Printer printer(options, common, run);
+  Printer printer(options, common);
   std::list<Monitor> monitors;
   for (const std::string& name : options.names) {
     monitors.emplace_back(name, options, common, printer);
   }
-  Deadline deadline(common.timeLimit(0), [&common] {
-    return "the " + seconds(common.timeLimit(0)) + " of --timeout are over; leave it out to " +
-           "monitor without end.";
-  });
-  deadline.restart();
-  run.untilFinished();
+  const double limit = common.timeLimit(0);
+  run.within(
+      limit, [&] { return printer.done(); },
+      [&] {
+        return "the " + secondsText(limit) +
+               " of --timeout are over; leave it out to monitor without end.";
+      });
 }
 
 }  // namespace
 
-void addMonitor(CLI::App& program, const Common& common) {
-  const auto options = std::make_shared<MonitorOptions>();
-  const auto run = [options, &common] { monitor(*options, common); };
-  CLI::App& verb = addVerb(
-      program, "monitor", "subscribes and prints what comes",
+void addMonitor(Program& program) {
+  auto [verb, options] = program.verb<MonitorOptions>(
+      "monitor", "subscribes and prints what comes",
       "Subscribes and prints each message, one a line; of several servers, with the name. After a "
       "loss it reconnects by itself, every second, and says so on standard error; what was sent "
       "in between is lost. There is no time-out unless one is given, for the whole run.",
-      run);
-  addAlias(verb, "subscribe");
-  addNames(verb, options->names, Needed::kYes);
-  addNumber(verb, "--count", options->count, "N", 1, UINT64_MAX, "end after N messages");
-  addFlag(verb, "--no-reconnect", options->noReconnect, "end when the connection is lost");
-  addValue(verb, "--topic", options->topics, "TOPIC",
-           "subscribe to this topic of a service (repeatable) instead of everything");
-  addValue(verb, "--send", options->send, "JSON", "send this message once subscribed (repeatable)");
-  addValue(verb, "--where", options->where, "KEY=VALUE",
-           "only messages whose member KEY has that value (repeatable: all must hold); a.b is "
-           "the member b of a");
-  addFlag(verb, "--timestamps", options->timestamps, "the time of arrival before each message");
+      monitor);
+  verb.alias("subscribe")
+      .argument("NAME...", Needed::kYes, name(options.names))
+      .option("--count", "N", number(options.count, 1, UINT64_MAX), "end after N messages")
+      .flag("--no-reconnect", options.noReconnect, "end when the connection is lost")
+      .option("--topic", "TOPIC", text(options.topics),
+              "subscribe to this topic of a service (repeatable) instead of everything")
+      .option("--send", "JSON", text(options.send),
+              "send this message once subscribed (repeatable)")
+      .option("--where", "KEY=VALUE", text(options.where),
+              "only messages whose member KEY has that value (repeatable: all must hold); a.b is "
+              "the member b of a")
+      .flag("--timestamps", options.timestamps, "the time of arrival before each message");
 }
 
 }  // namespace tool

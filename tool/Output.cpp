@@ -1,15 +1,13 @@
 #include "tool/Output.h"
 
 #include <poll.h>
-#include <rapidjson/memorystream.h>
-#include <rapidjson/prettywriter.h>
-#include <rapidjson/reader.h>
-#include <rapidjson/stringbuffer.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -69,47 +67,20 @@ std::string safeForTerminal(const std::string& json) {
   return result;
 }
 
-/// Writes what it is told, with numbers as they were written.
-template <class Writer>
-class Verbatim : public Writer {
- public:
-  using Writer::Writer;
-  // NOLINTNEXTLINE(readability-identifier-naming): the parser calls it by this name
-  bool RawNumber(const char* text, rapidjson::SizeType length, bool) {
-    return Writer::RawValue(text, length, rapidjson::kNumberType);
-  }
-};
-
-template <class Writer>
-std::string rewritten(std::string_view json) {
-  rapidjson::StringBuffer buffer;
-  Verbatim<Writer> writer(buffer);
-  rapidjson::MemoryStream stream(json.data(), json.size());
-  rapidjson::Reader reader;
-  reader.Parse<rapidjson::kParseIterativeFlag | rapidjson::kParseNumbersAsStringsFlag>(stream,
-                                                                                       writer);
-  return {buffer.GetString(), buffer.GetSize()};
-}
-
 /// The colours of a JSON text's parts.
 std::string coloured(const std::string& json) {
+  static const char* const separators = "{}[],: \n";
   std::string result;
-  for (std::size_t at = 0; at < json.size();) {
-    std::size_t end = at + 1;
-    if (json[at] == '"') {
-      while (json[end] != '"') {
-        end += json[end] == '\\' ? 2 : 1;
-      }
-      ++end;
-      const bool key = end < json.size() && json[end] == ':';
-      result += painted(json.substr(at, end - at), key ? "34" : "32", true);
-    } else if (std::strchr("{}[],: \n", json[at]) != nullptr) {
-      result += json[at];
+  for (std::size_t at = 0, end = 0; at < json.size(); at = end) {
+    const bool string = json[at] == '"';
+    end =
+        string ? endOfString(json, at) : std::min(json.find_first_of(separators, at), json.size());
+    if (end == at) {
+      result += json[end++];
     } else {
-      end = std::min(json.find_first_of("{}[],: \n", at), json.size());
-      result += painted(json.substr(at, end - at), "33", true);
+      const bool key = string && end < json.size() && json[end] == ':';
+      result += painted(json.substr(at, end - at), key ? "34" : string ? "32" : "33", true);
     }
-    at = end;
   }
   return result;
 }
@@ -141,132 +112,23 @@ void Output::line(std::string_view line) {
 }
 
 void Output::message(std::string_view json, const std::string& prefix) {
-  using Buffer = rapidjson::StringBuffer;
-  std::string text = pretty_ ? rewritten<rapidjson::PrettyWriter<Buffer>>(json)
-                             : rewritten<rapidjson::Writer<Buffer>>(json);
+  std::string text = rewritten(json, pretty_);
   text = terminal_ ? safeForTerminal(text) : text;
   line(prefix + (colour_ ? coloured(text) : text));
 }
 
-void Output::message(const Tovik::Message& message) {
-  this->message(Tovik::Message::toStr(message, false).data());
+void Output::message(Object head, const std::string& prefix, std::string_view json) {
+  json_ ? message(head.raw("message", json).text()) : message(json, prefix);
 }
 
 std::string painted(const std::string& text, const char* colour, bool wanted) {
   return wanted ? std::string("\x1b[") + colour + "m" + text + "\x1b[0m" : text;
 }
 
-void addString(Tovik::Message& object, const char* key, std::string_view text) {
-  const std::string kept = isUtf8(text) ? std::string(text) : escaped(text);
-  object.AddMember(rapidjson::StringRef(key),
-                   rapidjson::Value(kept.data(), static_cast<rapidjson::SizeType>(kept.size()),
-                                    object.GetAllocator()),
-                   object.GetAllocator());
-}
-
-void addNameTo(Tovik::Message& object, std::string_view name) {
-  addString(object, "name", name);
-  if (!isUtf8(name)) {
-    addString(object, "name_hex", toHex(name));
-  }
-}
-
-std::string toHex(std::string_view bytes) {
-  static const char digits[] = "0123456789abcdef";
-  std::string hex;
-  for (const char c : bytes) {
-    const auto byte = static_cast<unsigned char>(c);
-    hex += {digits[byte >> 4U], digits[byte & 15U]};
-  }
-  return hex;
-}
-
-std::string enveloped(const Tovik::Message& head, std::string_view json) {
-  std::string text = Tovik::Message::toStr(head, false).data();
-  text.back() = head.MemberCount() == 0 ? ' ' : ',';
-  return text + R"("message":)" + std::string(json) + "}";
-}
-
-std::vector<std::string> aligned(const std::vector<Row>& rows) {
-  std::vector<std::size_t> widths;
-  for (const Row& row : rows) {
-    widths.resize(std::max(widths.size(), row.size()));
-    for (std::size_t i = 0; i < row.size(); ++i) {
-      widths[i] = std::max(widths[i], displayWidth(row[i]));
-    }
-  }
-  std::vector<std::string> lines;
-  for (const Row& row : rows) {
-    std::string& line = lines.emplace_back();
-    for (std::size_t i = 0; i < row.size(); ++i) {
-      line += row[i];
-      if (i + 1 < row.size()) {
-        line.append(widths[i] - displayWidth(row[i]) + 2, ' ');
-      }
-    }
-  }
-  return lines;
-}
-
-void printTable(const Row& heading, std::vector<Row> rows, Output& output) {
-  if (rows.empty()) {
-    return;
-  }
-  bool first = output.terminal();
-  if (first) {
-    rows.insert(rows.begin(), heading);
-  }
-  std::string text;
-  for (const std::string& line : aligned(rows)) {
-    text += std::exchange(first, false) ? painted(line, "1", output.colour()) : line;
-    text += '\n';
-  }
-  output.text(text);
-}
-
-std::string stateText(char state) {
-  switch (state) {
-    case 'R':
-      return "running";
-    case 'S':
-      return "sleeping";
-    case 'D':
-      return "waiting";
-    case 'T':
-      return "stopped";
-    case 't':
-      return "traced";
-    case 'Z':
-      return "zombie";
-    default:
-      return {state};
-  }
-}
-
-std::string ageText(double seconds) {
-  const auto whole = static_cast<std::uint64_t>(std::max(seconds, 0.0));
-  return whole < 120         ? std::to_string(whole) + "s"
-         : whole < 120 * 60  ? std::to_string(whole / 60) + "m"
-         : whole < 48 * 3600 ? std::to_string(whole / 3600) + "h"
-                             : std::to_string(whole / 86400) + "d";
-}
-
-std::string bytesText(std::uint64_t bytes) {
-  static const char units[] = "KMGTPE";
-  auto value = static_cast<double>(bytes);
-  int unit = -1;
-  for (; value >= 1000 && unit < 5; ++unit) {
-    value /= 1024;
-  }
-  std::array<char, 32> text{};
-  std::snprintf(text.data(), text.size(), unit >= 0 && value < 10 ? "%.1f" : "%.0f", value);
-  return text.data() + (unit < 0 ? std::string() : std::string(1, units[unit]));
-}
-
 std::string cell(std::string_view text) {
-  std::string result;
-  for (const char byte : escaped(text)) {
-    result += byte == ' ' ? std::string("\\x20") : std::string(1, byte);
+  std::string result = escaped(text);
+  for (std::size_t at = 0; (at = result.find(' ', at)) != std::string::npos;) {
+    result.replace(at, 1, "\\x20");
   }
   return result.empty() ? "''" : result;
 }

@@ -1,10 +1,10 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
-#include <vector>
+#include <string_view>
 
-#include "Api/Json/Types.h"
 #include "tool/Output.h"
 
 namespace tool {
@@ -24,44 +24,28 @@ struct Record {
 /// {"time":...,"direction":"to-server","connection":1,"pid":...,"uid":...,"text":...}; bytes that
 /// are no UTF-8 stand under "hex" instead of "text", and a record that was not passed on has
 /// "refused":true.
-Tovik::Message recordingOf(const Record& record);
+std::string recordingOf(const Record& record);
 
-/// Appends records to a file, each at once. Without a name it does nothing.
-class Recorder {
- public:
-  explicit Recorder(const std::string& file);
-  Recorder(const Recorder&) = delete;
-  Recorder& operator=(const Recorder&) = delete;
-  ~Recorder();
+/// The record in one line. False if there is none.
+bool parseRecording(std::string_view line, Record& record);
 
-  bool wanted() const { return fd_ >= 0; }
-  void write(const std::string& json);
-
- private:
-  void takeBack(std::size_t bytes) const;
-
-  const std::string file_;
-  int fd_ = -1;
-};
-
-/// Shows records on standard output, and appends them to a recording.
+/// Shows records on standard output, and appends them to a file if it has a name, each at once.
 class RecordLog {
  public:
-  RecordLog(const Common& common, const std::string& file, bool timestamps)
-      : output_(common), recorder_(file), timestamps_(timestamps) {}
+  RecordLog(const Common& common, const std::string& file, bool timestamps);
+  RecordLog(const RecordLog&) = delete;
+  RecordLog& operator=(const RecordLog&) = delete;
+  ~RecordLog();
 
   void show(const Record& record);
 
  private:
+  void append(const std::string& line) const;
+
   Output output_;
-  Recorder recorder_;
-  bool timestamps_;
+  const std::string file_;
+  int fd_ = -1;
+  const bool timestamps_;
 };
-
-/// All records of a file ("-": standard input), or a failure that names the line.
-std::vector<Record> readRecording(const std::string& file);
-
-/// The record in one line. False if there is none.
-bool parseRecording(std::string_view line, Record& record);
 
 }  // namespace tool

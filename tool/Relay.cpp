@@ -6,23 +6,22 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
-#include <deque>
+#include <functional>
 #include <list>
+#include <string>
 #include <utility>
 
-#include "tool/Lint.h"
+#include "tool/Json.h"
 #include "tool/Listening.h"
-#include "tool/Options.h"
 #include "tool/Recording.h"
 #include "tool/Session.h"
+#include "tool/Verb.h"
 
 namespace tool {
 
 namespace {
-
-/// How many bytes may wait for a side that does not read.
-constexpr std::size_t kMostWaiting = 8 << 20;
 
 struct RelayOptions {
   std::string name;
@@ -75,235 +74,153 @@ std::string danger(const Record& record) {
   return record.direction == Direction::kToServer ? judged.endsServer : judged.endsClient;
 }
 
-/// What all conversations share.
-struct Shared {
-  const RelayOptions& options;
-  const Common& common;
-  RecordLog log;
-  Alarm sweep;  // drops the conversations that are over
-};
+class Conversation;
 
-/// The bytes that wait in a sender's queue.
-class Waiting {
+/// A conversation's connection to the client or to the server.
+class Side : public Session {
  public:
-  /// A text has been queued, and of all texts so many are still there.
-  bool tooMuch(std::size_t size, std::size_t stillThere) {
-    constexpr std::size_t kOverhead = 64;  // of one text
-    sizes_.push_back(size + kOverhead);
-    bytes_ += sizes_.back();
-    for (; sizes_.size() > stillThere; sizes_.pop_front()) {
-      bytes_ -= sizes_.front();
-    }
-    return bytes_ > kMostWaiting;
+  template <class Way>
+  Side(Conversation& conversation, const std::string& name, const Common& common, Way way)
+      : Session(name, common, way), conversation_(conversation) {}
+
+  void pass(const std::string& text);
+  bool hasAll() const { return gone_ || (allWritten() && allTaken()); }
+  void close() {
+    gone_ = true;
+    endQuietly();
   }
 
  private:
-  std::deque<std::size_t> sizes_;
-  std::size_t bytes_ = 0;
+  void connected() override;
+  void received(std::string record) override;
+  void lost(int error) override;
+  void notConnected(int error) override;
+
+  Conversation& conversation_;
+  std::size_t waiting_ = 0;  // bytes in the queue, at most
+  bool gone_ = false;
 };
 
-/// One client's way to the server: a connection to either side.
+/// One client's way to the server.
 class Conversation {
  public:
-  Conversation(Shared& shared, Record stamp, int clientFd)
-      : shared_(shared),
+  Conversation(const RelayOptions& options, const Common& common, RecordLog& log, Record stamp,
+               int clientFd)
+      : options_(options),
+        common_(common),
+        log_(log),
         stamp_(std::move(stamp)),
-        client_(*this, clientFd),
-        upstream_(*this, shared.options.upstream, shared.common) {
-    limit_.restart();  // for the connection
+        client_(*this, "the client", common, Session::AcceptedFd{clientFd}),
+        server_(*this, options.upstream, common, 0.0) {
+    say("process " + std::to_string(stamp_.pid) + ", uid " + std::to_string(stamp_.uid) + ".");
+    limit_.limit(common_.timeLimit());  // for the connection
   }
 
   bool over() const { return over_; }
 
- private:
-  class Client : public Tovik::AsyncSender {
-   public:
-    Client(Conversation& conversation, int fd) : conversation_(conversation) { setFd(fd); }
+  void connected() { limit_.disarm(); }
 
-    void pass(const std::string& text) {
-      sendQueue_.emplace_back(text);
-      flushQueue();
-      if (waiting_.tooMuch(text.size(), sendQueue_.size())) {
-        conversation_.drop("the client does not read.");
-      }
-    }
-    bool hasAll() const { return !isAttached() || sendQueue_.empty(); }
-    void close() { AsyncSender::terminateConnection(); }
-
-   private:
-    void readFdEvent(int fd) override {
-      std::string record;
-      const long length = readRecord(fd, record);
-      if (length > 0) {
-        return conversation_.toServer(std::move(record));
-      }
-      if (length != -EAGAIN && length != -EINTR) {
-        terminateConnection();
-      }
-    }
-    void writeFdEvent(int fd) override {
-      AsyncSender::writeFdEvent(fd);
-      conversation_.look();
-    }
-    void terminateConnection() override {
-      const bool ended = isAttached();
-      close();
-      if (ended) {
-        conversation_.leave("the client left.");
-      }
-    }
-
-    Conversation& conversation_;
-    Waiting waiting_;
-  };
-
-  class Upstream : public Session {
-   public:
-    Upstream(Conversation& conversation, const std::string& name, const Common& common)
-        : Session(name, common), conversation_(conversation) {}
-
-    void pass(const std::string& text) {
-      send(text);
-      if (waiting_.tooMuch(text.size(), sendQueue_.size())) {
-        conversation_.drop("the server does not read.");
-      }
-    }
-    bool hasAll() const { return gone_ || (allWritten() && allTaken()); }
-    void close() {
-      gone_ = true;
-      AsyncSender::terminateConnection();
-    }
-
-   private:
-    void connected() override { conversation_.limit_.disarm(); }
-    void received(std::string record) override { conversation_.toClient(std::move(record)); }
-    void lost(int error) override {
-      gone_ = true;
-      conversation_.leave(error == 0 ? "the server left." : lostFailure().what());
-    }
-    void notConnected(int error) override {
-      gone_ = true;
-      conversation_.leave(notConnectedFailure(error).what());
-    }
-
-    Conversation& conversation_;
-    Waiting waiting_;
-    bool gone_ = false;
-  };
-
-  void toServer(std::string text) {
-    if (!leaving_ && passes(Direction::kToServer, std::move(text))) {
-      upstream_.pass(stamp_.text);
-    }
-  }
-
-  void toClient(std::string text) {
-    if (!leaving_ && passes(Direction::kToClient, std::move(text))) {
-      client_.pass(stamp_.text);
-    }
-  }
-
-  /// Shows the record, which is then in `stamp_`.
-  bool passes(Direction direction, std::string text) {
-    stamp_.direction = direction;
-    stamp_.text = std::move(text);
-    const std::string why = shared_.options.refuseUnsafe ? danger(stamp_) : "";
-    stamp_.refused = !why.empty();
-    shared_.log.show(stamp_);
-    if (stamp_.refused) {
-      say("a record was not passed on: " + why + ".");
-    }
-    return !stamp_.refused;
-  }
-
-  /// One side has left, or never came. The other one gets what is on its way, within the time
-  /// limit.
-  void leave(const std::string& why) {
+  /// Shows what came from one side, and passes it on to the other.
+  void take(const Side& from, std::string text) {
     if (leaving_) {
-      return look();
-    }
-    leaving_ = true;
-    say(why);
-    limit_.restart();
-    look_.arm(0);  // not from here: a side's callback runs
-  }
-
-  void look() {
-    if (!leaving_ || over_) {
       return;
     }
-    if (client_.hasAll() && upstream_.hasAll()) {
-      return finish();
+    stamp_.direction = &from == &client_ ? Direction::kToServer : Direction::kToClient;
+    stamp_.text = std::move(text);
+    const std::string why = options_.refuseUnsafe ? danger(stamp_) : "";
+    stamp_.refused = !why.empty();
+    log_.show(stamp_);
+    if (stamp_.refused) {
+      return say("a record was not passed on: " + why + ".");
     }
-    if (!upstream_.hasAll()) {
+    (&from == &client_ ? server_ : client_).pass(stamp_.text);
+  }
+
+  /// One side has left, or never came. The other one gets what is on its way, within the limit.
+  void leave(const Side& side, const std::string& why) {
+    if (!std::exchange(leaving_, true)) {
+      say(&side == &client_ ? "the client left." : why);
+      limit_.limit(common_.timeLimit());
+      look_.arm(0);  // not from here: a side's callback runs
+    }
+  }
+
+  void dropSlow(const Side& side) {
+    drop(&side == &client_ ? "the client does not read." : "the server does not read.");
+  }
+
+ private:
+  void look() {
+    over_ = over_ || (client_.hasAll() && server_.hasAll());
+    if (over_) {
+      client_.close();
+      server_.close();
+      limit_.disarm();
+    } else {
       look_.arm(0.01);  // only the kernel knows
     }
   }
 
   void drop(const std::string& why) {
     say(why);
-    leaving_ = true;
-    finish();
+    leaving_ = over_ = true;
+    look_.arm(0);
   }
 
   std::string late() const {
-    return leaving_ ? std::string("the other side did not read on; dropped.")
-                    : upstream_.lateText(shared_.common.timeLimit(5));
-  }
-
-  void finish() {
-    if (!std::exchange(over_, true)) {
-      limit_.disarm();
-      client_.close();
-      upstream_.close();
-      shared_.sweep.arm(0);
-    }
+    return leaving_ ? "the other side did not read on; dropped."
+                    : server_.lateText(common_.timeLimit());
   }
 
   void say(const std::string& what) const {
     notice("connection " + std::to_string(stamp_.connection) + ": " + what);
   }
 
-  Shared& shared_;
+  const RelayOptions& options_;
+  const Common& common_;
+  RecordLog& log_;
   Record stamp_;
   bool leaving_ = false;
   bool over_ = false;
   Alarm look_{[this] { look(); }};
-  Limit limit_{shared_.common.timeLimit(5), [this] { drop(late()); }};
-  Client client_;
-  Upstream upstream_;
+  Alarm limit_{[this] { drop(late()); }};
+  Side client_;
+  Side server_;
 };
 
-class Relay {
- public:
-  Relay(const RelayOptions& options, const Common& common)
-      : shared_{options, common, RecordLog(common, options.record, options.timestamps),
-                Alarm([this] { sweep(); })},
-        door_(options.name, [this](int fd, int pid, unsigned uid) { begin(fd, pid, uid); }) {
-    notice("listening under " + inQuotes(options.name) + " for " + inQuotes(options.upstream) +
-           "; Ctrl-C ends.");
+void Side::pass(const std::string& text) {
+  constexpr std::size_t kMostWaiting = 8 << 20;  // bytes, for a side that does not read
+  constexpr std::size_t kOverhead = 64;          // of one text
+  send(text);
+  waiting_ += text.size() + kOverhead;
+  if (waiting_ > kMostWaiting) {  // unless some of it has gone out since it was counted
+    waiting_ = 0;
+    for (const auto& each : sendQueue_) {
+      waiting_ += each.size() + kOverhead;
+    }
   }
-
- private:
-  void begin(int fd, int pid, unsigned uid) {
-    Record stamp;
-    stamp.connection = ++connections_;
-    stamp.pid = pid;
-    stamp.uid = uid;
-    notice("connection " + std::to_string(stamp.connection) + ": process " + std::to_string(pid) +
-           ", uid " + std::to_string(uid) + ".");
-    conversations_.emplace_back(shared_, stamp, fd);
+  if (waiting_ > kMostWaiting) {
+    conversation_.dropSlow(*this);
   }
+}
 
-  void sweep() {
-    conversations_.remove_if([](const Conversation& conversation) { return conversation.over(); });
-  }
+void Side::connected() {
+  conversation_.connected();
+}
 
-  Shared shared_;
-  std::list<Conversation> conversations_;
-  std::uint64_t connections_ = 0;
-  Door door_;
-};
+void Side::received(std::string record) {
+  conversation_.take(*this, std::move(record));
+}
+
+void Side::lost(int error) {
+  gone_ = true;
+  conversation_.leave(*this, error == 0 ? "the server left." : lostFailure().what());
+}
+
+void Side::notConnected(int error) {
+  gone_ = true;
+  conversation_.leave(*this, notConnectedFailure(error).what());
+}
 
 void relay(const RelayOptions& options, const Common& common) {
   if (options.name == options.upstream) {
@@ -311,33 +228,43 @@ void relay(const RelayOptions& options, const Common& common) {
                   inQuotes(options.name) + " would be its own server; name another one.");
   }
   Run run(Ending::kIsSuccess);
+  RecordLog log(common, options.record, options.timestamps);
+  std::list<Conversation> conversations;
+  Record stamp;
   listening(options.name, [&] {
-    const Relay relay(options, common);
-    run.untilFinished();
+    const Door door(options.name, [&](int fd, int pid, unsigned uid) {
+      ++stamp.connection;
+      stamp.pid = pid;
+      stamp.uid = uid;
+      conversations.emplace_back(options, common, log, stamp, fd);
+    });
+    notice("listening under " + inQuotes(options.name) + " for " + inQuotes(options.upstream) +
+           "; Ctrl-C ends.");
+    run.until([&] {
+      conversations.remove_if([](const Conversation& each) { return each.over(); });
+      return false;
+    });
   });
 }
 
 }  // namespace
 
-void addRelay(CLI::App& program, const Common& common) {
-  const auto options = std::make_shared<RelayOptions>();
-  const auto run = [options, &common] { relay(*options, common); };
-  CLI::App& verb = addVerb(
-      program, "relay", "stands between clients and a server and shows both directions",
+void addRelay(Program& program) {
+  auto [verb, options] = program.verb<RelayOptions>(
+      "relay", "stands between clients and a server and shows both directions",
       "Listens under NAME, connects to UPSTREAM for each client, and passes every record on, byte "
       "for byte. Admits its own user and root. The server sees the relay's credentials, not the "
       "clients'. The time-out, 5 seconds, is for the connection, and for the other side to read "
       "on after one has left.",
-      run);
-  addName(verb, options->name);
-  addName(verb, options->upstream, "UPSTREAM");
-  addValue(verb, "--record", options->record, kFile,
-           "append every record to FILE, as JSON lines: time, direction, connection, pid, uid, "
-           "text; 'tovik replay' plays them");
-  addFlag(verb, "--refuse-unsafe", options->refuseUnsafe,
-          "do not pass on what would end the receiving process, or what no record carries "
-          "whole");
-  addFlag(verb, "--timestamps", options->timestamps, "the time of arrival before each record");
+      relay);
+  verb.argument(kName, Needed::kYes, name(options.name))
+      .argument("UPSTREAM", Needed::kYes, name(options.upstream))
+      .option("--record", kFile, text(options.record),
+              "append every record to FILE, as JSON lines: time, direction, connection, pid, uid, "
+              "text; 'tovik replay' plays them")
+      .flag("--refuse-unsafe", options.refuseUnsafe,
+            "do not pass on what would end the receiving process, or what no record carries whole")
+      .flag("--timestamps", options.timestamps, "the time of arrival before each record");
 }
 
 }  // namespace tool

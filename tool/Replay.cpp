@@ -5,14 +5,21 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
+#include <optional>
+#include <string>
 #include <utility>
+#include <vector>
 
-#include "tool/Lint.h"
-#include "tool/Options.h"
+#include "tool/Json.h"
+#include "tool/Lines.h"
 #include "tool/Recording.h"
 #include "tool/Session.h"
+#include "tool/Verb.h"
 
 namespace tool {
 
@@ -25,20 +32,111 @@ struct ReplayOptions {
   bool timestamps = false;
 };
 
+/// What plays one recorded connection.
+class Player : public Session {
+ public:
+  Player(const ReplayOptions& options, const Common& common, RecordLog& log, std::uint64_t number)
+      : Session(options.name, common), log_(log) {
+    stamp_.connection = number;
+    stamp_.pid = ::getpid();
+    stamp_.uid = ::getuid();
+    notice("connection " + std::to_string(number) + ".");
+  }
+
+  void play(const std::string& text) {
+    show(Direction::kToServer, text);
+    send(text);
+  }
+
+  bool ended() const { return end_.has_value(); }
+  bool hasReply() const { return !replies_.empty(); }
+  unsigned takeReply() {
+    const unsigned status = replies_.front();
+    replies_.pop_front();
+    return status;
+  }
+  bool done() const { return ended() || (allWritten() && allTaken()); }
+  /// Why nothing more can be played; a success if the server had read everything.
+  const Failure& end() const { return *end_; }
+
+ private:
+  void received(std::string record) override {
+    show(Direction::kToClient, record);
+    if (const auto status = lint(asRead(record)).replyStatus) {
+      replies_.push_back(*status);
+    }
+  }
+  void lost(int error) override {
+    end(error == 0 ? Failure(Exit::kSuccess, "the server left.") : lostFailure());
+  }
+  void notConnected(int error) override { end(notConnectedFailure(error)); }
+
+  void end(const Failure& why) {
+    notice("connection " + std::to_string(stamp_.connection) + ": " + why.what());
+    end_ = why;
+  }
+
+  void show(Direction direction, const std::string& text) {
+    stamp_.direction = direction;
+    stamp_.text = text;
+    log_.show(stamp_);
+  }
+
+  RecordLog& log_;
+  Record stamp_;
+  std::deque<unsigned> replies_;  // came, and not compared yet
+  std::optional<Failure> end_;
+};
+
+/// All records of a file ("-": standard input).
+std::vector<Record> recordsOf(const std::string& file, Run& run) {
+  std::vector<Record> records;
+  Lines lines(run, file);
+  while (const auto line = lines.next()) {
+    Record record;
+    if (!isBlank(*line) && !parseRecording(*line, record)) {
+      throw Failure(Exit::kUsage, "line " + std::to_string(lines.number()) + " of " +
+                                      inQuotes(file) +
+                                      " is no record of a relay; nothing was sent.");
+    }
+    if (!isBlank(*line)) {
+      records.push_back(std::move(record));
+    }
+  }
+  if (records.empty()) {
+    throw Failure(Exit::kUsage, inQuotes(file) +
+                                    " holds no record of a relay; 'tovik relay "
+                                    "--record' makes some.");
+  }
+  return records;
+}
+
 class Replay {
  public:
   Replay(const ReplayOptions& options, const Common& common)
       : options_(options),
         common_(common),
-        script_(readRecording(options.file)),
-        log_(common, options.record, options.timestamps),
-        deadline_(common.timeLimit(5), [this] { return late(); }) {}
+        records_(recordsOf(options.file, run_)),
+        log_(common, options.record, options.timestamps) {}
 
-  void run() {
-    pump_.want();
-    run_.untilFinished();
+  void play() {
+    std::size_t number = 0;
+    for (const Record& record : records_) {
+      ++number;
+      if (!record.refused) {
+        play(record, "record " + std::to_string(number));
+      }
+    }
+    wait(
+        [this] {
+          return std::all_of(players_.begin(), players_.end(),
+                             [](const auto& player) { return player.second.done(); });
+        },
+        0.005);
     for (const auto& [connection, player] : players_) {
-      player.throwTrouble();
+      if (player.ended() && player.end().status() != Exit::kSuccess) {
+        throw Failure(player.end());
+      }
     }
     if (differences_ > 0) {
       throw Failure(Exit::kStatus, counted(differences_, "difference") + " from the recording.");
@@ -46,155 +144,69 @@ class Replay {
   }
 
  private:
-  /// What plays one recorded connection.
-  class Player : public Session {
-   public:
-    Player(Replay& replay, std::uint64_t number)
-        : Session(replay.options_.name, replay.common_), replay_(replay) {
-      stamp_.connection = number;
-      stamp_.pid = ::getpid();
-      stamp_.uid = ::getuid();
-      notice("connection " + std::to_string(number) + ".");
-    }
-
-    void play(const std::string& text) {
-      requireOpen();
-      show(Direction::kToServer, text);
-      send(text);
-    }
-
-    /// The next reply's status, once it is there.
-    std::optional<unsigned> takeReply() {
-      if (replies_.empty()) {
-        requireOpen();
-        return std::nullopt;
-      }
-      const unsigned status = replies_.front();
-      replies_.pop_front();
-      return status;
-    }
-
-    bool done() const { return gone_ || (allWritten() && allTaken()); }
-    void throwTrouble() const {
-      if (why_.status() != Exit::kSuccess) {
-        throw why_;
-      }
-    }
-
-   private:
-    void connected() override {}
-    void received(std::string record) override {
-      show(Direction::kToClient, record);
-      if (const auto status = lint(asRead(record)).replyStatus) {
-        replies_.push_back(*status);
-        replay_.pump_.want();
-      }
-    }
-    void lost(int error) override {
-      end(error == 0 ? Failure(Exit::kSuccess, "the server left.") : lostFailure());
-    }
-    void notConnected(int error) override { end(notConnectedFailure(error)); }
-
-    void end(const Failure& why) {
-      notice("connection " + std::to_string(stamp_.connection) + ": " + why.what());
-      gone_ = true;
-      why_ = why;
-      replay_.pump_.want();
-    }
-
-    void requireOpen() const {
-      if (gone_) {
-        throw Failure(
-            why_.status() == Exit::kSuccess ? Exit::kLost : why_.status(),
-            "record " + std::to_string(replay_.at_ + 1) + " cannot be played: " + why_.what());
-      }
-    }
-
-    void show(Direction direction, const std::string& text) {
-      stamp_.direction = direction;
-      stamp_.text = text;
-      replay_.log_.show(stamp_);
-    }
-
-    Replay& replay_;
-    Record stamp_;
-    std::deque<unsigned> replies_;  // came, and not compared yet
-    bool gone_ = false;
-    Failure why_{Exit::kSuccess, ""};  // a success if the server had read everything
-  };
-
-  /// Plays one record, and wants the next unless the server has to do something first.
-  void step() {
-    if (at_ == script_.size()) {
-      return finish();
-    }
-    const Record& record = script_[at_];
-    deadline_.restart();
-    if (!record.refused && !played(record)) {
-      return;
-    }
-    ++at_;
-    pump_.want();
-  }
-
-  bool played(const Record& record) {
+  void play(const Record& record, const std::string& what) {
     Player& player =
-        players_.try_emplace(record.connection, *this, players_.size() + 1).first->second;
-    if (record.direction == Direction::kToServer) {
+        players_.try_emplace(record.connection, options_, common_, log_, players_.size() + 1)
+            .first->second;
+    const bool toServer = record.direction == Direction::kToServer;
+    const auto recorded = toServer ? std::nullopt : lint(asRead(record.text)).replyStatus;
+    if (recorded) {
+      wait([&] { return player.hasReply() || player.ended(); });
+    }
+    if (player.ended() && (toServer || (recorded && !player.hasReply()))) {
+      const Exit status = player.end().status();
+      throw Failure(status == Exit::kSuccess ? Exit::kLost : status,
+                    what + " cannot be played: " + player.end().what());
+    }
+    if (toServer) {
       player.play(record.text);
-      return true;
+    } else if (recorded) {
+      compare(player.takeReply(), *recorded, what);
     }
-    const auto recorded = lint(asRead(record.text)).replyStatus;
-    const auto status = recorded ? player.takeReply() : std::nullopt;
-    if (recorded && status && *status != *recorded) {
+  }
+
+  void compare(unsigned status, unsigned recorded, const std::string& what) {
+    if (status != recorded) {
       ++differences_;
-      notice("record " + std::to_string(at_ + 1) + ": status " + std::to_string(*status) +
-             " instead of the recorded " + std::to_string(*recorded) + ".");
+      notice(what + ": status " + std::to_string(status) + " instead of the recorded " +
+             std::to_string(recorded) + ".");
     }
-    return !recorded || status;
   }
 
-  void finish() {
-    const auto done = [](const auto& entry) { return entry.second.done(); };
-    if (std::all_of(players_.begin(), players_.end(), done)) {
-      return run_.finish();
+  void wait(const std::function<bool()>& done, double interval = 0) {
+    if (!run_.until(done, common_.timeLimit(), interval)) {
+      throw Failure(Exit::kTimeout,
+                    "the server " + inQuotes(options_.name) + " did not do as recorded within " +
+                        secondsText(common_.timeLimit()) + "; give it more with --timeout.");
     }
-    again_.arm(0.005);
-  }
-
-  std::string late() const {
-    return "the server " + inQuotes(options_.name) + " did not do as recorded within " +
-           seconds(common_.timeLimit(5)) + "; give it more with --timeout.";
   }
 
   const ReplayOptions& options_;
   const Common& common_;
-  const std::vector<Record> script_;
-  RecordLog log_;
   Run run_{Ending::kIsFailure};
-  std::size_t at_ = 0;  // in the script
-  std::uint64_t differences_ = 0;
-  Deadline deadline_;
-  Pump pump_{[this] { step(); }};
-  Alarm again_{[this] { pump_.want(); }};
+  const std::vector<Record> records_;
+  RecordLog log_;
   std::map<std::uint64_t, Player> players_;  // by recorded connection
+  std::uint64_t differences_ = 0;
 };
+
+void replay(const ReplayOptions& options, const Common& common) {
+  Replay(options, common).play();
+}
 
 }  // namespace
 
-void addReplay(CLI::App& program, const Common& common) {
-  const auto options = std::make_shared<ReplayOptions>();
-  const auto run = [options, &common] { Replay(*options, common).run(); };
-  CLI::App& verb = addVerb(
-      program, "replay", "plays the clients' side of a recording",
+void addReplay(Program& program) {
+  auto [verb, options] = program.verb<ReplayOptions>(
+      "replay", "plays the clients' side of a recording",
       "Sends what the clients of a recorded 'tovik relay' sent, over as many connections, and "
       "waits for each recorded reply; one with another status than recorded counts as not "
       "allowed. FILE may be - for standard input. The time-out, 5 seconds, is for each reply.",
-      run);
-  addName(verb, options->name);
-  addArgument(verb, kFile, options->file, Needed::kYes);
-  addValue(verb, "--record", options->record, kFile, "append every record to this file");
-  addFlag(verb, "--timestamps", options->timestamps, "the time before each record");
+      replay);
+  verb.argument(kName, Needed::kYes, name(options.name))
+      .argument(kFile, Needed::kYes, text(options.file))
+      .option("--record", kFile, text(options.record), "append every record to this file")
+      .flag("--timestamps", options.timestamps, "the time before each record");
 }
 
 }  // namespace tool

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
@@ -43,6 +44,8 @@ class Failure : public std::runtime_error {
   Exit status_;
 };
 
+Failure noServer(std::string_view name);
+
 /// Thrown where results are written and nobody reads them any more.
 struct OutputClosed {};
 
@@ -68,14 +71,11 @@ std::pair<std::uint32_t, std::size_t> decoded(std::string_view text);
 /// that does not show as itself.
 std::size_t printableLength(std::string_view text);
 
-/// True for UTF-8 without a flaw; control characters count as such here.
-bool isUtf8(std::string_view text);
-
 /// "1 message", "2 messages".
 std::string counted(std::uint64_t number, const std::string& noun);
 
 /// "0.5 s", "5 s".
-std::string seconds(double value);
+std::string secondsText(double value);
 
 /// How many columns of a terminal the text takes.
 std::size_t displayWidth(std::string_view text);

@@ -5,17 +5,21 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
+#include <cmath>
 #include <csignal>
-#include <memory>
+#include <cstdint>
 #include <utility>
 
 #include "Kelvo/Platform/EventLoop.h"
+#include "tool/Report.h"
 
 namespace tool {
 
-using Kelvo::Platform::EventLoop;
-
 namespace {
+
+using Clock = std::chrono::steady_clock;
 
 sigset_t endingSignals() {
   sigset_t set;
@@ -42,64 +46,73 @@ void dieOf(int signal) {
   ::_exit(128 + signal);
 }
 
-/// Notices that the reader of a pipe of results has gone, also while there is nothing to print.
-class Run::ReaderWatch : private Kelvo::Platform::FdEventHandler {
- public:
-  explicit ReaderWatch(Run& run) : run_(run), control_(Kelvo::Platform::getFdControl(this)) {
-    struct stat status {};
-    if (::fstat(STDOUT_FILENO, &status) == 0 && S_ISFIFO(status.st_mode)) {
-      control_->attach(STDOUT_FILENO);
-    }
-  }
+Watch::Watch(int fd, std::function<void()> ready)
+    : ready_(std::move(ready)), control_(Kelvo::Platform::getFdControl(this)) {
+  control_->attach(fd);
+}
 
- private:
-  void readFdEvent(int fd) override {
-    pollfd pipe{fd, 0, 0};
-    control_->detach();
-    if (::poll(&pipe, 1, 0) > 0 && (pipe.revents & POLLERR) != 0) {
-      run_.finish();
-    }
-  }
-
-  Run& run_;
-  Kelvo::Ptr<Kelvo::Platform::FdControl> control_;
-};
+Alarm::Alarm(std::function<void()> expired)
+    : expired_(std::move(expired)), timer_(Kelvo::Platform::getTimer(this)) {}
 
 Run::Run(Ending whenInterrupted)
-    : whenInterrupted_(whenInterrupted),
-      signals_(blockAndWatchSignals()),
-      control_(Kelvo::Platform::getFdControl(this)) {
-  control_->attach(signals_);
-  if (whenInterrupted == Ending::kIsSuccess) {
-    readerWatch_ = std::make_unique<ReaderWatch>(*this);
+    : whenInterrupted_(whenInterrupted), signals_(blockAndWatchSignals()) {
+  struct stat status {};
+  if (whenInterrupted == Ending::kIsSuccess && ::fstat(STDOUT_FILENO, &status) == 0 &&
+      S_ISFIFO(status.st_mode)) {
+    readerWatch_.emplace(STDOUT_FILENO, [this] { lookAtReader(); });
   }
 }
 
 Run::~Run() {
-  control_->detach();
+  signalWatch_.detach();
   ::close(signals_);
 }
 
-void Run::untilFinished() {
+bool Run::until(const std::function<bool()>& done, double seconds, double interval) {
+  constexpr unsigned kStepsATurn = 64;  // signals are taken also if nothing has to be waited for
+  const auto begin = Clock::now();
   try {
-    while (!finished_) {
-      EventLoop::current().run();
+    if (++steps_ % kStepsATurn == 0) {
+      turn(0);
+    }
+    while (!ended_ && !done()) {
+      const double passed = std::chrono::duration<double>(Clock::now() - begin).count();
+      if (seconds > 0 && passed >= seconds) {
+        return false;
+      }
+      const double left = seconds > 0 ? seconds - passed : -1;
+      turn(interval > 0 && (left < 0 || interval < left) ? interval : left);
     }
   } catch (const OutputClosed&) {
     if (whenInterrupted_ == Ending::kIsFailure) {
       throw;
     }
+    ended_ = true;
+  }
+  return true;
+}
+
+void Run::within(double seconds, const std::function<bool()>& done,
+                 const std::function<std::string()>& late, double interval) {
+  if (!until(done, seconds, interval)) {
+    throw Failure(Exit::kTimeout, late());
   }
 }
 
-void Run::finish() {
-  finished_ = true;
-  EventLoop::current().stop();
+void Run::pause(double seconds) {
+  if (seconds > 0) {
+    until([] { return false; }, seconds);
+  }
 }
 
-void Run::readFdEvent(int fd) {
+void Run::turn(double seconds) {
+  const auto milliseconds = static_cast<std::int64_t>(std::ceil(std::min(seconds, 1e6) * 1000));
+  Kelvo::Platform::EventLoop::current().runOnce(std::chrono::milliseconds(milliseconds));
+}
+
+void Run::takeSignal() {
   signalfd_siginfo info{};
-  if (::read(fd, &info, sizeof info) != sizeof info) {
+  if (::read(signals_, &info, sizeof info) != sizeof info) {
     return;
   }
   if (info.ssi_signo == SIGINT && ::isatty(STDERR_FILENO) != 0) {  // which shows ^C
@@ -108,31 +121,13 @@ void Run::readFdEvent(int fd) {
   if (whenInterrupted_ == Ending::kIsFailure) {
     throw Interrupted{static_cast<int>(info.ssi_signo)};
   }
-  finish();
+  ended_ = true;
 }
 
-void Pump::want() {
-  wanted_ = true;
-  if (!running_) {
-    run();
-  }
+void Run::lookAtReader() {
+  pollfd pipe{STDOUT_FILENO, 0, 0};
+  readerWatch_->detach();
+  ended_ = ended_ || (::poll(&pipe, 1, 0) > 0 && (pipe.revents & POLLERR) != 0);
 }
-
-void Pump::run() {
-  constexpr int kStepsATurn = 64;
-  running_ = true;
-  for (int steps = 0; std::exchange(wanted_, false); ++steps) {
-    if (steps == kStepsATurn) {
-      wanted_ = true;
-      soon_.arm(0);
-      break;
-    }
-    step_();
-  }
-  running_ = false;
-}
-
-Alarm::Alarm(std::function<void()> expired)
-    : expired_(std::move(expired)), timer_(Kelvo::Platform::getTimer(this)) {}
 
 }  // namespace tool

@@ -1,14 +1,12 @@
 #pragma once
 
 #include <functional>
-#include <memory>
+#include <optional>
 #include <string>
-#include <utility>
 
 #include "Kelvo/Platform/FdEventHandler.h"
 #include "Kelvo/Platform/TimeoutHandler.h"
 #include "Kelvo/Ptr.h"
-#include "tool/Report.h"
 
 namespace tool {
 
@@ -20,31 +18,20 @@ struct Interrupted {
 /// Ends the process by that signal, as a shell expects of an interrupted command.
 [[noreturn]] void dieOf(int signal);
 
-/// What a command does when nobody wants it any more: commands that run until they are interrupted
-/// are done then, others have failed.
-enum class Ending { kIsSuccess, kIsFailure };
-
-/// One verb's time in the event loop, from `untilFinished` to `finish`. Takes Ctrl-C and its kin
-/// as events; failures come out of `untilFinished` as exceptions, `Interrupted` and `OutputClosed`
-/// included unless they are a success.
-class Run : private Kelvo::Platform::FdEventHandler {
+/// Calls a function whenever a descriptor, which stays the caller's, is readable.
+class Watch : private Kelvo::Platform::FdEventHandler {
  public:
-  explicit Run(Ending whenInterrupted);
-  ~Run() override;
+  /// @throws Kelvo::Exception for what the kernel does not watch, such as files.
+  Watch(int fd, std::function<void()> ready);
+  ~Watch() override { detach(); }
 
-  void untilFinished();
-  void finish();
+  void detach() { control_->detach(); }
 
  private:
-  class ReaderWatch;
+  void readFdEvent(int /*fd*/) override { ready_(); }
 
-  void readFdEvent(int fd) override;
-
-  const Ending whenInterrupted_;
-  const int signals_;
+  const std::function<void()> ready_;
   Kelvo::Ptr<Kelvo::Platform::FdControl> control_;
-  std::unique_ptr<ReaderWatch> readerWatch_;
-  bool finished_ = false;
 };
 
 /// A timer that calls a function.
@@ -53,55 +40,54 @@ class Alarm : private Kelvo::Platform::TimeoutHandler {
   explicit Alarm(std::function<void()> expired);
 
   void arm(double seconds) { timer_->arm(seconds); }
+  /// 0 seconds are for ever.
+  void limit(double seconds) { seconds > 0 ? arm(seconds) : disarm(); }
   void disarm() { timer_->disarm(); }
 
  private:
   void timeout() override { expired_(); }
 
-  std::function<void()> expired_;
+  const std::function<void()> expired_;
   Kelvo::Ptr<Kelvo::Platform::Timer> timer_;
 };
 
-/// Runs a step as often as it is wanted. A step that wants the next one gets it without recursion,
-/// and without the loop; but the loop has a turn now and then, for signals.
-class Pump {
+/// What a command does when nobody wants it any more: commands that run until they are interrupted
+/// are done then, others have failed.
+enum class Ending { kIsSuccess, kIsFailure };
+
+/// One verb's time in the event loop. Takes Ctrl-C and its kin as events, and notices when the
+/// reader of its results has gone. What callbacks throw comes out of `until`; so do `Interrupted`
+/// and `OutputClosed`, unless they are a success.
+class Run {
  public:
-  explicit Pump(std::function<void()> step) : step_(std::move(step)) {}
-  void want();
+  explicit Run(Ending whenInterrupted);
+  Run(const Run&) = delete;
+  Run& operator=(const Run&) = delete;
+  ~Run();
+
+  /// Turns the loop until the condition holds, or nobody wants the command any more; it is looked
+  /// at after each turn, and in these intervals if they are given. False if the time (0: for ever)
+  /// is over first.
+  bool until(const std::function<bool()>& done, double seconds = 0, double interval = 0);
+  /// The same, and a failure if the time is over first.
+  void within(double seconds, const std::function<bool()>& done,
+              const std::function<std::string()>& late, double interval = 0);
+  void pause(double seconds);
+
+  /// Nobody wants the command any more.
+  bool ended() const { return ended_; }
 
  private:
-  void run();
+  void takeSignal();
+  void lookAtReader();
+  void turn(double seconds);
 
-  const std::function<void()> step_;
-  bool wanted_ = false;
-  bool running_ = false;
-  Alarm soon_{[this] { run(); }};
-};
-
-/// Something that happens unless it is disarmed in time. 0 seconds are for ever.
-class Limit {
- public:
-  Limit(double seconds, std::function<void()> passed)
-      : seconds_(seconds), alarm_(std::move(passed)) {}
-
-  void restart() {
-    if (seconds_ > 0) {
-      alarm_.arm(seconds_);
-    }
-  }
-  void disarm() { alarm_.disarm(); }
-
- private:
-  const double seconds_;
-  Alarm alarm_;
-};
-
-/// The -t option at work: fails with exit status 4 unless disarmed in time.
-class Deadline : public Limit {
- public:
-  /// `late` makes the sentence.
-  Deadline(double seconds, std::function<std::string()> late)
-      : Limit(seconds, [late = std::move(late)] { throw Failure(Exit::kTimeout, late()); }) {}
+  const Ending whenInterrupted_;
+  const int signals_;
+  Watch signalWatch_{signals_, [this] { takeSignal(); }};
+  std::optional<Watch> readerWatch_;
+  unsigned steps_ = 0;
+  bool ended_ = false;
 };
 
 }  // namespace tool

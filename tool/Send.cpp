@@ -2,9 +2,14 @@
 // server loses what it has not read when its client closes with replies unread, so the replies are
 // read, and dropped, until then.
 
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+
 #include "tool/Lines.h"
-#include "tool/Options.h"
 #include "tool/Session.h"
+#include "tool/Verb.h"
 
 namespace tool {
 
@@ -17,73 +22,25 @@ struct SendOptions {
   std::optional<double> interval;
 };
 
-class Sender : private Session {
+class Sender : public Session {
  public:
-  Sender(const SendOptions& options, const Common& common, Run& run)
-      : Session(options.name, common),
-        options_(options),
-        run_(run),
-        source_(options.text, options.count.value_or(1),
-                [this](const std::string* message) { take(message); }),
-        deadline_(common.timeLimit(5), [this, &common] { return late(common.timeLimit(5)); }) {
-    deadline_.restart();
-  }
+  using Session::Session;
 
- private:
-  std::string late(double limit) const {
-    return full() ? lateText(limit)
-                  : "the server " + inQuotes(name()) + " did not read on within " + seconds(limit) +
-                        "; give it more with --timeout.";
-  }
-
-  void connected() override {
-    deadline_.disarm();
-    source_.want();
-  }
-
-  void take(const std::string* message) {
-    if (message == nullptr) {
-      return finish();
-    }
+  bool wroteAll() const {
     if (closed_) {
       throw lostFailure();
     }
-    ++sent_;
-    send(*message);
-    if (isAttached() && allWritten()) {
-      next();
-    } else {
-      deadline_.restart();  // for the server to make room
-    }
+    return isAttached() && allWritten();
+  }
+  bool done() const { return closed_ || allTaken(); }
+
+  std::string lateText(double limit) const {
+    return full() ? Session::lateText(limit)
+                  : "the server " + inQuotes(name()) + " did not read on within " +
+                        secondsText(limit) + "; give it more with --timeout.";
   }
 
-  void written() override {
-    deadline_.disarm();
-    next();
-  }
-
-  void next() {
-    if (sent_ == options_.count) {
-      return finish();
-    }
-    if (options_.interval.value_or(0) > 0) {
-      return pause_.arm(*options_.interval);
-    }
-    source_.want();
-  }
-
-  void finish() {
-    deadline_.restart();
-    look();
-  }
-
-  void look() {
-    if (closed_ || allTaken()) {
-      return run_.finish();
-    }
-    lookAgain_.arm(0.005);
-  }
-
+ private:
   void received(std::string /*reply*/) override {}
 
   void lost(int error) override {
@@ -93,35 +50,46 @@ class Sender : private Session {
     closed_ = true;  // after it had read everything so far
   }
 
-  const SendOptions& options_;
-  Run& run_;
-  MessageSource source_;
-  Alarm pause_{[this] { source_.want(); }};
-  Alarm lookAgain_{[this] { look(); }};
-  Deadline deadline_;
-  std::uint64_t sent_ = 0;
   bool closed_ = false;
 };
 
+void sendAll(const SendOptions& options, const Common& common) {
+  constexpr double kLookAgain = 0.005;
+  Run run(Ending::kIsFailure);
+  Messages messages(run, options.text, options.count.value_or(1));
+  Sender sender(options.name, common);
+  const double limit = common.timeLimit();
+  const auto wroteAll = [&] { return sender.wroteAll(); };
+  const auto late = [&] { return sender.lateText(limit); };
+  run.within(limit, wroteAll, late);  // there is a connection
+  for (std::uint64_t sent = 0; sent != options.count;) {
+    const auto message = messages.next();
+    if (!message) {
+      break;
+    }
+    run.pause(sent == 0 ? 0 : options.interval.value_or(0));
+    wroteAll();
+    sender.send(*message);
+    run.within(limit, wroteAll, late);
+    ++sent;
+  }
+  run.within(
+      limit, [&] { return sender.done(); }, late, kLookAgain);
+}
+
 }  // namespace
 
-void addSend(CLI::App& program, const Common& common) {
-  const auto options = std::make_shared<SendOptions>();
-  const auto run = [options, &common] {
-    Run loop(Ending::kIsFailure);
-    const Sender sender(*options, common, loop);
-    loop.untilFinished();
-  };
-  CLI::App& verb =
-      addVerb(program, "send", "sends messages without waiting for replies",
-              "Ends when the server has read all of them. The time-out, 5 seconds, is for the "
-              "server to take the next one.",
-              run);
-  addName(verb, options->name);
-  addMessage(verb, options->text);
-  addNumber(verb, "--count", options->count, "N", 1, UINT64_MAX,
-            "send the message N times, or at most N lines");
-  addSeconds(verb, "--interval", options->interval, "pause between two messages");
+void addSend(Program& program) {
+  auto [verb, options] = program.verb<SendOptions>(
+      "send", "sends messages without waiting for replies",
+      "Ends when the server has read all of them. The time-out, 5 seconds, is for the server to "
+      "take the next one.",
+      sendAll);
+  verb.argument(kName, Needed::kYes, name(options.name))
+      .argument("JSON", Needed::kNo, text(options.text))
+      .option("--count", "N", number(options.count, 1, UINT64_MAX),
+              "send the message N times, or at most N lines")
+      .option("--interval", "SECONDS", seconds(options.interval), "pause between two messages");
 }
 
 }  // namespace tool

@@ -5,15 +5,19 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstddef>
+#include <cstdint>
 #include <deque>
-#include <memory>
+#include <optional>
+#include <string>
 #include <utility>
 
+#include "tool/Json.h"
 #include "tool/Lines.h"
 #include "tool/Listening.h"
-#include "tool/Options.h"
 #include "tool/Output.h"
 #include "tool/Shell.h"
+#include "tool/Verb.h"
 
 namespace tool {
 
@@ -30,23 +34,6 @@ struct ServeOptions {
   bool timestamps = false;
 };
 
-/// A server that the stand-in can ask to forget connections before they are freed.
-class StandInServer : public Tovik::Server {
- public:
-  StandInServer(const std::string& name, Handler handler, Validator validator,
-                std::function<void()> beforeFreeing)
-      : Server(name, std::move(handler), std::move(validator)),
-        beforeFreeing_(std::move(beforeFreeing)) {}
-
-  void readFdEvent(int fd) override {
-    beforeFreeing_();
-    Server::readFdEvent(fd);
-  }
-
- private:
-  std::function<void()> beforeFreeing_;
-};
-
 /// The process behind a connection. The library keeps the descriptor for subclasses.
 class Peer : public Tovik::Connection {
  public:
@@ -57,18 +44,6 @@ class Peer : public Tovik::Connection {
     return credentials;
   }
 };
-
-/// A whole file or "-" as one JSON text.
-std::string jsonFile(const std::string& file) {
-  std::string text;
-  const int fd = openedForReading(file);
-  forEachLine([fd](char* buffer, std::size_t size) { return ::read(fd, buffer, size); },
-              [&](const std::string& line, std::size_t) { text += line + "\n"; }, file);
-  if (fd != STDIN_FILENO) {
-    ::close(fd);
-  }
-  return text;
-}
 
 /// The value as compact text, if a reply can carry it.
 std::string resultFor(const std::string& json, const std::string& what) {
@@ -87,25 +62,49 @@ std::string resultFor(const std::string& json, const std::string& what) {
   return std::move(judged.compact);
 }
 
-class StandIn {
+/// A whole file or "-".
+std::string contentOf(Run& run, const std::string& file) {
+  std::string text;
+  if (!file.empty()) {
+    Lines lines(run, file);
+    while (const auto line = lines.next()) {
+      text += *line + "\n";
+    }
+  }
+  return text;
+}
+
+/// The server: it can ask to forget connections before they are freed.
+class StandIn : public Tovik::Server {
  public:
-  StandIn(const ServeOptions& options, const Common& common)
-      : options_(options),
+  StandIn(const ServeOptions& options, const Common& common, std::string description)
+      : Server(
+            options.name, [this](auto& client, const auto& message) { take(client, message); },
+            validator(options.admitted)),
+        options_(options),
         output_(common),
         answer_(resultFor(options.answer, "the answer")),
-        description_(options.describe.empty()
-                         ? ""
-                         : resultFor(jsonFile(options.describe), "the description")),
-        server_(
-            options.name, [this](auto& client, const auto& message) { take(client, message); },
-            validator(options.admitted), [this] { forgetTheDead(); }) {
-    if (!options.notify.empty()) {
-      lines_ = std::make_unique<Lines>(
-          options.notify, [this](const auto& line) { broadcast(line); },
-          "type messages to broadcast, one a line.");
-      lines_->want();
-    }
+        description_(std::move(description)) {
     notice("listening under " + inQuotes(options.name) + "; Ctrl-C ends.");
+  }
+
+  void readFdEvent(int fd) override {
+    for (Job& job : jobs_) {
+      if (job.client != nullptr && !job.client->isAttached()) {
+        job.client = nullptr;
+      }
+    }
+    Server::readFdEvent(fd);
+  }
+
+  /// A bad line must not end a server that others use.
+  void broadcast(const std::string& line, std::size_t number) {
+    try {
+      notifyClients(
+          messageFrom(sendable(line, "line " + std::to_string(number) + " of the input")));
+    } catch (const Failure& failure) {
+      report(failure.what());
+    }
   }
 
  private:
@@ -117,44 +116,29 @@ class StandIn {
   };
 
   void take(Tovik::Connection& client, const Tovik::Message& message) {
-    show(client, message);
-    const std::string id = memberText(message, "id");
-    if (!description_.empty() && memberText(message, "command") == R"("describe")") {
+    const std::string text = Tovik::Message::toStr(message, false).data();
+    show(client, text);
+    const std::string id(memberText(text, "id"));
+    if (!description_.empty() && memberText(text, "command") == R"("describe")") {
       return reply(client, 0, id, description_);
     }
     if (options_.exec.empty()) {
       return reply(client, options_.status, id, answer_);
     }
-    jobs_.push_back({&client, Tovik::Message::toStr(message, false).data(), id});
+    jobs_.push_back({&client, text, id});
     startJob();
   }
 
-  void show(const Tovik::Connection& client, const Tovik::Message& message) {
+  void show(const Tovik::Connection& client, const std::string& text) {
     if (!options_.timestamps) {
-      return output_.message(message);
+      return output_.message(text);
     }
     const ucred sender = Peer::of(client);
-    const std::string text = Tovik::Message::toStr(message, false).data();
-    if (!output_.json()) {
-      return output_.message(text, painted(timestamp(), "2", output_.colour()) + " " +
-                                       std::to_string(sender.pid) + " ");
-    }
-    Tovik::Message head(rapidjson::kObjectType);
-    addString(head, "time", timestamp());
-    addMember(head, "pid", sender.pid);
-    addMember(head, "uid", sender.uid);
-    output_.message(enveloped(head, text));
-  }
-
-  /// The member's value as JSON text; empty without one.
-  static std::string memberText(const Tovik::Message& message, const char* name) {
-    const auto found = message.FindMember(name);
-    if (found == message.MemberEnd()) {
-      return {};
-    }
-    Tovik::Message value;
-    value.CopyFrom(found->value, value.GetAllocator());
-    return Tovik::Message::toStr(value, false).data();
+    const std::string time = timestamp();
+    Object head;
+    head.add("time", time).add("pid", sender.pid).add("uid", sender.uid);
+    output_.message(
+        head, painted(time, "2", output_.colour()) + " " + std::to_string(sender.pid) + " ", text);
   }
 
   /// A call with an id is answered with it, also while the client is subscribed.
@@ -163,9 +147,15 @@ class StandIn {
     if (id.empty() && result.empty()) {
       return client.acknowledge(status);
     }
-    client.sendMsg(messageFrom(R"({"type":"reply","status":)" + std::to_string(status) +
-                               (id.empty() ? "" : R"(,"id":)" + id) +
-                               (result.empty() ? "" : R"(,"result":)" + result) + "}"));
+    Object object;
+    object.add("type", "reply").add("status", status);
+    if (!id.empty()) {
+      object.raw("id", id);
+    }
+    if (!result.empty()) {
+      object.raw("result", result);
+    }
+    client.sendMsg(messageFrom(object.text()));
   }
 
   /// One command at a time, so that answers come in the order of the messages.
@@ -183,44 +173,16 @@ class StandIn {
     });
   }
 
-  void startNextJob() {
-    command_.reset();
-    startJob();
-  }
-
-  void forgetTheDead() {
-    for (Job& job : jobs_) {
-      if (job.client != nullptr && !job.client->isAttached()) {
-        job.client = nullptr;
-      }
-    }
-  }
-
-  /// A bad line must not end a server that others use.
-  void broadcast(const std::optional<std::string>& line) {
-    if (!line) {
-      return;
-    }
-    if (!isBlank(*line)) {
-      try {
-        server_.notifyClients(messageFrom(
-            sendable(*line, "line " + std::to_string(lines_->number()) + " of the input")));
-      } catch (const Failure& failure) {
-        report(failure.what());
-      }
-    }
-    lines_->want();
-  }
-
   const ServeOptions& options_;
   Output output_;
   const std::string answer_;
   const std::string description_;
   std::deque<Job> jobs_;
   std::optional<ShellCommand> command_;
-  Alarm next_{[this] { startNextJob(); }};
-  StandInServer server_;
-  std::unique_ptr<Lines> lines_;
+  Alarm next_{[this] {
+    command_.reset();
+    startJob();
+  }};
 };
 
 /// Valid JSON of the wrong shape ends a server by assertion, and this is one. The assertion has
@@ -235,41 +197,47 @@ void explainAbort(int /*signal*/) {
 void serve(const ServeOptions& options, const Common& common) {
   std::signal(SIGABRT, explainAbort);
   Run run(Ending::kIsSuccess);
+  std::string description = resultFor(contentOf(run, options.describe), "the description");
+  std::optional<Lines> lines;
+  if (!options.notify.empty()) {
+    lines.emplace(run, options.notify, "type messages to broadcast, one a line.");
+  }
   listening(options.name, [&] {
-    const StandIn standIn(options, common);
-    run.untilFinished();
+    StandIn standIn(options, common, std::move(description));
+    while (const auto line = lines ? lines->next() : std::nullopt) {
+      isBlank(*line) ? void() : standIn.broadcast(*line, lines->number());
+    }
+    run.until([] { return false; });
   });
 }
 
 }  // namespace
 
-void addServe(CLI::App& program, const Common& common) {
-  const auto options = std::make_shared<ServeOptions>();
-  const auto run = [options, &common] { serve(*options, common); };
-  CLI::App& verb = addVerb(
-      program, "serve", "a stand-in server to test clients against",
+void addServe(Program& program) {
+  auto [verb, options] = program.verb<ServeOptions>(
+      "serve", "a stand-in server to test clients against",
       "Prints each message and answers it. It is a real server, with what that means: valid JSON "
       "of the wrong shape ends its process, as it would end any server's. Admits its own user and "
       "root unless told otherwise.",
-      run);
-  addName(verb, options->name);
-  addNumber(verb, "--status", options->status, "N", 0, kUint32,
-            "answer with status N (0 unless given)");
-  addValue(verb, "--answer", options->answer, "JSON", "answer with this result");
-  addValue(verb, "--describe", options->describe, kFile,
-           "answer 'tovik describe' with the JSON in this file");
-  addValue(verb, "--exec", options->exec, "CMD",
-           "run CMD in a shell for each message, which is its standard input; its exit status is "
-           "the answer's");
-  addValue(verb, "--notify", options->notify, kFile,
-           "broadcast each line of the file, or of standard input for -");
-  addNumber(verb, "--allow-uid", options->admitted.uids, "UID", 0, kUint32,
-            "admit this user (repeatable)");
-  addNumber(verb, "--allow-gid", options->admitted.gids, "GID", 0, kUint32,
-            "admit this group (repeatable)");
-  addFlag(verb, "--deny-all", options->admitted.nobody, "admit nobody");
-  addFlag(verb, "--timestamps", options->timestamps,
-          "the time and the sender's process before each message");
+      serve);
+  verb.argument(kName, Needed::kYes, name(options.name))
+      .option("--status", "N", number(options.status, 0, kUint32),
+              "answer with status N (0 unless given)")
+      .option("--answer", "JSON", text(options.answer), "answer with this result")
+      .option("--describe", kFile, text(options.describe),
+              "answer 'tovik describe' with the JSON in this file")
+      .option("--exec", "CMD", text(options.exec),
+              "run CMD in a shell for each message, which is its standard input; its exit status "
+              "is the answer's")
+      .option("--notify", kFile, text(options.notify),
+              "broadcast each line of the file, or of standard input for -")
+      .option("--allow-uid", "UID", number(options.admitted.uids, 0, kUint32),
+              "admit this user (repeatable)")
+      .option("--allow-gid", "GID", number(options.admitted.gids, 0, kUint32),
+              "admit this group (repeatable)")
+      .flag("--deny-all", options.admitted.nobody, "admit nobody")
+      .flag("--timestamps", options.timestamps,
+            "the time and the sender's process before each message");
 }
 
 }  // namespace tool

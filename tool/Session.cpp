@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <utility>
 
@@ -35,6 +36,11 @@ sockaddr_un addressOf(const std::string& name) {
 Session::Session(std::string name, const Common& common, double reconnectSeconds)
     : name_(std::move(name)), common_(common), reconnectSeconds_(reconnectSeconds) {
   connect_.arm(0);
+}
+
+Session::Session(std::string name, const Common& common, AcceptedFd client)
+    : name_(std::move(name)), common_(common), reconnectSeconds_(0) {
+  setFd(client.fd);
 }
 
 void Session::connect() {
@@ -101,13 +107,6 @@ void Session::readFdEvent(int fd) {
   received(std::move(record));
 }
 
-void Session::writeFdEvent(int fd) {
-  AsyncSender::writeFdEvent(fd);
-  if (isAttached() && allWritten()) {
-    written();
-  }
-}
-
 void Session::terminateConnection() {
   const bool ended = isAttached();
   AsyncSender::terminateConnection();
@@ -132,10 +131,10 @@ bool Session::allTaken() const {
 
 std::string Session::lateText(double limit) const {
   if (full_) {
-    return "the server " + inQuotes(name_) + " accepted no client within " + seconds(limit) +
+    return "the server " + inQuotes(name_) + " accepted no client within " + secondsText(limit) +
            ", and no more may wait; see 'tovik list --long'.";
   }
-  return "the server " + inQuotes(name_) + " did not answer within " + seconds(limit) +
+  return "the server " + inQuotes(name_) + " did not answer within " + secondsText(limit) +
          "; give it more with --timeout.";
 }
 
@@ -156,8 +155,7 @@ Failure Session::lostFailure() const {
 
 Failure Session::notConnectedFailure(int error) const {
   if (error == ECONNREFUSED) {
-    return {Exit::kNoServer, "no server listens under " + inQuotes(name_) +
-                                 "; start it, or see the names with 'tovik list'."};
+    return noServer(name_);
   }
   return {Exit::kLost,
           "the connection to " + inQuotes(name_) + " failed: " + std::strerror(error) + "."};

@@ -3,9 +3,9 @@
 #include <string>
 
 #include "Api/Json/Async.h"
-#include "tool/Common.h"
 #include "tool/Report.h"
 #include "tool/Run.h"
+#include "tool/Verb.h"
 
 namespace tool {
 
@@ -16,6 +16,11 @@ class Session : public Tovik::AsyncSender {
  public:
   /// The first attempt to connect happens from the loop.
   Session(std::string name, const Common& common, double reconnectSeconds = 0);
+  /// The other end: a connection that a server has accepted.
+  struct AcceptedFd {
+    int fd;
+  };
+  Session(std::string name, const Common& common, AcceptedFd client);
 
   const std::string& name() const { return name_; }
 
@@ -31,15 +36,16 @@ class Session : public Tovik::AsyncSender {
 
  protected:
   /// A connection to the right server's user exists.
-  virtual void connected() = 0;
+  virtual void connected() {}
   /// One record has come.
   virtual void received(std::string record) = 0;
   /// The connection has ended: `error` is 0 if the server closed it after it had read everything.
   virtual void lost(int error);
   /// An attempt to connect has failed.
   virtual void notConnected(int error);
-  /// The queue was flushed from the loop.
-  virtual void written() {}
+
+  /// Ends the connection, about which nothing is told.
+  void endQuietly() { AsyncSender::terminateConnection(); }
 
   /// What `lost` and `notConnected` throw unless overridden.
   Failure lostFailure() const;
@@ -52,7 +58,6 @@ class Session : public Tovik::AsyncSender {
   void connect();
   void checkServer();
   void readFdEvent(int fd) override;
-  void writeFdEvent(int fd) override;
   void terminateConnection() override;
 
   const std::string name_;

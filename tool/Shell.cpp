@@ -62,7 +62,7 @@ int spawn(const std::string& command, int input) {
 
 ShellCommand::ShellCommand(const std::string& command, const std::string& input,
                            std::function<void(unsigned)> finished)
-    : finished_(std::move(finished)), control_(Kelvo::Platform::getFdControl(this)) {
+    : finished_(std::move(finished)) {
   const int file = fileHolding(input);
   pid_ = spawn(command, file);
   ::close(file);
@@ -70,23 +70,23 @@ ShellCommand::ShellCommand(const std::string& command, const std::string& input,
   if (pidFd_ < 0) {
     throw cannotRun(errno);
   }
-  control_->attach(pidFd_);
+  end_.emplace(pidFd_, [this] { lookAtEnd(); });
 }
 
 ShellCommand::~ShellCommand() {
-  control_->detach();
+  end_.reset();
   ::close(pidFd_);
   if (pid_ > 0) {
     ::kill(pid_, SIGTERM);  // not waited for yet, so the number is still the command's
   }
 }
 
-void ShellCommand::readFdEvent(int /*fd*/) {
+void ShellCommand::lookAtEnd() {
   int status = 0;
   if (::waitpid(pid_, &status, WNOHANG) != pid_) {
     return;
   }
-  control_->detach();
+  end_->detach();
   pid_ = -1;
   finished_(
       static_cast<unsigned>(WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status)));

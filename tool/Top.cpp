@@ -7,15 +7,23 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
-#include <cmath>
 #include <csignal>
-#include <cstdio>
+#include <cstddef>
+#include <iterator>
+#include <map>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
-#include "tool/Options.h"
-#include "tool/Peers.h"
+#include "tool/Kernel.h"
+#include "tool/Output.h"
 #include "tool/Report.h"
 #include "tool/Run.h"
+#include "tool/Verb.h"
+#include "tool/Views.h"
 
 namespace tool {
 
@@ -27,56 +35,51 @@ struct TopOptions {
   bool once = false;
 };
 
-/// One server as it was at one look.
-struct Load {
-  Listener listener;
-  Process process;
-  double cpuPercent = 0;
-};
-
 using Clock = std::chrono::steady_clock;
 
 /// Looks at the kernel's table again and again.
 class Looks {
  public:
   /// The processor time since the look before, or since the process began.
-  std::vector<Load> look() {
+  std::vector<Server> look() {
     table_ = kernelTable(false);
-    std::set<Inode> inodes;
-    for (const Listener& listener : table_.listeners) {
-      inodes.insert(listener.inode);
-    }
-    owners_.find(inodes);
     const auto now = Clock::now();
     const double passed = std::chrono::duration<double>(now - lookedAt_).count();
     std::map<int, double> used;
-    std::vector<Load> loads;
-    for (const Listener& listener : table_.listeners) {
-      Load load{listener, processOf(owners_.pidOf(listener.inode)), 0};
-      const auto before = used_.find(load.process.pid);
+    std::vector<Server> servers;
+    for (const Process& process : owners_.of(inodesOf(table_.listeners, &Listener::inode))) {
+      Server server{table_.listeners[servers.size()], process, 0};
+      const auto before = used_.find(process.pid);
       const bool first = before == used_.end();
-      const double seconds = load.process.cpuSeconds - (first ? 0 : before->second);
-      load.cpuPercent = 100 * seconds / std::max(first ? load.process.ageSeconds : passed, 0.01);
-      used[load.process.pid] = load.process.cpuSeconds;
-      loads.push_back(std::move(load));
+      const double seconds = process.cpuSeconds - (first ? 0 : before->second);
+      server.cpuPercent = 100 * seconds / std::max(first ? process.ageSeconds : passed, 0.01);
+      used[process.pid] = process.cpuSeconds;
+      servers.push_back(std::move(server));
     }
     used_ = std::move(used);
     lookedAt_ = now;
-    return loads;
+    return servers;
   }
 
-  std::vector<Row> peersOf(Inode server) {
-    auto connections = table_.connections;
-    const auto others = [&](const Connection& connection) { return connection.server != server; };
-    connections.erase(std::remove_if(connections.begin(), connections.end(), others),
-                      connections.end());
-    const auto processes = clientProcesses(connections, clients_);
-    std::vector<Row> rows;
-    rows.reserve(connections.size());
-    for (const Connection& connection : connections) {
-      rows.push_back(peerRow(connection, processes.at(connection.client)));
+  std::string nameOf(Inode server) const {
+    for (const Listener& listener : table_.listeners) {
+      if (listener.inode == server) {
+        return escaped(listener.name);
+      }
     }
-    return rows;
+    return "gone";
+  }
+
+  std::vector<Entry> peersOf(Inode server) {
+    auto connections = table_.connections;
+    const auto other = [&](const Connection& connection) { return connection.server != server; };
+    connections.erase(std::remove_if(connections.begin(), connections.end(), other),
+                      connections.end());
+    std::vector<Entry> entries;
+    for (const Process& process : clients_.of(inodesOf(connections, &Connection::client))) {
+      entries.push_back(entryOf(connections[entries.size()], process, false));
+    }
+    return entries;
   }
 
  private:
@@ -89,80 +92,26 @@ class Looks {
 
 struct Column {
   const char* name;
-  char key;  // sorts by it
+  char key;                                // sorts by it
+  double (*weight)(const Server& server);  // the largest first; names sort as they come
 };
 
-constexpr Column kColumns[] = {{"NAME", 'n'},   {"CPU%", 'c'},    {"MEMORY", 'm'}, {"CONNS", 'o'},
-                               {"UNREAD", 'u'}, {"STALLED", 's'}, {"WAITING", 'w'}};
+constexpr Column kColumns[] = {
+    {"CPU%", 'c', [](const Server& server) { return server.cpuPercent; }},
+    {"NAME", 'n', [](const Server&) { return 0.0; }},
+    {"MEMORY", 'm', [](const Server& server) { return double(server.process.memory); }},
+    {"CONNS", 'o', [](const Server& server) { return double(server.listener.connections); }},
+    {"WAITING", 'w',
+     [](const Server& server) { return double(server.listener.waiting.value_or(0)); }},
+    {"UNREAD", 'u',
+     [](const Server& server) { return double(server.listener.unread.value_or(0)); }},
+    {"STALLED", 's',
+     [](const Server& server) { return double(server.listener.stalled.value_or(0)); }}};
 
-/// What a column sorts by, the largest first; names sort as they come.
-double weight(const Load& load, char key) {
-  switch (key) {
-    case 'c':
-      return load.cpuPercent;
-    case 'm':
-      return static_cast<double>(load.process.memory);
-    case 'o':
-      return static_cast<double>(load.listener.connections);
-    case 'u':
-      return static_cast<double>(load.listener.unread.value_or(0));
-    case 's':
-      return static_cast<double>(load.listener.stalled.value_or(0));
-    case 'w':
-      return load.listener.waiting.value_or(0);
-    default:
-      return 0;
-  }
-}
-
-void sortBy(char key, std::vector<Load>& loads) {
-  std::stable_sort(loads.begin(), loads.end(),
-                   [key](const Load& a, const Load& b) { return weight(a, key) > weight(b, key); });
-}
-
-template <class T>
-std::string orDash(const std::optional<T>& value) {
-  return value ? bytesText(*value) : "-";
-}
-
-Row rowOf(const Load& load) {
-  const bool known = load.process.pid != 0;
-  std::array<char, 32> cpu{};
-  std::snprintf(cpu.data(), cpu.size(), "%.1f", load.cpuPercent);
-  return {cell(load.listener.name),
-          known ? cpu.data() : "-",
-          known ? bytesText(load.process.memory) : "-",
-          std::to_string(load.listener.connections),
-          orDash(load.listener.unread),
-          orDash(load.listener.stalled),
-          orDash(load.listener.waiting) + "/" + orDash(load.listener.backlog),
-          known ? std::to_string(load.process.pid) : "-",
-          load.listener.uid ? cell(userName(*load.listener.uid)) : "-",
-          known ? stateText(load.process.state) : "-",
-          known ? cell(load.process.name) : "-"};
-}
-
-const Row kHeading{"NAME",    "CPU%", "MEMORY", "CONNS", "UNREAD", "STALLED",
-                   "WAITING", "PID",  "USER",   "STATE", "PROCESS"};
-
-Tovik::Message objectOf(const Load& load) {
-  Tovik::Message object(rapidjson::kObjectType);
-  addNameTo(object, load.listener.name);
-  if (load.process.pid != 0) {
-    addMember(object, "pid", load.process.pid);
-    addString(object, "process", load.process.name);
-    addString(object, "state", stateText(load.process.state));
-    addMember(object, "cpu_percent", load.cpuPercent);
-    addMember(object, "memory_bytes", load.process.memory);
-  }
-  addMember(object, "connections", static_cast<std::uint64_t>(load.listener.connections));
-  if (load.listener.unread) {
-    addMember(object, "unread_bytes", *load.listener.unread);
-    addMember(object, "stalled", static_cast<std::uint64_t>(*load.listener.stalled));
-    addMember(object, "waiting", *load.listener.waiting);
-    addMember(object, "backlog", *load.listener.backlog);
-  }
-  return object;
+void sortBy(const Column& column, std::vector<Server>& servers) {
+  std::stable_sort(servers.begin(), servers.end(), [&](const Server& a, const Server& b) {
+    return column.weight(a) > column.weight(b);
+  });
 }
 
 /// The terminal while it shows screens instead of lines: keys come at once and unseen, and what was
@@ -207,22 +156,6 @@ class Screen {
   termios before_{};
 };
 
-/// Calls a function whenever a descriptor is readable.
-class Readable : private Kelvo::Platform::FdEventHandler {
- public:
-  Readable(int fd, std::function<void()> ready)
-      : ready_(std::move(ready)), control_(Kelvo::Platform::getFdControl(this)) {
-    control_->attach(fd);
-  }
-  ~Readable() override { control_->detach(); }
-
- private:
-  void readFdEvent(int /*fd*/) override { ready_(); }
-
-  const std::function<void()> ready_;
-  Kelvo::Ptr<Kelvo::Platform::FdControl> control_;
-};
-
 int resizes() {
   sigset_t set;
   sigemptyset(&set);
@@ -233,22 +166,23 @@ int resizes() {
 
 class Top {
  public:
-  explicit Top(const Common& common) : output_(common), resizes_(resizes()) {
-    resized_.emplace(resizes_, [this] { redraw(); });
-    keys_.emplace(STDIN_FILENO, [this] { readKeys(); });
-    lookAgain_.arm(0);
-  }
+  explicit Top(const Common& common) : output_(common) { look_.arm(0); }
   Top(const Top&) = delete;
   Top& operator=(const Top&) = delete;
-  ~Top() { ::close(resizes_); }
+  ~Top() {
+    resized_.detach();
+    ::close(resizes_);
+  }
 
-  void run() { run_.untilFinished(); }
+  void run() {
+    run_.until([this] { return done_; });
+  }
 
  private:
   void look() {
-    loads_ = looks_.look();
+    servers_ = looks_.look();
     draw();
-    lookAgain_.arm(kPause);
+    look_.arm(kPause);
   }
 
   void redraw() {
@@ -260,50 +194,46 @@ class Top {
   void readKeys() {
     std::array<char, 64> keys{};
     const auto length = ::read(STDIN_FILENO, keys.data(), keys.size());
-    if (length <= 0) {
-      return run_.finish();
-    }
-    const std::string_view pressed(keys.data(), static_cast<std::size_t>(length));
+    done_ = done_ || length <= 0;
+    const std::string_view pressed(keys.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
     if (pressed == "\x1b[A" || pressed == "\x1bOA") {
       take('k');
     } else if (pressed == "\x1b[B" || pressed == "\x1bOB") {
       take('j');
-    } else if (pressed.size() == 1 || pressed.front() != '\x1b') {  // no other escape sequences
+    } else if (pressed.size() == 1 || pressed.substr(0, 1) != "\x1b") {  // no other sequences
       std::for_each(pressed.begin(), pressed.end(), [this](char key) { take(key); });
     }
     draw();
   }
 
   void take(char key) {
-    if (typing_) {
-      return type(key);
-    }
-    if (key == 'q') {
-      run_.finish();
+    const bool enter = key == '\n' || key == '\r';
+    if (key == '\x1b') {
+      typing_ = false;
+      inside_ = 0;
+      filter_.clear();
+    } else if (typing_) {
+      type(key, enter);
+    } else if (enter) {
+      inside_ = inside_ == 0 ? selected() : 0;
     } else if (key == '/') {
       typing_ = true;
       filter_.clear();
     } else if (key == 'j') {
       ++at_;
-    } else if (key == 'k' && at_ > 0) {
-      --at_;
-    } else if (key == '\n' || key == '\r') {
-      inside_ = inside_ == 0 ? selected() : 0;
-    } else if (key == '\x1b') {
-      inside_ = 0;
-      filter_.clear();
-    } else if (std::any_of(std::begin(kColumns), std::end(kColumns),
-                           [key](const Column& column) { return column.key == key; })) {
-      sortKey_ = key;
+    } else if (key == 'k') {
+      at_ -= at_ > 0 ? 1 : 0;
+    } else if (key == 'q') {
+      done_ = true;
+    }
+    for (const Column& column : kColumns) {
+      sort_ = !typing_ && column.key == key ? &column : sort_;
     }
   }
 
-  void type(char key) {
-    if (key == '\n' || key == '\r') {
+  void type(char key, bool enter) {
+    if (enter) {
       typing_ = false;
-    } else if (key == '\x1b') {
-      typing_ = false;
-      filter_.clear();
     } else if (key == '\x7f' || key == '\b') {
       filter_.resize(filter_.empty() ? 0 : filter_.size() - 1);
     } else {
@@ -311,48 +241,51 @@ class Top {
     }
   }
 
-  std::vector<Load> shown() const {
-    std::vector<Load> loads;
-    for (const Load& load : loads_) {
-      if (load.listener.name.find(filter_) != std::string::npos) {
-        loads.push_back(load);
-      }
-    }
-    sortBy(sortKey_, loads);
-    return loads;
+  std::vector<Server> shown() const {
+    std::vector<Server> servers;
+    std::copy_if(servers_.begin(), servers_.end(), std::back_inserter(servers),
+                 [this](const Server& server) {
+                   return server.listener.name.find(filter_) != std::string::npos;
+                 });
+    sortBy(*sort_, servers);
+    return servers;
   }
 
   Inode selected() const {
-    const auto loads = shown();
-    return loads.empty() ? 0 : loads[std::min(at_, loads.size() - 1)].listener.inode;
+    const auto servers = shown();
+    return servers.empty() ? 0 : servers[std::min(at_, servers.size() - 1)].listener.inode;
   }
 
   void draw() {
-    const auto loads = shown();
-    std::vector<Row> rows{inside_ == 0 ? heading() : kPeerHeading};
-    std::string title = counted(loads.size(), "server");
-    for (const Load& load : loads) {
-      if (inside_ == 0) {
-        rows.push_back(rowOf(load));
-      } else if (load.listener.inode == inside_) {
-        title = escaped(load.listener.name) + ": " + counted(load.listener.connections, "client");
-      }
-    }
+    std::vector<Entry> entries;
+    std::string title;
     if (inside_ != 0) {
-      const auto peers = looks_.peersOf(inside_);
-      rows.insert(rows.end(), peers.begin(), peers.end());
-      for (Row& row : rows) {
-        row.erase(row.begin());  // the server, which is in the title
+      entries = looks_.peersOf(inside_);
+      title = looks_.nameOf(inside_) + ": " + counted(entries.size(), "client");
+    } else {
+      for (const Server& server : shown()) {
+        entries.push_back(entryOf(server, false, true));
       }
+      title = counted(entries.size(), "server");
+    }
+    std::vector<Row> rows{heading()};
+    for (const Entry& entry : entries) {
+      rows.push_back(entry.row());
+    }
+    for (Row& row : rows) {
+      row.erase(row.begin(), row.begin() + (inside_ != 0 ? 1 : 0));  // the title has the server
     }
     paint(title, aligned(rows));
   }
 
   /// A star marks what is sorted by.
   Row heading() const {
-    Row row = kHeading;
-    for (std::size_t i = 0; i < std::size(kColumns); ++i) {
-      row[i] += kColumns[i].key == sortKey_ ? "*" : "";
+    if (inside_ != 0) {
+      return entryOf(Connection(), Process(), false).heading();
+    }
+    Row row = entryOf(Server(), false, true).heading();
+    for (std::string& name : row) {
+      name += name == sort_->name ? "*" : "";
     }
     return row;
   }
@@ -393,38 +326,31 @@ class Top {
 
   Output output_;
   Run run_{Ending::kIsSuccess};
-  const int resizes_;
   Looks looks_;
-  std::vector<Load> loads_;
+  std::vector<Server> servers_;
   std::size_t at_ = 0;
   Inode inside_ = 0;  // the server whose peers are shown
-  char sortKey_ = 'c';
+  const Column* sort_ = &kColumns[0];
   bool typing_ = false;
+  bool done_ = false;
   std::string filter_;
   Screen screen_;
-  std::optional<Readable> resized_;
-  std::optional<Readable> keys_;
-  Alarm lookAgain_{[this] { look(); }};
+  const int resizes_ = resizes();
+  Watch resized_{resizes_, [this] { redraw(); }};
+  Watch keys_{STDIN_FILENO, [this] { readKeys(); }};
+  Alarm look_{[this] { look(); }};
 };
 
-void once(const Common& common) {
-  Output output(common);
-  auto loads = Looks().look();
-  sortBy('c', loads);
-  std::vector<Row> rows;
-  for (const Load& load : loads) {
-    if (output.json()) {
-      output.message(objectOf(load));
-    } else {
-      rows.push_back(rowOf(load));
-    }
-  }
-  printTable(kHeading, rows, output);
-}
-
 void top(const TopOptions& options, const Common& common) {
-  if (options.once || Output(common).json()) {
-    return once(common);
+  Output output(common);
+  if (options.once || output.json()) {
+    auto servers = Looks().look();
+    sortBy(kColumns[0], servers);
+    std::vector<Entry> entries;
+    for (const Server& server : servers) {
+      entries.push_back(entryOf(server, output.json(), true));
+    }
+    return print(entries, output);
   }
   if (::isatty(STDIN_FILENO) == 0 || ::isatty(STDOUT_FILENO) == 0) {
     throw Failure(Exit::kUsage, "top needs a terminal; --once prints one table, --json objects.");
@@ -434,19 +360,17 @@ void top(const TopOptions& options, const Common& common) {
 
 }  // namespace
 
-void addTop(CLI::App& program, const Common& common) {
-  const auto options = std::make_shared<TopOptions>();
-  const auto run = [options, &common] { top(*options, common); };
-  CLI::App& verb = addVerb(
-      program, "top", "shows live what servers do",
+void addTop(Program& program) {
+  auto [verb, options] = program.verb<TopOptions>(
+      "top", "shows live what servers do",
       "A line for each server: the processor time and memory of its process, connections, the "
       "bytes that nobody has read yet, connections in which one side cannot write on, clients "
       "waiting of how many that may wait, process, user and state. It looks once a second. Keys "
       "sort, filter (/), show the peers of the selected server (Enter) and quit (q). The kernel "
       "counts bytes, not messages. With --once or --json it prints one table, whose processor time "
       "is the average over the life of the process.",
-      run);
-  addFlag(verb, "--once", options->once, "print one table and end");
+      top);
+  verb.flag("--once", options.once, "print one table and end");
 }
 
 }  // namespace tool

@@ -3,22 +3,19 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <clocale>
 #include <csignal>
 #include <exception>
+#include <string>
+#include <string_view>
 
 #include "Kelvo/Exception.h"
-#include "Kelvo/Platform/Debug.h"
-#include "tool/Help.h"
-#include "tool/Options.h"
 #include "tool/Output.h"
 #include "tool/Report.h"
 #include "tool/Run.h"
+#include "tool/Verb.h"
 
 namespace {
-
-using tool::Common;
 
 /// A closed standard stream's number must not come back as a socket's: what is printed would go
 /// there.
@@ -30,58 +27,15 @@ void openStandardStreams() {
   }
 }
 
-void addCommonOptions(CLI::App& program, Common& common) {
-  program.set_help_flag("-h,--help", "explain the verb");
-  program.set_version_flag("-V,--version", "tovik " TOVIK_VERSION, "print the version");
-  tool::addSeconds(program, "-t,--timeout", common.timeout,
-                   "time limit, 0 for ever; see each verb");
-  tool::addChoice(program, "--json", common.json, "short|pretty",
-                  "print JSON, on one line or indented");
-  tool::addFlag(program, "-j", common.jsonByTerminal,
-                "print JSON: pretty on a terminal, short in a pipe");
-  tool::addFlag(program, "-q,--quiet", common.quiet,
-                "print no results and no notices, only errors");
-  tool::addFlag(program, "-v,--verbose", common.verbose,
-                "show the library's debug channel; -vv, -vvv, -vvvv show more levels");
-  tool::addNumber(program, "--server-uid", common.serverUid, "UID", 0, tool::kUint32,
-                  "talk only to a server of this user");
-  tool::addChoice(program, "--color", common.color, "auto|always|never",
-                  "colour in JSON and bars; auto: on a terminal unless NO_COLOR is set");
-}
-
-void addVerbs(CLI::App& program, const Common& common) {
-  for (const auto add :
-       {tool::addList, tool::addPeers, tool::addTop, tool::addWait, tool::addCall, tool::addSend,
-        tool::addDescribe, tool::addMonitor, tool::addServe, tool::addRelay, tool::addReplay,
-        tool::addCheck, tool::addBench, tool::addCompletion, tool::addHelp}) {
-    add(program, common);
+void runCommand(int argc, char** argv) {
+  tool::Program program;
+  if (argc > 1 && argv[1] == std::string_view("complete")) {  // asked by the shells' scripts
+    for (const std::string& line : completions(program, {argv + 2, argv + argc})) {
+      tool::Output(tool::Common()).line(line);
+    }
+    return;
   }
-}
-
-/// The options that every verb takes are read before any verb runs.
-void applyCommonOptions(const Common& common) {
-  tool::setQuiet(common.quiet);
-  Kelvo::Platform::setDebugLevels("Tovik", (1U << std::min(common.verbose, 4)) - 1U);
-}
-
-tool::Exit runCommand(int argc, char** argv) {
-  Common common;
-  CLI::App program("Talks to the message servers of this machine.", "tovik");
-  program.formatter(std::make_shared<tool::Help>());
-  program.require_subcommand(1);
-  addCommonOptions(program, common);
-  addVerbs(program, common);
-  program.parse_complete_callback([&common] { applyCommonOptions(common); });
-  try {
-    program.parse(tool::guarded(argc, argv));
-  } catch (const CLI::CallForHelp&) {
-    tool::Output(common).text(program.help());
-  } catch (const CLI::CallForVersion&) {
-    tool::Output(common).line(program.version());
-  } catch (const CLI::ParseError& error) {
-    throw tool::usageFailure(program, error);
-  }
-  return tool::Exit::kSuccess;
+  program.run(argc, argv);
 }
 
 }  // namespace
@@ -91,7 +45,8 @@ int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
   std::setlocale(LC_CTYPE, "C.UTF-8");  // for the width of characters
   try {
-    return static_cast<int>(runCommand(argc, argv));
+    runCommand(argc, argv);
+    return static_cast<int>(tool::Exit::kSuccess);
   } catch (const tool::Failure& failure) {
     tool::report(failure.what());
     return static_cast<int>(failure.status());

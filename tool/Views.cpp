@@ -1,0 +1,179 @@
+#include "tool/Views.h"
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <utility>
+
+#include "tool/Report.h"
+
+namespace tool {
+
+namespace {
+
+template <class T>
+std::optional<T> when(bool known, T value) {
+  return known ? std::optional<T>(std::move(value)) : std::nullopt;
+}
+
+/// For the letter that /proc has.
+std::string stateText(char state) {
+  switch (state) {
+    case 'R':
+      return "running";
+    case 'S':
+      return "sleeping";
+    case 'D':
+      return "waiting";
+    case 'T':
+      return "stopped";
+    case 't':
+      return "traced";
+    case 'Z':
+      return "zombie";
+    default:
+      return {state};
+  }
+}
+
+/// "5s", "3m", "2h", "9d".
+std::string ageText(double seconds) {
+  const auto whole = static_cast<std::uint64_t>(std::max(seconds, 0.0));
+  return whole < 120         ? std::to_string(whole) + "s"
+         : whole < 120 * 60  ? std::to_string(whole / 60) + "m"
+         : whole < 48 * 3600 ? std::to_string(whole / 3600) + "h"
+                             : std::to_string(whole / 86400) + "d";
+}
+
+/// "512", "1.5K", "30M".
+std::string bytesText(std::uint64_t bytes) {
+  static const char units[] = "KMGTPE";
+  auto value = static_cast<double>(bytes);
+  int unit = -1;
+  for (; value >= 1000 && unit < 5; ++unit) {
+    value /= 1024;
+  }
+  std::array<char, 32> text{};
+  std::snprintf(text.data(), text.size(), unit >= 0 && value < 10 ? "%.1f" : "%.0f", value);
+  return text.data() + (unit < 0 ? std::string() : std::string(1, units[unit]));
+}
+
+void addProcess(Entry& entry, const Server& server) {
+  const Process& process = server.process;
+  const auto& uid = server.listener.uid;
+  const bool known = process.pid != 0;
+  entry.number("PID", "pid", when(known, process.pid))
+      .number(nullptr, "uid", uid)
+      .text("USER", "user", when(uid.has_value(), uid ? userName(*uid) : ""))
+      .text("PROCESS", "process", when(known, process.name));
+}
+
+void addLoad(Entry& entry, const Listener& listener, bool live) {
+  const auto waiting = [](const auto& number) { return number ? std::to_string(*number) : "-"; };
+  const auto& unread = listener.unread;
+  entry.number(live ? "CONNS" : "CONNECTIONS", "connections", when(true, listener.connections))
+      .text("WAITING", nullptr, waiting(listener.waiting) + "/" + waiting(listener.backlog))
+      .number(nullptr, "waiting", listener.waiting)
+      .number(nullptr, "backlog", listener.backlog)
+      .add("UNREAD", "unread_bytes", unread,
+           live ? bytesText(unread.value_or(0)) : std::to_string(unread.value_or(0)))
+      .number("STALLED", "stalled", listener.stalled);
+}
+
+std::string troubleOf(const Connection& connection, const Process& process) {
+  std::string text = !connection.accepted      ? "waiting"
+                     : connection.clientStalls ? "stalled"
+                     : connection.serverStalls ? "server-stalls"
+                                               : "";
+  if (process.state == 'T' || process.state == 't' || process.state == 'Z') {
+    text += (text.empty() ? "" : ",") + stateText(process.state);
+  }
+  return text.empty() ? "-" : text;
+}
+
+}  // namespace
+
+Entry entryOf(const Server& server, bool asJson, bool live, bool withPadding) {
+  const bool known = server.process.pid != 0;
+  Entry entry(asJson);
+  entry.name("NAME", server.listener.name);
+  if (live) {
+    std::array<char, 32> percent{};
+    std::snprintf(percent.data(), percent.size(), "%.1f", server.cpuPercent);
+    entry.add("CPU%", "cpu_percent", when(known, server.cpuPercent), percent.data());
+    entry.add("MEMORY", "memory_bytes", when(known, server.process.memory),
+              bytesText(server.process.memory));
+    addLoad(entry, server.listener, live);
+    addProcess(entry, server);
+  } else {
+    addProcess(entry, server);
+    addLoad(entry, server.listener, live);
+  }
+  entry.text("STATE", "state", when(known, stateText(server.process.state)));
+  if (withPadding) {
+    const bool padded = server.listener.padded;
+    entry.add("PADDED", "padded", when(true, padded), padded ? "yes" : "no");
+  }
+  return entry;
+}
+
+Entry entryOf(const Connection& connection, const Process& process, bool asJson) {
+  const bool known = process.pid != 0;
+  return Entry(asJson)
+      .name("SERVER", connection.name)
+      .number("PID", "pid", when(known, process.pid))
+      .number(nullptr, "uid", when(true, connection.uid))
+      .text("USER", "user", userName(connection.uid))
+      .text("PROCESS", "process", when(known, process.name))
+      .text(nullptr, "process_state", when(known, stateText(process.state)))
+      .add("AGE", "process_age_seconds", when(known, process.ageSeconds),
+           ageText(process.ageSeconds))
+      .number("TO-SERVER", "unread_by_server_bytes", when(true, connection.unreadByServer))
+      .number("TO-CLIENT", "unread_by_client_bytes", when(true, connection.unreadByClient))
+      .add(nullptr, "accepted", when(true, connection.accepted), "")
+      .add(nullptr, "server_stalls", when(true, connection.serverStalls), "")
+      .add(nullptr, "client_stalls", when(true, connection.clientStalls), "")
+      .text("STATE", nullptr, troubleOf(connection, process));
+}
+
+std::vector<std::string> aligned(const std::vector<Row>& rows) {
+  std::vector<std::size_t> widths;
+  for (const Row& row : rows) {
+    widths.resize(std::max(widths.size(), row.size()));
+    for (std::size_t i = 0; i < row.size(); ++i) {
+      widths[i] = std::max(widths[i], displayWidth(row[i]));
+    }
+  }
+  std::vector<std::string> lines;
+  for (const Row& row : rows) {
+    std::string& line = lines.emplace_back();
+    for (std::size_t i = 0; i < row.size(); ++i) {
+      line += row[i];
+      if (i + 1 < row.size()) {
+        line.append(widths[i] - displayWidth(row[i]) + 2, ' ');
+      }
+    }
+  }
+  return lines;
+}
+
+void print(const std::vector<Entry>& entries, Output& output) {
+  const bool headed = output.terminal() && !entries.empty();
+  std::vector<Row> rows(headed ? 1 : 0, entries.empty() ? Row() : entries.front().heading());
+  for (const Entry& entry : entries) {
+    if (output.json()) {
+      output.message(entry.json());
+    } else {
+      rows.push_back(entry.row());
+    }
+  }
+  std::string text;
+  for (const std::string& line : output.json() ? std::vector<std::string>() : aligned(rows)) {
+    text += (headed && text.empty() ? painted(line, "1", output.colour()) : line) + "\n";
+  }
+  output.text(text);
+}
+
+}  // namespace tool
