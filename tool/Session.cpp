@@ -51,7 +51,7 @@ void Session::connect() {
     lossError_ = EPIPE;  // of a write, unless a read sees the end first
     setFd(fd);
     checkServer();
-    flushQueue();  // before `connected`, whose own records would miss their `written`
+    flushQueue();  // what was sent before there was a connection goes first
     return isAttached() ? connected() : void();
   }
   const int error = errno;
