@@ -79,6 +79,7 @@ class Owners {
 template <class T>
 std::vector<Inode> inodesOf(const std::vector<T>& all, Inode T::*socket) {
   std::vector<Inode> inodes;
+  inodes.reserve(all.size());
   for (const T& each : all) {
     inodes.push_back(each.*socket);
   }

@@ -1394,9 +1394,8 @@ class Peers(Case):
             after = os.times()
             return after.children_user + after.children_system \
                 - before.children_user - before.children_system
-        # 50 ms; twice that here, where other tests share the processor's caches.
-        sanitized = any(key.endswith("SAN_OPTIONS") for key in support.ENV)
-        self.assertLess(min(processor_time() for _ in range(5)), 5 if sanitized else 0.1)
+        # 50 ms in a release build; here for builds without optimisation on busy machines, too.
+        self.assertLess(min(processor_time() for _ in range(5)), 0.5)
 
 
 class Top(Case):
