@@ -178,9 +178,8 @@ void addCall(Program& program) {
       "call", "sends messages and waits for each reply",
       "Sends one message, or those of standard input, each from the beginning of a line; waits for "
       "the reply before the next, and prints its result, or its status if it has none. What must "
-      "not be sent ends the command there; a file as standard input is looked through before "
-      "anything is "
-      "sent. The time-out, 5 seconds, is for each reply.",
+      "not be sent ends the command; if standard input is a file, all of it is checked before "
+      "anything is sent. The time-out, 5 seconds, is for each reply.",
       call);
   verb.argument(kName, Needed::kYes, name(options.name))
       .argument("JSON", Needed::kNo, text(options.text))

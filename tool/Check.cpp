@@ -132,9 +132,10 @@ void check(const CheckOptions& options, const Common& common) {
 void addCheck(Program& program) {
   auto [verb, options] = program.verb<CheckOptions>(
       "check", "lints messages, one a line",
-      "Says of each line of the file whether it is JSON, an object, short enough for a record, a "
-      "notification switch or a reply, and whether it would end a process that receives it. What "
-      "begins like JSON is no file but the message itself; without either, standard input is read.",
+      "Checks each line of the file: is it JSON, an object, short enough for a record, a "
+      "notification switch or a reply, and would it end a process that receives it? An argument "
+      "that begins like JSON is the message itself, not a file. Without an argument, standard "
+      "input is read.",
       check);
   verb.argument(kFile, Needed::kNo, text(options.what))
       .flag("--reply", options.reply, "judge the lines as answers to a call");

@@ -39,7 +39,7 @@ void judgeForServer(Lint& lint) {
     return;
   }
   if (!command->IsString()) {
-    lint.endsServer = R"("command" stands beside "notification" and is no string)";
+    lint.endsServer = R"(its "command", next to a "notification", is not a string)";
   } else if (is(*command, "set")) {
     lint.notification = notification->IsTrue()    ? Switch::kOn
                         : notification->IsFalse() ? Switch::kOff
@@ -57,7 +57,7 @@ void judgeForClient(Lint& lint) {
   } else if (!status.IsUint()) {
     lint.noReply = "it has no \"status\" from 0 to 2147483647";
   } else if (!type.IsString()) {
-    lint.endsClient = R"("type" stands beside a "status" and is no string)";
+    lint.endsClient = R"(its "type", next to a "status", is not a string)";
   } else if (!is(type, "reply")) {
     lint.noReply = R"(its "type" is not "reply")";
   } else if (status.GetUint() > 2147483647U) {

@@ -22,7 +22,7 @@ struct Listener {
   std::optional<unsigned> waiting;      // clients that are not accepted yet
   std::optional<unsigned> backlog;      // how many may wait
   std::optional<std::uint64_t> unread;  // bytes, in both directions of all connections
-  std::optional<std::size_t> stalled;   // connections in which one side cannot write on
+  std::optional<std::size_t> stalled;   // connections whose buffer is full
 };
 
 /// A client's connection to a listener.

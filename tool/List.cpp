@@ -103,17 +103,16 @@ void addList(Program& program) {
   auto [verb, options] = program.verb<ListOptions>(
       "list", "names the servers that listen on this machine",
       "The names come straight from the kernel's table of sockets: there is no registry and no "
-      "daemon to ask. One name a line, sorted; bytes that do not print are shown in the notation "
-      "of a shell's $'...'. With --server-uid, only that user's servers. On a terminal, --long has "
-      "headings.",
+      "daemon to ask. One name a line, sorted; unprintable bytes are escaped as in a shell's "
+      "$'...'. With --server-uid, only that user's servers. On a terminal, --long has headings.",
       list);
   verb.flag("-l,--long", options.longForm,
-            "process, user, connections, clients waiting of how many that may wait, bytes that "
-            "nobody has read yet, connections in which one side cannot write on, and the process's "
-            "state")
+            "process, user, connections, clients that wait in the backlog and its size, bytes that "
+            "nobody has read yet, connections whose buffer is full, and the process's state")
       .flag("--all", options.all,
-            "also sequenced-packet servers whose names are not padded to the whole path")
-      .flag("--watch", options.watch, "go on, and tell of each server that comes (+) or goes (-)");
+            "also sequenced-packet servers whose addresses are not padded to their full length")
+      .flag("--watch", options.watch,
+            "keep running, and print each server that comes (+) or goes (-)");
 }
 
 }  // namespace tool

@@ -243,9 +243,10 @@ void monitor(const MonitorOptions& options, const Common& common) {
 void addMonitor(Program& program) {
   auto [verb, options] = program.verb<MonitorOptions>(
       "monitor", "subscribes and prints what comes",
-      "Subscribes and prints each message, one a line; of several servers, with the name. After a "
-      "loss it reconnects by itself, every second, and says so on standard error; what was sent "
-      "in between is lost. There is no time-out unless one is given, for the whole run.",
+      "Subscribes and prints each message, one a line, with the server's name if there are "
+      "several. After a loss it reconnects by itself, every second, and says so on standard error; "
+      "what was sent in between is lost. There is no time-out unless one is given, for the whole "
+      "run.",
       monitor);
   verb.alias("subscribe")
       .argument("NAME...", Needed::kYes, name(options.names))

@@ -31,7 +31,7 @@ int writeSome(std::string_view& text) {
     text.remove_prefix(static_cast<std::size_t>(written));
     return 0;
   }
-  if (errno == EAGAIN) {  // whoever shares the terminal may have made it non-blocking
+  if (errno == EAGAIN) {  // another process on the terminal may have made it non-blocking
     pollfd writable{STDOUT_FILENO, POLLOUT, 0};
     ::poll(&writable, 1, -1);
     return 0;

@@ -57,12 +57,12 @@ void peers(const std::vector<std::string>& names, const Common& common) {
 void addPeers(Program& program) {
   auto [verb, names] = program.verb<std::vector<std::string>>(
       "peers", "shows who is connected to servers",
-      "A line for each connection: the client's process, user and age of the process, the bytes "
-      "that the server and the client have not read yet, and what is wrong: 'waiting' has not "
-      "been accepted; of 'stalled' clients the server can write no more, of 'server-stalls' the "
-      "client; and a process that is stopped or a zombie. It comes from the kernel alone: neither "
-      "side notices. Without a name, all servers' connections. Processes of others show for root "
-      "only.",
+      "A line for each connection: the client's process, its user and age, the bytes that the "
+      "server and the client have not read yet, and what is wrong: 'waiting' is not accepted yet, "
+      "'stalled' does not read, so that the server cannot write, 'server-stalls' is the reverse; "
+      "and a process that is stopped or a zombie. All of it comes from the kernel: neither side "
+      "notices. Without a name, the connections of all servers. Only root sees the processes of "
+      "other users.",
       peers);
   verb.argument("NAME...", Needed::kNo, name(names));
 }

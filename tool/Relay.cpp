@@ -254,8 +254,8 @@ void addRelay(Program& program) {
       "relay", "stands between clients and a server and shows both directions",
       "Listens under NAME, connects to UPSTREAM for each client, and passes every record on, byte "
       "for byte. Admits its own user and root. The server sees the relay's credentials, not the "
-      "clients'. The time-out, 5 seconds, is for the connection, and for the other side to read "
-      "on after one has left.",
+      "clients'. The time-out, 5 seconds, is for connecting, and for one side to read what is left "
+      "after the other has closed.",
       relay);
   verb.argument(kName, Needed::kYes, name(options.name))
       .argument("UPSTREAM", Needed::kYes, name(options.upstream))
@@ -263,7 +263,7 @@ void addRelay(Program& program) {
               "append every record to FILE, as JSON lines: time, direction, connection, pid, uid, "
               "text; 'tovik replay' plays them")
       .flag("--refuse-unsafe", options.refuseUnsafe,
-            "do not pass on what would end the receiving process, or what no record carries whole")
+            "do not pass on what would end the receiving process or does not fit into a record")
       .flag("--timestamps", options.timestamps, "the time of arrival before each record");
 }
 

@@ -200,8 +200,8 @@ void addReplay(Program& program) {
   auto [verb, options] = program.verb<ReplayOptions>(
       "replay", "plays the clients' side of a recording",
       "Sends what the clients of a recorded 'tovik relay' sent, over as many connections, and "
-      "waits for each recorded reply; one with another status than recorded counts as not "
-      "allowed. FILE may be - for standard input. The time-out, 5 seconds, is for each reply.",
+      "waits for each recorded reply; a reply with another status than the recorded one counts as "
+      "not allowed. FILE may be - for standard input. The time-out, 5 seconds, is for each reply.",
       replay);
   verb.argument(kName, Needed::kYes, name(options.name))
       .argument(kFile, Needed::kYes, text(options.file))

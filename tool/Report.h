@@ -80,7 +80,7 @@ std::string secondsText(double value);
 /// How many columns of a terminal the text takes.
 std::size_t displayWidth(std::string_view text);
 
-/// The beginning of the text that fits into so many columns.
+/// The beginning of the text, as much as fits into the columns.
 std::string fitting(std::string_view text, std::size_t columns);
 
 /// The terminal's width, of standard output or standard error; 80 without one.

@@ -80,11 +80,11 @@ void sendAll(const SendOptions& options, const Common& common) {
 }  // namespace
 
 void addSend(Program& program) {
-  auto [verb, options] = program.verb<SendOptions>(
-      "send", "sends messages without waiting for replies",
-      "Ends when the server has read all of them. The time-out, 5 seconds, is for the server to "
-      "take the next one.",
-      sendAll);
+  auto [verb, options] =
+      program.verb<SendOptions>("send", "sends messages without waiting for replies",
+                                "Ends when the server has read all of them. The time-out, 5 "
+                                "seconds, is for the server to take each message.",
+                                sendAll);
   verb.argument(kName, Needed::kYes, name(options.name))
       .argument("JSON", Needed::kNo, text(options.text))
       .option("--count", "N", number(options.count, 1, UINT64_MAX),

@@ -34,7 +34,7 @@ struct ServeOptions {
   bool timestamps = false;
 };
 
-/// The process behind a connection. The library keeps the descriptor for subclasses.
+/// The process at the other end of a connection. The library keeps the descriptor for subclasses.
 class Peer : public Tovik::Connection {
  public:
   static ucred of(const Tovik::Connection& client) {
@@ -216,9 +216,8 @@ void serve(const ServeOptions& options, const Common& common) {
 void addServe(Program& program) {
   auto [verb, options] = program.verb<ServeOptions>(
       "serve", "a stand-in server to test clients against",
-      "Prints each message and answers it. It is a real server, with what that means: valid JSON "
-      "of the wrong shape ends its process, as it would end any server's. Admits its own user and "
-      "root unless told otherwise.",
+      "Prints each message and answers it. It is a real server: valid JSON of the wrong shape ends "
+      "its process, as it ends any server's. Admits its own user and root unless told otherwise.",
       serve);
   verb.argument(kName, Needed::kYes, name(options.name))
       .option("--status", "N", number(options.status, 0, kUint32),
@@ -227,8 +226,8 @@ void addServe(Program& program) {
       .option("--describe", kFile, text(options.describe),
               "answer 'tovik describe' with the JSON in this file")
       .option("--exec", "CMD", text(options.exec),
-              "run CMD in a shell for each message, which is its standard input; its exit status "
-              "is the answer's")
+              "run CMD in a shell for each message, with the message as standard input, and answer "
+              "with its exit status")
       .option("--notify", kFile, text(options.notify),
               "broadcast each line of the file, or of standard input for -")
       .option("--allow-uid", "UID", number(options.admitted.uids, 0, kUint32),

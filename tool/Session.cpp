@@ -68,7 +68,7 @@ void Session::connect() {
   notConnected(error);
 }
 
-/// The kernel names the process that listens, to the client too: whoever has taken the name of
+/// The kernel names the process that listens, to the client too: the one that has taken the name of
 /// somebody else's server is found out.
 void Session::checkServer() {
   ucred server{};

@@ -364,11 +364,11 @@ void addTop(Program& program) {
   auto [verb, options] = program.verb<TopOptions>(
       "top", "shows live what servers do",
       "A line for each server: the processor time and memory of its process, connections, the "
-      "bytes that nobody has read yet, connections in which one side cannot write on, clients "
-      "waiting of how many that may wait, process, user and state. It looks once a second. Keys "
-      "sort, filter (/), show the peers of the selected server (Enter) and quit (q). The kernel "
-      "counts bytes, not messages. With --once or --json it prints one table, whose processor time "
-      "is the average over the life of the process.",
+      "bytes that nobody has read yet, connections whose buffer is full, clients that wait in the "
+      "backlog and its size, process, user and state. It looks once a second. Keys sort, filter "
+      "(/), show the peers of the selected server (Enter) and quit (q). The kernel counts bytes, "
+      "not messages. With --once or --json it prints one table, whose processor time is the "
+      "average over the life of the process.",
       top);
   verb.flag("--once", options.once, "print one table and end");
 }
