@@ -56,8 +56,15 @@ async def serve(name):
 
     @service.command("publish", "", topic=tovik.Argument(str, ""), value=integer)
     def publish(request):
+        if request["topic"] not in ("plain", "state"):
+            raise tovik.Refusal(22, "no such topic")
         service.publish(request["topic"], {"value": request["value"]})
 
+    @service.command("babble", "")
+    def babble(request):
+        raise tovik.Refusal(1002, "x" * 5000)
+
+    service.command("long", "")(lambda request: "x" * 5000)
     service.command("switch", "", on=tovik.Argument(bool, ""))(lambda request: None)
     service.command("echo", "", value=anything)(lambda request: request["value"])
     service.topic("plain", "")

@@ -82,8 +82,9 @@ class Imported(support.Case):
     def test_is_followed_with_a_snapshot(self):
         self.call({"command": "switch", "on": True})
         tovik.call(self.lamp.name, {"command": "switch", "on": False}, support.DEADLINE)
-        first = self.follow("state", 1)[-1]
-        self.assertEqual(first, {"type": "event", "topic": "state", "on": False, "snapshot": True})
+        support.wait_until(lambda: self.statistics()["events"] == 2)
+        self.assertEqual(self.follow("state", 1), [
+            {"type": "event", "topic": "state", "on": False, "snapshot": True}])
 
     def test_opens_with_the_values_that_there_are(self):
         self.call({"command": "switch", "on": True})
