@@ -32,8 +32,8 @@ EXPLAINED = ROOT / "tests/mutation/explained"
 # The programs that look at each library, and those that are compiled again for a header's sake.
 KELVO = ["kelvo_callback_test", "kelvo_event_loop_test", "kelvo_loop_test", "kelvo_debug_test",
          "kelvo_timer_test", "kelvo_fork_test", "kelvo_string_test",
-         "kelvo_ptr_test", "kelvo_refused_page_test", "kelvo_post_test", "kelvo_channel_memory_test", "thread_key_test",
-         "log_date_test", "registration_test"]
+         "kelvo_ptr_test", "kelvo_refused_page_test", "kelvo_post_test",
+         "kelvo_channel_memory_test", "thread_key_test", "log_date_test", "registration_test"]
 TOVIK = ["order_test", "connection_test", "server_test", "async_sender_test", "diagnostics_test",
          "message_test", "admission_test", "conversation_test", "client_test", "threads_test",
          "descriptor_zero_test", "registration_test"]
