@@ -3,8 +3,6 @@
 
 #include "Api/Service/Service.h"
 
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <string>
@@ -16,11 +14,6 @@
 namespace fuzz {
 
 namespace {
-
-void turnUntilIdle() {
-  while (Kelvo::Platform::EventLoop::current().dispatch()) {
-  }
-}
 
 class Conversation {
  public:
@@ -59,16 +52,6 @@ class Conversation {
   }
 
  private:
-  static int connectTo(const std::string& name) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    name.copy(address.sun_path + 1, 106);
-    const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0);
-    require(::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0,
-            "cannot connect");
-    return fd;
-  }
-
   void expectReplyTo(const std::string& record) {
     const Text seen = read(record.size() > 4094 ? "" : record);
     const int replies = repliesWaiting();

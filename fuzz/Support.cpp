@@ -13,6 +13,8 @@
 #include <cstring>
 #include <utility>
 
+#include "Kelvo/Platform/EventLoop.h"
+
 void __assert_fail(const char* condition, const char* /*file*/, unsigned /*line*/,
                    const char* /*function*/) {
   throw fuzz::Stop{condition};
@@ -121,6 +123,21 @@ std::string receiveNow(int fd) {
     return errno == EAGAIN ? "<nothing>" : errno == ECONNRESET ? "<reset>" : "<error>";
   }
   return length == 0 ? "<end>" : std::string(buffer, static_cast<std::size_t>(length));
+}
+
+int connectTo(const std::string& name) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  name.copy(address.sun_path + 1, 106);
+  const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0);
+  require(::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0,
+          "cannot connect");
+  return fd;
+}
+
+void turnUntilIdle() {
+  while (Kelvo::Platform::EventLoop::current().dispatch()) {
+  }
 }
 
 Pair::Pair() {

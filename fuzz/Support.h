@@ -96,6 +96,12 @@ int sendRecord(int fd, const std::string& record);
 /// Takes the next record; "<nothing>", "<end>" (also for a record without bytes) or "<reset>".
 std::string receiveNow(int fd);
 
+/// A client of a server of that name; it does not wait.
+int connectTo(const std::string& name);
+
+/// Until nothing is ready.
+void turnUntilIdle();
+
 /// A pair of connected sockets. What is left of it is closed.
 class Pair {
  public:
