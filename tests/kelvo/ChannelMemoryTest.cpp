@@ -42,6 +42,14 @@ TEST(FirstChannels, TakeNoMemory) {
   EXPECT_NE(_getRawDebugHandler(another, false), handler);
 }
 
+TEST(FirstChannels, TakeMemoryForALongName) {
+  const Kelvo::String name(std::string(33, 'y'));
+  EXPECT_EQ(withoutMemory(name), nullptr);
+  RawDebugHandler* const handler = _getRawDebugHandler(name, true);
+  EXPECT_NE(handler, nullptr);
+  EXPECT_EQ(withoutMemory(name), handler);
+}
+
 TEST(FirstChannels, DropARecordForWhichThereIsNoMemory) {
   RawDebugHandler* const handler = _getRawDebugHandler("dropping", true);
   Kelvo::Platform::DebugStream stream;

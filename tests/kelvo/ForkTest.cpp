@@ -333,6 +333,13 @@ TEST_F(ForkedChild, KeepsItsLoopIfItIsItsOwnAlready) {
   }));
 }
 
+TEST_F(ForkedChild, MayRenewBeforeItHasALoop) {
+  std::thread([] {
+    EventLoop::renewAfterFork();
+    EXPECT_TRUE(loopServes());
+  }).join();
+}
+
 TEST_F(ForkedChild, KeepsTheOldLoopIfTheKernelRefusesANewOne) {
   EXPECT_TRUE(inChild([] {
     {
