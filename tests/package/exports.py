@@ -11,7 +11,7 @@ INTERFACES = {
     "Tovik": (NAME + r"Tovik::((Server|Connection|Client|AsyncSender|AsyncClient|SocketException)"
                      r"(::|$)|Message::toStr\(|LibraryBuiltWith<)", "TOVIK_1", "libtovik1"),
     "TovikService": (NAME + r"Tovik::((Service|Session|Request|Refusal|Proxy)(::\W?\w+[\[(]|$)"
-                            r"|call\(|collecting\()", "TOVIK_SERVICE_1", "libtovik-service1"),
+                            r"|call\(|collecting\()", "TOVIK_SERVICE_1", "libtovikservice1"),
     "Kelvo": (NAME + r"Kelvo::", "KELVO_1", "libkelvo1"),
 }
 
