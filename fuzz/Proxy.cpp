@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <optional>
 
 #include "Kelvo/Platform/EventLoop.h"
@@ -18,17 +19,15 @@ namespace {
 
 constexpr int kCalls = 4;  // the last one is the subscription's own
 
-void turnUntilIdle() {
-  while (Kelvo::Platform::EventLoop::current().dispatch()) {
-  }
-}
-
 class Conversation {
  public:
   explicit Conversation(const Listener& listener) {
     Tovik::ProxyOptions options;
     options.reconnectInterval = 1 << 30;  // once is enough
     proxy_.emplace(listener.name(), options);
+    while (!proxy_->isConnected()) {  // by a timer, which the kernel may take a moment for
+      Kelvo::Platform::EventLoop::current().runOnce(std::chrono::seconds(1));
+    }
     turnUntilIdle();
     server_ = listener.accept();
     for (std::size_t i = 0; i + 1 < kCalls; ++i) {
