@@ -4,10 +4,11 @@ import json
 import signal
 import unittest
 
+import broker
 import support
 
 
-class Events(support.Case):
+class Events(broker.Case):
     def test_are_published_below_the_name(self):
         lamp = self.exported()
         peer = self.subscribe(lamp.base + "/event/#")
@@ -98,7 +99,7 @@ class Events(support.Case):
             self.assertIn(f'{base}/event/topic {number} {{"n":{number}}}', before)
 
 
-class StoredEvents(support.Case):
+class StoredEvents(broker.Case):
     broker_options = """allow_anonymous true
 persistence true
 persistence_location {folder}/
@@ -119,7 +120,7 @@ persistence_location {folder}/
         self.assertIsNone(self.retained(lamp.base + "/event/state"))
 
 
-class Presence(support.Case):
+class Presence(broker.Case):
     def test_is_true_with_a_description_once_the_server_is_there(self):
         lamp = self.exported()
         about = json.loads(self.retained(lamp.base + "/about"))
@@ -141,7 +142,7 @@ class Presence(support.Case):
             self.await_retained(lamp.base + "/online", "false")
 
 
-class Calls(support.Case):
+class Calls(broker.Case):
     def ask(self, lamp, command, payload, **options):
         return self.call(lamp.base, command, payload, **options)[0]
 
