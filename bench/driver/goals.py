@@ -1,5 +1,6 @@
 """What the library is to reach, and what was measured. Ratios are of medians in one run."""
 
+from figures import ratio
 from programs import FLOOR, SERVICE, SUBJECT
 
 ONE_CORE = "one core"
@@ -102,6 +103,15 @@ def _many(results):
                    _cpu(came["connect among many"][SUBJECT]) / _cpu(came["connect"][SUBJECT]))
 
 
+def _bridged(across):
+    if across:
+        yield _at_most("a program's call across both bridges, of mosquitto_rr", 1.5,
+                       ratio(across["one call"]["bridged"]["elapsed"],
+                             across["one call"]["mqtt"]["elapsed"]))
+        yield _at_most("CPU of both bridges an event, of mosquitto_pub and mosquitto_sub", 1.3,
+                       ratio(across["event"]["bridged"]["cpu"], across["event"]["mqtt"]["cpu"]))
+
+
 def table(results):
     one = results["placements"][ONE_CORE]
     trips, streams = one["round trip"], one["one-way stream"]
@@ -113,5 +123,5 @@ def table(results):
         _at_most("one-way, server CPU a message, of baseline (iii)", 1.08,
                  _cpu(streams[SUBJECT]) / _cpu(streams[FLOOR])),
         *_many(results), *_system_calls(results), *_inside(results), *_peers(trips, SUBJECT, PEERS),
-        *_service(one)]
+        *_service(one), *_bridged(one["across bridges"])]
     return [row.row() for row in rows]

@@ -96,18 +96,25 @@ class Programs:
         return f"{self.work.name}/{number}" if on_path else f"bench-{os.getpid()}-{number}"
 
     def server(self, contestant, placement, wrapper=(), environment=None):
-        address = self.address(contestant.on_path)
-        command = [*wrapper, self.path(contestant.program), contestant.serve, address]
-        return self._started(Server(command, address, placement, environment))
+        return self.serve(contestant.program, contestant.serve,
+                          self.address(contestant.on_path), placement, wrapper, environment)
 
     def client(self, contestant, server, placement, wrapper=(), environment=None):
-        command = [*wrapper, self.path(contestant.program), contestant.drive, server.address]
-        return self._started(Client(command, placement, environment))
+        return self.drive(contestant.program, contestant.drive, server.address, placement, wrapper,
+                          environment)
 
     def crowd(self, server, placement, program="floors"):
-        return self._started(Client([self.path(program), "crowd", server.address], placement))
+        return self.drive(program, "crowd", server.address, placement)
 
-    def _started(self, process):
+    def serve(self, program, role, address, placement, wrapper=(), environment=None):
+        command = [*wrapper, self.path(program), role, address]
+        return self.started(Server(command, address, placement, environment))
+
+    def drive(self, program, role, address, placement, wrapper=(), environment=None):
+        command = [*wrapper, self.path(program), role, address]
+        return self.started(Client(command, placement, environment))
+
+    def started(self, process):
         self._running.append(process)
         return process
 

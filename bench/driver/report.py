@@ -1,5 +1,6 @@
 """The tables, as Markdown that also reads well on a terminal."""
 
+from figures import ratio
 from programs import CONTESTANTS, FLOOR
 
 LABELS = {c.name: c.label for c in CONTESTANTS}
@@ -54,6 +55,21 @@ def _start_up(entries):
     return _against_floor("start of a client's program to its first reply, us", entries, "elapsed")
 
 
+BRIDGED = {"round trip": ("latency", "MQTT by hand", "Tovik across both bridges"),
+           "one call": ("elapsed", "mosquitto_rr", "tovik call across both bridges"),
+           "event": ("cpu", "mosquitto_pub and mosquitto_sub", "both bridges")}
+
+
+def _across_bridges(kind, entries):
+    key, by_hand, bridged = BRIDGED[kind]
+
+    def figure(name):
+        return entries[name][key].get("p50", entries[name][key])
+    return table([f"{kind}, us", key, f"of {by_hand}"],
+                 [[label, spread(figure(name)), f"{ratio(figure(name), figure('mqtt')):.2f}"]
+                  for name, label in (("mqtt", by_hand), ("bridged", bridged))])
+
+
 def _placement(name, scenarios):
     yield f"### {name.capitalize()}"
     if "round trip" in scenarios:
@@ -79,6 +95,8 @@ def _placement(name, scenarios):
     for number, entries in scenarios.get("calls in flight", {}).items():
         yield table([f"{number} calls in flight, answered in random order", "us a call"],
                     [[LABELS[n], spread(entry["elapsed"])] for n, entry in entries.items()])
+    for kind, entries in scenarios.get("across bridges", {}).items():
+        yield _across_bridges(kind, entries)
     if "start-up" in scenarios:
         yield _start_up(scenarios["start-up"])
 

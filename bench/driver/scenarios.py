@@ -22,6 +22,7 @@ class Sizes:
         self.live = 500 if quick else 2000
         self.admissions = 50 if quick else 100
         self.in_flight = 1000 if quick else 10000
+        self.events = 1000 if quick else 5000
         self.counted = 100 if quick else 500
 
 
@@ -205,6 +206,6 @@ def start_up(bench, placement):
     return {name: {"elapsed": series.summary()} for name, series in elapsed.items()}
 
 
-SCENARIOS = {"round trip": round_trip, "one-way stream": stream, "broadcast": broadcast,
-             "idle": idle, "admission": admission, "calls in flight": overlap,
-             "start-up": start_up}
+AT_HOME = {"round trip": round_trip, "one-way stream": stream, "broadcast": broadcast,
+           "idle": idle, "admission": admission, "calls in flight": overlap,
+           "start-up": start_up}

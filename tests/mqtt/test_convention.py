@@ -1,5 +1,5 @@
-"""The convention's conformance suite across both bridges: services in every language at the one end,
-callers in every language at the other."""
+"""The convention's conformance suite across both bridges: services in every language at the one
+end, callers in every language at the other."""
 
 import contextlib
 import unittest
