@@ -248,6 +248,13 @@ class Plain(broker.Case):
         support.wait_until(peer.heard)
         self.assertEqual(peer.heard(), [self.base + '/event {"load":3}'])
 
+    def test_cannot_pass_a_reply_for_a_message(self):
+        here = self.imported(self.base)
+        for payload in ('{"type":"reply","status":0}',
+                        '{"type":"news","type":"reply","status":0}'):
+            self.publish(self.base + "/event", payload)
+        support.wait_until(lambda: here.log().count("is refused") == 2)
+
     def test_are_plain_servers_elsewhere_too(self):
         here = self.imported(self.base)
         with tovik.Client(here.name, timeout=support.DEADLINE) as client:
