@@ -4,7 +4,7 @@ disturbance of the machine meets all alike."""
 import time
 
 from figures import Latencies, Series
-from programs import CONTESTANTS, FLOOR, SERVICE, SUBJECT
+from programs import CONTESTANTS, BASELINE, SERVICE, SUBJECT
 
 WARM_UP = 200
 
@@ -123,7 +123,7 @@ def broadcast(bench, placement):
 
 def idle(bench, placement):
     """One active client among many idle ones, and the memory that an idle one costs."""
-    contestants = bench.pick(FLOOR, SUBJECT, SERVICE)
+    contestants = bench.pick(BASELINE, SUBJECT, SERVICE)
     pairs = {}
     memory = {}
     for contestant in contestants:
@@ -154,7 +154,7 @@ def idle(bench, placement):
 
 def admission(bench, placement):
     """Clients that come: alone, with a first request, and when many are there already."""
-    contestants = bench.pick(FLOOR, SUBJECT)
+    contestants = bench.pick(BASELINE, SUBJECT)
     pairs = {}
     for contestant in contestants:
         server = bench.programs.server(contestant, placement)
