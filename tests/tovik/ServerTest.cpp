@@ -155,14 +155,11 @@ TEST_F(Server, ReportsItsDescriptorOnceItIsWatched) {
   server.reset();
   unsigned watched = 0;
   std::string text;
-  Kelvo::Platform::setDebugSink("Tovik", [&](const Kelvo::Platform::DebugRecord& record) {
+  const LogSink sink(1, [&](const auto& record) {
     text = record.text;
     watched = watchedEvents(std::stoi(text.substr(text.rfind(' '))));
   });
-  Kelvo::Platform::setDebugLevels("Tovik", 1);
   start();
-  Kelvo::Platform::setDebugLevels("Tovik", 0);
-  Kelvo::Platform::setDebugSink("Tovik", nullptr);
   EXPECT_EQ(text, "Server(): socket fd = " + std::to_string(listening));
   EXPECT_EQ(watched, unsigned{EPOLLIN});
 }
