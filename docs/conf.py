@@ -127,7 +127,8 @@ def write_reference():
         if parts:
             page = "reference/" + header.removesuffix(".h").replace("/", "-")
             (WORK / f"{page}.rst").write_text(section(
-                header, "=", f".. doxygenfile:: {header}",
+                header, "=", ".. code-block:: cpp", "", f"   #include <{header}>", "",
+                f".. doxygenfile:: {header}",
                 "   :sections: briefdescription detaileddescription", "", *parts))
             FILES[path.stem] = page
 

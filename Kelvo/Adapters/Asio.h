@@ -4,7 +4,7 @@
 #include <asio/posix/stream_descriptor.hpp>
 #include <memory>
 
-#include "Kelvo/Platform/EventLoop.h"
+#include "../Platform/EventLoop.h"
 
 namespace Kelvo::Adapters {
 
