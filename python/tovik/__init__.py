@@ -20,11 +20,11 @@ from ._aio import AsyncClient
 from ._client import Client
 from ._proxy import Outcome, call
 from ._service import Argument, Refusal, Request, Service, Session
-from ._wire import (ConnectionLost, Credentials, Message, ProtocolError, TooLong, TovikError,
-                    WrongShape, address, decode, encode)
+from ._wire import (ConnectionLost, Credentials, Message, ProtocolError, Refused, TooLong,
+                    TovikError, WrongShape, address, decode, encode)
 
 __all__ = [
     "Argument", "AsyncClient", "Client", "ConnectionLost", "Credentials", "Message",
-    "Outcome", "ProtocolError", "Refusal", "Request", "Service", "Session", "TooLong", "TovikError",
-    "WrongShape", "address", "aio", "call", "decode", "encode",
+    "Outcome", "ProtocolError", "Refusal", "Refused", "Request", "Service", "Session", "TooLong",
+    "TovikError", "WrongShape", "address", "aio", "call", "decode", "encode",
 ]
