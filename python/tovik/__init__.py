@@ -17,7 +17,7 @@ say who is served, and `tovik.testing` a server for tests of clients. Only the s
 needed.
 """
 
-from . import admission, aio
+from . import _version, admission, aio
 from ._aio import AsyncClient
 from ._client import Client
 from ._proxy import Outcome, call
@@ -33,3 +33,12 @@ __all__ = [
     "ServiceSession", "Session", "TooLong", "TovikError", "WrongShape", "address", "admission",
     "aio", "call", "decode", "encode",
 ]
+
+__version__: str
+
+
+def __getattr__(name: str) -> str:
+    """The version stands in pyproject.toml alone, and is looked up when somebody asks."""
+    if name != "__version__":
+        raise AttributeError(f"module {__name__!r} has no attribute {name!r}")
+    return _version.find()

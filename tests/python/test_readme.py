@@ -13,7 +13,7 @@ import tovik.testing
 class Readme(unittest.TestCase):
     def setUp(self):
         self.name = support.unique_name()
-        text = (support.SOURCE / "python" / "README.md").read_text()
+        text = (support.PACKAGE / "README.md").read_text()
         blocks = re.findall(r"```python\n(.*?)```", text, re.S)
         (self.blocking, self.batch, self.asynchronous, self.plain, self.service, self.proxy,
          self.admitted, self.server) = (
