@@ -250,6 +250,18 @@ class AsyncClient(Case):
                 await self.within(client.call({"a": 1}))
         self.check_one_warning(logs, "does not admit")
 
+    async def test_takes_the_end_of_a_connection_that_was_used_for_no_refusal(self):
+        self.start()
+        logs = self.logged()
+        async with self.client() as client:
+            await self.within(client.wait_connected())
+            await self.within(client.call({"a": 1}))
+            self.handler = lambda message: self.server.disconnect()
+            with self.assertRaises(tovik.ConnectionLost) as caught:
+                await self.within(client.call({"a": 1}))
+            self.assertNotIsInstance(caught.exception, tovik.Refused)
+        self.assertEqual([line for line in logs.output if line.startswith("WARNING")], [])
+
     def check_one_warning(self, logs, text):
         warnings = [line for line in logs.output if line.startswith("WARNING")]
         self.assertEqual(len(warnings), 1, logs.output)

@@ -34,7 +34,7 @@ set(tovik)
 if(TARGET tovik_tool)
   set(tovik TOVIK=$<TARGET_FILE:tovik_tool>)
 endif()
-foreach(class IN ITEMS Command CommandAndALongDescription)
+foreach(class IN ITEMS Command CommandAndALongDescription CommandAndAPlainServer)
   tovik_python_test(Conformance_${class} test_conformance.${class} NEEDS tovik
                     ENVIRONMENT ${peer} ${tovik})
 endforeach()
