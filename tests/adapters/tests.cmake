@@ -14,6 +14,7 @@ tovik_adapter_test(sd_event adapters/SdEventTest.cpp)
 tovik_adapter_test(glib adapters/GLibTest.cpp)
 tovik_adapter_test(uv adapters/UvTest.cpp)
 tovik_adapter_test(asio adapters/AsioTest.cpp)
+tovik_adapter_test(boost_asio adapters/AsioTest.cpp)
 tovik_adapter_test(qt adapters/QtTest.cpp)
 
 # Measures; run in short, it shows that there is something to measure.
