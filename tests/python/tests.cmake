@@ -56,7 +56,7 @@ foreach(language IN LISTS languages)
                     ENVIRONMENT ${hostmon} TOOL=${TOVIK_${language}})
 endforeach()
 
-foreach(host IN ITEMS poll sd_event glib uv asio qt)
+foreach(host IN ITEMS poll sd_event glib uv asio qt libevent libev wayland)
   set(loop)
   if(TARGET loop_${host})
     set(loop LOOP=$<TARGET_FILE:loop_${host}>)
