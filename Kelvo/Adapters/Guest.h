@@ -14,8 +14,9 @@
 ///
 /// What all adapters have in common:
 ///  - They belong to the thread that makes them, and the host is run on that thread.
-///  - The host outlives its adapter. The adapter may be destroyed inside a callback that it
-///    delivers; what lives in the loop is then just not served any more.
+///  - The adapter may be destroyed inside a callback that it delivers; what lives in the loop is
+///    then just not served any more. It may outlive a host that is destroyed by its own rules, if
+///    nothing but its destructor is called afterwards; QtCore may not.
 ///  - An exception out of a callback must not cross a host that is written in C. The adapter keeps
 ///    it, makes the host stop, and throws it from its own `run`. An application that runs the host
 ///    by its own means calls `rethrow` when the host returns. Until then there are no more turns,

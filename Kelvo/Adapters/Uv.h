@@ -11,7 +11,8 @@ namespace Kelvo::Adapters {
 
 /// This thread's loop in a libuv loop. Guest.h tells what adapters promise. Like every handle of
 /// libuv it keeps `uv_run` going while it lives, and after it was destroyed the host has to turn
-/// once more before `uv_loop_close` succeeds.
+/// once more before `uv_loop_close` succeeds. A host may also close every handle that it finds, by
+/// `uv_walk`, turn, and be closed itself, before the adapter is destroyed.
 class Uv {
  public:
   /// @throws Kelvo::Exception if libuv refuses.
@@ -28,7 +29,13 @@ class Uv {
   }
   Uv(const Uv&) = delete;
   Uv& operator=(const Uv&) = delete;
-  ~Uv() { close(); }
+  ~Uv() {
+    if (uv_is_closing(reinterpret_cast<uv_handle_t*>(&handle_->poll)) != 0) {
+      delete handle_;  // the host has closed it, and turned since
+    } else {
+      close();
+    }
+  }
 
   /// Runs the host until it is stopped, with the result of `uv_run`; or throws what a callback
   /// throws, and may be called again after that.

@@ -1,37 +1,28 @@
-/* A client in C with nothing but the system's headers: sends one message, prints the answer.
+/* A client in C: sends one message, prints the answer.
  *
- *     client NAME '{"command":"interval","seconds":2}'
+ *     client NAME '{"command":"interval","seconds":2}' [MILLISECONDS]
  */
+#include "tovik.h"
+
 #include <stdio.h>
-#include <string.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
+#include <stdlib.h>
 
 int main(int argc, char **argv) {
-  if (argc != 3 || strlen(argv[1]) > 106 || strlen(argv[2]) > 4094) {
-    fprintf(stderr, "usage: client NAME MESSAGE\n");
+  if (argc != 3 && argc != 4) {
+    fprintf(stderr, "usage: client NAME MESSAGE [MILLISECONDS]\n");
     return 2;
   }
-  /* A NUL, the name, and zeros to the end: the whole structure is the address. */
-  struct sockaddr_un address = {.sun_family = AF_UNIX};
-  memcpy(address.sun_path + 1, argv[1], strlen(argv[1]));
-
-  const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-  if (fd < 0 || connect(fd, (const struct sockaddr *)&address, sizeof address) < 0) {
-    perror("client: cannot connect");
+  const int limit = argc == 4 ? atoi(argv[3]) : 10000;
+  struct tovik client;
+  int status = tovik_connect(&client, argv[1], limit);
+  if (status == 0) {
+    status = tovik_call(&client, argv[2], limit);
+  }
+  tovik_close(&client);
+  if (status < 0) {
+    fprintf(stderr, "client: no answer: %s\n", strerror(-status));
     return 1;
   }
-  char answer[4096];
-  ssize_t length = -1;
-  if (send(fd, argv[2], strlen(argv[2]), MSG_NOSIGNAL) >= 0) {
-    length = recv(fd, answer, sizeof answer, 0);
-  }
-  close(fd);
-  if (length <= 0) { /* 0 is the end of the connection, never a message */
-    fprintf(stderr, "client: no answer\n");
-    return 1;
-  }
-  printf("%.*s\n", (int)length, answer);
+  printf("%s\n", client.record);
   return 0;
 }

@@ -14,7 +14,8 @@ import (
 func main() {
 	log.SetFlags(0)
 	if len(os.Args) != 3 || len(os.Args[1]) > 106 {
-		log.Fatal("usage: client NAME MESSAGE")
+		log.Println("usage: client NAME MESSAGE")
+		os.Exit(2)
 	}
 	// Go writes the leading NUL as "@". Zeros follow the name to the end of the 108 bytes.
 	path := "@" + os.Args[1] + strings.Repeat("\x00", 107-len(os.Args[1]))

@@ -6,7 +6,7 @@ from typing import AsyncIterator, Callable, Optional
 from . import _wire
 from ._connection import Connection
 from ._reconnecting import Reconnecting
-from ._wire import ConnectionLost, Message, ProtocolError
+from ._wire import ConnectionLost, Message, ProtocolError, Refused
 
 
 class AsyncClient(Reconnecting):
@@ -20,9 +20,11 @@ class AsyncClient(Reconnecting):
     one gets no replies. `on_connect` and `on_loss` are plain functions that the loop calls.
 
     Messages wait in a queue without a bound until they are iterated over. A record that is no
-    message is dropped. The logger `tovik` gets that as a warning, and each connection, loss and
-    failed attempt as information. Leaving the block ends whatever waits, with `ConnectionLost`.
-    Take the last reply before, as with `Client.close`: records that were sent may be lost.
+    message is dropped. The logger `tovik` gets that as a warning, and so it does a refusal (the
+    first of a row); each connection, loss and failed attempt is information.
+
+    Leaving the block ends the iteration, and whatever waits, with `ConnectionLost`. Take the last
+    reply before, as with `Client.close`: records that were sent may be lost.
     """
 
     def __init__(self, name: str, *, reconnect: float = 1.0, subscribe: bool = False,
@@ -84,8 +86,10 @@ class AsyncClient(Reconnecting):
             yield message
 
     def _current(self) -> Connection:
+        self._entered()
         if self._connection is None:
-            raise ConnectionLost("not connected")
+            kind = Refused if self._warned else ConnectionLost
+            raise kind(f"not connected: {self._why_not}")
         return self._connection
 
     async def _greet(self, connection: Connection) -> None:

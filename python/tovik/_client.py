@@ -7,7 +7,7 @@ from types import TracebackType
 from typing import Iterator, Optional, Type
 
 from . import _wire
-from ._wire import ConnectionLost, Credentials, Message, ProtocolError
+from ._wire import ConnectionLost, Credentials, Message, ProtocolError, Refused
 
 _RETRY = 0.005  # seconds between attempts while the server has no room for another client
 
@@ -19,9 +19,9 @@ class Client:
     ever. An operation that fails, by its time limit too, closes the connection: an answer that
     comes late would be taken for the answer to the next call.
 
-    Raises `ConnectionLost` (a `ConnectionError`) if no server listens or once it has closed,
-    `TimeoutError`, and `ProtocolError` for a message that cannot be sent (the connection then goes
-    on) or for an answer that is none.
+    Raises `ConnectionLost` (a `ConnectionError`) if no server listens or once it has closed, its
+    subclass `Refused` if the server has sent nothing before, `TimeoutError`, and `ProtocolError`
+    for a message that cannot be sent (the connection then goes on) or for an answer that is none.
     """
 
     def __init__(self, name: str, timeout: Optional[float] = None,
@@ -30,6 +30,7 @@ class Client:
         target = _wire.address(name)
         self.timeout = timeout
         self._subscribed = False
+        self._heard = False  # anything of the server
         self._socket: Optional[socket.socket] = _wire.new_socket()
         with self._operation() as connection:
             self._connect(connection, target)
@@ -67,8 +68,12 @@ class Client:
         with self._operation() as connection:
             record = _wire.receive(connection)
             if not record:
-                raise ConnectionLost("the server has closed the connection")
+                raise self._ended("the server has closed the connection")
+            self._heard = True
             return record
+
+    def _ended(self, reason: str) -> ConnectionLost:
+        return ConnectionLost(reason) if self._heard else Refused(_wire.REFUSED)
 
     def call(self, message: Message) -> int:
         """Sends a message and waits for the reply's status, which the server chooses."""
@@ -114,6 +119,9 @@ class Client:
         except ConnectionLost:
             self.close()
             raise
+        except BrokenPipeError as error:
+            self.close()
+            raise self._ended(str(error.strerror)) from error
         except OSError as error:
             self.close()
             raise ConnectionLost(error.strerror) from error

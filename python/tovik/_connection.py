@@ -10,10 +10,10 @@ import asyncio
 import collections
 import logging
 import socket
-from typing import Any, Callable, Deque, NamedTuple, Optional, Tuple
+from typing import Any, Callable, Deque, NamedTuple, Optional, Tuple, Type
 
 from . import _wire
-from ._wire import ConnectionLost, Message, ProtocolError
+from ._wire import ConnectionLost, Message, ProtocolError, Refused
 
 _log = logging.getLogger("tovik")
 
@@ -30,11 +30,12 @@ class _Waiting(NamedTuple):
 class Connection:
     """Owns the socket from now on. What comes and answers nothing goes to `deliver`; what is no
     message goes to `on_garbage` or costs a log line, and the connection goes on, as records keep
-    their boundaries."""
+    their boundaries. With `admission`, an end before anything has come is a refusal."""
 
     def __init__(self, owned: socket.socket, peer: str, deliver: Callable[[Message], None],
                  on_close: Callable[[], None],
-                 on_garbage: Optional[Callable[[ProtocolError], None]] = None) -> None:
+                 on_garbage: Optional[Callable[[ProtocolError], None]] = None,
+                 admission: bool = False) -> None:
         self._loop = asyncio.get_running_loop()
         self._socket = owned
         self._peer = peer
@@ -43,6 +44,8 @@ class Connection:
         self._on_garbage = on_garbage
         self._waiting: Deque[_Waiting] = collections.deque()
         self._asked: Optional["asyncio.Future[Any]"] = None
+        self._may_be_refused = admission  # until something comes
+        self.refused = False
         self.closed: "asyncio.Future[str]" = self._loop.create_future()  # the reason
         self._loop.add_reader(owned, self._read)
 
@@ -82,16 +85,16 @@ class Connection:
         """The records that wait for room, and their bytes."""
         return len(self._waiting), sum(len(waiting.record) for waiting in self._waiting)
 
-    def close(self, reason: str) -> None:
-        """Harmless on a closed one."""
+    def close(self, reason: str, kind: Type[ConnectionLost] = ConnectionLost) -> None:
+        """Harmless on a closed one. What waits gets an error of that kind."""
         if self.closed.done():
             return
         self._loop.remove_reader(self._socket)
         self._loop.remove_writer(self._socket)
         self._socket.close()
-        self._fail_waiting(reason)
+        self._fail_waiting(reason, kind)
         if self._asked is not None and not self._asked.done():
-            self._asked.set_exception(ConnectionLost(reason))
+            self._asked.set_exception(kind(reason))
         self.closed.set_result(reason)
         self._on_close()
 
@@ -102,7 +105,7 @@ class Connection:
 
     def _add(self, waiting: _Waiting) -> None:
         if self.closed.done():
-            raise ConnectionLost(self.closed.result())
+            raise (Refused if self.refused else ConnectionLost)(self.closed.result())
         self._waiting.append(waiting)
         if len(self._waiting) == 1:
             self._write()
@@ -114,7 +117,9 @@ class Connection:
             except BlockingIOError:
                 return self._loop.add_writer(self._socket, self._write)
             except ConnectionError as error:  # what has come already is still read, up to the end
-                self._fail_waiting(str(error.strerror))
+                if self._may_be_refused and not _wire.peek(self._socket):
+                    return self._end()
+                self._fail_waiting(str(error.strerror), ConnectionLost)
             except OSError as error:  # a posted record, which cannot be left out
                 return self.close(str(error.strerror))
             else:
@@ -139,10 +144,10 @@ class Connection:
             elif outcome is not None:
                 outcome.set_result(None)
 
-    def _fail_waiting(self, reason: str) -> None:
+    def _fail_waiting(self, reason: str, kind: Type[ConnectionLost]) -> None:
         for waiting in self._waiting:
             if waiting.outcome is not None and not waiting.outcome.done():
-                waiting.outcome.set_exception(ConnectionLost(reason))
+                waiting.outcome.set_exception(kind(reason))
         self._waiting.clear()
 
     def _read(self) -> None:
@@ -153,11 +158,18 @@ class Connection:
         except OSError as error:
             return self.close(str(error.strerror))
         if not record:
-            return self.close("the peer has closed the connection")
+            return self._end()
+        self._may_be_refused = False
         try:
             self._receive(_wire.decode(record))
         except ProtocolError as error:
             self._refuse(error)
+
+    def _end(self) -> None:
+        self.refused = self._may_be_refused
+        if self.refused:
+            return self.close(_wire.REFUSED, Refused)
+        self.close("the peer has closed the connection")
 
     def _receive(self, message: Message) -> None:
         asked, self._asked = self._asked, None

@@ -92,14 +92,15 @@ class Proxy(Reconnecting):
         try:
             return await asyncio.wait_for(self._call(subject, number, record), limit)
         except ConnectionLost as error:
-            raise ConnectionLost(f"{subject}: {error}") from error
+            raise type(error)(f"{subject}: {error}") from error
         except asyncio.TimeoutError:
             why = "no reply" if self._connection else f"no connection ({self._why_not})"
             raise TimeoutError(f"{subject}: {why} within {limit} s") from None
 
     def subscribe(self, topic: str, handler: Handler) -> None:
         """Follows a topic, now and after each connection. The handler gets the events as they come.
-        A refusal is logged as a warning."""
+        A refusal is logged as a warning; a topic that no record holds is a `ProtocolError`."""
+        _wire.encode(_about("subscribe", topic, _wire.LARGEST_ID))
         self._topics[topic] = handler
         if self._connection is not None:
             self._ask(self._connection, "subscribe", topic)
@@ -110,9 +111,10 @@ class Proxy(Reconnecting):
             self._ask(self._connection, "unsubscribe", topic)
 
     async def _call(self, subject: str, number: int, record: bytes) -> Outcome:
-        while self._connection is None or self._connection.closed.done():
+        while not self._is_connected():
             await self.wait_connected()
         connection = self._connection
+        assert connection is not None
         call = self._calls[number] = _Call(subject)
         sent = connection.start(record)
         try:
@@ -134,11 +136,11 @@ class Proxy(Reconnecting):
             connection.close("the server does not answer")
 
     def _ask(self, connection: Connection, command: str, topic: str) -> None:
-        message = {"command": command, "topics": [topic]}
         number = next(self._ids)
-        call = self._calls[number] = _Call(f"{_subject(self._name, message)} {topic!r}")
+        record = _wire.encode(_about(command, topic, number))
+        call = self._calls[number] = _Call(f"{self._name}: {command} {topic!r}")
         call.outcome.add_done_callback(self._log_refusal)
-        connection.post(_wire.encode({"id": number, **message}))
+        connection.post(record)
 
     @staticmethod
     def _log_refusal(done: "asyncio.Future[Outcome]") -> None:
@@ -223,7 +225,7 @@ def call(name: str, message: Message, limit: float,
     except TimeoutError:
         raise TimeoutError(f"{subject}: no reply within {limit} s") from None
     except ConnectionLost as error:
-        raise ConnectionLost(f"{subject}: {error}") from error
+        raise type(error)(f"{subject}: {error}") from error
 
 
 def _wait(client: Client, subject: str, deadline: float) -> Outcome:
@@ -247,6 +249,10 @@ def _wait(client: Client, subject: str, deadline: float) -> Outcome:
 def _subject(name: str, message: Message) -> str:
     command = message.get("command")
     return f"{name}: {command if isinstance(command, str) else 'call'}"
+
+
+def _about(command: str, topic: str, number: int) -> Message:
+    return {"id": number, "command": command, "topics": [topic]}
 
 
 def _request(message: Message, number: int, limit: float) -> Message:

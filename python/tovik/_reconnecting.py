@@ -7,11 +7,11 @@ import math
 import random
 import socket
 from types import TracebackType
-from typing import Collection, Optional, Type
+from typing import Collection, List, Optional, Type
 
 from . import _wire
 from ._connection import Connection
-from ._wire import ConnectionLost, Message, ProtocolError
+from ._wire import ConnectionLost, Message, ProtocolError, Refused
 
 _RETRY = 0.005  # seconds between attempts while the server has no room for another client
 _SHORTEST_RECONNECT = 0.001
@@ -34,11 +34,12 @@ class Reconnecting:
         self._jitter = jitter
         self._server_uids = server_uids
         self._why_not = "not tried yet"  # connected
+        self._warned = ""  # of a refusal, until something else happens
         self._connection: Optional[Connection] = None
         self._task: Optional["asyncio.Task[None]"] = None
 
     async def _enter(self) -> None:
-        self._connected = asyncio.Event()  # or left
+        self._waiting: List["asyncio.Future[None]"] = []  # for a connection
         self._task = asyncio.ensure_future(self._stay_connected())
         self._task.add_done_callback(lambda _task: self._left())
 
@@ -50,15 +51,34 @@ class Reconnecting:
         await asyncio.wait({task})
 
     async def wait_connected(self) -> None:
-        """Returns once there is a connection, subscribed if that is asked for."""
-        task = self._entered()
-        await self._connected.wait()
-        if task.done():
+        """Returns once there is a connection, subscribed if that is asked for.
+
+        Raises `Refused` at the next attempt that the server refuses, or that meets the server of
+        another user. The client goes on trying: its own server may come back.
+        """
+        if self._entered().done():
             raise ConnectionLost("the client was left")
+        if not self._is_connected():
+            waiting = asyncio.get_running_loop().create_future()
+            self._waiting.append(waiting)
+            await waiting
+
+    def _is_connected(self) -> bool:
+        return self._connection is not None and not self._connection.closed.done()
+
+    def _tell(self, error: Optional[ConnectionLost] = None) -> None:
+        """Those who wait for a connection; each gets an error of its own."""
+        told, self._waiting = self._waiting, []
+        for waiting in told:
+            if not waiting.done():
+                if error is None:
+                    waiting.set_result(None)
+                else:
+                    waiting.set_exception(type(error)(*error.args))
 
     def _entered(self) -> "asyncio.Task[None]":
         if self._task is None:
-            raise ConnectionLost("not connected: `async with` connects")
+            raise ConnectionLost("the client connects with `async with`, and is used inside it")
         return self._task
 
     # for derived classes
@@ -76,7 +96,7 @@ class Reconnecting:
         """There is none any more."""
 
     def _left(self) -> None:
-        self._connected.set()
+        self._tell(ConnectionLost("the client was left"))
 
     # the life of a connection
 
@@ -86,10 +106,18 @@ class Reconnecting:
                 with contextlib.closing(_wire.new_socket()) as unconnected:
                     await self._connect(unconnected)
                     await self._serve(unconnected)
+            except Refused as error:
+                self._fail(str(error), logging.INFO if str(error) == self._warned
+                           else logging.WARNING)
+                self._warned = str(error)
+                self._tell(error)
             except (OSError, ProtocolError) as error:
-                self._why_not = str(error)
-                _log.info("%s: no connection: %s", self._peer, error)
+                self._fail(str(error), logging.INFO)
             await asyncio.sleep(self._reconnect + random.uniform(0, self._jitter))
+
+    def _fail(self, reason: str, level: int) -> None:
+        self._why_not, self._warned = reason, ""
+        _log.log(level, "%s: no connection: %s", self._peer, reason)
 
     async def _connect(self, unconnected: socket.socket) -> None:
         unconnected.setblocking(False)
@@ -107,8 +135,8 @@ class Reconnecting:
         return False
 
     async def _serve(self, connected: socket.socket) -> None:
-        connection = Connection(connected, self._peer, self._received,
-                                self._connected.clear)
+        connection = Connection(connected, self._peer, self._received, lambda: None,
+                                admission=True)
         try:
             await self._greet(connection)
             await self._lend(connection)
@@ -118,11 +146,14 @@ class Reconnecting:
     async def _lend(self, connection: Connection) -> None:
         _log.info("%s: connected", self._peer)
         self._connection = connection
-        self._connected.set()
+        self._tell()
         reason = "the client was left"
         try:
             self._found()
             reason = self._why_not = await asyncio.shield(connection.closed)
+            if connection.refused:
+                raise Refused(reason)
+            self._warned = ""
             _log.info("%s: connection lost: %s", self._peer, reason)
         finally:
             self._connection = None

@@ -4,28 +4,22 @@ record -> session -> shape -> the convention's own commands, or a handler -> rep
 the convention.
 """
 
-import asyncio
-import collections
 import errno
 import inspect
-import itertools
 import logging
 import socket
-from types import TracebackType
-from typing import (Any, Awaitable, Callable, Deque, Dict, Iterator, Mapping, NamedTuple,
-                    Optional, Set, Tuple, Type, Union)
+from typing import (Any, Awaitable, Callable, Dict, Iterator, Mapping, NamedTuple, Optional, Set,
+                    Tuple, Union)
 
 from . import _wire
-from ._connection import Connection
+from ._listening import Listening, Session, Turn
 from ._wire import Credentials, Message, ProtocolError, TooLong, TovikError
+from .admission import Check
 
 _log = logging.getLogger("tovik")
 
-_BACKLOG = 5
 _LONGEST_ERROR = 500  # characters, each of which may take six bytes
-_LARGEST_ID = 2**53 - 1
 _LONGEST_PART = 3900  # of a description; leaves room for what stands around it in a reply
-_ACCEPT_PAUSE = 0.1  # seconds after an accept that failed, for want of descriptors say
 _OWN = ("subscribe", "unsubscribe", "describe")
 _TYPES = {bool: "boolean", int: "integer", float: "number", str: "string", list: "array",
           dict: "object", object: "any"}
@@ -55,61 +49,31 @@ class Argument(NamedTuple):
         return isinstance(value, (int, float) if self.type is float else self.type)
 
 
-class Session:
-    """One client, from its admission to the end of its connection."""
+class ServiceSession(Session):
+    """One client of a service."""
+
+    _server: "Service"
 
     def __init__(self, service: "Service", number: int, owned: socket.socket,
                  peer: Credentials) -> None:
-        self.number = number  # counted by the service, from 1
-        self.peer = peer
-        self.data: Any = None  # the application's
+        super().__init__(service, number, owned, peer)
         self.follows_all = False
         self.ids: Set[int] = set()
-        self.tasks: Set["asyncio.Task[None]"] = set()
-        self._turns: Deque["_Call"] = collections.deque()  # the calls without an id, in order
-        self._service = service
-        self._connection = Connection(
-            owned, f"session {number}, pid {peer.pid}", self._take, self._ended,
-            lambda error: service._refuse(_Call(self, {}), error))
-
-    @property
-    def queued(self) -> Tuple[int, int]:
-        """The records that wait because the client does not read, and their bytes."""
-        return self._connection.queued
-
-    def close(self, reason: str = "closed by the service") -> None:
-        """Ends the connection. What waits is dropped."""
-        self._connection.close(reason)
 
     def _take(self, message: Message) -> None:
-        self._service._dispatch(_Call(self, message))
+        self._server._dispatch(_Call(self, message))
 
-    def _ended(self) -> None:
-        for task in list(self.tasks):
-            task.cancel()
-        _log.info("%s: session %d ended: %s", self._service._peer, self.number,
-                  self._connection.closed.result())
-        self._service._leave(self)
-
-    def send(self, record: bytes, kind: object = None) -> None:
-        """Within the service's bound on what waits; more ends the session."""
-        if self._connection.closed.done():
-            return
-        self._connection.post(record, kind)
-        records, size = self._connection.queued
-        if records > self._service._queued_records or size > self._service._queued_bytes:
-            self.close("it does not read")
+    def _refuse(self, error: ProtocolError) -> None:
+        self._server._refuse(_Call(self, {}), error)
 
     def send_event(self, topic: "_Topic", record: bytes) -> None:
         if topic.latest:
             self._connection.forget(topic)
-        self.send(record, topic)
+        self._post(record, topic)
 
     def enter(self, call: "_Call") -> None:
         if call.id is None:
-            self._turns.append(call)
-            if len(self._turns) > 2 * self._service._calls + 1:
-                self.close("it does not wait for its answers")
+            self._queue(call)
 
     def in_flight(self) -> int:
         return len(self.ids) + len(self._turns)
@@ -117,24 +81,19 @@ class Session:
     def answer(self, call: "_Call", record: bytes) -> None:
         """Without an id in its turn, and not at all while the client gets all events."""
         if call.id is not None:
-            return self.send(record)
-        call.record = b"" if self.follows_all else record
-        while self._turns and self._turns[0].record is not None:
-            due = self._turns.popleft().record
-            if due:
-                self.send(due)
+            return self._post(record)
+        self._answer(call, b"" if self.follows_all else record)
 
 
-class _Call:
+class _Call(Turn):
     """A request until it is answered."""
 
-    def __init__(self, session: Session, message: Message) -> None:
+    def __init__(self, session: ServiceSession, message: Message) -> None:
         self.session = session
         self.message = message
         given = message.get("id")
-        valid = type(given) is int and 0 <= given <= _LARGEST_ID
+        valid = type(given) is int and 0 <= given <= _wire.LARGEST_ID
         self.id: Optional[int] = given if valid else None
-        self.record: Optional[bytes] = None  # the answer, while it waits for its turn
         self.answered = False
         session.enter(self)
 
@@ -162,7 +121,7 @@ class Request:
         self._call = call
 
     @property
-    def session(self) -> Session:
+    def session(self) -> ServiceSession:
         """Whose call it is."""
         return self._call.session
 
@@ -205,13 +164,13 @@ class _Topic:
         self.keeps_last = keeps_last
         self.latest = latest
         self.last: Optional[Message] = None
-        self.followers: Set[Session] = set()
+        self.followers: Set[ServiceSession] = set()
 
 
-class Service:
+class Service(Listening[ServiceSession]):
     """Serves from `async with` to its end, on one event loop.
 
-        async with tovik.Service("lamp", lambda peer: peer.uid == os.geteuid()) as service:
+        async with tovik.Service("lamp", tovik.admission.same_user()) as service:
             @service.command("switch", "Switches the lamp.", on=tovik.Argument(bool, "To on."))
             def switch(request):
                 service.publish("state", {"on": request["on"]})
@@ -221,25 +180,19 @@ class Service:
     `queued_records` and `queued_bytes` that wait because it does not read (more end its session).
     """
 
-    def __init__(self, name: str, admission: Callable[[Credentials], bool], *,
+    def __init__(self, name: str, admission: Check, *,
                  description: str = "", calls: int = 16, queued_records: int = 1000,
                  queued_bytes: int = 256 * 1024,
-                 on_join: Optional[Callable[[Session], None]] = None,
-                 on_leave: Optional[Callable[[Session], None]] = None) -> None:
-        self._address = _wire.address(name)
-        self._name = name
-        self._peer = repr(name)
-        self._admission = admission
+                 on_join: Optional[Callable[[ServiceSession], object]] = None,
+                 on_leave: Optional[Callable[[ServiceSession], object]] = None) -> None:
+        """Nothing happens before `async with`. `admission` says who is served; `tovik.admission`
+        has rules, and there is no default. `on_join` and `on_leave` are plain functions."""
+        super().__init__(name, admission, 2 * calls + 1, queued_records, queued_bytes, on_join,
+                         on_leave)
         self._description = description
         self._calls = calls
-        self._queued_records = queued_records
-        self._queued_bytes = queued_bytes
-        self._on_join = on_join
-        self._on_leave = on_leave
         self._commands: Dict[str, _Command] = {}
         self._topics: Dict[str, _Topic] = {}
-        self._numbers = itertools.count(1)
-        self.sessions: Set[Session] = set()
 
     def command(self, name: str, description: str,
                 **arguments: Argument) -> Callable[[Handler], Handler]:
@@ -276,69 +229,16 @@ class Service:
             session.send_event(topic, record)
 
     async def __aenter__(self) -> "Service":
-        self._loop = asyncio.get_running_loop()
-        self._listener = _wire.new_socket()
-        try:
-            self._listener.setblocking(False)
-            self._listener.bind(self._address)
-            self._listener.listen(_BACKLOG)
-        except OSError as error:
-            self._listener.close()
-            raise OSError(error.errno, error.strerror, self._name) from error
-        self._loop.add_reader(self._listener, self._accept)
+        await self._listen()
         return self
 
-    async def __aexit__(self, kind: Optional[Type[BaseException]],
-                        value: Optional[BaseException],
-                        traceback: Optional[TracebackType]) -> None:
-        self._loop.remove_reader(self._listener)
-        self._listener.close()
-        tasks = [task for session in self.sessions for task in session.tasks]
-        for session in list(self.sessions):
-            session.close("the service has ended")
-        if tasks:
-            await asyncio.wait(tasks)
+    def _make_session(self, number: int, owned: socket.socket, peer: Credentials) -> ServiceSession:
+        return ServiceSession(self, number, owned, peer)
 
-    # admission
-
-    def _accept(self) -> None:
-        try:
-            client, _address = self._listener.accept()
-        except (BlockingIOError, ConnectionError):
-            return
-        except OSError as error:
-            _log.error("%s: cannot accept a client: %s", self._peer, error)
-            self._loop.remove_reader(self._listener)
-            self._loop.call_later(_ACCEPT_PAUSE, self._listen_again)
-            return
-        try:
-            self._admit(client)
-        except BaseException:
-            client.close()
-            raise
-
-    def _listen_again(self) -> None:
-        if self._listener.fileno() >= 0:
-            self._loop.add_reader(self._listener, self._accept)
-
-    def _admit(self, client: socket.socket) -> None:
-        peer = _wire.credentials(client)
-        if not self._admission(peer):
-            _log.warning("%s: refused %s", self._peer, peer)
-            return client.close()
-        client.setblocking(False)
-        session = Session(self, next(self._numbers), client, peer)
-        self.sessions.add(session)
-        _log.info("%s: session %d: %s", self._peer, session.number, peer)
-        if self._on_join is not None:
-            self._loop.call_soon(self._on_join, session)  # before its first record is read
-
-    def _leave(self, session: Session) -> None:
-        self.sessions.discard(session)
+    def _leave(self, session: ServiceSession) -> None:
         for topic in self._topics.values():
             topic.followers.discard(session)
-        if self._on_leave is not None:
-            self._loop.call_soon(self._on_leave, session)
+        super()._leave(session)
 
     # requests
 
@@ -355,7 +255,7 @@ class Service:
     def _carry_out(self, call: _Call) -> None:
         message = call.message
         if call.id is None and "id" in message:
-            raise Refusal(errno.EINVAL, f"an id is an integer from 0 to {_LARGEST_ID}")
+            raise Refusal(errno.EINVAL, f"an id is an integer from 0 to {_wire.LARGEST_ID}")
         if call.id in call.session.ids:
             raise Refusal(errno.EINVAL, "this id is in use by a call in flight")
         name = message.get("command")
@@ -394,9 +294,7 @@ class Service:
             return self._fail(call, error)
         if not inspect.isawaitable(result):
             return self._succeed(call, result)
-        task = self._loop.create_task(self._finish(call, result))
-        call.session.tasks.add(task)
-        task.add_done_callback(call.session.tasks.discard)
+        call.session._run(self._finish(call, result))
 
     async def _finish(self, call: _Call, awaitable: Awaitable[object]) -> None:
         try:
@@ -409,7 +307,7 @@ class Service:
     def _succeed(self, call: _Call, result: object) -> None:
         try:
             call.reply(0, result)
-        except (ProtocolError, TypeError) as error:
+        except ProtocolError as error:
             self._fail(call, error)
 
     def _fail(self, call: _Call, error: Exception) -> None:
@@ -447,7 +345,7 @@ class Service:
             else:
                 self._topics[name].followers.discard(call.session)
 
-    def _follow(self, session: Session, name: str) -> None:
+    def _follow(self, session: ServiceSession, name: str) -> None:
         topic = self._topics[name]
         topic.followers.add(session)
         if topic.last is not None:

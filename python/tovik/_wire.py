@@ -15,10 +15,13 @@ LONGEST_NAME = 106
 LONGEST_RECORD = 4094  # bytes that every reader takes
 RECEIVE_SIZE = 4096  # enough to tell a record that is too long
 LARGEST_STATUS = 2**31 - 1
+LARGEST_ID = 2**53 - 1
 
 _HALF_CHARACTER = re.compile(
     r"(?<!\\)(?:\\\\)*\\u[dD][89abAB]..(?!\\u[dD][c-fC-F])")  # the first half alone
 
+REFUSED = ("the server has closed the connection before it sent anything: "
+           "it does not admit this client, or has ended")
 SUBSCRIBE: Message = {"command": "set", "notification": True}
 
 
@@ -28,6 +31,10 @@ class TovikError(Exception):
 
 class ConnectionLost(TovikError, ConnectionError):
     """There is no connection, or the server has closed it."""
+
+
+class Refused(ConnectionLost):
+    """The server has ended the connection without a word, or is not of the user that is wanted."""
 
 
 class ProtocolError(TovikError, ValueError):
@@ -82,7 +89,7 @@ def encode_any(value: object) -> bytes:
     try:
         text = json.dumps(value, ensure_ascii=False, allow_nan=False, separators=(",", ":"))
         return text.encode("utf-8", "surrogateescape")
-    except (ValueError, RecursionError) as error:
+    except (TypeError, ValueError, RecursionError) as error:
         raise ProtocolError(f"the message is not expressible in JSON: {error}") from error
 
 
@@ -148,6 +155,16 @@ def receive(connection: socket.socket) -> bytes:
         return connection.recv(RECEIVE_SIZE)
 
 
+def peek(connection: socket.socket) -> bool:
+    """Whether a record waits to be read, on a connection whose peer has closed it."""
+    try:
+        return bool(connection.recv(1, socket.MSG_PEEK | socket.MSG_DONTWAIT))
+    except ConnectionResetError:  # which is told once
+        return bool(connection.recv(1, socket.MSG_PEEK | socket.MSG_DONTWAIT))
+    except BlockingIOError:
+        return False
+
+
 def credentials(connection: socket.socket) -> Credentials:
     """Who is at the other end."""
     layout = struct.Struct("iII")
@@ -160,4 +177,4 @@ def require_server(connection: socket.socket, uids: Collection[int]) -> None:
     found = credentials(connection).uid
     if found not in uids:
         wanted = " or ".join(map(str, sorted(uids)))
-        raise ConnectionLost(f"the server runs as user {found}, not as user {wanted}")
+        raise Refused(f"the server runs as user {found}, not as user {wanted}")

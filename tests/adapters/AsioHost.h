@@ -1,20 +1,29 @@
 #pragma once
 
-#include <asio/post.hpp>
 #include <chrono>
 #include <functional>
 #include <optional>
 #include <utility>
 
-#include "Kelvo/Adapters/Asio.h"
+#ifdef TOVIK_HOST_ASIO
+#include <asio/post.hpp>
 
-/// An `io_context` of standalone Asio.
-class AsioHost {
+#include "Kelvo/Adapters/Asio.h"
+#endif
+#ifdef TOVIK_HOST_BOOST_ASIO
+#include <boost/asio/post.hpp>
+
+#include "Kelvo/Adapters/BoostAsio.h"
+#endif
+
+/// An `io_context`.
+template <class IoContext, class Adapter>
+class BasicAsioHost {
  public:
   void attach() { adapter_.emplace(context_); }
   void detach() { adapter_.reset(); }
   void stop() { context_.stop(); }
-  void soon(std::function<void()> function) { asio::post(context_, std::move(function)); }
+  void soon(std::function<void()> function) { post(context_, std::move(function)); }
   void run() {
     context_.restart();
     context_.run();
@@ -26,6 +35,13 @@ class AsioHost {
   }
 
  private:
-  asio::io_context context_{1};
-  std::optional<Kelvo::Adapters::Asio> adapter_;
+  IoContext context_{1};
+  std::optional<Adapter> adapter_;
 };
+
+#ifdef TOVIK_HOST_ASIO
+using AsioHost = BasicAsioHost<asio::io_context, Kelvo::Adapters::Asio>;
+#endif
+#ifdef TOVIK_HOST_BOOST_ASIO
+using BoostAsioHost = BasicAsioHost<boost::asio::io_context, Kelvo::Adapters::BoostAsio>;
+#endif

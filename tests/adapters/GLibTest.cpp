@@ -58,4 +58,13 @@ TEST(GLibAdapterAlone, MakesNoMoreTurnsUntilTheExceptionWasTaken) {
   g_main_context_unref(context);
 }
 
+TEST(GLibAdapterAlone, MayOutliveItsHost) {
+  GMainContext* context = g_main_context_new();
+  GMainLoop* loop = g_main_loop_new(context, FALSE);
+  const Kelvo::Adapters::GLib adapter(loop);
+  g_main_context_iteration(context, FALSE);
+  g_main_loop_unref(loop);
+  g_main_context_unref(context);
+}
+
 }  // namespace

@@ -32,4 +32,15 @@ TEST(UvAdapterAlone, LetsTheHostBeClosedAfterOneMoreTurn) {
   EXPECT_EQ(uv_loop_close(&loop), 0);
 }
 
+TEST(UvAdapterAlone, MayOutliveItsHostThatClosesWhateverItHas) {
+  auto loop = std::make_unique<uv_loop_t>();
+  ASSERT_EQ(uv_loop_init(loop.get()), 0);
+  const auto adapter = std::make_unique<Kelvo::Adapters::Uv>(loop.get());
+  uv_walk(
+      loop.get(), [](uv_handle_t* handle, void*) { uv_close(handle, nullptr); }, nullptr);
+  EXPECT_EQ(uv_run(loop.get(), UV_RUN_DEFAULT), 0);
+  EXPECT_EQ(uv_loop_close(loop.get()), 0);
+  loop.reset();
+}
+
 }  // namespace

@@ -14,7 +14,12 @@ tovik_adapter_test(sd_event adapters/SdEventTest.cpp)
 tovik_adapter_test(glib adapters/GLibTest.cpp)
 tovik_adapter_test(uv adapters/UvTest.cpp)
 tovik_adapter_test(asio adapters/AsioTest.cpp)
+tovik_adapter_test(boost_asio adapters/AsioTest.cpp)
 tovik_adapter_test(qt adapters/QtTest.cpp)
+# The examples of adapters that an application writes itself.
+tovik_adapter_test(libevent adapters/LibeventTest.cpp)
+tovik_adapter_test(libev adapters/LibevTest.cpp)
+tovik_adapter_test(wayland adapters/WaylandTest.cpp)
 
 # Measures; run in short, it shows that there is something to measure.
 get_property(hosts GLOBAL PROPERTY TOVIK_HOSTS)

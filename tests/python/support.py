@@ -12,7 +12,10 @@ import time
 import unittest
 
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, os.environ.get("TOVIK_PYTHON_PATH", str(SOURCE / "python")))
+PACKAGE = SOURCE / "python"  # or, in the package's own archive, the folder above this one
+if not PACKAGE.is_dir():
+    PACKAGE = pathlib.Path(__file__).resolve().parents[1]
+sys.path.insert(0, os.environ.get("TOVIK_PYTHON_PATH", str(PACKAGE)))
 sys.dont_write_bytecode = True
 
 DEADLINE = 20  # seconds for anything to happen

@@ -153,6 +153,7 @@ class AsyncClient(Case):
             await self.until(lambda: len(self.judged) >= 3)
             self.assertEqual(connects, [])
             self.validator = lambda peer: True
+            await self.until(lambda: connects)
             await self.within(client.wait_connected())
 
     async def test_fails_a_call_whose_connection_is_lost_and_does_not_repeat_it(self):
@@ -218,11 +219,53 @@ class AsyncClient(Case):
             await self.within(client.wait_connected())
         logs = self.logged()
         async with self.client(server_uid=os.geteuid() + 1) as client:
-            await self.until(lambda: len(logs.output) == 2)
-            with self.assertRaises(tovik.ConnectionLost):
-                await client.send({"secret": 1})
-        self.assertIn("not as user", logs.output[1])
+            with self.assertRaisesRegex(tovik.Refused, "not as user"):
+                await self.within(client.wait_connected())
+            for attempt in (client.send({"secret": 1}), client.call({"secret": 1})):
+                with self.assertRaisesRegex(tovik.Refused, "not as user"):
+                    await attempt
+            await self.until(lambda: len(logs.output) > 3)
+        self.check_one_warning(logs, "not as user")
         self.assertEqual(self.server.received, [])
+
+    async def test_says_that_it_is_refused_once_a_row_and_goes_on_trying(self):
+        self.validator = lambda peer: False
+        self.start()
+        logs = self.logged()
+        async with self.client(subscribe=True) as client:
+            for _ in range(3):
+                with self.assertRaisesRegex(tovik.Refused, "does not admit"):
+                    await self.within(client.wait_connected())
+            self.check_one_warning(logs, "does not admit")
+            self.validator = lambda peer: True
+            await self.until(lambda: client._is_connected())
+
+    async def test_says_in_a_call_that_it_is_refused(self):
+        self.validator = lambda peer: False
+        self.start()
+        logs = self.logged()
+        async with self.client() as client:
+            await self.until(lambda: len(self.judged) > 3)
+            with self.assertRaisesRegex(tovik.Refused, "does not admit"):
+                await self.within(client.call({"a": 1}))
+        self.check_one_warning(logs, "does not admit")
+
+    async def test_takes_the_end_of_a_connection_that_was_used_for_no_refusal(self):
+        self.start()
+        logs = self.logged()
+        async with self.client() as client:
+            await self.within(client.wait_connected())
+            await self.within(client.call({"a": 1}))
+            self.handler = lambda message: self.server.disconnect()
+            with self.assertRaises(tovik.ConnectionLost) as caught:
+                await self.within(client.call({"a": 1}))
+            self.assertNotIsInstance(caught.exception, tovik.Refused)
+        self.assertEqual([line for line in logs.output if line.startswith("WARNING")], [])
+
+    def check_one_warning(self, logs, text):
+        warnings = [line for line in logs.output if line.startswith("WARNING")]
+        self.assertEqual(len(warnings), 1, logs.output)
+        self.assertIn(text, warnings[0])
 
     async def test_leaves_nothing_behind(self):
         self.start()
@@ -324,9 +367,11 @@ class AsyncClientInTrouble(Case):
         nested = {}
         for _ in range(10000):
             nested = {"a": nested}
-        for message in ({"m": "x" * 5000}, {"n": float("nan")}, [1], nested, {"s": "\ud800"}):
-            with self.assertRaises(tovik.ProtocolError):
-                await self.within(client.call(message))
+        for message in ({"m": "x" * 5000}, {"n": float("nan")}, [1], nested, {"s": "\ud800"},
+                        {"b": b"bytes"}, {"s": {1}}):
+            for attempt in (client.call, client.send):
+                with self.assertRaises(tovik.ProtocolError):
+                    await self.within(attempt(message))
             self.assertEqual(await self.within(client.call({"answer": 4})), 4)
         self.assertEqual(losses, [])
 
@@ -376,8 +421,16 @@ class AsyncClientInTrouble(Case):
         client = self.client()
         for attempt in (client.wait_connected(), client.send({}), client.call({}),
                         client.__aiter__().__anext__()):
-            with self.assertRaises(tovik.ConnectionLost):
+            with self.assertRaisesRegex(tovik.ConnectionLost, "is used inside"):
                 await attempt
+
+    async def test_ends_the_iteration_of_each_task_when_its_block_is_left(self):
+        self.start()
+        async with self.client(subscribe=True) as client:
+            await self.until(lambda: self.server.subscribers == 1)
+            tasks = [asyncio.ensure_future(self.take(-1, client)) for _ in range(3)]
+            await asyncio.sleep(0)
+        await self.within(asyncio.gather(*tasks, self.take(-1, client)))
 
     async def test_reads_what_a_server_sent_before_it_closed_with_records_unread(self):
         with support.listener(self.name) as listener:

@@ -110,9 +110,10 @@ class Client(unittest.TestCase):
                     client.receive()
 
     def test_goes_on_after_a_message_that_cannot_be_sent(self):
-        with self.assertRaises(tovik.ProtocolError):
-            self.client.call({"m": "x" * 5000})
-        self.assertEqual(self.client.call({"answer": 4}), 4)
+        for value in ("x" * 5000, b"bytes", {1}, float("nan"), "\ud800"):
+            with self.assertRaises(tovik.ProtocolError):
+                self.client.call({"m": value})
+            self.assertEqual(self.client.call({"answer": 4}), 4)
 
     def test_cannot_be_deceived_by_hostile_records(self):
         for record in (b"[1,2]", b"\xff\xfe", b"{}".ljust(4095), b"x" * 100000):
@@ -129,15 +130,20 @@ class Client(unittest.TestCase):
     def test_refuses_a_server_of_another_user(self):
         with tovik.Client(self.name, server_uid=os.geteuid()):
             pass
-        with self.assertRaisesRegex(tovik.ConnectionLost, "not as user"):
+        with self.assertRaisesRegex(tovik.Refused, "not as user"):
             tovik.Client(self.name, server_uid=os.geteuid() + 1)
 
     def test_is_refused_by_the_validator(self):
         name, judged = support.unique_name(), []
         with tovik.testing.Server(name, validator=lambda peer: bool(judged.append(peer))):
             client = tovik.Client(name, timeout=support.DEADLINE)
-            with self.assertRaises(tovik.ConnectionLost):
+            with self.assertRaisesRegex(tovik.Refused, "does not admit"):
                 client.receive()
+            client = tovik.Client(name, timeout=support.DEADLINE)
+            support.wait_until(lambda: len(judged) == 2)
+            with self.assertRaisesRegex(tovik.Refused, "does not admit"):
+                for _ in range(2):  # the server may close between
+                    client.call({"a": 1})
         self.assertEqual(judged[0].uid, os.geteuid())
 
     def test_closes_with_its_block(self):

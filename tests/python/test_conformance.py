@@ -309,3 +309,31 @@ class CommandAndALongDescription(support.AsyncCase):
         self.assertEqual((tool.returncode, errors), (0, b""))
         self.assertEqual([topic["name"] for topic in json.loads(output)["topics"]],
                          [f"t{number:02}" for number in range(100)])
+
+
+class CommandAndAPlainServer(support.AsyncCase):
+    """The plain server in Python with a blocking and an asynchronous client in C++."""
+
+    async def test_agree(self):
+        name = support.unique_name()
+
+        def handle(client, message):
+            server.notify({"heard": message["n"]})
+            return message["n"]
+
+        async with tovik.Server(name, tovik.admission.same_user(), handle) as server:
+            monitor = await self.start("monitor", name)
+            await self.until(lambda: any(each.subscribed for each in server.sessions))
+            for n in (0, 7, 2147483647):
+                call = await self.start("call", name, json.dumps({"n": n}), "--status-only")
+                output, _errors = await self.within(call.communicate())
+                self.assertEqual(output, f"{n}\n".encode())
+                line = await self.within(monitor.stdout.readline())
+                self.assertEqual(json.loads(line), {"heard": n})
+            monitor.terminate()
+            await self.within(monitor.communicate())
+
+    @staticmethod
+    async def start(*words):
+        return await asyncio.create_subprocess_exec(
+            os.environ["TOVIK"], *words, stdout=subprocess.PIPE, stderr=subprocess.PIPE)

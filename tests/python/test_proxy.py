@@ -80,9 +80,13 @@ class Proxy(Case):
         await self.serve()
         async with self.proxy() as proxy:
             for message, error in (({"m": "x" * 5000}, tovik.TooLong), ([1], tovik.ProtocolError),
-                                   ({"id": 5}, tovik.ProtocolError)):
+                                   ({"id": 5}, tovik.ProtocolError), ({"b": b"bytes"},
+                                                                      tovik.ProtocolError)):
                 with self.assertRaises(error):
                     await proxy.call(message, 10)
+            for topic in ("x" * 5000, b"bytes"):
+                with self.assertRaises(tovik.ProtocolError):
+                    proxy.subscribe(topic, print)
             for limit in (-1, float("nan"), float("inf")):
                 with self.assertRaises(ValueError):
                     await proxy.call({"command": "count"}, limit)
@@ -142,6 +146,16 @@ class Proxy(Case):
                     await after
         self.assertEqual(received, list(range(20)))
 
+    async def test_says_so_where_its_block_was_not_entered(self):
+        with self.assertRaisesRegex(tovik.ConnectionLost, "is used inside"):
+            await self.proxy().call({"command": "count"}, 10)
+
+    async def test_says_that_a_server_refuses_it(self):
+        with self.assertLogs("tovik", "WARNING"):
+            async with tovik.Service(self.name, lambda peer: False), self.proxy() as proxy:
+                with self.assertRaisesRegex(tovik.ConnectionLost, "count: .*does not admit"):
+                    await self.within(proxy.call({"command": "count"}, 10))
+
     async def test_ends_what_waits_when_its_block_is_left(self):
         await self.serve()
         async with self.proxy() as proxy:
@@ -171,8 +185,8 @@ class Proxy(Case):
     async def test_connects_to_no_server_of_another_user(self):
         await self.serve()
         async with self.proxy(server_uids=[os.geteuid() + 1, os.geteuid() + 2]) as proxy:
-            with self.assertRaisesRegex(TimeoutError, "not as user"):
-                await proxy.call({"command": "count"}, 0.1)
+            with self.assertRaisesRegex(tovik.Refused, f"{self.name}: count: .*not as user"):
+                await proxy.call({"command": "count"}, 10)
         async with self.proxy(server_uids=[os.geteuid()], jitter=0.01) as proxy:
             self.assertEqual((await proxy.call({"command": "count"}, 10)).result, 3)
 

@@ -13,9 +13,10 @@ import tovik.testing
 class Readme(unittest.TestCase):
     def setUp(self):
         self.name = support.unique_name()
-        text = (support.SOURCE / "python" / "README.md").read_text()
+        text = (support.PACKAGE / "README.md").read_text()
         blocks = re.findall(r"```python\n(.*?)```", text, re.S)
-        self.blocking, self.batch, self.asynchronous, self.service, self.proxy, self.server = (
+        (self.blocking, self.batch, self.asynchronous, self.plain, self.service, self.proxy,
+         self.admitted, self.server) = (
             block.replace('"adder"', f'"{self.name}"') for block in blocks)
 
     def start(self, text):
@@ -43,6 +44,18 @@ class Readme(unittest.TestCase):
             support.wait_until(lambda: server.subscribers == 1)
             server.notify({"total": 5})
             self.assertEqual(process.stdout.readline(), "{'total': 5}\n")
+
+    def test_plain_server_answers_and_notifies(self):
+        self.start(self.plain)
+        support.wait_until(lambda: support.listens(self.name))
+        with tovik.Client(self.name, timeout=support.DEADLINE) as caller, \
+                tovik.Client(self.name, timeout=support.DEADLINE) as follower:
+            follower.subscribe()
+            self.assertEqual([caller.call(each) for each in ({"add": 5}, {"add": "5"})], [0, 1])
+            self.assertEqual(follower.receive(), {"total": 5})
+
+    def test_admission_is_made_of_rules(self):
+        self.assertEqual(self.start(self.admitted).wait(support.DEADLINE), 0)
 
     def test_service_answers_with_a_value(self):
         self.start(self.service)

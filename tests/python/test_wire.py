@@ -58,6 +58,17 @@ class Record(unittest.TestCase):
             with self.assertRaises(tovik.ProtocolError):
                 tovik.decode(text)
 
+    def test_carries_nothing_that_json_does_not_express(self):
+        nested = {}
+        for _ in range(10000):
+            nested = {"a": nested}
+        for value, why in ((b"bytes", "bytes is not JSON"), ({1, 2}, "set is not JSON"),
+                           ({(1, 2): 3}, "keys must be"), ("\ud800", "surrogates"),
+                           (float("nan"), "not JSON compliant"), (object(), "object is not JSON"),
+                           (nested, "recursion")):
+            with self.assertRaisesRegex(tovik.ProtocolError, f"not expressible in JSON.*{why}"):
+                tovik.encode({"m": value})
+
     def test_that_is_not_json_is_refused(self):
         for record in (b"", b"{", b"{} {}", b"{'a':1}", b'{"a":1,}', b"[" * 4000,
                        b'{"a":1e400}', b'{"a":"\\ud800"}', b'{"a":"\\\\\\uDBFF\\u0041"}'):
