@@ -262,12 +262,12 @@ TEST_F(Timer, MayPutOffAnotherThatIsDueInTheSameTurn) {
 TEST_F(Timer, ExpiresInTheOrderOfDeadlines) {
   std::vector<int> order;
   Alarm alarms[4];
-  const double delays[] = {0.003, 0.001, 0.002, 0.0};
+  const double delays[] = {0.03, 0.01, 0.02, 0.0};
   for (int i = 0; i < 4; ++i) {
     alarms[i].onTimeout = [&order, i] { order.push_back(i); };
     alarms[i].timer->arm(delays[i]);
   }
-  letPass(4ms);
+  letPass(40ms);
   turnUntilIdle();
   EXPECT_THAT(order, testing::ElementsAre(3, 1, 2, 0));
 }
