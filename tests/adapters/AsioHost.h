@@ -9,8 +9,7 @@
 #include <asio/post.hpp>
 
 #include "Kelvo/Adapters/Asio.h"
-#endif
-#ifdef TOVIK_HOST_BOOST_ASIO
+#elif defined(TOVIK_HOST_BOOST_ASIO)  // one source cannot include both: their guards are the same
 #include <boost/asio/post.hpp>
 
 #include "Kelvo/Adapters/BoostAsio.h"
@@ -41,7 +40,6 @@ class BasicAsioHost {
 
 #ifdef TOVIK_HOST_ASIO
 using AsioHost = BasicAsioHost<asio::io_context, Kelvo::Adapters::Asio>;
-#endif
-#ifdef TOVIK_HOST_BOOST_ASIO
+#elif defined(TOVIK_HOST_BOOST_ASIO)
 using BoostAsioHost = BasicAsioHost<boost::asio::io_context, Kelvo::Adapters::BoostAsio>;
 #endif
