@@ -21,7 +21,7 @@
 #include <unordered_set>
 #include <utility>
 
-#include "Kelvo/String.h"
+#include "../Kelvo/String.h"
 
 /// @file
 /// Ready-made admission for `Tovik::Server`. Rules are plain values: make them, combine them, hand

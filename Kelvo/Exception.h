@@ -2,8 +2,8 @@
 
 #include <exception>
 
-#include "Kelvo/Export.h"
-#include "Kelvo/String.h"
+#include "Export.h"
+#include "String.h"
 
 namespace Kelvo {
 

@@ -4,8 +4,8 @@
 #include <type_traits>
 #include <utility>
 
-#include "Kelvo/Export.h"
-#include "Kelvo/ThreadControl.h"
+#include "Export.h"
+#include "ThreadControl.h"
 
 namespace Kelvo {
 

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <utility>
 
-#include "Kelvo/Export.h"
+#include "Export.h"
 
 /// The base library: strings, counted handles and exceptions.
 namespace Kelvo {

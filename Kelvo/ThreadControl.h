@@ -2,7 +2,7 @@
 
 #include <atomic>
 
-#include "Kelvo/Export.h"
+#include "Export.h"
 
 namespace Kelvo {
 

@@ -19,6 +19,8 @@ namespace Bench {
 namespace {
 
 using Kelvo::Platform::EventLoop;
+using Tovik::get;
+using Tovik::optional;
 using Tovik::required;
 
 constexpr unsigned kMostInFlight = 10000;
@@ -62,10 +64,14 @@ void serve(const std::string& name) {
   service.command("move", "Gives back the status.",
                   {required<unsigned>("status", "Any."), required<std::string>("wanted", "It.")},
                   [](Tovik::Request request) { request.reply(request.get<unsigned>("status")); });
-  service.command("tell", "Publishes.", {}, [&](Tovik::Request request) {
-    service.publish("news", news);
-    request.reply();
-  });
+  service.command("tell", "Publishes.", {optional<unsigned>("times", "How often.")},
+                  [&](Tovik::Request request) {
+                    const auto times = get<unsigned>(request.message(), "times").value_or(1);
+                    for (unsigned i = 0; i < times; ++i) {
+                      service.publish("news", news);
+                    }
+                    request.reply();
+                  });
   service.command("keep", "Is answered with the others.", {required<unsigned>("of", "How many.")},
                   [&keeper](const Tovik::Request& request) { keeper.take(request); });
   announceReady();
@@ -87,22 +93,36 @@ class Caller {
     turnUntil([&answered] { return answered; });
   }
 
+  void publish(unsigned count) { ask(Tovik::object("command", "tell", "times", count), 1); }
+
+  void follow() {
+    proxy_.subscribe("news", [this](const Tovik::Message&) { ++heard_; });
+    ask(Tovik::object("command", "describe"), 1);  // after which it is subscribed
+  }
+
+  /// Waits until so many events more have come.
+  void hear(unsigned count) {
+    turnUntil([this, count] { return heard_ >= count; });
+    heard_ -= count;
+  }
+
   /// All of them in flight at once.
-  void overlap(unsigned count) {
-    const auto request = Tovik::object("command", "keep", "of", count);
+  void overlap(unsigned count) { ask(Tovik::object("command", "keep", "of", count), count); }
+
+ private:
+  void ask(const Tovik::Message& request, unsigned times) {
     unsigned replies = 0;
-    for (unsigned i = 0; i < count; ++i) {
+    for (unsigned i = 0; i < times; ++i) {
       proxy_.call(request, kLimit, [&replies](const Tovik::Outcome& outcome) {
         if (!outcome) {
           throw std::runtime_error(outcome.error);
         }
-        ++replies;
+        replies += outcome.more ? 0 : 1;
       });
     }
-    turnUntil([&replies, count] { return replies == count; });
+    turnUntil([&replies, times] { return replies == times; });
   }
 
- private:
   template <class Condition>
   static void turnUntil(Condition condition) {
     while (!condition()) {
@@ -113,6 +133,7 @@ class Caller {
   static constexpr Tovik::Proxy::Seconds kLimit{60};
   const Tovik::Message request_ = message(kRequest);
   Tovik::Proxy proxy_;
+  unsigned heard_ = 0;
 };
 
 template <class Work>
@@ -131,6 +152,9 @@ void drive(const std::string& name) {
                          [&caller] { return timeOf([&caller] { caller.call(); }); });
            return samples;
          }},
+        {"publish", [&](unsigned count) { return caller.publish(count), Samples{}; }},
+        {"follow", [&](unsigned) { return caller.follow(), Samples{}; }},
+        {"hear", [&](unsigned count) { return caller.hear(count), Samples{}; }},
         {"overlap", [&](unsigned count) {
            return Samples{timeOf([&caller, count] { caller.overlap(count); })};
          }}});

@@ -4,6 +4,10 @@ if(NOT DEFINED BUILD_SHARED_LIBS)
   set(BUILD_SHARED_LIBS ON)
 endif()
 
+# Headers have a folder of their own, as Api is too common a name for one that all share. It is what
+# applications search.
+set(TOVIK_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/tovik)
+
 # tovik_library(<target> <namespace>::<name> <component>): a library that exports what its headers
 # mark, and binds its own calls to its own functions, whatever an application defines under the same
 # names. Applications link <namespace>::<name>, or ask pkg-config for <component>. The run-time part
@@ -15,6 +19,8 @@ function(tovik_library target exported component)
   set(namespace ${CMAKE_MATCH_1})
   set(name ${CMAKE_MATCH_2})
   target_compile_features(${target} PUBLIC cxx_std_17)
+  # Before whatever folders a surrounding project gives all its targets.
+  target_include_directories(${target} BEFORE PRIVATE ${PROJECT_SOURCE_DIR})
   # As by linking tovik_flags, which a static library would have to export.
   foreach(property IN ITEMS INCLUDE_DIRECTORIES COMPILE_OPTIONS LINK_OPTIONS)
     set_property(TARGET ${target} APPEND PROPERTY
@@ -46,8 +52,8 @@ function(tovik_library target exported component)
     EXPORT ${namespace}Targets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${component} NAMELINK_COMPONENT dev
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dev
-    FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev
-    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}) # for a CMake that knows no file sets
+    FILE_SET HEADERS DESTINATION ${TOVIK_INSTALL_INCLUDEDIR} COMPONENT dev
+    INCLUDES DESTINATION ${TOVIK_INSTALL_INCLUDEDIR}) # for a CMake that knows no file sets
   tovik_pkg_config(${component})
 endfunction()
 

@@ -55,6 +55,8 @@ EXAMPLES = {
     "Tovik::Service": ("docs/service.md", "file: lamp.cpp"),
     "Tovik::Proxy": ("docs/service.md", "file: follow.cpp"),
     "Kelvo::Platform::EventLoop": ("docs/recipes.md", "file: InBackground.h"),
+    "Kelvo::Platform::TimeoutHandler": ("docs/recipes.md", "file: RateLimit.h"),
+    "Kelvo::Platform::FdEventHandler": ("docs/recipes.md", "file: UntilItEnds.h"),
     "Kelvo::Platform::DebugRecord": ("docs/diagnostics.md", "snippet: sink"),
 }
 KINDS = {"variable": "attrib", "typedef": "type", "enum": "type"}  # of members, for Doxygen
@@ -127,7 +129,8 @@ def write_reference():
         if parts:
             page = "reference/" + header.removesuffix(".h").replace("/", "-")
             (WORK / f"{page}.rst").write_text(section(
-                header, "=", f".. doxygenfile:: {header}",
+                header, "=", ".. code-block:: cpp", "", f"   #include <{header}>", "",
+                f".. doxygenfile:: {header}",
                 "   :sections: briefdescription detaileddescription", "", *parts))
             FILES[path.stem] = page
 

@@ -176,17 +176,10 @@ int Listener::accept() const {
   return fd;
 }
 
-Log::Log() {
-  Kelvo::Platform::setDebugSink("Tovik", [this](const Kelvo::Platform::DebugRecord& record) {
-    lines_.push_back(std::to_string(record.level) + " " + record.function + ": " + record.text);
-  });
-  Kelvo::Platform::setDebugLevels("Tovik", 0xF);
-}
-
-Log::~Log() {
-  Kelvo::Platform::setDebugLevels("Tovik", 0);
-  Kelvo::Platform::setDebugSink("Tovik", nullptr);
-}
+Log::Log()
+    : sink_(0xF, [this](const auto& record) {
+        lines_.push_back(std::to_string(record.level) + " " + record.function + ": " + record.text);
+      }) {}
 
 void Log::expect(const std::vector<std::string>& lines) {
   const auto joined = [](const std::vector<std::string>& all) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Kelvo/Platform/Debug.h"
+#include "tests/support/LogSink.h"
 
 // What the fuzz targets share. Each runs one input against the real library on real sockets, and
 // compares every step with what a small model of it says.
@@ -137,15 +138,13 @@ class Listener {
 class Log {
  public:
   Log();
-  Log(const Log&) = delete;
-  Log& operator=(const Log&) = delete;
-  ~Log();
 
   /// Holds that these lines, and no others, have been logged since the last time.
   void expect(const std::vector<std::string>& lines);
 
  private:
   std::vector<std::string> lines_;
+  LogSink sink_;
 };
 
 }  // namespace fuzz

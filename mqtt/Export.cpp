@@ -121,7 +121,9 @@ void Export::describe(void (Export::*then)(Message)) {
       say(tool::inQuotes(name_) + ": it does not answer, so it is not exported yet");
       return describe(then);
     }
-    (this->*then)(outcome && whole->HasMember("name") ? std::move(*whole) : Message());
+    const bool describes = whole->HasMember("name") || whole->HasMember("commands") ||
+                           whole->HasMember("topics");  // others answer everything alike
+    (this->*then)(outcome && describes ? std::move(*whole) : Message());
   });
 }
 

@@ -1,6 +1,6 @@
 // A server of elsewhere, here. values, description, "online" -> local service; request ->
-// publication
-// -> reply; event -> local event; "false", or the broker's loss -> all calls end, the name closes.
+// publication -> reply; event -> local event; "false", or the broker's loss -> all calls end, the
+// name closes.
 
 #include "mqtt/Import.h"
 
@@ -32,8 +32,8 @@ namespace {
 constexpr std::uint32_t kLargestPacket = 524288;  // a description may be long
 constexpr std::size_t kLongestAbout = 262144;
 constexpr std::size_t kMostCalls = 1000;
-constexpr std::size_t kMostValues = 2000;
-constexpr double kOpenAgain = 5;  // seconds
+constexpr std::size_t kMostValues = 6000;  // more topics than the longest description has
+constexpr double kOpenAgain = 5;           // seconds
 constexpr std::uint64_t kLargestStatus = 2147483647;
 
 double now() {

@@ -9,8 +9,10 @@
 #include <cerrno>
 #include <charconv>
 #include <chrono>
+#include <set>
 
 #include "Api/Service/Service.h"
+#include "tool/Report.h"
 
 namespace bridge {
 
@@ -40,6 +42,17 @@ std::size_t depthOf(std::string_view text) {
     }
   }
   return deepest;
+}
+
+/// Of two members with one name, this side may look at the first and a server at the last.
+void requireNamedOnce(const rapidjson::Value& object) {
+  std::set<std::string_view> names;
+  for (const auto& member : object.GetObject()) {
+    const std::string_view name(member.name.GetString(), member.name.GetStringLength());
+    if (!names.insert(name).second) {
+      throw Tovik::Refusal(EINVAL, "a payload has two members " + tool::inQuotes(name));
+    }
+  }
 }
 
 bool isUtf8(std::string_view text) {
@@ -141,6 +154,7 @@ void parse(Tovik::Message& message, std::string_view payload, std::size_t longes
   if (hasNul || message.HasParseError() || !message.IsObject()) {
     throw Tovik::Refusal(EINVAL, "a payload is a JSON object in UTF-8");
   }
+  requireNamedOnce(message);
 }
 
 }  // namespace bridge

@@ -104,7 +104,7 @@ class ProgressBar {
   void show(std::uint64_t done, std::uint64_t total) {
     const std::uint64_t percent = 100 * done / total;
     if (percent != std::exchange(percent_, percent)) {
-      const std::size_t filled = kBarWidth * done / total;
+      const auto filled = static_cast<std::size_t>(kBarWidth * done / total);
       write("\r[" + std::string(filled, '#') + std::string(kBarWidth - filled, ' ') + "] " +
             std::to_string(percent) + "%");
     }
@@ -194,7 +194,8 @@ void print(const BenchOptions& options, const Common& common, Measurement& measu
 void bench(const BenchOptions& options, const Common& common) {
   Run run(Ending::kIsFailure);
   Measurement measurement;
-  const std::string padding(options.size - std::string(R"({"pad":""})").size(), 'x');
+  const auto size = static_cast<std::size_t>(options.size);  // no more than a record holds
+  const std::string padding(size - std::string(R"({"pad":""})").size(), 'x');
   measurement.message = R"({"pad":")" + padding + R"("})";
   measurement.toStart = measurement.toFinish = options.count;
   measurement.begin = Clock::now();

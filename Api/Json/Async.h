@@ -2,11 +2,11 @@
 
 #include <deque>
 
-#include "Api/Json/Export.h"
-#include "Api/Json/Types.h"
-#include "Kelvo/Platform/FdEventHandler.h"
-#include "Kelvo/Ptr.h"
-#include "Kelvo/String.h"
+#include "../../Kelvo/Platform/FdEventHandler.h"
+#include "../../Kelvo/Ptr.h"
+#include "../../Kelvo/String.h"
+#include "Export.h"
+#include "Types.h"
 
 namespace Tovik {
 

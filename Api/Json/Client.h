@@ -2,12 +2,12 @@
 
 #include <functional>
 
-#include "Api/Json/Async.h"
-#include "Api/Json/Export.h"
-#include "Api/Json/Types.h"
-#include "Kelvo/Platform/TimeoutHandler.h"
-#include "Kelvo/Ptr.h"
-#include "Kelvo/String.h"
+#include "../../Kelvo/Platform/TimeoutHandler.h"
+#include "../../Kelvo/Ptr.h"
+#include "../../Kelvo/String.h"
+#include "Async.h"
+#include "Export.h"
+#include "Types.h"
 
 namespace Tovik {
 

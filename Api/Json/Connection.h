@@ -3,10 +3,10 @@
 #include <deque>
 #include <functional>
 
-#include "Api/Json/Async.h"
-#include "Api/Json/Export.h"
-#include "Api/Json/Types.h"
-#include "Kelvo/String.h"
+#include "../../Kelvo/String.h"
+#include "Async.h"
+#include "Export.h"
+#include "Types.h"
 
 namespace Tovik {
 

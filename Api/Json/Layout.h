@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "Api/Json/Export.h"
+#include "Export.h"
 
 static_assert(std::string_view(RAPIDJSON_STRINGIFY(RAPIDJSON_NAMESPACE)) == "rapidjson",
               "Tovik's messages are RapidJSON documents of namespace rapidjson; leave "

@@ -4,12 +4,12 @@
 #include <memory>
 #include <unordered_set>
 
-#include "Api/Json/Connection.h"
-#include "Api/Json/Export.h"
-#include "Api/Json/Types.h"
-#include "Kelvo/Platform/FdEventHandler.h"
-#include "Kelvo/Ptr.h"
-#include "Kelvo/String.h"
+#include "../../Kelvo/Platform/FdEventHandler.h"
+#include "../../Kelvo/Ptr.h"
+#include "../../Kelvo/String.h"
+#include "Connection.h"
+#include "Export.h"
+#include "Types.h"
 
 namespace Tovik {
 

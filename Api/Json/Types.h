@@ -2,10 +2,10 @@
 
 #include <rapidjson/document.h>
 
-#include "Api/Json/Export.h"
-#include "Api/Json/Layout.h"
-#include "Kelvo/Exception.h"
-#include "Kelvo/String.h"
+#include "../../Kelvo/Exception.h"
+#include "../../Kelvo/String.h"
+#include "Export.h"
+#include "Layout.h"
 
 /// Servers, their connections, clients and messages.
 namespace Tovik {

@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "Api/Json/Types.h"
-#include "Kelvo/String.h"
+#include "../../Kelvo/String.h"
+#include "../Json/Types.h"
 
 /// Keeps out of the interface what is declared inside an exported class.
 #define TOVIK_INTERNAL __attribute__((visibility("hidden")))

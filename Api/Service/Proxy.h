@@ -9,9 +9,9 @@
 #include <utility>
 #include <vector>
 
-#include "Api/Json/Export.h"
-#include "Api/Json/Types.h"
-#include "Api/Service/Object.h"
+#include "../Json/Export.h"
+#include "../Json/Types.h"
+#include "Object.h"
 
 /// @file
 /// The caller's side of a service.

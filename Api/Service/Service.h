@@ -13,9 +13,9 @@
 #include <utility>
 #include <vector>
 
-#include "Api/Json/Export.h"
-#include "Api/Json/Types.h"
-#include "Api/Service/Object.h"
+#include "../Json/Export.h"
+#include "../Json/Types.h"
+#include "Object.h"
 
 /// @file
 /// A service: commands that can fail with a reason and give back values, and topics to follow.

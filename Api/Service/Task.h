@@ -5,8 +5,8 @@
 #include <optional>
 #include <utility>
 
-#include "Api/Service/Proxy.h"
-#include "Kelvo/Platform/EventLoop.h"
+#include "../../Kelvo/Platform/EventLoop.h"
+#include "Proxy.h"
 
 /// @file
 /// Coroutines, for C++20:

@@ -3,7 +3,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
 
-#include "Kelvo/Adapters/BasicAsio.h"
+#include "BasicAsio.h"
 
 namespace Kelvo::Adapters {
 

@@ -7,7 +7,7 @@
 #include <memory>
 #include <utility>
 
-#include "Kelvo/Adapters/Guest.h"
+#include "Guest.h"
 
 namespace Kelvo::Adapters {
 

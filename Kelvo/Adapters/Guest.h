@@ -3,7 +3,7 @@
 #include <exception>
 #include <utility>
 
-#include "Kelvo/Platform/EventLoop.h"
+#include "../Platform/EventLoop.h"
 
 /// @file
 /// Adapters let a foreign event loop, the host, carry this library's: servers and asynchronous

@@ -2,7 +2,7 @@
 
 #include <poll.h>
 
-#include "Kelvo/Platform/EventLoop.h"
+#include "../Platform/EventLoop.h"
 
 namespace Kelvo::Adapters {
 

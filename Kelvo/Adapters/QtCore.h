@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <memory>
 
-#include "Kelvo/Adapters/Guest.h"
+#include "Guest.h"
 
 namespace Kelvo::Adapters {
 

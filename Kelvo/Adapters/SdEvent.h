@@ -8,8 +8,8 @@
 #include <cstring>
 #include <memory>
 
-#include "Kelvo/Adapters/Guest.h"
-#include "Kelvo/Exception.h"
+#include "../Exception.h"
+#include "Guest.h"
 
 namespace Kelvo::Adapters {
 

@@ -4,8 +4,8 @@
 
 #include <memory>
 
-#include "Kelvo/Adapters/Guest.h"
-#include "Kelvo/Exception.h"
+#include "../Exception.h"
+#include "Guest.h"
 
 namespace Kelvo::Adapters {
 

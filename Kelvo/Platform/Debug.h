@@ -5,8 +5,8 @@
 #include <sstream>
 #include <string>
 
-#include "Kelvo/Export.h"
-#include "Kelvo/String.h"
+#include "../Export.h"
+#include "../String.h"
 
 /// @file
 /// Debug channels.

@@ -5,10 +5,10 @@
 #include <memory>
 #include <vector>
 
-#include "Kelvo/Export.h"
-#include "Kelvo/Platform/FdEventHandler.h"
-#include "Kelvo/Platform/TimeoutHandler.h"
-#include "Kelvo/Ptr.h"
+#include "../Export.h"
+#include "../Ptr.h"
+#include "FdEventHandler.h"
+#include "TimeoutHandler.h"
 
 /// @file
 /// The event loop and its contract.

@@ -2,8 +2,8 @@
 
 #include <memory>
 
-#include "Kelvo/Export.h"
-#include "Kelvo/Ptr.h"
+#include "../Export.h"
+#include "../Ptr.h"
 
 namespace Kelvo::Platform {
 

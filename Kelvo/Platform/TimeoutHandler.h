@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Kelvo/Export.h"
-#include "Kelvo/Ptr.h"
+#include "../Export.h"
+#include "../Ptr.h"
 
 namespace Kelvo::Platform {
 

@@ -64,7 +64,7 @@ def _axis(most, tick, scale, bottom):
 
 def _bar(name, latency, y, scale):
     p50, p99 = latency["p50"]["median"] / 1000, latency["p99"] / 1000
-    kind = {"tovik": "ours", "floor": "base"}.get(name.split("-")[0], "peer")
+    kind = {"tovik": "ours", "baseline": "base"}.get(name.split("-")[0], "peer")
     middle, end = y + BAR / 2, LEFT + p99 * scale
     yield _text(LEFT - 8, y + BAR - 3, LABELS[name], "end")
     yield _rect(LEFT, y, p50 * scale, BAR, kind)

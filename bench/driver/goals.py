@@ -1,6 +1,7 @@
 """What the library is to reach, and what was measured. Ratios are of medians in one run."""
 
-from programs import FLOOR, SERVICE, SUBJECT
+from figures import ratio
+from programs import BASELINE, SERVICE, SUBJECT
 
 ONE_CORE = "one core"
 
@@ -50,7 +51,7 @@ def _system_calls(results):
 def _inside(results):
     made = results["allocations"]
     yield _at_most("allocations a request, server, above baseline (iii)", 2,
-                   made[SUBJECT]["server"] - made[FLOOR]["server"])
+                   made[SUBJECT]["server"] - made[BASELINE]["server"])
     pieces = results["pieces"]
     yield _at_most("a disabled diagnostic, ns", 2, pieces["disabledLogStatement"])
     compiled = results["compile time"]
@@ -90,16 +91,25 @@ def _many(results):
     most = max(one["broadcast"], key=int)
     told = one["broadcast"][most]
     yield _at_most(f"broadcast to {most}, CPU a subscriber, of baseline (iii)", 1.10,
-                   _cpu(told[SUBJECT]) / _cpu(told[FLOOR]))
+                   _cpu(told[SUBJECT]) / _cpu(told[BASELINE]))
     most = max(one["idle"], key=int)
     among, alone = one["idle"][most][SUBJECT], one["idle"]["0"][SUBJECT]
     yield _at_most(f"1 active among {most} idle, of alone", 1.05, _p50(among) / _p50(alone))
     yield _at_most("memory of an idle connection, bytes", 2048, among["bytes_per_connection"])
     came = one["admission"]
     yield _at_least("admissions a second of server CPU, of a bare loop", 0.9,
-                    _cpu(came["connect"][FLOOR]) / _cpu(came["connect"][SUBJECT]))
+                    _cpu(came["connect"][BASELINE]) / _cpu(came["connect"][SUBJECT]))
     yield _at_most("CPU of an admission among many, of the first ones", 1.1,
                    _cpu(came["connect among many"][SUBJECT]) / _cpu(came["connect"][SUBJECT]))
+
+
+def _bridged(across):
+    if across:
+        yield _at_most("a program's call across both bridges, of mosquitto_rr", 1.5,
+                       ratio(across["one call"]["bridged"]["elapsed"],
+                             across["one call"]["mqtt"]["elapsed"]))
+        yield _at_most("CPU of both bridges an event, of mosquitto_pub and mosquitto_sub", 1.3,
+                       ratio(across["event"]["bridged"]["cpu"], across["event"]["mqtt"]["cpu"]))
 
 
 def table(results):
@@ -107,11 +117,11 @@ def table(results):
     trips, streams = one["round trip"], one["one-way stream"]
     rows = [
         _at_most("round trip, one core, of baseline (iii)", 1.05,
-                 _p50(trips[SUBJECT]) / _p50(trips[FLOOR])),
+                 _p50(trips[SUBJECT]) / _p50(trips[BASELINE])),
         _at_most("round trip, one core, of baseline (ii)", 1.15,
-                 _p50(trips[SUBJECT]) / _p50(trips["floor-json"])),
+                 _p50(trips[SUBJECT]) / _p50(trips["baseline-json"])),
         _at_most("one-way, server CPU a message, of baseline (iii)", 1.08,
-                 _cpu(streams[SUBJECT]) / _cpu(streams[FLOOR])),
+                 _cpu(streams[SUBJECT]) / _cpu(streams[BASELINE])),
         *_many(results), *_system_calls(results), *_inside(results), *_peers(trips, SUBJECT, PEERS),
-        *_service(one)]
+        *_service(one), *_bridged(one["across bridges"])]
     return [row.row() for row in rows]

@@ -10,6 +10,7 @@ import resource
 import signal
 import sys
 
+import bridge
 import chart
 import counts
 import goals
@@ -17,7 +18,9 @@ import inside
 import report
 from programs import CONTESTANTS, Programs, placements
 from progress import Progress
-from scenarios import SCENARIOS, Bench, Sizes
+from scenarios import AT_HOME, Bench, Sizes
+
+SCENARIOS = {**AT_HOME, "across bridges": bridge.bridge}
 
 TIME_LIMIT = 20 * 60  # seconds; what has not come to an end by then hangs
 

@@ -11,7 +11,7 @@ import time
 
 SUBJECT = "tovik"
 SERVICE = "tovik-service"  # with a proxy
-FLOOR = "floor-epoll"
+BASELINE = "baseline-epoll"
 
 
 class Contestant:
@@ -27,21 +27,22 @@ class Contestant:
         self.streams = streams
         self.crowd = crowd  # the program of many subscribers, if it has broadcasts
         # Others want a socket in the file system.
-        self.on_path = program not in ("floors", "library", "service")
+        self.on_path = program not in ("baselines", "library", "service")
 
 
 CONTESTANTS = [
-    Contestant("floor-bytes", "baseline (i): blocking, bytes only", "floors", "serve-bytes",
+    Contestant("baseline-bytes", "baseline (i): blocking, bytes only", "baselines", "serve-bytes",
                "drive-bytes"),
-    Contestant("floor-json", "baseline (ii): blocking, JSON", "floors", "serve-json", "drive-json"),
-    Contestant(FLOOR, "baseline (iii): epoll server, JSON", "floors", "serve-epoll", "drive-json",
-               crowd="floors"),
-    Contestant(SUBJECT, "Tovik, blocking client", "library", crowd="floors"),
-    Contestant("floor-async", "baseline (iii), epoll client", "floors", "serve-epoll",
+    Contestant("baseline-json", "baseline (ii): blocking, JSON", "baselines", "serve-json",
+               "drive-json"),
+    Contestant(BASELINE, "baseline (iii): epoll server, JSON", "baselines", "serve-epoll",
+               "drive-json", crowd="baselines"),
+    Contestant(SUBJECT, "Tovik, blocking client", "library", crowd="baselines"),
+    Contestant("baseline-async", "baseline (iii), epoll client", "baselines", "serve-epoll",
                "drive-epoll", streams=False),
     Contestant("tovik-async", "Tovik, asynchronous client", "library", "serve", "drive-async",
                streams=False),
-    Contestant(SERVICE, "Tovik, service and proxy", "service", streams=False, crowd="floors"),
+    Contestant(SERVICE, "Tovik, service and proxy", "service", streams=False, crowd="baselines"),
     Contestant("sd-bus", "sd-bus, direct", "sdbus"),
     Contestant("zeromq", "ZeroMQ, ipc", "zmq", crowd="zmq"),
     Contestant("nng", "nng, ipc", "nng", crowd="nng"),
@@ -96,18 +97,25 @@ class Programs:
         return f"{self.work.name}/{number}" if on_path else f"bench-{os.getpid()}-{number}"
 
     def server(self, contestant, placement, wrapper=(), environment=None):
-        address = self.address(contestant.on_path)
-        command = [*wrapper, self.path(contestant.program), contestant.serve, address]
-        return self._started(Server(command, address, placement, environment))
+        return self.serve(contestant.program, contestant.serve,
+                          self.address(contestant.on_path), placement, wrapper, environment)
 
     def client(self, contestant, server, placement, wrapper=(), environment=None):
-        command = [*wrapper, self.path(contestant.program), contestant.drive, server.address]
-        return self._started(Client(command, placement, environment))
+        return self.drive(contestant.program, contestant.drive, server.address, placement, wrapper,
+                          environment)
 
-    def crowd(self, server, placement, program="floors"):
-        return self._started(Client([self.path(program), "crowd", server.address], placement))
+    def crowd(self, server, placement, program="baselines"):
+        return self.drive(program, "crowd", server.address, placement)
 
-    def _started(self, process):
+    def serve(self, program, role, address, placement, wrapper=(), environment=None):
+        command = [*wrapper, self.path(program), role, address]
+        return self.started(Server(command, address, placement, environment))
+
+    def drive(self, program, role, address, placement, wrapper=(), environment=None):
+        command = [*wrapper, self.path(program), role, address]
+        return self.started(Client(command, placement, environment))
+
+    def started(self, process):
         self._running.append(process)
         return process
 

@@ -1,6 +1,7 @@
 """The tables, as Markdown that also reads well on a terminal."""
 
-from programs import CONTESTANTS, FLOOR
+from figures import ratio
+from programs import CONTESTANTS, BASELINE
 
 LABELS = {c.name: c.label for c in CONTESTANTS}
 
@@ -29,12 +30,12 @@ def spread(summary):
 
 
 def _round_trip(entries):
-    floor = entries[FLOOR]["latency"]["p50"]["median"]
+    baseline = entries[BASELINE]["latency"]["p50"]["median"]
     rows = []
     for name, entry in entries.items():
         latency = entry["latency"]
         rows.append([LABELS[name], spread(latency["p50"]), micro(latency["p99"]),
-                     micro(latency["p99.9"]), f"{latency['p50']['median'] / floor:.2f}",
+                     micro(latency["p99.9"]), f"{latency['p50']['median'] / baseline:.2f}",
                      micro(entry["server_cpu"]["median"]), micro(entry["client_cpu"]["median"]),
                      "+".join(map(str, entry["threads"])),
                      "+".join(f"{kib / 1024:.1f}" for kib in entry["resident_kib"])])
@@ -42,16 +43,32 @@ def _round_trip(entries):
                   "server CPU", "client CPU", "threads", "MiB"], rows)
 
 
-def _against_floor(heading, entries, key, others=()):
-    floor = entries[FLOOR][key]["median"]
-    rows = [[LABELS[name], spread(entry[key]), f"{entry[key]['median'] / floor:.2f}",
+def _against_baseline(heading, entries, key, others=()):
+    baseline = entries[BASELINE][key]["median"]
+    rows = [[LABELS[name], spread(entry[key]), f"{entry[key]['median'] / baseline:.2f}",
              *[spread(entry[other]) for other in others]] for name, entry in entries.items()]
     return table([heading, key.replace("_", " "), "of baseline (iii)",
                   *[other.replace("_", " ") for other in others]], rows)
 
 
 def _start_up(entries):
-    return _against_floor("start of a client's program to its first reply, us", entries, "elapsed")
+    return _against_baseline("start of a client's program to its first reply, us", entries,
+                             "elapsed")
+
+
+BRIDGED = {"round trip": ("latency", "MQTT by hand", "Tovik across both bridges"),
+           "one call": ("elapsed", "mosquitto_rr", "tovik call across both bridges"),
+           "event": ("cpu", "mosquitto_pub and mosquitto_sub", "both bridges")}
+
+
+def _across_bridges(kind, entries):
+    key, by_hand, bridged = BRIDGED[kind]
+
+    def figure(name):
+        return entries[name][key].get("p50", entries[name][key])
+    return table([f"{kind}, us", key, f"of {by_hand}"],
+                 [[label, spread(figure(name)), f"{ratio(figure(name), figure('mqtt')):.2f}"]
+                  for name, label in (("mqtt", by_hand), ("bridged", bridged))])
 
 
 def _placement(name, scenarios):
@@ -59,26 +76,29 @@ def _placement(name, scenarios):
     if "round trip" in scenarios:
         yield _round_trip(scenarios["round trip"])
     if "one-way stream" in scenarios:
-        yield _against_floor("one-way, us a message", scenarios["one-way stream"], "server_cpu",
+        yield _against_baseline("one-way, us a message", scenarios["one-way stream"], "server_cpu",
                              ["elapsed"])
         if "zeromq" in scenarios["one-way stream"]:
             yield ("ZeroMQ is ahead of any system that writes each message by itself: it gathers "
                    "what is waiting into few, large writes.")
     for number, entries in scenarios.get("broadcast", {}).items():
-        yield _against_floor(f"broadcast to {number}, us a subscriber", entries, "server_cpu")
+        yield _against_baseline(f"broadcast to {number}, us a subscriber", entries, "server_cpu")
     for number, entries in scenarios.get("idle", {}).items():
         trips = {n: {"p50": e["latency"]["p50"], "server_cpu": e["server_cpu"]}
                  for n, e in entries.items()}
         memory = ", ".join(f"{LABELS[n]} {e['bytes_per_connection']:.0f}"
                            for n, e in entries.items() if e["bytes_per_connection"] is not None)
-        yield _against_floor(f"1 active among {number} idle, us", trips, "p50", ["server_cpu"])
+        yield _against_baseline(f"1 active among {number} idle, us", trips, "p50", ["server_cpu"])
         if memory:
             yield f"Bytes of an idle connection: {memory}."
     for kind, entries in scenarios.get("admission", {}).items():
-        yield _against_floor(f"admission: {kind}, us a client", entries, "elapsed", ["server_cpu"])
+        yield _against_baseline(f"admission: {kind}, us a client", entries, "elapsed",
+                                ["server_cpu"])
     for number, entries in scenarios.get("calls in flight", {}).items():
         yield table([f"{number} calls in flight, answered in random order", "us a call"],
                     [[LABELS[n], spread(entry["elapsed"])] for n, entry in entries.items()])
+    for kind, entries in scenarios.get("across bridges", {}).items():
+        yield _across_bridges(kind, entries)
     if "start-up" in scenarios:
         yield _start_up(scenarios["start-up"])
 

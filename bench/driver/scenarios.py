@@ -4,7 +4,7 @@ disturbance of the machine meets all alike."""
 import time
 
 from figures import Latencies, Series
-from programs import CONTESTANTS, FLOOR, SERVICE, SUBJECT
+from programs import CONTESTANTS, BASELINE, SERVICE, SUBJECT
 
 WARM_UP = 200
 
@@ -22,6 +22,7 @@ class Sizes:
         self.live = 500 if quick else 2000
         self.admissions = 50 if quick else 100
         self.in_flight = 1000 if quick else 10000
+        self.events = 1000 if quick else 5000
         self.counted = 100 if quick else 500
 
 
@@ -122,7 +123,7 @@ def broadcast(bench, placement):
 
 def idle(bench, placement):
     """One active client among many idle ones, and the memory that an idle one costs."""
-    contestants = bench.pick(FLOOR, SUBJECT, SERVICE)
+    contestants = bench.pick(BASELINE, SUBJECT, SERVICE)
     pairs = {}
     memory = {}
     for contestant in contestants:
@@ -153,7 +154,7 @@ def idle(bench, placement):
 
 def admission(bench, placement):
     """Clients that come: alone, with a first request, and when many are there already."""
-    contestants = bench.pick(FLOOR, SUBJECT)
+    contestants = bench.pick(BASELINE, SUBJECT)
     pairs = {}
     for contestant in contestants:
         server = bench.programs.server(contestant, placement)
@@ -205,6 +206,6 @@ def start_up(bench, placement):
     return {name: {"elapsed": series.summary()} for name, series in elapsed.items()}
 
 
-SCENARIOS = {"round trip": round_trip, "one-way stream": stream, "broadcast": broadcast,
-             "idle": idle, "admission": admission, "calls in flight": overlap,
-             "start-up": start_up}
+AT_HOME = {"round trip": round_trip, "one-way stream": stream, "broadcast": broadcast,
+           "idle": idle, "admission": admission, "calls in flight": overlap,
+           "start-up": start_up}

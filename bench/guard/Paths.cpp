@@ -13,7 +13,7 @@
 #include "Api/Json/Client.h"
 #include "Api/Json/Server.h"
 #include "Kelvo/Platform/EventLoop.h"
-#include "bench/floors/EpollServer.h"
+#include "bench/baselines/EpollServer.h"
 #include "bench/support/Driven.h"
 #include "bench/support/Raw.h"
 #include "bench/support/Work.h"
@@ -61,7 +61,7 @@ void serverRequest(const std::string& name, int count) {
 }
 
 /// For comparison only: the same done by hand.
-void floorRequest(const std::string& name, int count) {
+void baselineRequest(const std::string& name, int count) {
   Bench::EpollServer server(name);
   const int client = connectTo(name);
   server.turn();
@@ -139,7 +139,7 @@ Bench::Role role(Path path) {
 
 int main(int argc, char** argv) {
   return Bench::runAs(argc, argv,
-                      {{"floor-request", role(floorRequest)},
+                      {{"baseline-request", role(baselineRequest)},
                        {"server-request", role(serverRequest)},
                        {"blocking-call", role(blockingCall)},
                        {"asynchronous-send", role(asynchronousSend)},

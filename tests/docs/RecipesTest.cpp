@@ -22,6 +22,7 @@
 #include "tests/support/Support.h"
 
 using namespace std::chrono_literals;
+using Kelvo::Platform::EventLoop;
 
 namespace {
 
@@ -201,6 +202,37 @@ TEST_F(RecipeForAnsweringLater, OneThatHasGoneIsLeftAlone) {
   waiting_[1].acknowledge(2);
   turnUntilIdle();
   EXPECT_EQ(rawReceiveNow(staying.get()), R"({"type":"reply","status":2})");
+}
+
+TEST_F(Recipe, ChangesArePublishedAtOnceAndThenAtTheirRate) {
+  using Clock = std::chrono::steady_clock;
+  int state = 0;
+  std::vector<int> published;
+  std::vector<Clock::time_point> times;
+  RateLimit limit(0.02, [&] {
+    published.push_back(state);
+    times.push_back(Clock::now());
+  });
+  for (state = 1; state < 4; ++state) {
+    limit.changed();
+  }
+  EXPECT_EQ(published, std::vector{1});
+  EXPECT_TRUE(turnUntil([&] { return published.size() == 2; }));
+  EXPECT_EQ(published.back(), 4);
+  EXPECT_GE(times[1] - times[0], 20ms);
+  EXPECT_TRUE(EventLoop::current().runOnce(10s));  // the time is over, and nothing has changed
+  EXPECT_EQ(published.size(), 2U);
+  limit.changed();
+  EXPECT_EQ(published.size(), 3U);
+}
+
+TEST_F(Recipe, TheLoopStopsWhenADescriptorEnds) {
+  auto [near, far] = rawPair();
+  const UntilItEnds untilItEnds(near.get());
+  rawSend(far.get(), "dropped");
+  EXPECT_TRUE(EventLoop::current().runOnce(10s));
+  far.reset();
+  EventLoop::current().run();
 }
 
 /// A loop that watches one descriptor.

@@ -113,19 +113,12 @@ void ChildServer::notify(unsigned number) {
 
 // --- the log ---
 
-Log::Log() {
-  Kelvo::Platform::setDebugSink("Tovik", [this](const Kelvo::Platform::DebugRecord& record) {
-    if (record.level == 0 && record.function != "Server") {
-      ++errors[record.text];
-    }
-    readEvents += record.level == 2 && record.function == "readFdEvent" ? 1 : 0;
-  });
-  Kelvo::Platform::setDebugLevels("Tovik", 0x5);
-}
-
-Log::~Log() {
-  Kelvo::Platform::setDebugLevels("Tovik", 0);
-  Kelvo::Platform::setDebugSink("Tovik", nullptr);
-}
+Log::Log()
+    : sink_(0x5, [this](const auto& record) {
+        if (record.level == 0 && record.function != "Server") {
+          ++errors[record.text];
+        }
+        readEvents += record.level == 2 && record.function == "readFdEvent" ? 1 : 0;
+      }) {}
 
 }  // namespace model

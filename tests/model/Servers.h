@@ -68,9 +68,11 @@ class ChildServer final : public AnyServer {
 class Log {
  public:
   Log();
-  ~Log();
   std::map<std::string, unsigned> errors;
   unsigned readEvents = 0;
+
+ private:
+  LogSink sink_;
 };
 
 }  // namespace model

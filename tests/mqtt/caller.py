@@ -5,7 +5,7 @@ import asyncio
 import signal
 import sys
 
-import support  # noqa: F401, where the package is
+import broker  # noqa: F401, which finds the package
 import tovik
 
 

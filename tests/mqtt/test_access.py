@@ -4,11 +4,12 @@ import os
 import subprocess
 import unittest
 
+import broker
 import support
 import tovik
 
 
-class Tls(support.Case):
+class Tls(broker.Case):
     broker_options = """cafile {folder}/ca.pem
 certfile {folder}/server.pem
 keyfile {folder}/server.key
@@ -90,7 +91,7 @@ class TlsWithClientCertificates(Tls):
         self.tries(*trusted).says("TLS")
 
 
-class Passwords(support.Case):
+class Passwords(broker.Case):
     """The broker's access control list is that of docs/beyond.md."""
 
     broker_options = """password_file {folder}/passwords
@@ -142,7 +143,7 @@ acl_file {folder}/acl
         export.says(f"the broker refuses '{base}/online': Not authorized")
 
 
-class Admission(support.Case):
+class Admission(broker.Case):
     def status(self, name, user):
         script = "import sys, support, tovik\n" \
                  "message = {'command': 'echo', 'value': 1}\n" \
@@ -151,7 +152,7 @@ class Admission(support.Case):
         command = ["setpriv", f"--reuid={user}", f"--regid={user}", "--clear-groups",
                    "/usr/bin/python3", "-B", "-c", script, name]
         done = subprocess.run(command, capture_output=True, text=True, timeout=support.DEADLINE,
-                              cwd=support.SOURCE / "tests/mqtt")
+                              cwd=support.SOURCE / "tests/python")
         self.assertEqual(done.returncode, 0, done.stderr)
         return int(done.stdout)
 

@@ -4,10 +4,11 @@ import json
 import signal
 import unittest
 
+import broker
 import support
 
 
-class Events(support.Case):
+class Events(broker.Case):
     def test_are_published_below_the_name(self):
         lamp = self.exported()
         peer = self.subscribe(lamp.base + "/event/#")
@@ -98,7 +99,7 @@ class Events(support.Case):
             self.assertIn(f'{base}/event/topic {number} {{"n":{number}}}', before)
 
 
-class StoredEvents(support.Case):
+class StoredEvents(broker.Case):
     broker_options = """allow_anonymous true
 persistence true
 persistence_location {folder}/
@@ -119,7 +120,7 @@ persistence_location {folder}/
         self.assertIsNone(self.retained(lamp.base + "/event/state"))
 
 
-class Presence(support.Case):
+class Presence(broker.Case):
     def test_is_true_with_a_description_once_the_server_is_there(self):
         lamp = self.exported()
         about = json.loads(self.retained(lamp.base + "/about"))
@@ -141,7 +142,7 @@ class Presence(support.Case):
             self.await_retained(lamp.base + "/online", "false")
 
 
-class Calls(support.Case):
+class Calls(broker.Case):
     def ask(self, lamp, command, payload, **options):
         return self.call(lamp.base, command, payload, **options)[0]
 
@@ -256,6 +257,11 @@ class Calls(support.Case):
         self.assertEqual(self.ask(lamp, "add", '{"a":1,"b":2}')["status"], 0)
         self.assertEqual(self.ask(lamp, "switch", '{"on":true}', correlation="c2")["status"], 13)
         self.assertEqual(self.ask(lamp, "s%77itch", '{"on":true}', correlation="c3")["status"], 13)
+        # Of two members of a name, the bridge might look at one and the service at the other.
+        self.publish(lamp.base + "/call",
+                     r'{"command":"add","a":1,"b":2,"comm\u0061nd":"switch","on":true}')
+        bridge.says("is refused: a payload has two members 'command'")
+        self.assertIsNone(self.retained(lamp.base + "/event/state"))
 
 
 if __name__ == "__main__":

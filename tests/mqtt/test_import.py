@@ -9,12 +9,13 @@ import threading
 import time
 import unittest
 
+import broker
 import support
 import tovik
 import tovik.testing
 
 
-class Imported(support.Case):
+class Imported(broker.Case):
     def setUp(self):
         super().setUp()
         self.lamp = self.exported()
@@ -161,7 +162,7 @@ class Imported(support.Case):
         self.assertEqual((found["there"], found["calls"], found["lost"]), (True, 1, 0))
 
 
-class ImportOptions(support.Case):
+class ImportOptions(broker.Case):
     def test_limit_calls(self):
         lamp = self.exported()
         here = self.imported(lamp.base, "--timeout", "0.5")
@@ -201,7 +202,7 @@ class ImportOptions(support.Case):
         self.assertIsNone(bridge.process.poll())
 
 
-class Plain(support.Case):
+class Plain(broker.Case):
     """Servers of the core alone."""
 
     def setUp(self):
@@ -246,6 +247,13 @@ class Plain(support.Case):
         self.server.notify({"load": 3})
         support.wait_until(peer.heard)
         self.assertEqual(peer.heard(), [self.base + '/event {"load":3}'])
+
+    def test_cannot_pass_a_reply_for_a_message(self):
+        here = self.imported(self.base)
+        for payload in ('{"type":"reply","status":0}',
+                        '{"type":"news","type":"reply","status":0}'):
+            self.publish(self.base + "/event", payload)
+        support.wait_until(lambda: here.log().count("is refused") == 2)
 
     def test_are_plain_servers_elsewhere_too(self):
         here = self.imported(self.base)

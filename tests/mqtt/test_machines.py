@@ -11,6 +11,7 @@ import subprocess
 import sys
 import unittest
 
+import broker
 import support
 
 FAULTS = int(os.environ.get("TOVIK_MQTT_FAULTS", "12"))
@@ -33,7 +34,7 @@ def namespaces_work():
 
 
 @unittest.skipUnless(namespaces_work(), "network namespaces take root and the kernel's leave")
-class MachinesCase(support.Case):
+class MachinesCase(broker.Case):
     """The machines "service" and "callers", each joined to that of the broker."""
 
     def setUp(self):
@@ -68,7 +69,7 @@ class MachinesCase(support.Case):
         return f"tvk{os.getpid() % 100000}m{list(self.machines).index(kind)}"
 
     def on(self, kind, *arguments):
-        return support.Program(self, ["ip", "netns", "exec", self.machines[kind], *arguments])
+        return broker.Program(self, ["ip", "netns", "exec", self.machines[kind], *arguments])
 
     def ask(self, kind, *arguments):
         return subprocess.run(["ip", "netns", "exec", self.machines[kind],
@@ -87,7 +88,7 @@ class MachinesCase(support.Case):
         self.running[part] = getattr(self, "start_" + part.replace(" ", "_") + "_process")()
 
     def start_broker_process(self):
-        return self.on("broker", support.BROKER, "-c", self.folder / "broker.conf")
+        return self.on("broker", broker.BROKER, "-c", self.folder / "broker.conf")
 
     def start_service_process(self):
         return self.on("service", sys.executable, support.SOURCE / "tests/mqtt/lamp.py", "lamp",

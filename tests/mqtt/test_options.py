@@ -10,6 +10,7 @@ import subprocess
 import tempfile
 import unittest
 
+import broker
 import support
 import tovik
 
@@ -119,7 +120,7 @@ tls = true
         self.assertRegex(self.run_bridge("--version").stdout, r"^tovik-mqtt \d")
 
 
-class Life(support.Case):
+class Life(broker.Case):
     def test_tells_the_service_manager(self):
         path = str(self.folder / "notify")
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
@@ -168,7 +169,7 @@ class Life(support.Case):
                            lamp.bridge.log() + second.log())
 
 
-class LargePackets(support.Case):
+class LargePackets(broker.Case):
     def test_are_kept_away_by_the_broker(self):
         lamp = self.exported()
         self.publish(lamp.base + "/call/echo", "x" * 100000)

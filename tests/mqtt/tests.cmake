@@ -1,5 +1,5 @@
 # The bridge, with a broker that each test starts and ends. Needs Python 3, mosquitto and its clients.
-foreach(subject IN ITEMS access conformance export import machines options)
+foreach(subject IN ITEMS access convention export import machines options)
   set_property(GLOBAL APPEND PROPERTY TOVIK_TEST_SOURCES mqtt/test_${subject}.py)
   if(NOT TARGET tovik_mqtt OR NOT TOVIK_MOSQUITTO OR NOT TOVIK_MOSQUITTO_SUB)
     tovik_missing_test(mqtt.${subject})
@@ -13,7 +13,8 @@ foreach(subject IN ITEMS access conformance export import machines options)
     PROPERTIES
     TIMEOUT 300
     ENVIRONMENT
-    "TOVIK_MQTT=$<TARGET_FILE:tovik_mqtt>;TOVIK_TOOL=$<TARGET_FILE:tovik_tool>;TOVIK_SANITIZE=${TOVIK_SANITIZE}")
+    "TOVIK_MQTT=$<TARGET_FILE:tovik_mqtt>;CONFORMANCE_PEER=$<TARGET_FILE:conformance_peer>;\
+TOVIK=$<TARGET_FILE:tovik_tool>;TOVIK_TOOL=$<TARGET_FILE:tovik_tool>;TOVIK_SANITIZE=${TOVIK_SANITIZE}")
 endforeach()
 
 # The page takes a browser, and npm, which scripts/setup leaves to others.

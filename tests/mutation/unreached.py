@@ -25,7 +25,7 @@ def counts(folders):
                             capture_output=True, text=True, check=True, cwd=ROOT).stdout
     for document in map(json.loads, filter(None, output.splitlines())):
         for file in document["files"]:
-            path = pathlib.Path(document["current_working_directory"], file["file"])
+            path = pathlib.Path(document["current_working_directory"], file["file"]).resolve()
             if not path.is_relative_to(ROOT) or not COVERED.match(str(path.relative_to(ROOT))):
                 continue
             for line in file["lines"]:

@@ -8,7 +8,7 @@ from package import LIB, PREFIX, PUBLIC_HEADERS, SHARED, SOURCE, check, install,
 
 
 def headers():
-    root = PREFIX / "include"
+    root = PREFIX / "include" / "tovik"
     installed = sorted(str(path.relative_to(root)) for path in root.rglob("*") if path.is_file())
     found = [path for path in installed if not path.startswith("Kelvo/Adapters/")]
     check(found == PUBLIC_HEADERS, f"installed headers: {found}")

@@ -22,6 +22,14 @@ set_tests_properties(Package.InstallsLibrariesPublicHeadersAndPkgConfigFiles
 tovik_package_test(CompilesEachPublicHeaderAlone headers.py)
 set_tests_properties(Package.CompilesEachPublicHeaderAlone PROPERTIES PROCESSORS 2 TIMEOUT 300)
 
+tovik_package_test(HasOneVersion versions.py)
+tovik_package_test(IsReleasedWhenAllIsThere release.py)
+set_tests_properties(Package.HasOneVersion Package.IsReleasedWhenAllIsThere PROPERTIES FIXTURES_REQUIRED "")
+find_program(TOVIK_GIT git)
+if(NOT TOVIK_GIT)
+  set_tests_properties(Package.IsReleasedWhenAllIsThere PROPERTIES DISABLED TRUE)
+endif()
+
 # An ordinary application cannot load sanitized libraries, and those export and import more. The
 # rest looks at shared libraries, and builds static ones beside them.
 if(BUILD_SHARED_LIBS AND NOT TOVIK_SANITIZE)

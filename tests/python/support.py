@@ -1,4 +1,5 @@
-"""What the tests of the Python package share. Where things are comes in the environment."""
+"""What the Python tests share, those of the bridge included. Where things are comes in the
+environment."""
 
 import asyncio
 import itertools
@@ -17,19 +18,19 @@ if not PACKAGE.is_dir():
 sys.path.insert(0, os.environ.get("TOVIK_PYTHON_PATH", str(PACKAGE)))
 sys.dont_write_bytecode = True
 
-DEADLINE = 10  # seconds for anything to happen
+DEADLINE = 20  # seconds for anything to happen
 _numbers = itertools.count(1)
 
 
-def unique_name():
-    return f"tovik-python-{os.getpid()}-{next(_numbers)}"
+def unique_name(kind="python"):
+    return f"tovik-{kind}-{os.getpid()}-{next(_numbers)}"
 
 
-def wait_until(condition):
-    deadline = time.monotonic() + DEADLINE
+def wait_until(condition, what="it", limit=DEADLINE):
+    deadline = time.monotonic() + limit
     while not condition():
         if time.monotonic() > deadline:
-            raise AssertionError("it did not happen in time")
+            raise AssertionError(f"{what} did not happen in time")
         time.sleep(0.002)
 
 

@@ -11,17 +11,10 @@
 
 using Faults::Call;
 
-Journal::Journal(unsigned levels) {
-  Kelvo::Platform::setDebugSink("Tovik", [this](const Kelvo::Platform::DebugRecord& record) {
-    trace_.note(std::to_string(record.level) + " " + record.function + ": " + record.text);
-  });
-  Kelvo::Platform::setDebugLevels("Tovik", levels);
-}
-
-Journal::~Journal() {
-  Kelvo::Platform::setDebugLevels("Tovik", 0);
-  Kelvo::Platform::setDebugSink("Tovik", nullptr);
-}
+Journal::Journal(unsigned levels)
+    : sink_(levels, [this](const auto& record) {
+        trace_.note(std::to_string(record.level) + " " + record.function + ": " + record.text);
+      }) {}
 
 std::vector<std::string> Journal::take() {
   write();

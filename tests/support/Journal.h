@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "tests/support/Faults.h"
+#include "tests/support/LogSink.h"
 
 /// What the library does and says in one sequence: its calls to the system on sockets, and to the
 /// loop's epoll about them, and the records of the channel "Tovik". A line is a word and what
@@ -16,9 +17,6 @@ class Journal {
  public:
   /// Enables these levels while it lives.
   explicit Journal(unsigned levels = 0);
-  Journal(const Journal&) = delete;
-  Journal& operator=(const Journal&) = delete;
-  ~Journal();
 
   /// The lines since the last call.
   std::vector<std::string> take();
@@ -41,4 +39,5 @@ class Journal {
   std::vector<std::string> lines_;
   std::map<int, char> letters_;
   std::map<char, int> fds_;
+  LogSink sink_;
 };

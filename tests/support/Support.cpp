@@ -145,16 +145,8 @@ void setNonBlocking(int fd) {
   ASSERT_EQ(::fcntl(fd, F_SETFL, O_RDWR | O_NONBLOCK), 0);
 }
 
-CapturedLog::CapturedLog(unsigned mask) {
-  Kelvo::Platform::setDebugSink(
-      "Tovik", [this](const Kelvo::Platform::DebugRecord& record) { records_.push_back(record); });
-  Kelvo::Platform::setDebugLevels("Tovik", mask);
-}
-
-CapturedLog::~CapturedLog() {
-  Kelvo::Platform::setDebugLevels("Tovik", 0);
-  Kelvo::Platform::setDebugSink("Tovik", nullptr);
-}
+CapturedLog::CapturedLog(unsigned mask)
+    : sink_(mask, [this](const auto& record) { records_.push_back(record); }) {}
 
 namespace {
 

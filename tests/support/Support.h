@@ -13,6 +13,7 @@
 #include "Api/Json/Types.h"
 #include "Kelvo/Platform/Debug.h"
 #include "Kelvo/Platform/EventLoop.h"
+#include "tests/support/LogSink.h"
 
 // What the tests share: names, loops turned by hand, raw sockets, the captured debug channel.
 
@@ -70,9 +71,6 @@ void setNonBlocking(int fd);
 class CapturedLog {
  public:
   explicit CapturedLog(unsigned mask = 0xF);
-  CapturedLog(const CapturedLog&) = delete;
-  CapturedLog& operator=(const CapturedLog&) = delete;
-  ~CapturedLog();
 
   const std::vector<Kelvo::Platform::DebugRecord>& records() const { return records_; }
   /// Each record as "level path function: text".
@@ -84,4 +82,5 @@ class CapturedLog {
 
  private:
   std::vector<Kelvo::Platform::DebugRecord> records_;
+  LogSink sink_;
 };

@@ -164,8 +164,8 @@ TEST(Threads, RunAsynchronousClientsOnLoopsOfTheirOwn) {
 
 TEST(Threads, MayChangeTheEnabledLevelsWhileOthersLog) {
   std::atomic<int> records{0};
-  Kelvo::Platform::setDebugSink("Tovik", [&](const auto&) { ++records; });
   {
+    const LogSink sink(0, [&](const auto&) { ++records; });
     const ServerThread server;
     std::atomic<bool> done{false};
     std::thread switcher([&] {
@@ -179,8 +179,6 @@ TEST(Threads, MayChangeTheEnabledLevelsWhileOthersLog) {
     switcher.join();
     EXPECT_EQ(callRepeatedly(server.name()), kMessages);
   }
-  Kelvo::Platform::setDebugLevels("Tovik", 0);
-  Kelvo::Platform::setDebugSink("Tovik", nullptr);
   EXPECT_GT(records, kMessages);
 }
 

@@ -27,9 +27,10 @@ Faults::Seen connectTo(const Kelvo::String& name) {
 
 /// The address as the wire's rule has it: family, NUL, the name, zeros to the end.
 std::string addressOf(const std::string& name) {
-  std::string address = "\x01\0\0"s + name;
-  address.resize(110, '\0');
-  return address;
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;  // in the machine's byte order
+  name.copy(address.sun_path + 1, name.size());
+  return std::string(reinterpret_cast<const char*>(&address), 110);
 }
 
 bool canConnect(const Kelvo::String& name) {

@@ -43,7 +43,7 @@ class AsyncClientMalformedText : public AsyncClientText {};
 TEST_P(AsyncClientText, GoesToTheHandler) {
   connect();
   rawSend(peer_.get(), GetParam().record);
-  turn();
+  nextTurn();
   EXPECT_EQ(messages_, Lines{GetParam().record});
   EXPECT_EQ(log_.lines(), Lines{received(GetParam().record)});
   EXPECT_EQ(rawReceiveNow(peer_.get()), "<nothing>") << "nothing is acknowledged";
@@ -65,12 +65,12 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_P(AsyncClientMalformedText, IsLoggedTwiceAndDropped) {
   connect();
   rawSend(peer_.get(), GetParam().record);
-  turn();
+  nextTurn();
   EXPECT_EQ(log_.lines(), (Lines{received(GetParam().record), kMalformed}));
   EXPECT_TRUE(messages_.empty());
   EXPECT_EQ(rawReceiveNow(peer_.get()), "<nothing>");
   rawSend(peer_.get(), "[1]");
-  turn();
+  nextTurn();
   EXPECT_EQ(messages_, Lines{"[1]"}) << "the connection goes on";
 }
 
@@ -87,16 +87,16 @@ TEST_F(AsyncClient, DeliversOneRecordATurnInOrder) {
   connect();
   rawSend(peer_.get(), "[1]");
   rawSend(peer_.get(), "[2]");
-  turn();
+  nextTurn();
   EXPECT_EQ(messages_, Lines{"[1]"});
-  turn();
+  nextTurn();
   EXPECT_EQ(messages_, (Lines{"[1]", "[2]"}));
 }
 
 TEST_F(AsyncClient, ReadsARecordUpToItsFirstNul) {
   connect();
   rawSend(peer_.get(), std::string("[1]\0{]", 6));
-  turn();
+  nextTurn();
   EXPECT_EQ(messages_, Lines{"[1]"});
   EXPECT_EQ(log_.lines(), Lines{received("[1]")});
 }
@@ -104,7 +104,7 @@ TEST_F(AsyncClient, ReadsARecordUpToItsFirstNul) {
 TEST_F(AsyncClient, LogsATextAsItCame) {
   connect();
   rawSend(peer_.get(), " [ 1 ]\n");
-  turn();
+  nextTurn();
   EXPECT_EQ(log_.lines(), Lines{received(" [ 1 ]\n")});
   EXPECT_EQ(messages_, Lines{"[1]"});
 }
@@ -113,7 +113,7 @@ TEST_F(AsyncClient, LogsATextBeforeItsHandlerRuns) {
   connect();
   onMessage_ = [this] { EXPECT_EQ(log_.lines(), Lines{received("[1]")}); };
   rawSend(peer_.get(), "[1]");
-  turn();
+  nextTurn();
   EXPECT_EQ(messages_.size(), 1U);
 }
 
@@ -128,10 +128,10 @@ TEST_F(AsyncClient, LogsOnlyErrorsIfNothingElseIsEnabled) {
   Kelvo::Platform::setDebugLevels("Tovik", 1U);
   connect();
   rawSend(peer_.get(), "[1]");
-  turn();
+  nextTurn();
   EXPECT_EQ(log_.lines(), Lines());
   rawSend(peer_.get(), "{");
-  turn();
+  nextTurn();
   EXPECT_EQ(log_.lines(), Lines{kMalformed});
 }
 
@@ -140,10 +140,10 @@ TEST_F(AsyncClient, LogsNothingIfNothingIsEnabled) {
   connect();
   for (const char* text : {"[1]", "{"}) {
     rawSend(peer_.get(), text);
-    turn();
+    nextTurn();
   }
   peer_.reset();
-  turn();
+  nextTurn();
   EXPECT_EQ(log_.lines(), Lines());
 }
 
@@ -153,7 +153,7 @@ TEST_F(AsyncClient, MaySendFromItsMessageHandler) {
   connect();
   onMessage_ = [this] { send(R"({"answer":1})"); };
   rawSend(peer_.get(), "[1]");
-  turn();
+  nextTurn();
   EXPECT_EQ(rawReceive(peer_.get()), R"({"answer":1})");
 }
 
@@ -162,10 +162,10 @@ TEST_F(AsyncClient, MayEndItsConnectionInItsMessageHandler) {
   onMessage_ = [this] { client_->terminateConnection(); };
   rawSend(peer_.get(), "[1]");
   rawSend(peer_.get(), "[2]");
-  turn();
+  nextTurn();
   EXPECT_FALSE(client_->isAttached());
   EXPECT_EQ(rawReceive(peer_.get()), "<error>") << "a record was left unread";
-  turn();
+  nextTurn();
   EXPECT_EQ(connects_, 2);
   EXPECT_EQ(messages_, Lines{"[1]"});
 }
@@ -174,7 +174,7 @@ TEST_F(AsyncClient, MayReplaceItsConnectionInItsMessageHandler) {
   connect();
   onMessage_ = [this] { client_->timeout(); };
   rawSend(peer_.get(), "[1]");
-  turn();
+  nextTurn();
   EXPECT_EQ(connects_, 2);
   EXPECT_EQ(rawReceive(peer_.get()), "<end>");
 }
@@ -182,7 +182,7 @@ TEST_F(AsyncClient, MayReplaceItsConnectionInItsMessageHandler) {
 TEST_F(AsyncClient, MayEndItsConnectionInItsConnectHandler) {
   make(kNever);
   onConnect_ = [this] { client_->terminateConnection(); };
-  turn();
+  nextTurn();
   EXPECT_EQ(connects_, 1);
   EXPECT_FALSE(client_->isAttached());
 }
@@ -190,7 +190,7 @@ TEST_F(AsyncClient, MayEndItsConnectionInItsConnectHandler) {
 TEST(AsyncClientWithoutHandlers, ThrowsOutOfTheLoopWhenItConnects) {
   RawServer server;
   Tovik::AsyncClient client(server.name(), nullptr, nullptr, 3600);
-  EXPECT_THROW(turn(), std::bad_function_call);
+  EXPECT_THROW(nextTurn(), std::bad_function_call);
   EXPECT_TRUE(client.isAttached()) << "the connection was there before the handler was called";
 }
 
@@ -202,19 +202,19 @@ TEST(AsyncClientWithoutHandlers, ThrowsOutOfATimeoutCalledByHand) {
 
 TEST(AsyncClientWithoutHandlers, DoesNotThrowIfNobodyListens) {
   Tovik::AsyncClient client(uniqueName(), nullptr, nullptr, 3600);
-  EXPECT_NO_THROW(turn());
+  EXPECT_NO_THROW(nextTurn());
 }
 
 TEST(AsyncClientWithoutHandlers, ThrowsOutOfTheLoopForAMessage) {
   RawServer server;
   Tovik::AsyncClient client(
       server.name(), nullptr, [](Tovik::AsyncClient&) {}, 3600);
-  turn();
+  nextTurn();
   const Fd peer = server.accept();
   rawSend(peer.get(), "{");
-  EXPECT_NO_THROW(turn());
+  EXPECT_NO_THROW(nextTurn());
   rawSend(peer.get(), "[1]");
-  EXPECT_THROW(turn(), std::bad_function_call);
+  EXPECT_THROW(nextTurn(), std::bad_function_call);
   EXPECT_TRUE(client.isAttached());
   EXPECT_FALSE(Kelvo::Platform::EventLoop::current().dispatch()) << "the message has been read";
 }
@@ -224,20 +224,20 @@ TEST_F(AsyncClient, LetsWhatItsMessageHandlerThrowsOutOfTheLoop) {
   rawSend(peer_.get(), "[1]");
   rawSend(peer_.get(), "[2]");
   onMessage_ = [] { throw std::out_of_range("thrown by the handler"); };
-  EXPECT_THROW(turn(), std::out_of_range);
+  EXPECT_THROW(nextTurn(), std::out_of_range);
   onMessage_ = nullptr;
-  turn();
+  nextTurn();
   EXPECT_EQ(messages_, (Lines{"[1]", "[2]"})) << "the connection goes on with the next record";
 }
 
 TEST_F(AsyncClient, LetsWhatItsConnectHandlerThrowsOutOfTheLoop) {
   make(0);
   onConnect_ = [] { throw std::out_of_range("thrown by the handler"); };
-  EXPECT_THROW(turn(), std::out_of_range);
+  EXPECT_THROW(nextTurn(), std::out_of_range);
   EXPECT_TRUE(client_->isAttached());
   peer_ = server_.accept();
   rawSend(peer_.get(), "[1]");
-  turn();
+  nextTurn();
   EXPECT_EQ(messages_, Lines{"[1]"});
   turnForAWhile();
   EXPECT_EQ(connects_, 1);
@@ -262,7 +262,7 @@ TEST_F(AsyncClient, KeepsMessagesUntilTheOneThatIsSentAfterConnecting) {
   const Trace trace;
   send("[1]");
   send("[2]");
-  turn();
+  nextTurn();
   peer_ = server_.accept();
   turnForAWhile();
   EXPECT_EQ(trace.count(Call::kWrite), 0) << "connecting alone sends nothing";
@@ -277,7 +277,7 @@ TEST_F(AsyncClient, SendsWhatHasWaitedBeforeWhatItsConnectHandlerSends) {
   make(kNever);
   onConnect_ = [this] { send("[2]"); };
   send("[1]");
-  turn();
+  nextTurn();
   peer_ = server_.accept();
   EXPECT_EQ(rawReceive(peer_.get()), "[1]");
   EXPECT_EQ(rawReceive(peer_.get()), "[2]");
@@ -320,7 +320,7 @@ TEST_F(AsyncClient, SendsOnTheNextConnectionWhatWasQueuedSinceTheLoss) {
 TEST_F(AsyncClient, DropsWhatWaitedOnceAFlushMeetsAServerThatIsGone) {
   make(0);
   send("[1]");
-  turn();
+  nextTurn();
   peer_ = server_.accept();
   peer_.reset();
   send("[2]");
@@ -351,7 +351,7 @@ TEST_F(AsyncClient, SendsItsBacklogInOrderOnceTheServerReads) {
 TEST_F(AsyncClient, FlushesWhatWaitsWhenItIsToldThatItMayWrite) {
   make(kNever);
   send("[1]");
-  turn();
+  nextTurn();
   peer_ = server_.accept();
   client_->writeFdEvent(-1);
   EXPECT_EQ(rawReceive(peer_.get()), "[1]");

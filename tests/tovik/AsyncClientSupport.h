@@ -38,7 +38,7 @@ inline std::string terminated(int fd) {
 const std::string kAttempt = "3 Api/Json/Client timeout: AsyncClient::timeout()";
 
 /// One turn of the loop, which waits for something to deliver.
-inline void turn() {
+inline void nextTurn() {
   Kelvo::Platform::EventLoop::current().runOnce(std::chrono::seconds(10));
 }
 
@@ -80,7 +80,7 @@ class AsyncClient : public testing::Test {
   /// Makes a client and has it connected.
   WatchedClient& connect(int interval = kNever) {
     make(interval);
-    turn();
+    nextTurn();
     EXPECT_EQ(connects_, 1);
     peer_ = server_.accept();
     log_.clear();

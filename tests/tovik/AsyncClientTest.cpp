@@ -43,7 +43,7 @@ TEST_F(AsyncClient, DoesNotConnectWhileItIsMade) {
 
 TEST_F(AsyncClient, ConnectsOnTheLoopsNextTurn) {
   make(kNever);
-  turn();
+  nextTurn();
   EXPECT_EQ(connects_, 1);
   EXPECT_TRUE(client_->isAttached());
   EXPECT_TRUE(server_.hasClient());
@@ -122,7 +122,7 @@ TEST_F(AsyncClient, WorksOnDescriptorZero) {
   connect();
   EXPECT_EQ(client_->descriptor(), 0);
   rawSend(peer_.get(), "[1]");
-  turn();
+  nextTurn();
   EXPECT_EQ(messages_, Lines{"[1]"});
   client_.reset();
   EXPECT_EQ(rawReceive(peer_.get()), "<end>");
@@ -141,7 +141,7 @@ TEST_F(AsyncClient, SaysNothingMoreIfNoServerListens) {
   server_.stop();
   make(kNever);
   const auto before = openDescriptors();
-  turn();
+  nextTurn();
   EXPECT_EQ(log_.lines(), Lines{kAttempt});
   EXPECT_EQ(connects_, 0);
   EXPECT_FALSE(client_->isAttached());
@@ -238,12 +238,12 @@ TEST_F(AsyncClient, KeepsNoSocketThatTheLoopRefuses) {
   const auto before = openDescriptors();
   {
     const Fail fail(Call::kEpollCtl, ENOSPC, 1);
-    EXPECT_THROW(turn(), Kelvo::Exception);
+    EXPECT_THROW(nextTurn(), Kelvo::Exception);
   }
   EXPECT_FALSE(client_->isAttached());
   EXPECT_EQ(connects_, 0);
   EXPECT_EQ(openDescriptors(), before);
-  turn();
+  nextTurn();
   EXPECT_EQ(connects_, 1) << "the next attempt comes as after any other failure";
 }
 
@@ -266,7 +266,7 @@ TEST_F(AsyncClient, MakesOneAttemptATurn) {
   make(0);
   for (int i = 0; i < 5; ++i) {
     const Trace trace;
-    turn();
+    nextTurn();
     EXPECT_EQ(trace.count(Call::kSocket), 1);
   }
 }
@@ -275,7 +275,7 @@ TEST_F(AsyncClient, WaitsForOneIntervalAfterAFailedAttempt) {
   server_.stop();
   make(1);
   const auto start = Clock::now();
-  turn();
+  nextTurn();
   EXPECT_EQ(client_->terminations(), 1);
   server_.startAgain();
   EXPECT_TRUE(turnUntil([this] { return connects_ == 1; }));
@@ -286,7 +286,7 @@ TEST_F(AsyncClient, WaitsForOneIntervalAfterALoss) {
   connect(1);
   const auto start = Clock::now();
   peer_.reset();
-  turn();
+  nextTurn();
   EXPECT_FALSE(client_->isAttached());
   EXPECT_TRUE(turnUntil([this] { return connects_ == 2; }));
   EXPECT_GE(Clock::now() - start, std::chrono::seconds(1));
@@ -296,7 +296,7 @@ TEST_F(AsyncClient, DoesNotTryAgainBeforeItsIntervalIsOver) {
   server_.stop();
   make(kNever);
   const Trace trace;
-  turn();
+  nextTurn();
   turnForAWhile();
   EXPECT_EQ(trace.count(Call::kSocket), 1);
 }
@@ -319,7 +319,7 @@ TEST_F(AsyncClient, KeepsAConnectionThatWorks) {
   turnForAWhile();
   for (int i = 0; i < 100; ++i) {
     rawSend(peer_.get(), "[1]");
-    turn();
+    nextTurn();
   }
   turnForAWhile();
   EXPECT_EQ(messages_.size(), 100U);
@@ -350,14 +350,14 @@ TEST_F(AsyncClient, ConnectsAgainWhenItIsTerminatedByHand) {
   client_->terminateConnection();
   EXPECT_FALSE(client_->isAttached());
   EXPECT_EQ(rawReceive(peer_.get()), "<end>");
-  turn();
+  nextTurn();
   EXPECT_EQ(connects_, 2);
 }
 
 TEST_F(AsyncClient, TerminatesBeforeItAttachesANewSocket) {
   make(kNever);
   onConnect_ = [this] { EXPECT_EQ(client_->terminations(), 1); };
-  turn();
+  nextTurn();
   EXPECT_EQ(connects_, 1);
   EXPECT_EQ(client_->terminations(), 1);
 }
@@ -370,7 +370,7 @@ TEST_F(AsyncClient, TakesAnotherSocketByHand) {
   client_->setFd(mine.release());
   EXPECT_EQ(log_.lines(), Lines{terminated(old)});
   rawSend(theirs.get(), "[1]");
-  turn();
+  nextTurn();
   EXPECT_EQ(messages_, Lines{"[1]"});
   turnForAWhile();
   EXPECT_EQ(connects_, 1) << "the timer stays quiet while a socket is attached";
@@ -382,7 +382,7 @@ TEST_F(AsyncClient, LogsOneLineWhenTheServerCloses) {
   connect();
   const int fd = client_->descriptor();
   peer_.reset();
-  turn();
+  nextTurn();
   EXPECT_EQ(log_.lines(), Lines{terminated(fd)});
   EXPECT_FALSE(client_->isAttached());
   EXPECT_LT(::fcntl(fd, F_GETFD), 0);
@@ -397,7 +397,7 @@ TEST_F(AsyncClient, DropsItsBacklogWhenTheServerCloses) {
   }
   EXPECT_EQ(client_->queued(), 2U);
   peer_.reset();
-  turn();
+  nextTurn();
   EXPECT_EQ(client_->queued(), 0U);
 }
 
@@ -405,7 +405,7 @@ TEST_F(AsyncClient, TerminatesOnceForALoss) {
   connect();
   const int before = client_->terminations();
   peer_.reset();
-  turn();
+  nextTurn();
   turnForAWhile();
   EXPECT_EQ(client_->terminations(), before + 1);
 }
@@ -426,7 +426,7 @@ TEST_F(AsyncClient, EndsItsConnectionWhenReadingFails) {
   send("[1]");
   log_.clear();
   peer_.reset();  // with a message unread, which the kernel reports
-  turn();
+  nextTurn();
   EXPECT_EQ(log_.lines(),
             (Lines{"0 Api/Json/Async asyncRead: AsyncSender::asynRead(): read failed -> " +
                        std::string(std::strerror(ECONNRESET)),
@@ -446,7 +446,7 @@ TEST_F(AsyncClient, EndsItsConnectionAtAnEmptyRecord) {
   connect();
   const int fd = client_->descriptor();
   rawSend(peer_.get(), "");
-  turn();
+  nextTurn();
   EXPECT_EQ(log_.lines(), Lines{terminated(fd)});
 }
 
@@ -454,7 +454,7 @@ TEST_F(AsyncClient, EndsItsConnectionAtARecordThatStartsWithANul) {
   connect();
   const int fd = client_->descriptor();
   rawSend(peer_.get(), std::string("\0[1]", 4));
-  turn();
+  nextTurn();
   EXPECT_EQ(log_.lines(), Lines{terminated(fd)});
   EXPECT_TRUE(messages_.empty());
 }
@@ -478,7 +478,7 @@ TEST_F(AsyncClient, ConnectsAgainAfterItWroteToAServerThatWasGone) {
   connect(0);
   peer_.reset();
   send("[1]");
-  turn();
+  nextTurn();
   EXPECT_EQ(connects_, 2);
 }
 
@@ -521,7 +521,7 @@ TEST_F(AsyncClient, WorksOnTheConnectionThatReplacedAnother) {
   client_->timeout();
   const Fd another = server_.accept();
   rawSend(another.get(), "[1]");
-  turn();
+  nextTurn();
   EXPECT_EQ(messages_, Lines{"[1]"});
   send("[2]");
   EXPECT_EQ(rawReceive(another.get()), "[2]");
@@ -579,7 +579,7 @@ TEST_F(AsyncClient, ClosesItsConnectionWhenDestroyed) {
 TEST_F(AsyncClient, SaysNothingWhenDestroyedWithoutAConnection) {
   server_.stop();
   make(kNever);
-  turn();
+  nextTurn();
   log_.clear();
   client_.reset();
   EXPECT_EQ(log_.lines(), Lines());

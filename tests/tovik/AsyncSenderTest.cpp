@@ -625,14 +625,11 @@ TEST_F(AsyncSender, ReportsATerminationWhileTheDescriptorIsStillItsOwn) {
   attach();
   bool attached = false;
   bool open = false;
-  Kelvo::Platform::setDebugSink("Tovik", [&](const auto&) {
+  const LogSink sink(1U << 1, [&](const auto&) {
     attached = sender.isAttached() && watchedEvents(fd) != 0;
     open = isOpen(fd);
   });
-  Kelvo::Platform::setDebugLevels("Tovik", 1U << 1);
   sender.terminateConnection();
-  Kelvo::Platform::setDebugLevels("Tovik", 0);
-  Kelvo::Platform::setDebugSink("Tovik", nullptr);
   EXPECT_TRUE(attached);
   EXPECT_TRUE(open);
 }
@@ -730,19 +727,15 @@ class AsyncSenderLog : public AsyncSender {
  protected:
   /// At each record whose text holds `text`, the sink does that.
   void onRecord(const std::string& text, std::function<void()> action) {
-    Kelvo::Platform::setDebugLevels("Tovik", 0xF);
-    Kelvo::Platform::setDebugSink(
-        "Tovik", [text, action = std::move(action)](const Kelvo::Platform::DebugRecord& record) {
-          if (record.text.find(text) != std::string::npos) {
-            action();
-          }
-        });
+    sink_.emplace(0xF, [text, action = std::move(action)](const auto& record) {
+      if (record.text.find(text) != std::string::npos) {
+        action();
+      }
+    });
   }
 
-  ~AsyncSenderLog() override {
-    Kelvo::Platform::setDebugLevels("Tovik", 0);
-    Kelvo::Platform::setDebugSink("Tovik", nullptr);
-  }
+ private:
+  std::optional<LogSink> sink_;
 };
 
 TEST_F(AsyncSenderLog, MayEndTheConnectionThatIsAboutToBeFlushed) {

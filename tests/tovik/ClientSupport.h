@@ -137,21 +137,9 @@ class OnceThisThreadSleeps {
 /// A sink for the channel "Tovik" that notes which descriptors were open at each record.
 class OpenAtEachRecord {
  public:
-  OpenAtEachRecord() {
-    Kelvo::Platform::setDebugSink("Tovik", [this](const Kelvo::Platform::DebugRecord&) {
-      open_.push_back(openDescriptors());
-    });
-    Kelvo::Platform::setDebugLevels("Tovik", 1U);
-  }
-  OpenAtEachRecord(const OpenAtEachRecord&) = delete;
-  OpenAtEachRecord& operator=(const OpenAtEachRecord&) = delete;
-  ~OpenAtEachRecord() {
-    Kelvo::Platform::setDebugLevels("Tovik", 0);
-    Kelvo::Platform::setDebugSink("Tovik", nullptr);
-  }
-
   const std::vector<std::set<int>>& all() const { return open_; }
 
  private:
   std::vector<std::set<int>> open_;
+  LogSink sink_{1U, [this](const auto&) { open_.push_back(openDescriptors()); }};
 };

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/un.h>
 
 #include <cerrno>
 #include <csignal>
@@ -129,10 +130,11 @@ TEST_F(UnconnectedClient, ThrowsIfTheServerHasGone) {
 
 TEST_F(UnconnectedClient, DoesNotMeetASocketOfAnotherType) {
   const std::string name = uniqueName();
-  std::string address = std::string("\x01\0\0", 3) + name;
-  address.resize(110, '\0');
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  name.copy(address.sun_path + 1, name.size());
   Fd other(::socket(AF_UNIX, SOCK_STREAM, 0));
-  ASSERT_EQ(::bind(other.get(), reinterpret_cast<const sockaddr*>(address.data()), 110), 0);
+  ASSERT_EQ(::bind(other.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
   ASSERT_EQ(::listen(other.get(), 5), 0);
   EXPECT_EQ(failureToConnect(name), "Connection refused");
 }

@@ -460,14 +460,12 @@ TEST(Diagnostics, AreExactlyTheErrorsWhileOnlyErrorsAreOn) {
 TEST(Diagnostics, FollowTheMaskFromOneStatementToTheNext) {
   Sender sender;
   std::vector<int> seen;
-  Kelvo::Platform::setDebugSink("Tovik", [&](const Kelvo::Platform::DebugRecord& record) {
+  const Fail fail(Call::kWrite, ENOBUFS);
+  const LogSink sink(8, [&](const auto& record) {  // then 4 from the first record on, then none
     seen.push_back(record.level);
     Kelvo::Platform::setDebugLevels("Tovik", record.level == 3 ? 4 : 0);
   });
-  const Fail fail(Call::kWrite, ENOBUFS);
-  Kelvo::Platform::setDebugLevels("Tovik", 8);  // then 4 from the first record on, then none
   sender.asyncSendMsg(parsed("{}"));
-  Kelvo::Platform::setDebugSink("Tovik", nullptr);
   EXPECT_THAT(seen, ElementsAre(3, 2));
 }
 

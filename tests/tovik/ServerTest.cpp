@@ -8,9 +8,9 @@
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
@@ -18,6 +18,7 @@
 #include <functional>
 #include <memory>
 #include <stdexcept>
+#include <string>
 #include <tuple>
 #include <utility>
 
@@ -120,10 +121,10 @@ TEST_F(Server, BindsTheWholeAddressPaddedWithZeros) {
   start();
   const auto binds = trace.of(Call::kBind);
   ASSERT_EQ(binds.size(), 1U);
-  std::string address(110, '\0');
-  address[0] = AF_UNIX;
-  std::copy(name.begin(), name.end(), address.begin() + 3);
-  EXPECT_EQ(binds[0].bytes, address);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  name.copy(address.sun_path + 1, name.size());
+  EXPECT_EQ(binds[0].bytes, std::string(reinterpret_cast<const char*>(&address), 110));
 }
 
 TEST_F(Server, ListensWithABacklogOfFive) {
@@ -155,14 +156,11 @@ TEST_F(Server, ReportsItsDescriptorOnceItIsWatched) {
   server.reset();
   unsigned watched = 0;
   std::string text;
-  Kelvo::Platform::setDebugSink("Tovik", [&](const Kelvo::Platform::DebugRecord& record) {
+  const LogSink sink(1, [&](const auto& record) {
     text = record.text;
     watched = watchedEvents(std::stoi(text.substr(text.rfind(' '))));
   });
-  Kelvo::Platform::setDebugLevels("Tovik", 1);
   start();
-  Kelvo::Platform::setDebugLevels("Tovik", 0);
-  Kelvo::Platform::setDebugSink("Tovik", nullptr);
   EXPECT_EQ(text, "Server(): socket fd = " + std::to_string(listening));
   EXPECT_EQ(watched, unsigned{EPOLLIN});
 }

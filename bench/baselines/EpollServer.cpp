@@ -1,6 +1,6 @@
 // wait -> accept, credentials, flags, registration; wait -> read -> parse -> reply or broadcast.
 
-#include "bench/floors/EpollServer.h"
+#include "bench/baselines/EpollServer.h"
 
 #include <fcntl.h>
 #include <sys/epoll.h>
@@ -10,7 +10,7 @@
 #include <array>
 #include <cstring>
 
-#include "bench/floors/Floors.h"
+#include "bench/baselines/Baselines.h"
 #include "bench/support/Raw.h"
 #include "bench/support/Work.h"
 

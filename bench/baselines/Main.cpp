@@ -1,4 +1,4 @@
-#include "bench/floors/Floors.h"
+#include "bench/baselines/Baselines.h"
 
 int main(int argc, char** argv) {
   return Bench::runAs(argc, argv,

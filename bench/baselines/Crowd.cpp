@@ -4,7 +4,7 @@
 
 #include <vector>
 
-#include "bench/floors/Floors.h"
+#include "bench/baselines/Baselines.h"
 #include "bench/support/Raw.h"
 #include "bench/support/Work.h"
 

@@ -1,7 +1,6 @@
 """What the tests of the bridge share: a broker of their own, bridges, services, and the broker's
 clients as independent peers. Where programs are comes in the environment."""
 
-import itertools
 import json
 import os
 import pathlib
@@ -14,41 +13,16 @@ import tempfile
 import time
 import unittest
 
-SOURCE = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(SOURCE / "python"))
-sys.dont_write_bytecode = True
+sys.path.append(str(pathlib.Path(__file__).resolve().parents[1] / "python"))
+from support import DEADLINE, SOURCE, listens, unique_name, wait_until  # noqa: E402
 
-DEADLINE = 20  # seconds for anything to happen
 BROKER = shutil.which("mosquitto") or "/usr/sbin/mosquitto"
-_numbers = itertools.count(1)
-
-
-def unique_name(kind="lamp"):
-    return f"mqtt-{kind}-{os.getpid()}-{next(_numbers)}"
 
 
 def free_port():
     with socket.socket() as probe:
         probe.bind(("127.0.0.1", 0))
         return probe.getsockname()[1]
-
-
-def wait_until(condition, what="it", limit=DEADLINE):
-    deadline = time.monotonic() + limit
-    while True:
-        found = condition()
-        if found:
-            return found
-        if time.monotonic() > deadline:
-            raise AssertionError(f"{what} did not happen in time")
-        time.sleep(0.01)
-
-
-def listens(name):
-    padded = ("@" + name).ljust(108, "@")
-    with open("/proc/net/unix", errors="replace") as table:
-        return any(line.rstrip("\n").endswith(" " + padded) and " 00010000 " in line
-                   for line in table)
 
 
 class Program:
@@ -132,7 +106,7 @@ class Case(unittest.TestCase):
     def lamp(self, name=None, *arguments):
         """A service, once it listens."""
         lamp = Program(self, [sys.executable, SOURCE / "tests/mqtt/lamp.py",
-                              name or unique_name(), *arguments])
+                              name or unique_name("lamp"), *arguments])
         lamp.name = lamp.arguments[2]
         wait_until(lambda: listens(lamp.name) or lamp.process.poll() is not None)
         self.assertIsNone(lamp.process.poll(), lamp.log())
