@@ -5,12 +5,13 @@
 #include <optional>
 #include <utility>
 
+// One source cannot hold both Asios: they define the same global names. Where both are here, the
+// standalone one is taken.
 #ifdef TOVIK_HOST_ASIO
 #include <asio/post.hpp>
 
 #include "Kelvo/Adapters/Asio.h"
-#endif
-#ifdef TOVIK_HOST_BOOST_ASIO
+#else
 #include <boost/asio/post.hpp>
 
 #include "Kelvo/Adapters/BoostAsio.h"
@@ -41,7 +42,6 @@ class BasicAsioHost {
 
 #ifdef TOVIK_HOST_ASIO
 using AsioHost = BasicAsioHost<asio::io_context, Kelvo::Adapters::Asio>;
-#endif
-#ifdef TOVIK_HOST_BOOST_ASIO
-using BoostAsioHost = BasicAsioHost<boost::asio::io_context, Kelvo::Adapters::BoostAsio>;
+#else
+using AsioHost = BasicAsioHost<boost::asio::io_context, Kelvo::Adapters::BoostAsio>;
 #endif
