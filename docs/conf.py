@@ -21,7 +21,7 @@ breathe_projects = {project: str(WORK / "xml")}
 breathe_default_project = project
 breathe_show_include = False
 nitpick_ignore_regex = [("cpp:.*", pattern) for pattern in (
-    r"(std|rapidjson|asio|boost)\b.*", r"pollfd|sd_event|uv_loop_t|G[A-Z]\w+|Q[A-Z]\w+",
+    r"(std|rapidjson|asio|boost)\b.*", r"pollfd|sd_event|uv_loop_t|IoContext|G[A-Z]\w+|Q[A-Z]\w+",
     r"(TokenBuckets::)?Clock::.*",
     r"Tovik(::Admission)?|Kelvo(::(Platform|Adapters))?")]  # others' names; namespaces: no page
 suppress_warnings = ["misc.highlighting_failure"]  # a console's "> " lines

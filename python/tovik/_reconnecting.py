@@ -53,8 +53,9 @@ class Reconnecting:
     async def wait_connected(self) -> None:
         """Returns once there is a connection, subscribed if that is asked for.
 
-        Raises `Refused` at the next attempt that the server refuses, or that meets the server of
-        another user. The client goes on trying: its own server may come back.
+        Raises `Refused` at the next attempt that meets the server of another user, or a subscription
+        that the server refuses; a client that does not subscribe finds that out in its first call.
+        The client goes on trying: its own server may come back.
         """
         if self._entered().done():
             raise ConnectionLost("the client was left")
@@ -110,7 +111,6 @@ class Reconnecting:
                 self._fail(str(error), logging.INFO if str(error) == self._warned
                            else logging.WARNING)
                 self._warned = str(error)
-                self._tell(error)
             except (OSError, ProtocolError) as error:
                 self._fail(str(error), logging.INFO)
             await asyncio.sleep(self._reconnect + random.uniform(0, self._jitter))
@@ -126,7 +126,11 @@ class Reconnecting:
             while not self._connects(unconnected):
                 await asyncio.sleep(_RETRY)  # nothing reports when there is room
         if self._server_uids is not None:
-            _wire.require_server(unconnected, self._server_uids)
+            try:
+                _wire.require_server(unconnected, self._server_uids)
+            except Refused as error:
+                self._tell(error)
+                raise
 
     def _connects(self, unconnected: socket.socket) -> bool:
         with contextlib.suppress(BlockingIOError):
@@ -135,8 +139,11 @@ class Reconnecting:
         return False
 
     async def _serve(self, connected: socket.socket) -> None:
-        connection = Connection(connected, self._peer, self._received, lambda: None,
-                                admission=True)
+        def ended() -> None:  # at once: who waits from now on waits for the next attempt
+            if connection.refused:
+                self._tell(Refused(connection.closed.result()))
+
+        connection = Connection(connected, self._peer, self._received, ended, admission=True)
         try:
             await self._greet(connection)
             await self._lend(connection)

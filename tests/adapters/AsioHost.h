@@ -5,11 +5,13 @@
 #include <optional>
 #include <utility>
 
+// One source cannot hold both Asios: they define the same global names. Where both are here, the
+// standalone one is taken.
 #ifdef TOVIK_HOST_ASIO
 #include <asio/post.hpp>
 
 #include "Kelvo/Adapters/Asio.h"
-#elif defined(TOVIK_HOST_BOOST_ASIO)  // one source cannot include both: their guards are the same
+#else
 #include <boost/asio/post.hpp>
 
 #include "Kelvo/Adapters/BoostAsio.h"
@@ -40,6 +42,6 @@ class BasicAsioHost {
 
 #ifdef TOVIK_HOST_ASIO
 using AsioHost = BasicAsioHost<asio::io_context, Kelvo::Adapters::Asio>;
-#elif defined(TOVIK_HOST_BOOST_ASIO)
-using BoostAsioHost = BasicAsioHost<boost::asio::io_context, Kelvo::Adapters::BoostAsio>;
+#else
+using AsioHost = BasicAsioHost<boost::asio::io_context, Kelvo::Adapters::BoostAsio>;
 #endif

@@ -7,17 +7,15 @@ namespace {
 
 #ifdef TOVIK_HOST_ASIO
 #define ASIO_TESTS AsioAdapter
-using Host = AsioHost;
 using Adapted = Kelvo::Adapters::Asio;
 using IoContext = asio::io_context;
 #else
 #define ASIO_TESTS BoostAsioAdapter
-using Host = BoostAsioHost;
 using Adapted = Kelvo::Adapters::BoostAsio;
 using IoContext = boost::asio::io_context;
 #endif
 
-INSTANTIATE_TYPED_TEST_SUITE_P(ASIO_TESTS, Adapter, Host, Numbered);
+INSTANTIATE_TYPED_TEST_SUITE_P(ASIO_TESTS, Adapter, AsioHost, Numbered);
 
 TEST(ASIO_TESTS, MayOutliveItsHost) {
   auto host = std::make_unique<IoContext>();
