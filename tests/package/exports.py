@@ -26,7 +26,9 @@ for library, (interface, tag, package) in INTERFACES.items():
     strangers = [name for name in found if not re.match(interface, name)]
     check(not strangers, f"not of the interface: {strangers}")
 
+    bits = re.search(r"ELF(32|64)", run(["readelf", "-h", PREFIX / LIB / f"lib{library}.so"]))[1]
     symbols = (SOURCE / "debian" / f"{package}.symbols").read_text()
-    expected = sorted(set(re.findall(rf'^ \(.*c\+\+.*\)"(.*)@{tag}"', symbols, re.M)))
+    expected = sorted(set(re.findall(rf'^ \((?:arch-bits={bits}\|)?c\+\+\)"(.*)@{tag}"', symbols,
+                                     re.M)))
     check(found == expected,
           "\n".join(difflib.unified_diff(expected, found, "expected", "exported")))

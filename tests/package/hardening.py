@@ -3,6 +3,7 @@ library that lacks one thing has to draw one complaint, about that. Arguments: t
 configuration, and the names of the programs that it made."""
 
 import json
+import os
 import re
 import subprocess
 import sys
@@ -10,7 +11,7 @@ import sys
 from package import BUILD, CXX, LIB, PREFIX, WORK, check, run
 
 CHECKED = re.compile(r"__(?!stack_chk_fail|strcpy_chk)\w+_chk\b")  # strcpy's is asked for by name
-FORTIFIED = re.compile(r"-O[123s].* -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2(?! .*_FORTIFY_SOURCE)")
+FORTIFIED = re.compile(r"-O[123s].* -D_FORTIFY_SOURCE=2(?! .*_FORTIFY_SOURCE)")
 
 
 def complaints(file):
@@ -39,7 +40,8 @@ def imports(file):
 def loaded(file):
     """What the dynamic loader says when it binds everything at once."""
     return subprocess.run(["ldd", "-r", str(file)], text=True, stdout=subprocess.PIPE,
-                          stderr=subprocess.STDOUT, timeout=60, check=False).stdout
+                          stderr=subprocess.STDOUT, timeout=60, check=False,
+                          env={**os.environ, "LD_LIBRARY_PATH": str(PREFIX / LIB)}).stdout
 
 
 def fortified(command):

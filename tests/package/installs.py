@@ -4,7 +4,7 @@ import filecmp
 import os
 import re
 
-from package import LIB, PREFIX, PUBLIC_HEADERS, SHARED, SOURCE, check, install, run
+from package import LIB, PREFIX, PUBLIC_HEADERS, RUNPATH, SHARED, SOURCE, check, install, run
 
 
 def headers():
@@ -31,7 +31,7 @@ def libraries():
         needed = re.findall(r"NEEDED.*\[(.*)\]", dynamic)
         check(("libKelvo.so.1" in needed) == (name != "Kelvo"), f"lib{name} needs {needed}")
         path = re.findall(r"(?:RUNPATH|RPATH).*\[(.*)\]", dynamic)
-        check(path == ["$ORIGIN"], f"lib{name}: search path {path}")
+        check(path == RUNPATH, f"lib{name}: search path {path}")
 
 
 def descriptions():

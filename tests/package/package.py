@@ -13,6 +13,7 @@ BUILD = pathlib.Path(os.environ["TOVIK_BUILD_DIR"])
 WORK = pathlib.Path(os.environ["TOVIK_WORK_DIR"])
 CXX = os.environ["TOVIK_CXX"]
 LIB = os.environ["TOVIK_LIBDIR"]
+RUNPATH = os.environ["TOVIK_RUNPATH"].split()
 SHARED = os.environ["TOVIK_SHARED"] == "1"  # the libraries of this build
 PREFIX = WORK / "prefix"
 STATIC_PREFIX = WORK / "static-prefix"
