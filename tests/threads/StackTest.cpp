@@ -35,6 +35,8 @@ namespace {
 constexpr std::size_t kDocumentedKib = 2048;
 #elif defined(__SANITIZE_ADDRESS__) || TOVIK_HAS(address_sanitizer)
 constexpr std::size_t kDocumentedKib = 1024;
+#elif defined(__s390x__)  // each of whose frames has room for all registers
+constexpr std::size_t kDocumentedKib = 1024;
 #else
 constexpr std::size_t kDocumentedKib = 512;
 #endif
