@@ -36,13 +36,13 @@ TEST(ASIO_TESTS, MayOutliveItsHostAfterACallbackHasThrown) {
 }
 
 TEST(ASIO_TESTS, LeavesNothingToAHostThatIsDestroyedNext) {
+  CallingTimer timer([] { Kelvo::Platform::EventLoop::current().stop(); });
   const auto before = openDescriptors();
   {
     IoContext host;
     const Adapted adapter(host);
   }
   EXPECT_EQ(openDescriptors(), before);
-  CallingTimer timer([] { Kelvo::Platform::EventLoop::current().stop(); });
   timer.arm(0);
   Kelvo::Platform::EventLoop::current().run();
 }
