@@ -1,6 +1,7 @@
 """The site of the pages, of the reference that Doxygen reads in the headers, and of the command's
 help. scripts/docs puts the pages into build/docs-work and runs Sphinx with this configuration."""
 
+import os
 import pathlib
 import re
 import subprocess
@@ -10,7 +11,7 @@ from sphinx.util import logging
 
 ROOT = pathlib.Path(__file__).parents[1]
 WORK = ROOT / "build/docs-work"
-TOOL = ROOT / "build/demo/tool/tovik"
+TOOL = os.environ["TOVIK_TOOL"]
 
 project = "Tovik"
 version = re.search(r"project\(Tovik VERSION (\S+)", (ROOT / "CMakeLists.txt").read_text())[1]
