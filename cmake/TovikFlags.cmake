@@ -5,6 +5,17 @@ target_compile_features(tovik_flags INTERFACE cxx_std_17)
 target_compile_options(tovik_flags INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
 # Clocks of 32-bit machines end in 2038 unless these are asked for.
 target_compile_options(tovik_flags INTERFACE -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64)
+# GCC calls a library where a processor has no instructions for small or large atomic objects.
+include(CheckCXXSourceCompiles)
+check_cxx_source_compiles("#include <atomic>
+#include <cstdint>
+std::atomic<bool> small;
+std::atomic<std::uint64_t> large;
+int main() { return small.exchange(true) + static_cast<int>(large.exchange(1)); }"
+                          TOVIK_HAS_ATOMIC_INSTRUCTIONS)
+if(NOT TOVIK_HAS_ATOMIC_INSTRUCTIONS)
+  target_link_libraries(tovik_flags INTERFACE atomic)
+endif()
 if(TOVIK_WERROR)
   target_compile_options(tovik_flags INTERFACE -Werror)
 endif()

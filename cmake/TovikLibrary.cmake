@@ -26,6 +26,9 @@ function(tovik_library target exported component)
     set_property(TARGET ${target} APPEND PROPERTY
                  ${property} $<TARGET_PROPERTY:tovik_flags,INTERFACE_${property}>)
   endforeach()
+  if(NOT TOVIK_HAS_ATOMIC_INSTRUCTIONS)
+    target_link_libraries(${target} PRIVATE atomic)
+  endif()
   # RapidJSON's assertions are part of the libraries' behaviour: valid JSON of the wrong shape ends
   # the process instead of being half understood. They hold in every build type, whatever the
   # application's build defines.

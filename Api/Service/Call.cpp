@@ -5,6 +5,7 @@
 #include <sys/time.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <utility>
 

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstddef>
 #include <new>
 
 namespace Kelvo::Platform {
