@@ -12,7 +12,6 @@
 #include <set>
 
 #include "Api/Service/Service.h"
-#include "tool/Report.h"
 
 namespace bridge {
 
@@ -44,14 +43,13 @@ std::size_t depthOf(std::string_view text) {
   return deepest;
 }
 
-/// Of two members with one name, this side may look at the first and a server at the last.
-void requireNamedOnce(const rapidjson::Value& object) {
+/// Of members with the same name the first one counts, as everywhere here. A server in another
+/// language may take the last, so it does not get to see it.
+void keepFirstOfEach(rapidjson::Value& object) {
   std::set<std::string_view> names;
-  for (const auto& member : object.GetObject()) {
-    const std::string_view name(member.name.GetString(), member.name.GetStringLength());
-    if (!names.insert(name).second) {
-      throw Tovik::Refusal(EINVAL, "a payload has two members " + tool::inQuotes(name));
-    }
+  for (auto member = object.MemberBegin(); member != object.MemberEnd();) {
+    const std::string_view name(member->name.GetString(), member->name.GetStringLength());
+    member = names.insert(name).second ? member + 1 : object.EraseMember(member);
   }
 }
 
@@ -154,7 +152,7 @@ void parse(Tovik::Message& message, std::string_view payload, std::size_t longes
   if (hasNul || message.HasParseError() || !message.IsObject()) {
     throw Tovik::Refusal(EINVAL, "a payload is a JSON object in UTF-8");
   }
-  requireNamedOnce(message);
+  keepFirstOfEach(message);
 }
 
 }  // namespace bridge

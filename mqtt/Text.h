@@ -28,7 +28,7 @@ std::string textWithout(const rapidjson::Value& object,
                         std::initializer_list<std::string_view> names);
 
 /// Parses what a broker has delivered. Throws a `Tovik::Refusal` unless it is a JSON object in
-/// UTF-8 that is no longer than `longest` and names each of its members once.
+/// UTF-8 that is no longer than `longest`. Of members with the same name it keeps the first.
 void parse(Tovik::Message& message, std::string_view payload, std::size_t longest = kLongestRecord);
 
 }  // namespace bridge

@@ -257,11 +257,6 @@ class Calls(broker.Case):
         self.assertEqual(self.ask(lamp, "add", '{"a":1,"b":2}')["status"], 0)
         self.assertEqual(self.ask(lamp, "switch", '{"on":true}', correlation="c2")["status"], 13)
         self.assertEqual(self.ask(lamp, "s%77itch", '{"on":true}', correlation="c3")["status"], 13)
-        # Of two members of a name, the bridge might look at one and the service at the other.
-        self.publish(lamp.base + "/call",
-                     r'{"command":"add","a":1,"b":2,"comm\u0061nd":"switch","on":true}')
-        bridge.says("is refused: a payload has two members 'command'")
-        self.assertIsNone(self.retained(lamp.base + "/event/state"))
 
 
 if __name__ == "__main__":
