@@ -53,9 +53,9 @@ class Reconnecting:
     async def wait_connected(self) -> None:
         """Returns once there is a connection, subscribed if that is asked for.
 
-        Raises `Refused` at the next attempt that meets the server of another user, or a subscription
-        that the server refuses; a client that does not subscribe finds that out in its first call.
-        The client goes on trying: its own server may come back.
+        Raises `Refused` at the next attempt that meets the server of another user, or a
+        subscription that the server refuses; a client that does not subscribe finds that out in its
+        first call. The client goes on trying: its own server may come back.
         """
         if self._entered().done():
             raise ConnectionLost("the client was left")
