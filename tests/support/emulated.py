@@ -57,5 +57,6 @@ def test(build, arch, emulated, whole, jobs):
         unexplained = results(build, emulated, "-R", f"^({names})$")[1]
     faults += (f"{test} has failed, see {build}/tests.log" for test in sorted(unexplained))
     print(f"== {len(passed)} tests have passed, {len(failed & explained)} cannot")
-    print(*faults, sep="\n", end="", flush=True)
+    for fault in faults:
+        print(fault, flush=True)
     return bool(passed) and not faults
