@@ -176,18 +176,22 @@ void Broker::setCallbacks() {
       });
   mosquitto_publish_v5_callback_set(client, [](mosquitto*, void* self, int identifier, int reason,
                                                const mosquitto_property*) noexcept {
-    static_cast<Broker*>(self)->seen_.published.emplace_back(identifier, reason);
+    auto& seen = static_cast<Broker*>(self)->seen_;
+    seen.published.emplace_back(identifier, reason);
+    seen.isAnswered = false;
   });
   mosquitto_subscribe_v5_callback_set(
       client, [](mosquitto*, void* self, int identifier, int, const int* reasons,
                  const mosquitto_property*) noexcept {
         static_cast<Broker*>(self)->seen_.subscribed.emplace_back(identifier, reasons[0]);
       });
-  mosquitto_message_v5_callback_set(
-      client, [](mosquitto*, void* self, const mosquitto_message* message,
-                 const mosquitto_property* properties) noexcept {
-        static_cast<Broker*>(self)->seen_.arrivals.push_back(arrivalOf(*message, properties));
-      });
+  mosquitto_message_v5_callback_set(client,
+                                    [](mosquitto*, void* self, const mosquitto_message* message,
+                                       const mosquitto_property* properties) noexcept {
+                                      auto& seen = static_cast<Broker*>(self)->seen_;
+                                      seen.arrivals.push_back(arrivalOf(*message, properties));
+                                      seen.isAnswered = message->qos > 0;
+                                    });
   mosquitto_log_callback_set(client,
                              [](mosquitto* from, void* self, int level, const char* text) noexcept {
                                auto& error = static_cast<Broker*>(self)->seen_.error;
@@ -207,19 +211,23 @@ void Broker::watch() {
   }
   if (fd >= 0) {
     control_->setWriteInterest(mosquitto_want_write(client_.get()));
-    // A broker that does not switch Nagle's algorithm off, as mosquitto by default, would send the
-    // next packet only when the last one is acknowledged, which the kernel puts off for 40 ms.
-    const int on = 1;
-    ::setsockopt(fd, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
   }
 }
 
 // --- what the connection reports ---
 
 void Broker::readFdEvent(int fd) {
-  if (!hasFailed(fd)) {
-    handle(mosquitto_loop_read(client_.get(), 1));
+  if (hasFailed(fd)) {
+    return;
   }
+  const int result = mosquitto_loop_read(client_.get(), 1);
+  if (!seen_.isAnswered) {  // else TCP's acknowledgement goes with the answer
+    // A broker that does not switch Nagle's algorithm off, as mosquitto by default, would send the
+    // next packet only when the last one is acknowledged, which the kernel puts off for 40 ms.
+    const int on = 1;
+    ::setsockopt(fd, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
+  }
+  handle(result);
 }
 
 void Broker::writeFdEvent(int fd) {
@@ -300,6 +308,7 @@ std::string Broker::unexplained(const std::string& why) const {
 void Broker::becomeUp() {
   isUp_ = true;
   seconds_ = 0;
+  mosquitto_log_callback_set(client_.get(), nullptr);  // it costs a text for each packet
   lastReason_.clear();
   ++counters_.connected;
   say(role_.subject + ": connected to the broker");

@@ -85,6 +85,7 @@ class Broker : private Kelvo::Platform::FdEventHandler {
     std::vector<std::pair<int, int>> published;  // identifier, reason
     std::vector<std::pair<int, int>> subscribed;
     std::vector<Arrival> arrivals;
+    bool isAnswered = false;  // the last packet, by the library
     std::string error;
   };
   struct Waiting {
