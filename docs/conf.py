@@ -152,9 +152,11 @@ def write_command():
 
 
 def know_files(_app, env):
-    """A comment that mentions a header refers to its page."""
+    """A comment that mentions a header refers to its page, which Doxygen calls the source if the
+    header has no comment of its own."""
     for name, page in FILES.items():
-        env.domaindata["std"]["anonlabels"][name] = (page, "")
+        for label in (name, name + "_source"):
+            env.domaindata["std"]["anonlabels"][label] = (page, "")
 
 
 def menu(pages):
