@@ -33,10 +33,11 @@ OPERATORS = {
 
 
 def masked(text):
-    """The text with comments, literals and preprocessor lines blanked, and where literals are."""
+    """The text with comments, literals and preprocessor lines blanked, and where literals are. What
+    stands after #else is for other systems than those that test."""
     literals = []
-    pattern = re.compile(r"""//[^\n]*|/\*.*?\*/|^[ \t]*\#(?:\\\n|[^\n])*|"(?:\\.|[^"\\])*"|"""
-                         r"""'(?:\\.|[^'\\])'""", re.S | re.M)
+    pattern = re.compile(r"""//[^\n]*|/\*.*?\*/|^[ \t]*\#else\b.*?^[ \t]*\#endif|"""
+                         r"""^[ \t]*\#(?:\\\n|[^\n])*|"(?:\\.|[^"\\])*"|'(?:\\.|[^'\\])'""", re.S | re.M)
 
     def blank(match):
         found = match.group()
