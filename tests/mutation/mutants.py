@@ -37,7 +37,8 @@ def masked(text):
     stands after #else is for other systems than those that test."""
     literals = []
     pattern = re.compile(r"""//[^\n]*|/\*.*?\*/|^[ \t]*\#else\b.*?^[ \t]*\#endif|"""
-                         r"""^[ \t]*\#(?:\\\n|[^\n])*|"(?:\\.|[^"\\])*"|'(?:\\.|[^'\\])'""", re.S | re.M)
+                         r"""^[ \t]*\#(?:\\\n|[^\n])*|"(?:\\.|[^"\\])*"|"""
+                         r"""'(?:\\.|[^'\\])'""", re.S | re.M)
 
     def blank(match):
         found = match.group()
