@@ -208,18 +208,15 @@ TEST_F(Recipe, ChangesArePublishedAtOnceAndThenAtTheirRate) {
   using Clock = std::chrono::steady_clock;
   int state = 0;
   std::vector<int> published;
-  std::vector<Clock::time_point> times;
-  RateLimit limit(0.02, [&] {
-    published.push_back(state);
-    times.push_back(Clock::now());
-  });
+  RateLimit limit(0.02, [&] { published.push_back(state); });
+  const auto begin = Clock::now();
   for (state = 1; state < 4; ++state) {
     limit.changed();
   }
   EXPECT_EQ(published, std::vector{1});
   EXPECT_TRUE(turnUntil([&] { return published.size() == 2; }));
   EXPECT_EQ(published.back(), 4);
-  EXPECT_GE(times[1] - times[0], 20ms);
+  EXPECT_GE(Clock::now() - begin, 20ms);
   EXPECT_TRUE(EventLoop::current().runOnce(10s));  // the time is over, and nothing has changed
   EXPECT_EQ(published.size(), 2U);
   limit.changed();

@@ -322,8 +322,8 @@ TEST_F(DebugChannel, MakesControlCharactersVisibleOnStandardError) {
       {"\xe0\x80\x9b \xed\xa0\x80 \xf4\x90\x80\x80",
        R"(\xe0\x80\x9b \xed\xa0\x80 \xf4\x90\x80\x80)"},  // not allowed
       {"\xf8\x88\x80\x80\x80", R"(\xf8\x88\x80\x80\x80)"},
-      {"\u00a0 \u00fc \u07ff \u0800 \u20ac \uffff \U00010000 \U0010ffff ~",
-       "\u00a0 \u00fc \u07ff \u0800 \u20ac \uffff \U00010000 \U0010ffff ~"},  // characters
+      {"\u00a0 \u00fc \u07ff \u0800 \u20ac \ud7ff \ue000 \uffff \U00010000 \U0010ffff ~",
+       "\u00a0 \u00fc \u07ff \u0800 \u20ac \ud7ff \ue000 \uffff \U00010000 \U0010ffff ~"},
       {R"({"a":"\n"})", R"({"a":"\n"})"},
   };
   for (const auto& [text, shown] : texts) {

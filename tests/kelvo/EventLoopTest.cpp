@@ -49,6 +49,18 @@ TEST_F(Descriptor, IsHandedToItsHandler) {
   EXPECT_THAT(seen, testing::ElementsAre(fd(), fd()));
 }
 
+TEST_F(Descriptor, CostsASystemCallOnlyWhenItsWriteInterestChanges) {
+  const Faults::Trace trace;
+  for (const bool wanted : {false, true, true, false, false}) {
+    watcher_.control->setWriteInterest(wanted);
+  }
+  EXPECT_EQ(trace.count(Call::kEpollCtl), 2);
+  watcher_.control->detach();
+  watcher_.control->setWriteInterest(true);
+  watcher_.control->attach(fd());
+  EXPECT_FALSE(loop().dispatch()) << "a wish without a descriptor";
+}
+
 TEST_F(Descriptor, IsReportedAgainWhileSomethingIsLeftUnread) {
   rawSend(peer(), "x");
   for (int turn = 1; turn <= 3; ++turn) {

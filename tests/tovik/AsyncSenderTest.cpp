@@ -658,6 +658,27 @@ TEST_F(AsyncSender, GivesBackTheStorageOfABacklogWhenItEnds) {
   EXPECT_LT(Faults::allocatedBytes(), before + 2000);
 }
 
+TEST_F(AsyncSender, SendsABacklogOfAnyLengthInItsOrder) {
+  attach();
+  for (int backlog = 1; backlog <= 40; ++backlog) {
+    std::vector<std::string> sent;
+    {
+      const Fail full(Call::kWrite, EAGAIN);
+      for (int i = 0; i < backlog; ++i) {
+        sent.push_back(R"({"n":)" + std::to_string(i) + "}");
+        send(sent.back());
+      }
+    }
+    std::vector<std::string> received;
+    while (!sender.sendQueue_.empty()) {
+      sender.flushQueue();
+      const auto more = receivedBy(peer.get());
+      received.insert(received.end(), more.begin(), more.end());
+    }
+    EXPECT_EQ(received, sent);
+  }
+}
+
 TEST_F(AsyncSender, GivesBackTheStorageOfABacklogThatWasSent) {
   for (const int backlog : {17, 32, 33, 20000, 20010}) {
     attach();
