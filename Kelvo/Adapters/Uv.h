@@ -12,7 +12,8 @@ namespace Kelvo::Adapters {
 /// This thread's loop in a libuv loop. Guest.h tells what adapters promise. Like every handle of
 /// libuv it keeps `uv_run` going while it lives, and after it was destroyed the host has to turn
 /// once more before `uv_loop_close` succeeds. A host may also close every handle that it finds, by
-/// `uv_walk`, turn, and be closed itself, before the adapter is destroyed.
+/// `uv_walk`. The adapter must then live until the host has turned once more, since libuv still
+/// uses its handle; the host itself may be closed before the adapter is destroyed.
 class Uv {
  public:
   /// @throws Kelvo::Exception if libuv refuses.
