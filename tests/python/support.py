@@ -2,6 +2,7 @@
 environment."""
 
 import asyncio
+import json
 import itertools
 import os
 import pathlib
@@ -61,6 +62,19 @@ class AsyncCase(unittest.IsolatedAsyncioTestCase):
             while not condition():
                 await asyncio.sleep(0.002)
         await self.within(poll())
+
+    def peer(self):
+        """A socket at the server of this case."""
+        import tovik  # found by now
+        peer = tovik._wire.new_socket()
+        self.addCleanup(peer.close)
+        peer.setblocking(False)
+        peer.connect(tovik.address(self.name))
+        return peer
+
+    async def receive(self, peer):
+        record = await self.within(asyncio.get_running_loop().sock_recv(peer, 5000))
+        return json.loads(record) if record else None
 
 
 class HostmonCase(unittest.TestCase):

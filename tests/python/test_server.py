@@ -1,7 +1,6 @@
 """The plain server for asyncio, against raw records and this package's clients."""
 
 import asyncio
-import json
 import os
 
 import support
@@ -27,17 +26,6 @@ class Case(support.AsyncCase):
     async def serve(self, handler=None, admission=tovik.admission.same_user(), **options):
         return await self.enterAsyncContext(
             tovik.Server(self.name, admission, handler or self.handle, **options))
-
-    def peer(self):
-        peer = tovik._wire.new_socket()
-        self.addCleanup(peer.close)
-        peer.setblocking(False)
-        peer.connect(tovik.address(self.name))
-        return peer
-
-    async def receive(self, peer):
-        record = await self.within(asyncio.get_running_loop().sock_recv(peer, 5000))
-        return json.loads(record) if record else None
 
     async def answers(self, peer, *messages):
         """What comes back for these, up to the answer to a message that gets one in any case."""

@@ -36,22 +36,11 @@ class Case(support.AsyncCase):
         service.command("raise", "Has a fault.")(lambda request: 1 // 0)
         service.command("nothing", "Does nothing.")(lambda request: None)
 
-    async def peer(self):
-        peer = tovik._wire.new_socket()
-        self.addCleanup(peer.close)
-        peer.setblocking(False)
-        peer.connect(tovik.address(self.name))
-        return peer
-
-    async def receive(self, peer):
-        record = await self.within(asyncio.get_running_loop().sock_recv(peer, 5000))
-        return json.loads(record) if record else None
-
 
 class Service(Case):
     async def test_logs_a_handler_that_raises_and_fails_its_call_alone(self):
         await self.serve()
-        with await self.peer() as peer, self.assertLogs("tovik") as logs:
+        with self.peer() as peer, self.assertLogs("tovik") as logs:
             for command, status in (("raise", 5), ("nothing", 0)):
                 peer.send(json.dumps({"command": command}).encode())
                 self.assertEqual((await self.receive(peer))["status"], status)
@@ -59,7 +48,7 @@ class Service(Case):
 
     async def test_refuses_an_event_that_cannot_be_sent(self):
         service = await self.serve()
-        with await self.peer() as peer:
+        with self.peer() as peer:
             peer.send(b'{"command":"subscribe","topics":["tick"]}')
             await self.receive(peer)
             for topic, event, error in (("none", {}, KeyError), ("tick", {"type": 1}, ValueError),
@@ -73,7 +62,7 @@ class Service(Case):
         service = await self.serve(description="For tests.")
         for n in range(100):
             service.topic(f"topic {n}", "x" * 100)
-        with await self.peer() as peer:
+        with self.peer() as peer:
             peer.send(b'{"command":"describe","id":1}')
             parts = [await self.receive(peer)]
             while parts[-1].get("more"):
@@ -94,7 +83,7 @@ class Service(Case):
         with self.assertLogs("tovik", "WARNING"):
             async with tovik.Service(name, lambda peer: False):
                 self.name = name
-                with await self.peer() as peer:
+                with self.peer() as peer:
                     self.assertIsNone(await self.receive(peer))
 
     async def test_tells_of_clients_that_come_and_go_and_cancels_their_calls(self):
@@ -108,7 +97,7 @@ class Service(Case):
                 await asyncio.Event().wait()
             finally:
                 cancelled.set()
-        with await self.peer() as peer:
+        with self.peer() as peer:
             peer.send(b'{"command":"hang"}')
             await self.until(lambda: any(session.tasks for session in service.sessions))
         await self.within(cancelled.wait())
@@ -117,7 +106,7 @@ class Service(Case):
 
     async def test_ends_a_session_that_does_not_read_and_no_other(self):
         service = await self.serve()
-        with await self.peer() as stalled, await self.peer() as reader:
+        with self.peer() as stalled, self.peer() as reader:
             for peer in (stalled, reader):
                 peer.send(b'{"command":"subscribe","topics":["tick"]}')
                 self.assertEqual((await self.receive(peer))["status"], 0)
@@ -130,7 +119,7 @@ class Service(Case):
 
     async def test_keeps_the_latest_event_alone_for_a_session_that_does_not_read(self):
         service = await self.serve()
-        with await self.peer() as peer:
+        with self.peer() as peer:
             peer.send(b'{"command":"subscribe","topics":["state"]}')
             await self.receive(peer)
             for n in range(1000):
@@ -142,7 +131,7 @@ class Service(Case):
 
     async def test_ends_a_session_that_floods_it_with_calls_that_wait(self):
         service = await self.serve()
-        with await self.peer() as peer:
+        with self.peer() as peer:
             for _ in range(20):
                 peer.send(b'{"command":"wait"}')
             await self.until(lambda: not service.sessions)
@@ -157,7 +146,7 @@ class Service(Case):
                     await asyncio.Event().wait()
                 with self.assertRaisesRegex(OSError, f"in use: '{self.name}'"):
                     await tovik.Service(self.name, lambda peer: True).__aenter__()
-                with await self.peer() as peer:
+                with self.peer() as peer:
                     peer.send(b'{"command":"hang"}')
                     await self.until(lambda: any(each.tasks for each in service.sessions))
         self.assertEqual(set(os.listdir("/proc/self/fd")), before)
