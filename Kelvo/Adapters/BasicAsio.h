@@ -9,7 +9,7 @@ namespace Kelvo::Adapters {
 /// This thread's loop in an `io_context`, which is run on this thread and on no other: `Asio` and
 /// `BoostAsio` are of this template. Guest.h tells what adapters promise, but for this: Asio is
 /// written for exceptions, so what a callback throws leaves the host's own `run` at once, and that
-/// may be called again.
+/// may be called again. A callback that turns the host itself is not served this loop meanwhile.
 template <class IoContext, class StreamDescriptor>
 class BasicAsio {
  public:
