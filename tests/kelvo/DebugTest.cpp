@@ -11,8 +11,6 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
-#include <ctime>
 #include <functional>
 #include <locale>
 #include <memory>
@@ -146,20 +144,6 @@ TEST_F(DebugChannel, LeavesTheLevelsOfOthersAlone) {
   EXPECT_FALSE(other->enabled(0));
 }
 
-TEST_F(DebugChannel, TakesLevelsFromAnotherThread) {
-  std::atomic<bool> seen{false};
-  std::thread reader([&] {
-    while (!handler_->enabled(3)) {
-      std::this_thread::yield();
-    }
-    seen = true;
-  });
-  setDebugLevels(name_, 8);
-  reader.join();
-
-  EXPECT_TRUE(seen);
-}
-
 TEST_F(DebugChannel, HandsAllFieldsToItsSink) {
   std::vector<DebugRecord> records;
   setDebugSink(name_, [&](const DebugRecord& record) { records.push_back(record); });
@@ -179,11 +163,6 @@ TEST_F(DebugChannel, HandsLineBreaksAndNulBytesToASinkUnchanged) {
   log(std::string("a\nb\0c", 5));
 
   EXPECT_THAT(texts_, ElementsAre(std::string("a\nb\0c", 5)));
-}
-
-TEST_F(DebugChannel, KeepsWhatASinkGetsFromStandardError) {
-  collect();
-  EXPECT_EQ(standardErrorDuring([&] { log("for the sink"); }), "");
 }
 
 TEST_F(DebugChannel, CallsTheSinkOnTheThreadThatLogs) {
@@ -272,14 +251,6 @@ TEST_F(DebugChannel, LetsItsSinkReplaceItself) {
   EXPECT_EQ(state.use_count(), 1) << "the replaced sink was not released";
 }
 
-TEST_F(DebugChannel, ReleasesAReplacedSink) {
-  const auto state = std::make_shared<int>();
-  setDebugSink(name_, [state](const DebugRecord&) {});
-  collect();
-
-  EXPECT_EQ(state.use_count(), 1);
-}
-
 TEST_F(DebugChannel, GoesBackToStandardErrorWithAnEmptySink) {
   collect();
   setDebugSink(name_, {});
@@ -294,18 +265,6 @@ TEST_F(DebugChannel, WritesOneLineWithAllFieldsToStandardError) {
   const std::regex form(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z )" + name_ +
                         R"( 2 a/File:34 function: some text\n)");
   EXPECT_TRUE(std::regex_match(line, form)) << line;
-}
-
-TEST_F(DebugChannel, WritesTheTimeOfDayInUtc) {
-  setenv("TZ", "WEST5", 1);
-  tzset();
-  const auto line = standardErrorDuring([&] { log("text"); });
-  unsetenv("TZ");
-  tzset();
-
-  tm calendar{};
-  ASSERT_NE(strptime(line.c_str(), "%Y-%m-%dT%H:%M:%S", &calendar), nullptr) << line;
-  EXPECT_NEAR(static_cast<double>(timegm(&calendar)), static_cast<double>(time(nullptr)), 60);
 }
 
 TEST_F(DebugChannel, MakesControlCharactersVisibleOnStandardError) {
@@ -379,13 +338,6 @@ TEST_F(DebugChannel, LeavesErrnoAsItWasWhenStandardErrorRefuses) {
   });
 
   EXPECT_EQ(errnoAfter, ENOTTY);
-}
-
-TEST_F(DebugChannel, TakesASinkFromAnotherThread) {
-  std::thread([this] { collect(); }).join();
-  log("text");
-
-  EXPECT_THAT(texts_, ElementsAre("text"));
 }
 
 TEST_F(DebugChannel, WritesNumbersAsTheyAreUnderAnyLocale) {

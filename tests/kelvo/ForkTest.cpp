@@ -125,15 +125,6 @@ TEST_F(ForkedChild, CannotArmATimerOfItsParentsLoop) {
   EXPECT_FALSE(somethingIsDue());
 }
 
-TEST_F(ForkedChild, MayDestroyWhatItInheritedWithoutHarmToItsParent) {
-  EXPECT_TRUE(inChild([this] {
-    watcher_.reset();
-    alarm_.reset();
-    return true;
-  }));
-  expectParentUnharmed();
-}
-
 TEST_F(ForkedChild, MayDetachAndDisarmWithoutHarmToItsParent) {
   EXPECT_TRUE(inChild([this] {
     watcher_->control->detach();
@@ -205,29 +196,6 @@ TEST_F(ForkedChild, PassesTheRefusalOnToItsOwnChildren) {
     }).join();
     return refused;
   }));
-}
-
-TEST_F(ForkedChild, CausesNoEventsWithADuplicateThatItHolds) {
-  putOffAlarm();
-  int ends[2];
-  ASSERT_EQ(pipe(ends), 0);
-  const Fd reader(ends[0]);
-  Fd writer(ends[1]);
-  const pid_t child = fork();
-  if (child == 0) {
-    writer.reset();
-    char byte = 0;
-    _exit(::read(reader.get(), &byte, 1) == 0 ? 0
-                                              : 1);  // holds everything until the parent is done
-  }
-  watcher_->control->detach();
-  ends_.first.reset();
-  rawSend(ends_.second.get(), "x");
-  EXPECT_FALSE(somethingIsDue());
-  EXPECT_FALSE(loop().dispatch());
-
-  writer.reset();
-  EXPECT_EQ(waitpid(child, nullptr, 0), child);
 }
 
 // --- a loop of the child's own ---

@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -18,8 +17,6 @@
 #include <iterator>
 #include <memory>
 #include <numeric>
-#include <optional>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -89,20 +86,6 @@ TEST_F(Loop, FinishesTheTurnInWhichItIsStopped) {
 
   EXPECT_EQ(a.reads, 1);
   EXPECT_EQ(b.reads, 1);
-}
-
-TEST_F(Loop, IsStoppedByAnotherThread) {
-  guard();
-  std::promise<void> running;
-  onceRunning([&] { running.set_value(); });
-  std::thread stopper([&running, &mine = loop()] {
-    running.get_future().wait();
-    mine.stop();
-  });
-  loop().run();
-  stopper.join();
-
-  EXPECT_EQ(starter_.fired, 1);
 }
 
 EventLoop* interrupted = nullptr;
@@ -249,10 +232,12 @@ TEST_F(Loop, WaitsForEverIfTheTimeIsNegative) {
 }
 
 TEST_F(Loop, DoesNotWaitWhenItDispatches) {
-  starter_.timer->arm(5);
-  const auto before = Clock::now();
-  EXPECT_FALSE(loop().dispatch());
-  EXPECT_LT(Clock::now() - before, 4s);
+  starter_.timer->arm(1000);
+  EXPECT_TRUE(onceWithin(900us, [] {
+    const auto before = Clock::now();
+    EXPECT_FALSE(loop().dispatch());
+    return Clock::now() - before;
+  }));
 }
 
 TEST_F(Loop, TakesOneTurnOnly) {
@@ -288,26 +273,6 @@ TEST_F(Loop, ReturnsWithoutACallbackWhenInterrupted) {
   const Faults::Fail fail(Call::kEpollWait, EINTR, 1);
   EXPECT_FALSE(loop().runOnce(10s));
   EXPECT_EQ(fail.hits(), 1);
-}
-
-std::atomic<bool> signalled{false};
-
-TEST_F(Loop, WaitsLessLongIfASignalArrives) {
-  const Signal signal([](int) { signalled = true; });
-  std::atomic<bool> done{false};
-  std::thread sender([&, target = pthread_self()] {
-    while (!done) {
-      pthread_kill(target, SIGUSR1);
-      std::this_thread::yield();
-    }
-  });
-  const auto before = Clock::now();
-  EXPECT_FALSE(loop().runOnce(30s));
-  done = true;
-  sender.join();
-
-  EXPECT_LT(Clock::now() - before, 20s);
-  EXPECT_TRUE(signalled);
 }
 
 TEST_F(Loop, ThrowsWhenTheKernelRefusesToWaitAndIsUsableAfterwards) {
@@ -441,24 +406,6 @@ TEST_F(CrowdedLoop, LeavesTheRestOfAnOvertakenTurnToTheNextOne) {
   }
   EXPECT_LE(first.fired + second.fired, 1);
   EXPECT_EQ(posted, 0);
-}
-
-TEST_F(Loop, IsDrivenByAForeignLoop) {
-  const auto ends = rawPair();
-  Watcher watcher(ends.first.get());
-  watcher.onRead = [](int fd) { rawReceiveNow(fd); };
-  Alarm ticker;
-  ticker.onTimeout = [&] {
-    rawSend(ends.second.get(), "tick");
-    ticker.timer->arm(0.001);
-  };
-  ticker.timer->arm(0.001);
-  while (watcher.reads < 10) {
-    ASSERT_TRUE(becomesReadable(loop().fd(), 10000)) << watcher.reads;
-    loop().dispatch();
-  }
-
-  EXPECT_GE(ticker.fired, 10);
 }
 
 // --- one loop a thread ---

@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <memory>
-#include <numeric>
 #include <optional>
 #include <stdexcept>
 #include <thread>
@@ -135,15 +134,6 @@ TEST_F(Posted, WaitsForOneBatchOfDescriptorsAtMost) {
     EXPECT_THAT(ran_, ElementsAre(1, 2));
     ran_.clear();
   }
-}
-
-TEST_F(Posted, IsSeenByAForeignLoop) {
-  EXPECT_FALSE(somethingIsDue());
-  post(1);
-  EXPECT_TRUE(somethingIsDue());
-  EXPECT_TRUE(loop().dispatch());
-  EXPECT_FALSE(somethingIsDue());
-  EXPECT_THAT(ran_, ElementsAre(1));
 }
 
 TEST_F(Posted, WaitsForTheNextRunIfAStopCameFirst) {

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <string>
 
@@ -32,7 +33,11 @@ namespace {
 
 class LogDate : public testing::Test {
  protected:
-  LogDate() { dup2(file_.get(), STDERR_FILENO); }
+  LogDate() {
+    setenv("TZ", "WEST5", 1);  // the date is in UTC wherever the machine stands
+    tzset();
+    dup2(file_.get(), STDERR_FILENO);
+  }
   ~LogDate() override {
     pretended = -1;
     dup2(before_.get(), STDERR_FILENO);
