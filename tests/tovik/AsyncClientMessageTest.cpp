@@ -93,58 +93,11 @@ TEST_F(AsyncClient, DeliversOneRecordATurnInOrder) {
   EXPECT_EQ(messages_, (Lines{"[1]", "[2]"}));
 }
 
-TEST_F(AsyncClient, ReadsARecordUpToItsFirstNul) {
-  connect();
-  rawSend(peer_.get(), std::string("[1]\0{]", 6));
-  nextTurn();
-  EXPECT_EQ(messages_, Lines{"[1]"});
-  EXPECT_EQ(log_.lines(), Lines{received("[1]")});
-}
-
-TEST_F(AsyncClient, LogsATextAsItCame) {
-  connect();
-  rawSend(peer_.get(), " [ 1 ]\n");
-  nextTurn();
-  EXPECT_EQ(log_.lines(), Lines{received(" [ 1 ]\n")});
-  EXPECT_EQ(messages_, Lines{"[1]"});
-}
-
-TEST_F(AsyncClient, LogsATextBeforeItsHandlerRuns) {
-  connect();
-  onMessage_ = [this] { EXPECT_EQ(log_.lines(), Lines{received("[1]")}); };
-  rawSend(peer_.get(), "[1]");
-  nextTurn();
-  EXPECT_EQ(messages_.size(), 1U);
-}
-
 TEST_F(AsyncClient, ReadsFromItsOwnDescriptorWhicheverItIsTold) {
   connect();
   rawSend(peer_.get(), "[1]");
   client_->readFdEvent(-1);
   EXPECT_EQ(messages_, Lines{"[1]"});
-}
-
-TEST_F(AsyncClient, LogsOnlyErrorsIfNothingElseIsEnabled) {
-  Kelvo::Platform::setDebugLevels("Tovik", 1U);
-  connect();
-  rawSend(peer_.get(), "[1]");
-  nextTurn();
-  EXPECT_EQ(log_.lines(), Lines());
-  rawSend(peer_.get(), "{");
-  nextTurn();
-  EXPECT_EQ(log_.lines(), Lines{kMalformed});
-}
-
-TEST_F(AsyncClient, LogsNothingIfNothingIsEnabled) {
-  Kelvo::Platform::setDebugLevels("Tovik", 0);
-  connect();
-  for (const char* text : {"[1]", "{"}) {
-    rawSend(peer_.get(), text);
-    nextTurn();
-  }
-  peer_.reset();
-  nextTurn();
-  EXPECT_EQ(log_.lines(), Lines());
 }
 
 // --- handlers ---
@@ -194,12 +147,6 @@ TEST(AsyncClientWithoutHandlers, ThrowsOutOfTheLoopWhenItConnects) {
   EXPECT_TRUE(client.isAttached()) << "the connection was there before the handler was called";
 }
 
-TEST(AsyncClientWithoutHandlers, ThrowsOutOfATimeoutCalledByHand) {
-  RawServer server;
-  Tovik::AsyncClient client(server.name(), nullptr, nullptr, 3600);
-  EXPECT_THROW(client.timeout(), std::bad_function_call);
-}
-
 TEST(AsyncClientWithoutHandlers, DoesNotThrowIfNobodyListens) {
   Tovik::AsyncClient client(uniqueName(), nullptr, nullptr, 3600);
   EXPECT_NO_THROW(nextTurn());
@@ -245,34 +192,6 @@ TEST_F(AsyncClient, LetsWhatItsConnectHandlerThrowsOutOfTheLoop) {
 
 // --- sending ---
 
-TEST_F(AsyncClient, SendsEachMessageInOneCallOfItsExactSize) {
-  connect();
-  const Trace trace;
-  send(R"({ "a" : [ 1 ] })");
-  ASSERT_EQ(trace.count(Call::kWrite), 1);
-  EXPECT_EQ(trace.of(Call::kWrite).at(0).fd, client_->descriptor());
-  EXPECT_EQ(trace.of(Call::kWrite).at(0).bytes, R"({"a":[1]})");
-  EXPECT_EQ(rawReceive(peer_.get()), R"({"a":[1]})");
-  EXPECT_EQ(log_.lines(3),
-            Lines{"3 Api/Json/Async asyncSendMsg: AsyncSender::asyncSendMSg() -> {\"a\":[1]}"});
-}
-
-TEST_F(AsyncClient, KeepsMessagesUntilTheOneThatIsSentAfterConnecting) {
-  make(kNever);
-  const Trace trace;
-  send("[1]");
-  send("[2]");
-  nextTurn();
-  peer_ = server_.accept();
-  turnForAWhile();
-  EXPECT_EQ(trace.count(Call::kWrite), 0) << "connecting alone sends nothing";
-  send("[3]");
-  for (const char* text : {"[1]", "[2]", "[3]"}) {
-    EXPECT_EQ(rawReceive(peer_.get()), text);
-  }
-  EXPECT_EQ(client_->queued(), 0U);
-}
-
 TEST_F(AsyncClient, SendsWhatHasWaitedBeforeWhatItsConnectHandlerSends) {
   make(kNever);
   onConnect_ = [this] { send("[2]"); };
@@ -315,44 +234,4 @@ TEST_F(AsyncClient, SendsOnTheNextConnectionWhatWasQueuedSinceTheLoss) {
   send("[3]");
   EXPECT_EQ(rawReceive(peer_.get()), "[2]") << "the backlog of the lost connection is dropped";
   EXPECT_EQ(rawReceive(peer_.get()), "[3]");
-}
-
-TEST_F(AsyncClient, DropsWhatWaitedOnceAFlushMeetsAServerThatIsGone) {
-  make(0);
-  send("[1]");
-  nextTurn();
-  peer_ = server_.accept();
-  peer_.reset();
-  send("[2]");
-  EXPECT_FALSE(client_->isAttached());
-  EXPECT_EQ(client_->queued(), 0U);
-  EXPECT_TRUE(turnUntil([this] { return connects_ == 2; }));
-  peer_ = server_.accept();
-  send("[3]");
-  EXPECT_EQ(rawReceive(peer_.get()), "[3]");
-}
-
-TEST_F(AsyncClient, SendsItsBacklogInOrderOnceTheServerReads) {
-  connect();
-  const std::string filler(50000, 'x');
-  for (int i = 0; i < 20; ++i) {
-    send("[" + std::to_string(i) + ",\"" + filler + "\"]");
-  }
-  EXPECT_GT(client_->queued(), 0U);
-  for (int i = 0; i < 20; ++i) {
-    const std::string text = rawReceive(peer_.get());
-    EXPECT_EQ(text.substr(0, text.find(',')), "[" + std::to_string(i));
-    turnUntilIdle();
-  }
-  EXPECT_EQ(client_->queued(), 0U);
-  EXPECT_EQ(log_.lines(0), Lines());
-}
-
-TEST_F(AsyncClient, FlushesWhatWaitsWhenItIsToldThatItMayWrite) {
-  make(kNever);
-  send("[1]");
-  nextTurn();
-  peer_ = server_.accept();
-  client_->writeFdEvent(-1);
-  EXPECT_EQ(rawReceive(peer_.get()), "[1]");
 }

@@ -4,8 +4,6 @@
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <type_traits>
@@ -21,11 +19,6 @@ using Kelvo::Platform::EventLoop;
 using Calls = std::vector<Call>;
 
 namespace {
-
-const std::string kGetFlFailed =
-    "0 Api/Json/Client createSocket: createSocket: Failed to GETFL -> ";
-const std::string kSetFlFailed =
-    "0 Api/Json/Client createSocket: createSocket: Failed to SETFL -> ";
 
 using Clock = std::chrono::steady_clock;
 
@@ -57,29 +50,6 @@ TEST_F(AsyncClient, IsAHandlerOfTimeoutsFirstAndASenderSecond) {
   const Tovik::AsyncClient& client = *client_;
   EXPECT_EQ(static_cast<const void*>(static_cast<const Kelvo::Platform::TimeoutHandler*>(&client)),
             static_cast<const void*>(&client));
-}
-
-TEST_F(AsyncClient, IsAttachedWhenItsConnectHandlerRuns) {
-  onConnect_ = [this] {
-    EXPECT_TRUE(client_->isAttached());
-    send("[1]");
-  };
-  connect();
-  EXPECT_EQ(rawReceive(peer_.get()), "[1]");
-}
-
-TEST_F(AsyncClient, SetsItsSocketNonBlockingOnlyOnceItIsConnected) {
-  make(kNever);
-  const Trace trace;
-  client_->timeout();
-  ASSERT_EQ(socketCalls(trace), (Calls{Call::kSocket, Call::kConnect, Call::kGetFl, Call::kSetFl}));
-  const int fd = lastSocket(trace);
-  EXPECT_EQ(trace.of(Call::kConnect).at(0).fd, fd);
-  EXPECT_EQ(trace.of(Call::kGetFl).at(0).fd, fd);
-  EXPECT_EQ(trace.of(Call::kSetFl).at(0).fd, fd);
-  EXPECT_EQ(trace.of(Call::kGetFl).at(0).size, 0U);
-  EXPECT_EQ(trace.of(Call::kGetFl).at(0).result & O_NONBLOCK, 0);
-  EXPECT_EQ(client_->descriptor(), fd);
 }
 
 TEST_F(AsyncClient, KeepsTheOtherFlagsOfItsSocket) {
@@ -128,25 +98,7 @@ TEST_F(AsyncClient, WorksOnDescriptorZero) {
   EXPECT_EQ(rawReceive(peer_.get()), "<end>");
 }
 
-TEST_F(AsyncClient, LogsItsAttemptBeforeItMakesIt) {
-  make(kNever);
-  const Fail fail(Call::kGetFl, EACCES);
-  client_->timeout();
-  EXPECT_EQ(log_.lines(), (Lines{kAttempt, kGetFlFailed + "Permission denied"}));
-}
-
 // --- the attempt that fails ---
-
-TEST_F(AsyncClient, SaysNothingMoreIfNoServerListens) {
-  server_.stop();
-  make(kNever);
-  const auto before = openDescriptors();
-  nextTurn();
-  EXPECT_EQ(log_.lines(), Lines{kAttempt});
-  EXPECT_EQ(connects_, 0);
-  EXPECT_FALSE(client_->isAttached());
-  EXPECT_EQ(openDescriptors(), before);
-}
 
 TEST_F(AsyncClient, IsSilentAboutItsSocketAndItsConnect) {
   make(kNever);
@@ -171,66 +123,6 @@ TEST_F(AsyncClient, TerminatesOnceForEachFailedAttempt) {
     EXPECT_FALSE(client_->isAttached());
   }
   EXPECT_EQ(connects_, 0);
-}
-
-TEST_F(AsyncClient, LogsThatGettingTheFlagsFailedAndThenCloses) {
-  make(kNever);
-  const auto before = openDescriptors();
-  const Trace trace;
-  const Fail getFl(Call::kGetFl, EACCES);
-  const Fail close(Call::kClose, EIO);
-  client_->timeout();
-  EXPECT_EQ(socketCalls(trace),
-            (Calls{Call::kSocket, Call::kConnect, Call::kGetFl, Call::kStrerror, Call::kClose}));
-  EXPECT_EQ(trace.of(Call::kClose).at(0).fd, lastSocket(trace));
-  EXPECT_EQ(log_.lines(0), Lines{kGetFlFailed + "Permission denied"});
-  EXPECT_EQ(openDescriptors(), before);
-}
-
-TEST_F(AsyncClient, ClosesAndThenLogsThatSettingTheFlagsFailed) {
-  make(kNever);
-  const auto before = openDescriptors();
-  const Trace trace;
-  const Fail setFl(Call::kSetFl, EACCES);
-  client_->timeout();
-  EXPECT_EQ(socketCalls(trace), (Calls{Call::kSocket, Call::kConnect, Call::kGetFl, Call::kSetFl,
-                                       Call::kClose, Call::kStrerror}));
-  EXPECT_EQ(trace.of(Call::kClose).at(0).fd, lastSocket(trace));
-  EXPECT_EQ(log_.lines(0), Lines{kSetFlFailed + "Permission denied"});
-  EXPECT_EQ(openDescriptors(), before);
-}
-
-TEST_F(AsyncClient, LogsTheErrorThatTheCloseLeavesIfSettingTheFlagsFailed) {
-  make(kNever);
-  const Fail setFl(Call::kSetFl, EACCES);
-  const Fail close(Call::kClose, EIO);
-  client_->timeout();
-  EXPECT_EQ(log_.lines(0), Lines{kSetFlFailed + "Input/output error"});
-}
-
-TEST_F(AsyncClient, StillHoldsItsSocketWhenItLogsAboutGettingTheFlagsOnly) {
-  make(kNever);
-  const Trace trace;
-  const OpenAtEachRecord open;
-  {
-    const Fail getFl(Call::kGetFl, EACCES);
-    client_->timeout();
-    EXPECT_EQ(open.all().at(0).count(lastSocket(trace)), 1U);
-  }
-  const Fail setFl(Call::kSetFl, EACCES);
-  client_->timeout();
-  EXPECT_EQ(open.all().at(1).count(lastSocket(trace)), 0U);
-}
-
-TEST_F(AsyncClient, DoesNotAskForAnErrorsTextUnlessItIsLogged) {
-  make(kNever);
-  Kelvo::Platform::setDebugLevels("Tovik", 0xE);
-  const Trace trace;
-  for (const Call call : {Call::kGetFl, Call::kSetFl}) {
-    const Fail fail(call, EACCES);
-    client_->timeout();
-  }
-  EXPECT_EQ(trace.count(Call::kStrerror), 0);
 }
 
 TEST_F(AsyncClient, KeepsNoSocketThatTheLoopRefuses) {
@@ -388,19 +280,6 @@ TEST_F(AsyncClient, LogsOneLineWhenTheServerCloses) {
   EXPECT_LT(::fcntl(fd, F_GETFD), 0);
 }
 
-TEST_F(AsyncClient, DropsItsBacklogWhenTheServerCloses) {
-  connect();
-  {
-    const Fail full(Call::kWrite, EAGAIN);
-    send("[1]");
-    send("[2]");
-  }
-  EXPECT_EQ(client_->queued(), 2U);
-  peer_.reset();
-  nextTurn();
-  EXPECT_EQ(client_->queued(), 0U);
-}
-
 TEST_F(AsyncClient, TerminatesOnceForALoss) {
   connect();
   const int before = client_->terminations();
@@ -442,60 +321,12 @@ TEST_F(AsyncClient, EndsItsConnectionWhenThereIsNothingToRead) {
   EXPECT_EQ(rawReceive(peer_.get()), "<end>");
 }
 
-TEST_F(AsyncClient, EndsItsConnectionAtAnEmptyRecord) {
-  connect();
-  const int fd = client_->descriptor();
-  rawSend(peer_.get(), "");
-  nextTurn();
-  EXPECT_EQ(log_.lines(), Lines{terminated(fd)});
-}
-
-TEST_F(AsyncClient, EndsItsConnectionAtARecordThatStartsWithANul) {
-  connect();
-  const int fd = client_->descriptor();
-  rawSend(peer_.get(), std::string("\0[1]", 4));
-  nextTurn();
-  EXPECT_EQ(log_.lines(), Lines{terminated(fd)});
-  EXPECT_TRUE(messages_.empty());
-}
-
-TEST_F(AsyncClient, EndsItsConnectionWhenItWritesToAServerThatIsGone) {
-  connect();
-  const int fd = client_->descriptor();
-  const int before = client_->terminations();
-  peer_.reset();
-  log_.clear();
-  send("[1]");
-  EXPECT_EQ(log_.lines(1), Lines{terminated(fd)});
-  EXPECT_EQ(log_.lines(0), Lines());
-  EXPECT_EQ(client_->queued(), 0U);
-  EXPECT_EQ(client_->terminations(), before + 1);
-  turnForAWhile();
-  EXPECT_EQ(client_->terminations(), before + 1);
-}
-
 TEST_F(AsyncClient, ConnectsAgainAfterItWroteToAServerThatWasGone) {
   connect(0);
   peer_.reset();
   send("[1]");
   nextTurn();
   EXPECT_EQ(connects_, 2);
-}
-
-TEST_F(AsyncClient, LeavesTheSignalOfABrokenPipeAsTheProcessHasIt) {
-  connect();
-  const auto check = [this] {
-    std::signal(SIGPIPE, SIG_DFL);
-    peer_.reset();
-    send("[1]");
-    struct sigaction action {};
-    sigset_t blocked;
-    ::sigaction(SIGPIPE, nullptr, &action);
-    ::sigprocmask(SIG_BLOCK, nullptr, &blocked);
-    const bool untouched = action.sa_handler == SIG_DFL && !::sigismember(&blocked, SIGPIPE);
-    std::exit(untouched && !client_->isAttached() ? 0 : 1);
-  };
-  EXPECT_EXIT(check(), testing::ExitedWithCode(0), "");
 }
 
 // --- timeout() called by hand ---
@@ -529,22 +360,6 @@ TEST_F(AsyncClient, WorksOnTheConnectionThatReplacedAnother) {
   EXPECT_EQ(connects_, 2);
 }
 
-TEST_F(AsyncClient, GivesItsConnectionUpIfToldToConnectWhenNobodyListens) {
-  connect();
-  const int old = client_->descriptor();
-  {
-    const Fail full(Call::kWrite, EAGAIN);
-    send("[1]");
-  }
-  log_.clear();
-  server_.stop();
-  client_->timeout();
-  EXPECT_EQ(log_.lines(), (Lines{kAttempt, terminated(old)}));
-  EXPECT_EQ(client_->queued(), 0U);
-  EXPECT_EQ(rawReceive(peer_.get()), "<end>");
-  EXPECT_EQ(connects_, 1);
-}
-
 TEST_F(AsyncClient, KeepsNoSocketIfTheLoopRefusesTheReplacement) {
   connect();
   const auto before = openDescriptors();
@@ -558,23 +373,7 @@ TEST_F(AsyncClient, KeepsNoSocketIfTheLoopRefusesTheReplacement) {
   EXPECT_EQ(openDescriptors(), expected);
 }
 
-TEST_F(AsyncClient, ConnectsAtOnceWhenToldToByHand) {
-  make(kNever);
-  client_->timeout();
-  EXPECT_EQ(connects_, 1);
-  turnForAWhile();
-  EXPECT_EQ(connects_, 1);
-}
-
 // --- its end ---
-
-TEST_F(AsyncClient, ClosesItsConnectionWhenDestroyed) {
-  connect();
-  const int fd = client_->descriptor();
-  client_.reset();
-  EXPECT_EQ(log_.lines(), Lines{terminated(fd)});
-  EXPECT_EQ(rawReceive(peer_.get()), "<end>");
-}
 
 TEST_F(AsyncClient, SaysNothingWhenDestroyedWithoutAConnection) {
   server_.stop();
@@ -595,14 +394,6 @@ TEST_F(AsyncClient, TriesNothingOnceDestroyed) {
   EXPECT_EQ(trace.count(Call::kSocket), 0);
 }
 
-TEST_F(AsyncClient, LeavesNoDescriptorBehind) {
-  const auto before = openDescriptors();
-  connect();
-  client_.reset();
-  peer_.reset();
-  EXPECT_EQ(openDescriptors(), before);
-}
-
 TEST_F(AsyncClient, IsDestroyedThroughEitherBase) {
   const auto before = openDescriptors();
   const auto connected = [this] {
@@ -616,16 +407,6 @@ TEST_F(AsyncClient, IsDestroyedThroughEitherBase) {
   std::unique_ptr<Tovik::AsyncSender> asSender = connected();
   asSender.reset();
   EXPECT_EQ(openDescriptors(), before);
-}
-
-TEST_F(AsyncClient, ReleasesItsHandlersWhenDestroyed) {
-  const auto kept = std::make_shared<int>(0);
-  auto client = std::make_unique<Tovik::AsyncClient>(
-      server_.name(), [kept](Tovik::AsyncClient&, const Tovik::Message&) {},
-      [kept](Tovik::AsyncClient&) {}, kNever);
-  EXPECT_EQ(kept.use_count(), 3);
-  client.reset();
-  EXPECT_EQ(kept.use_count(), 1);
 }
 
 TEST_F(AsyncClient, MayBeDestroyedByAnotherClientsHandler) {
@@ -695,20 +476,4 @@ TEST_F(AsyncClient, TriesAtMostOnceAMillisecondHoweverShortItsInterval) {
     EXPECT_TRUE(turnUntil([&] { return client.terminations() >= 21; }));
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(20));
   }
-}
-
-TEST_F(AsyncClient, LivesBesideOthersOfTheSameServer) {
-  connect(0);
-  int others = 0;
-  std::vector<std::unique_ptr<Tovik::AsyncClient>> clients;
-  std::vector<Fd> peers;
-  for (int i = 0; i < 4; ++i) {
-    clients.push_back(std::make_unique<Tovik::AsyncClient>(
-        server_.name(), nullptr, [&](Tovik::AsyncClient&) { ++others; }, 0));
-    EXPECT_TRUE(turnUntil([&] { return others == i + 1; }));
-    peers.push_back(server_.accept());
-  }
-  turnForAWhile();
-  EXPECT_EQ(others, 4);
-  EXPECT_EQ(connects_, 1);
 }

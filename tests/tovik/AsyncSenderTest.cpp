@@ -7,7 +7,6 @@
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -205,20 +204,6 @@ TEST_F(AsyncSender, DoesNotCheckAMessagesSize) {
     send(messageOfSize(size));
     EXPECT_EQ(rawReceiveNow(peer.get()), messageOfSize(size));
   }
-}
-
-TEST_F(AsyncSender, TracesASendAndItsFlush) {
-  attach();
-  CapturedLog log;
-  send(R"({ "n": 1 })");
-  EXPECT_THAT(log.lines(), ElementsAre(sendLine(kOne), flushLine(1)));
-}
-
-TEST_F(AsyncSender, SendsMessagesThatAreNoObjectsToo) {
-  attach();
-  send("[1]");
-  send("\"text\"");
-  EXPECT_THAT(receivedBy(peer.get()), ElementsAre("[1]", "\"text\""));
 }
 
 // --- a socket that is full ---
@@ -471,33 +456,6 @@ TEST_F(AsyncSender, ReadsOneRecordAtATime) {
   EXPECT_EQ(read(), "0:two");
 }
 
-TEST_F(AsyncSender, AsksForAtMost4095Bytes) {
-  attach();
-  rawSend(peer.get(), "one");
-  Trace trace;
-  read();
-  const auto reads = trace.of(Call::kRead);
-  ASSERT_EQ(reads.size(), 1U);
-  EXPECT_EQ(reads[0].fd, fd);
-  EXPECT_EQ(reads[0].size, 4095U);
-}
-
-TEST_F(AsyncSender, ReadsARecordOf4094BytesAloneAndWhole) {
-  attach();
-  rawSend(peer.get(), messageOfSize(4094));
-  rawSend(peer.get(), kTwo);
-  EXPECT_EQ(read(), "0:" + messageOfSize(4094));
-  EXPECT_EQ(read(), std::string("0:") + kTwo);
-}
-
-TEST_F(AsyncSender, ReadsARecordOf4095BytesWholeAndLooksForMore) {
-  attach();
-  rawSend(peer.get(), messageOfSize(4095));
-  Trace trace;
-  EXPECT_EQ(read("before"), "0:" + messageOfSize(4095));
-  EXPECT_EQ(trace.count(Call::kRead), 2);
-}
-
 TEST_F(AsyncSender, AppendsTheNextRecordToOneOf4095Bytes) {
   attach();
   rawSend(peer.get(), messageOfSize(4095));
@@ -506,15 +464,6 @@ TEST_F(AsyncSender, AppendsTheNextRecordToOneOf4095Bytes) {
   rawSend(peer.get(), kFour);
   EXPECT_EQ(read(), "0:" + messageOfSize(4095) + messageOfSize(4095, 'y') + kThree);
   EXPECT_EQ(read(), std::string("0:") + kFour);
-}
-
-TEST_F(AsyncSender, CutsALongerRecordAt4095BytesAndAppendsTheNextOne) {
-  attach();
-  for (const std::size_t size : {4096U, 9000U}) {
-    rawSend(peer.get(), messageOfSize(size));
-    rawSend(peer.get(), kTwo);
-    EXPECT_EQ(read(), "0:" + messageOfSize(size).substr(0, 4095) + kTwo);
-  }
 }
 
 TEST_F(AsyncSender, CutsARecordAtItsFirstNulByte) {
@@ -541,14 +490,6 @@ TEST_F(AsyncSender, ReadsNothingFromAPeerThatHasClosed) {
   EXPECT_EQ(read("before"), "0:");
   EXPECT_TRUE(sender.isAttached());
   EXPECT_THAT(log.lines(), IsEmpty());
-}
-
-TEST_F(AsyncSender, ReadsTheLastRecordBeforeTheEnd) {
-  attach();
-  rawSend(peer.get(), messageOfSize(4095));
-  peer.reset();
-  EXPECT_EQ(read(), "0:" + messageOfSize(4095));
-  EXPECT_EQ(read(), "0:");
 }
 
 TEST_F(AsyncSender, TakesAnEmptySocketForNoError) {
@@ -619,19 +560,6 @@ TEST_F(AsyncSender, IgnoresAFailingClose) {
   sender.terminateConnection();
   EXPECT_FALSE(sender.isAttached());
   EXPECT_THAT(log.lines(), ElementsAre(terminateLine(fd)));
-}
-
-TEST_F(AsyncSender, ReportsATerminationWhileTheDescriptorIsStillItsOwn) {
-  attach();
-  bool attached = false;
-  bool open = false;
-  const LogSink sink(1U << 1, [&](const auto&) {
-    attached = sender.isAttached() && watchedEvents(fd) != 0;
-    open = isOpen(fd);
-  });
-  sender.terminateConnection();
-  EXPECT_TRUE(attached);
-  EXPECT_TRUE(open);
 }
 
 TEST_F(AsyncSender, GivesBackTheStorageOfALongBacklog) {
@@ -833,13 +761,6 @@ TEST_F(AsyncSender, ReplacesTheSocketItHolds) {
   EXPECT_THAT(receivedBy(peer.get()), ElementsAre(kTwo));
 }
 
-TEST_F(AsyncSender, TerminatesThroughTheOverrideBeforeEachAttachment) {
-  attach();
-  EXPECT_EQ(terminations, 1);
-  attach();
-  EXPECT_EQ(terminations, 2);
-}
-
 TEST_F(AsyncSender, LeavesADescriptorThatCannotBeWatchedToItsCaller) {
   auto [ours, theirs] = rawPair();
   send(kOne);
@@ -864,23 +785,6 @@ TEST_F(AsyncSender, HasGivenUpTheOldSocketWhenTheNewOneCannotBeWatched) {
   EXPECT_FALSE(sender.isAttached());
   EXPECT_FALSE(isOpen(fd));
   EXPECT_TRUE(isOpen(unwatchable.get()));
-}
-
-TEST_F(AsyncSender, ClosesItsSocketWhenDestroyedWithoutTheOverride) {
-  auto [ours, theirs] = rawPair();
-  setNonBlocking(ours.get());
-  const int held = ours.get();
-  int seen = 0;
-  auto doomed = std::make_unique<Subject>(&seen);
-  doomed->setFd(ours.release());
-  EXPECT_EQ(seen, 1);
-  CapturedLog log;
-  Trace trace;
-  doomed.reset();
-  EXPECT_EQ(seen, 1);
-  EXPECT_TRUE(detachedThenClosed(held, trace));
-  EXPECT_THAT(log.lines(), ElementsAre(terminateLine(held)));
-  EXPECT_EQ(rawReceive(theirs.get()), "<end>");
 }
 
 TEST_F(AsyncSender, IsDestroyedSilentlyWhenDetached) {

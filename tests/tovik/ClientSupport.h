@@ -4,7 +4,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <fstream>
 #include <functional>
@@ -79,17 +78,6 @@ inline std::vector<Faults::Call> socketCalls(const Faults::Trace& trace) {
   return kinds;
 }
 
-/// The calls of one kind that were made on one descriptor.
-inline std::vector<Faults::Seen> callsOn(const Faults::Trace& trace, Faults::Call call, int fd) {
-  std::vector<Faults::Seen> found;
-  for (const auto& seen : trace.of(call)) {
-    if (seen.fd == fd) {
-      found.push_back(seen);
-    }
-  }
-  return found;
-}
-
 /// Leaves 0 free for the next descriptor while it lives.
 class FreeDescriptorZero {
  public:
@@ -132,14 +120,4 @@ class OnceThisThreadSleeps {
   }
 
   std::thread thread_;
-};
-
-/// A sink for the channel "Tovik" that notes which descriptors were open at each record.
-class OpenAtEachRecord {
- public:
-  const std::vector<std::set<int>>& all() const { return open_; }
-
- private:
-  std::vector<std::set<int>> open_;
-  LogSink sink_{1U, [this](const auto&) { open_.push_back(openDescriptors()); }};
 };

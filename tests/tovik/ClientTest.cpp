@@ -15,7 +15,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 #include <type_traits>
 #include <typeinfo>
 #include <vector>
@@ -93,14 +92,6 @@ TEST_F(UnconnectedClient, ThrowsIfNoServerListens) {
   EXPECT_EQ(failureToConnect(uniqueName()), "Connection refused");
 }
 
-TEST_F(UnconnectedClient, ClosesItsSocketOnceIfNoServerListens) {
-  const Trace trace;
-  failureToConnect(uniqueName());
-  EXPECT_EQ(socketCalls(trace),
-            (Calls{Call::kSocket, Call::kConnect, Call::kClose, Call::kStrerror}));
-  EXPECT_EQ(trace.of(Call::kClose).at(0).fd, lastSocket(trace));
-}
-
 TEST_F(UnconnectedClient, ThrowsIfItGetsNoSocket) {
   const Trace trace;
   const Fail fail(Call::kSocket, EMFILE);
@@ -114,18 +105,6 @@ TEST_F(UnconnectedClient, ThrowsWhateverConnectFailedWith) {
     const Fail fail(Call::kConnect, error);
     EXPECT_EQ(failureToConnect(server.name()), std::strerror(error));
   }
-}
-
-TEST_F(UnconnectedClient, ReportsTheConnectAndNotTheCloseThatFollows) {
-  const Fail connect(Call::kConnect, EACCES);
-  const Fail close(Call::kClose, EIO);
-  EXPECT_EQ(failureToConnect(uniqueName()), "Permission denied");
-}
-
-TEST_F(UnconnectedClient, ThrowsIfTheServerHasGone) {
-  RawServer server;
-  server.stop();
-  EXPECT_EQ(failureToConnect(server.name()), "Connection refused");
 }
 
 TEST_F(UnconnectedClient, DoesNotMeetASocketOfAnotherType) {
@@ -197,24 +176,6 @@ TEST(ClientOnDescriptorZero, IsClosedByHandToo) {
   EXPECT_EQ(rawReceive(peer.get()), "<end>");
 }
 
-TEST(Clients, ConnectAndSendOnSeveralThreadsAtOnce) {
-  const std::string name = uniqueName();
-  const Fd listener = rawListen(name, 110, 256);
-  std::atomic<int> sent{0};
-  std::vector<std::thread> threads;
-  for (int thread = 0; thread < 4; ++thread) {
-    threads.emplace_back([&] {
-      for (int i = 0; i < 25; ++i) {
-        sent += Tovik::Client(name).sendMsg(parsed(kMessage), false) == 0 ? 1 : 0;
-      }
-    });
-  }
-  for (auto& thread : threads) {
-    thread.join();
-  }
-  EXPECT_EQ(sent, 100);
-}
-
 // --- sending ---
 
 TEST_F(Client, ReturnsZeroOnceTheRecordIsWritten) {
@@ -255,19 +216,6 @@ TEST_F(Client, ReturnsTheStatusOfTheReplyThatItWaitsFor) {
   EXPECT_EQ(log_.lines(), Lines());
 }
 
-TEST_F(Client, WritesBeforeItWaits) {
-  rawSend(peer_.get(), kReply3);
-  const Trace trace;
-  send(true);
-  EXPECT_EQ(socketCalls(trace), (Calls{Call::kWrite, Call::kRead}));
-}
-
-TEST_F(Client, ReturnsMinusOneForAReplyThatItRefuses) {
-  rawSend(peer_.get(), R"({"type":"reply","status":4294967295})");
-  EXPECT_EQ(send(true), -1);
-  EXPECT_EQ(log_.lines(), (Lines{kLog + "waitAck: Client::waitAck(): invalid status -1"}));
-}
-
 TEST_F(Client, TakesTheNextRecordForTheAnswerWhateverItIs) {
   rawSend(peer_.get(), R"({"notification":"news"})");
   rawSend(peer_.get(), kReply3);
@@ -282,24 +230,6 @@ TEST_F(Client, RefusesAMessageWhoseParsingFailed) {
   EXPECT_EQ(client_->sendMsg(parsed("{"), true), -1);
   EXPECT_EQ(socketCalls(trace), Calls());
   EXPECT_EQ(log_.lines(), Lines());
-}
-
-TEST_F(Client, LogsAWriteThatFails) {
-  peer_.reset();
-  EXPECT_EQ(send(false), -1);
-  EXPECT_EQ(log_.lines(), (Lines{kLog + "sendMsg: Client::sendMsg(): Failed to write() " +
-                                 std::strerror(EPIPE)}));
-}
-
-TEST_F(Client, DoesNotWaitForTheReplyToAWriteThatFailed) {
-  rawSend(peer_.get(), kReply3);
-  const Trace trace;
-  const Fail fail(Call::kWrite, ENOBUFS, 1);
-  EXPECT_EQ(send(true), -1);
-  EXPECT_EQ(trace.count(Call::kWrite), 1) << "not tried again";
-  EXPECT_EQ(trace.count(Call::kRead), 0);
-  EXPECT_EQ(log_.lines(), (Lines{kLog + "sendMsg: Client::sendMsg(): Failed to write() " +
-                                 std::strerror(ENOBUFS)}));
 }
 
 TEST_F(Client, FailsToSendWhatNoRecordOfTheSocketCanHold) {
@@ -317,14 +247,6 @@ TEST_F(Client, LooksOnlyAtTheSignOfWhatWriteReturns) {
   EXPECT_EQ(client_->sendMsg(msg, false), 0);
   EXPECT_EQ(trace.of(Call::kWrite).at(0).result, 0);
   EXPECT_EQ(log_.lines(), Lines());
-}
-
-TEST_F(Client, DoesNotAskForTheErrorsTextUnlessItIsLogged) {
-  Kelvo::Platform::setDebugLevels("Tovik", 0xE);
-  const Trace trace;
-  const Fail fail(Call::kWrite, ENOBUFS);
-  EXPECT_EQ(send(false), -1);
-  EXPECT_EQ(trace.count(Call::kStrerror), 0);
 }
 
 // Linux raises SIGPIPE for streams and not for sockets of this type; whatever a system does, the
@@ -345,15 +267,6 @@ TEST_F(Client, LeavesTheSignalOfABrokenPipeAsTheProcessHasIt) {
 }
 
 // --- receiving ---
-
-TEST_F(Client, ReadsOneRecordInOneCallOfItsBufferLessOneByte) {
-  rawSend(peer_.get(), "{}");
-  const Trace trace;
-  EXPECT_EQ(compact(client_->waitForMsg()), "{}");
-  ASSERT_EQ(trace.count(Call::kRead), 1);
-  EXPECT_EQ(trace.of(Call::kRead).at(0).fd, fd_);
-  EXPECT_EQ(trace.of(Call::kRead).at(0).size, 4095U);
-}
 
 TEST_F(Client, ReturnsRecordsInTheirOrder) {
   rawSend(peer_.get(), "[1]");
@@ -388,28 +301,9 @@ TEST_F(Client, AcceptsWhitespaceAroundTheValue) {
   EXPECT_EQ(compact(msg), "[1]");
 }
 
-TEST_F(Client, AcceptsEveryKindOfRoot) {
-  for (const char* text : {"null", "true", "7", R"("text")", "[1]", "{}"}) {
-    rawSend(peer_.get(), text);
-    EXPECT_EQ(compact(client_->waitForMsg()), text);
-  }
-}
-
 TEST_F(Client, TakesBytesInsideStringsAsTheyCome) {
   rawSend(peer_.get(), "\"\xff\xfe\"");
   EXPECT_EQ(compact(client_->waitForMsg()), "\"\xff\xfe\"");
-}
-
-TEST_F(Client, ReadsARecordUpToItsFirstNul) {
-  rawSend(peer_.get(), std::string("[1]\0{]", 6));
-  EXPECT_EQ(compact(client_->waitForMsg()), "[1]");
-}
-
-TEST_F(Client, SeesNothingOfALongerRecordBefore) {
-  rawSend(peer_.get(), R"(["a longer record"])");
-  rawSend(peer_.get(), "[1]");
-  client_->waitForMsg();
-  EXPECT_EQ(compact(client_->waitForMsg()), "[1]");
 }
 
 TEST_F(Client, BlocksUntilTheServerSends) {

@@ -121,12 +121,6 @@ TEST_F(Connection, TakesOneRecordForOneMessageInEachEvent) {
   EXPECT_THAT(handled, ElementsAre(R"({"n":1})", R"({"n":2})"));
 }
 
-TEST_F(Connection, TracesAnEventAndItsText) {
-  CapturedLog log;
-  receive(R"({ "n": 1 })");
-  EXPECT_THAT(log.lines(), ElementsAre(eventLine(fd), textLine(R"({ "n": 1 })")));
-}
-
 TEST_F(Connection, UsesTheEventsDescriptorForTheTraceOnly) {
   rawSend(client.get(), R"({"n":1})");
   CapturedLog log;
@@ -140,11 +134,6 @@ TEST_F(Connection, CarriesAMessageOf4094BytesWhateverFollows) {
   rawSend(client.get(), kCommand);
   turnUntilIdle();
   EXPECT_THAT(handled, ElementsAre(messageOfSize(4094), kCommand));
-}
-
-TEST_F(Connection, CarriesAMessageOf4095BytesIfNothingFollows) {
-  receive(messageOfSize(4095));
-  EXPECT_THAT(handled, ElementsAre(messageOfSize(4095)));
 }
 
 TEST_F(Connection, LosesAMessageOf4095BytesTogetherWithTheNext) {
@@ -165,11 +154,6 @@ TEST_F(Connection, LosesAMessageOfMoreThan4095Bytes) {
   EXPECT_TRUE(log.has(textLine(messageOfSize(4096).substr(0, 4095))));
   receive(kCommand);
   EXPECT_THAT(handled, ElementsAre(kCommand));
-}
-
-TEST_F(Connection, EndsTheTextAtANulByte) {
-  receive(std::string_view("{\"n\":1}\0garbage", 15));
-  EXPECT_THAT(handled, ElementsAre(R"({"n":1})"));
 }
 
 // --- text that is not JSON ---
@@ -213,18 +197,6 @@ TEST_F(Connection, LogsEverySwitch) {
                                         switchLine(fd, "1 -> 0"), switchLine(fd, "0 -> 0")));
 }
 
-TEST_F(Connection, AnswersASwitchBeforeItLogsTheChange) {
-  CapturedLog log;
-  receive(kSubscribe);
-  const std::string sender = " Api/Json/Async ";
-  EXPECT_THAT(
-      log.lines(),
-      ElementsAre(eventLine(fd), textLine(kSubscribe),
-                  "3" + sender + "asyncSendMsg: AsyncSender::asyncSendMSg() -> " + kAccepted,
-                  "2" + sender + "flushQueue: AsyncSender::flushQueue(), queue size = 1",
-                  switchLine(fd, "0 -> 1")));
-}
-
 TEST_F(Connection, IgnoresASwitchsOtherMembersAndTheirOrder) {
   receive(R"({"id":[7],"notification":true,"x":null,"command":"set","type":"reply"})");
   EXPECT_THAT(sent(), ElementsAre(kAccepted));
@@ -266,17 +238,6 @@ TEST_F(Connection, TellsWhetherAMessageIsASwitch) {
   EXPECT_FALSE(connection->handleNotifMsg(parsed("{}")));
 }
 
-TEST_F(Connection, SurvivesASwitchWhoseReplyFindsTheClientGone) {
-  rawSend(client.get(), kSubscribe);
-  client.reset();
-  CapturedLog log;
-  EXPECT_TRUE(turn());
-  EXPECT_FALSE(connection->isAttached());
-  EXPECT_FALSE(isOpen(fd));
-  EXPECT_EQ(log.lines().back(), switchLine(-1, "0 -> 1"));
-  EXPECT_THAT(log.lines(0), IsEmpty());
-}
-
 TEST_F(Connection, LogsASwitchOfADeadConnection) {
   connection->terminateConnection();
   CapturedLog log;
@@ -291,14 +252,6 @@ TEST_F(Connection, AcknowledgesWithTheStatusAsAnUnsignedNumber) {
     connection->acknowledge(status);
     EXPECT_THAT(sent(), ElementsAre(R"({"type":"reply","status":)" + std::to_string(status) + "}"));
   }
-}
-
-TEST_F(Connection, AcknowledgesFromInsideItsHandler) {
-  onMessage = [](Tovik::Connection& from, const Tovik::Message& msg) {
-    from.acknowledge(msg["status"].GetUint());
-  };
-  receive(R"({"status":4294967295})");
-  EXPECT_THAT(sent(), ElementsAre(R"({"type":"reply","status":4294967295})"));
 }
 
 TEST_F(Connection, AcknowledgesNothingWhileTheClientIsSubscribed) {
@@ -363,20 +316,6 @@ TEST_F(Connection, TakesAMessageEvenWhenDead) {
 
 // --- the end ---
 
-TEST_F(Connection, EndsWhenTheClientCloses) {
-  client.reset();
-  CapturedLog log;
-  Trace trace;
-  EXPECT_TRUE(turn());
-  EXPECT_FALSE(connection->isAttached());
-  EXPECT_TRUE(detachedThenClosed(fd, trace));
-  EXPECT_THAT(handled, IsEmpty());
-  EXPECT_THAT(log.lines(), ElementsAre(eventLine(fd),
-                                       "1 Api/Json/Async terminateConnection: "
-                                       "AsyncSender::terminateConnection(): fd = " +
-                                           std::to_string(fd)));
-}
-
 TEST_F(Connection, HandlesTheLastMessageBeforeItEnds) {
   rawSend(client.get(), kCommand);
   client.reset();
@@ -385,18 +324,6 @@ TEST_F(Connection, HandlesTheLastMessageBeforeItEnds) {
   EXPECT_TRUE(turn());
   EXPECT_FALSE(connection->isAttached());
   EXPECT_THAT(handled, ElementsAre(kCommand));
-}
-
-TEST_F(Connection, EndsAtAFailedRead) {
-  rawSend(client.get(), kCommand);
-  CapturedLog log;
-  const Fail fail(Call::kRead, ECONNRESET, 1);
-  EXPECT_TRUE(turn());
-  EXPECT_FALSE(connection->isAttached());
-  EXPECT_THAT(log.lines(0), ElementsAre(std::string("0 Api/Json/Async asyncRead: "
-                                                    "AsyncSender::asynRead(): read failed -> ") +
-                                        std::strerror(ECONNRESET)));
-  EXPECT_THAT(handled, IsEmpty());
 }
 
 TEST_F(Connection, EndsAtAFailedReadAfterPartOfAText) {
@@ -436,25 +363,6 @@ TEST_F(Connection, MayBeEndedByItsHandler) {
   EXPECT_FALSE(connection->isAttached());
   EXPECT_THAT(sent(), ElementsAre(R"({"type":"reply","status":5})", "<end>"));
   EXPECT_FALSE(turn());
-}
-
-TEST_F(Connection, ClosesItsSocketWhenDestroyed) {
-  Trace trace;
-  connection.reset();
-  EXPECT_TRUE(detachedThenClosed(fd, trace));
-  EXPECT_EQ(rawReceive(client.get()), "<end>");
-}
-
-TEST_F(Connection, DropsItsHandlerBeforeItClosesItsSocket) {
-  auto [ours, theirs] = rawPair();
-  bool openThen = false;
-  auto token =
-      std::shared_ptr<void>(nullptr, [&, held = ours.get()](void*) { openThen = isOpen(held); });
-  auto doomed = std::make_unique<Tovik::Connection>(
-      ours.release(), [token](Tovik::Connection&, const Tovik::Message&) {});
-  token.reset();
-  doomed.reset();
-  EXPECT_TRUE(openThen);
 }
 
 TEST_F(Connection, LeavesADescriptorThatCannotBeWatchedToItsCaller) {

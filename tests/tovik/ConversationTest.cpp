@@ -7,7 +7,6 @@
 #include <sys/wait.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -92,14 +91,6 @@ class RawClient : public ::testing::Test {
   Service service{name};
 };
 
-TEST_F(RawClient, GetsTheStatusOfItsCommand) {
-  const Fd client = join();
-  tell(client, R"({"status":3})");
-  EXPECT_THAT(heardBy(client), ElementsAre(R"({"type":"reply","status":3})"));
-  tell(client, R"({"status":4294967295})");
-  EXPECT_THAT(heardBy(client), ElementsAre(R"({"type":"reply","status":4294967295})"));
-}
-
 TEST_F(RawClient, MaySendBeforeItIsAccepted) {
   const Fd client = rawConnect(name);
   rawSend(client.get(), R"({"status":1})");
@@ -151,117 +142,7 @@ TEST_F(RawClient, IsAnsweredAmongManyByTheOrderOfItsOwnCommands) {
   }
 }
 
-TEST_F(RawClient, CarriesMessagesOf4094BytesBothWays) {
-  const Fd client = join();
-  const std::string frame = R"({"echo":"","status":1})";
-  const std::string text(4094 - frame.size(), 'x');
-  const std::string command = R"({"echo":")" + text + R"(","status":1})";
-  ASSERT_EQ(command.size(), 4094U);
-  for (int i = 0; i < 3; ++i) {
-    rawSend(client.get(), command);
-  }
-  turnUntilIdle();
-  const std::string echo = "\"" + text + "\"";
-  EXPECT_THAT(heardBy(client),
-              ElementsAre(replyWith(1), echo, replyWith(1), echo, replyWith(1), echo));
-}
-
-TEST_F(RawClient, LosesACommandThatIsTooLongAndNothingElse) {
-  const Fd client = join();
-  tell(client, messageOfSize(5000));
-  tell(client, R"({"status":8})");
-  EXPECT_THAT(heardBy(client), ElementsAre(replyWith(8)));
-  EXPECT_THAT(service.handled, ElementsAre(R"({"status":8})"));
-}
-
-TEST_F(RawClient, GetsEveryNotificationHoweverSlowlyItReads) {
-  const Fd slow = join();
-  tell(slow, kSubscribe);
-  EXPECT_EQ(rawReceiveNow(slow.get()), kAccepted);
-  for (int i = 0; i < 1000; ++i) {
-    service.server().notifyClients(parsed("{\"n\":" + std::to_string(i) + "}"));
-  }
-  for (int i = 0; i < 1000; ++i) {
-    ASSERT_EQ(rawReceive(slow.get()), "{\"n\":" + std::to_string(i) + "}");
-    turnUntilIdle();
-  }
-  EXPECT_EQ(rawReceiveNow(slow.get()), "<nothing>");
-}
-
-TEST_F(RawClient, SeesTheEndWhenItIsRefused) {
-  const std::string closed = uniqueName();
-  const Service strict(closed, [](int, unsigned, unsigned) { return false; });
-  const Fd client = rawConnect(closed);
-  turnUntilIdle();
-  EXPECT_EQ(rawReceive(client.get()), "<end>");
-}
-
-TEST_F(RawClient, LeavesTheOthersAloneWhenItLeaves) {
-  Fd leaving = join();
-  const Fd staying = join();
-  tell(leaving, kSubscribe);
-  tell(staying, kSubscribe);
-  leaving.reset();
-  tell(staying, R"({"tell":{"n":1}})");
-  EXPECT_THAT(heardBy(staying), ElementsAre(kAccepted, R"({"n":1})"));
-}
-
-// --- the blocking client, in the server's process ---
-
-class BlockingClient : public ::testing::Test {
- protected:
-  /// Runs `work` on another thread while this one serves.
-  static void whileServing(const std::function<void()>& work) {
-    std::atomic<bool> done{false};
-    std::thread worker([&] {
-      work();
-      done = true;
-    });
-    EXPECT_TRUE(turnUntil([&] { return done.load(); }));
-    worker.join();
-  }
-
-  const std::string name = uniqueName();
-  Service service{name};
-};
-
-TEST_F(BlockingClient, SendsNowAndTakesTheReplyLater) {
-  const Tovik::Client client(name);
-  EXPECT_EQ(client.sendMsg(parsed(R"({"status":3})"), false), 0);
-  turnUntilIdle();
-  EXPECT_EQ(client.waitAck(), 3);
-}
-
-TEST_F(BlockingClient, WaitsForTheStatus) {
-  whileServing([this] {
-    const Tovik::Client client(name);
-    EXPECT_EQ(client.sendMsg(parsed(R"({"status":0})"), true), 0);
-    EXPECT_EQ(client.sendMsg(parsed(R"({"status":2147483647})"), true), 2147483647);
-    EXPECT_EQ(client.sendMsg(parsed(R"({"status":2147483648})"), true), -1);
-    EXPECT_EQ(client.sendMsg(parsed(R"({"status":4294967295})"), true), -1);
-    EXPECT_EQ(client.sendMsg(parsed(R"({"status":5})"), true), 5);
-  });
-}
-
-TEST_F(BlockingClient, SubscribesAndWaitsForNotifications) {
-  whileServing([this] {
-    const Tovik::Client subscriber(name);
-    EXPECT_EQ(subscriber.sendMsg(parsed(kSubscribe), true), 0);
-    const Tovik::Client other(name);
-    EXPECT_EQ(other.sendMsg(parsed(R"({"tell":{"n":1},"status":9})"), true), 9);
-    EXPECT_EQ(Tovik::Message::toStr(subscriber.waitForMsg(), false), R"({"n":1})");
-  });
-}
-
-TEST_F(BlockingClient, TakesANotificationForAnAnswerWhileSubscribed) {
-  whileServing([this] {
-    const Tovik::Client client(name);
-    EXPECT_EQ(client.sendMsg(parsed(kSubscribe), true), 0);
-    EXPECT_EQ(client.sendMsg(parsed(R"({"tell":{"n":1},"status":9})"), true), -1);
-  });
-}
-
-TEST_F(BlockingClient, LearnsThatItWasRefused) {
+TEST(BlockingClient, LearnsThatItWasRefused) {
   const std::string closed = uniqueName();
   const Service strict(closed, [](int, unsigned, unsigned) { return false; });
   const Tovik::Client client(closed);
@@ -306,23 +187,6 @@ TEST(AsyncClientAndServer, TalkOnOneLoop) {
   ASSERT_TRUE(client.waitFor(replyWith(6)));
   EXPECT_EQ(client.connects, 1);
   EXPECT_THAT(client.received, ElementsAre(kAccepted, R"({"n":1})", replyWith(6)));
-}
-
-TEST(AsyncClientAndServer, MeetAgainAfterTheServerWasReplaced) {
-  const std::string name = uniqueName();
-  auto service = std::make_unique<Service>(name);
-  LoopClient client(name);
-  ASSERT_TRUE(client.waitFor(kAccepted));
-  service.reset();
-  ASSERT_TRUE(turnUntil([&] { return !client.isAttached(); }));
-  client.asyncSendMsg(parsed(R"({"between":1})"));
-  client.received.clear();
-  service = std::make_unique<Service>(name);
-  ASSERT_TRUE(client.waitFor(kAccepted));
-  EXPECT_EQ(client.connects, 2);
-  EXPECT_THAT(service->handled, ElementsAre(R"({"between":1})"));
-  service->server().notifyClients(parsed(R"({"n":2})"));
-  EXPECT_TRUE(client.waitFor(R"({"n":2})"));
 }
 
 TEST(AsyncClientAndServer, CarryManyMessagesBothWays) {
@@ -471,16 +335,6 @@ TEST(AcrossProcesses, ABlockingClientLearnsThatItsServerWasKilled) {
   EXPECT_THROW(const Tovik::Client next(name), Tovik::SocketException);
 }
 
-TEST(AcrossProcesses, ABlockingClientThatWaitsIsWokenWhenItsServerIsKilled) {
-  const std::string name = uniqueName();
-  ServiceProcess service(name);
-  const Tovik::Client client(name);
-  ASSERT_EQ(client.sendMsg(parsed(R"({"status":1})"), true), 1);
-  std::thread killer([&] { service.kill(); });
-  EXPECT_THROW(client.waitForMsg(), Tovik::SocketException);
-  killer.join();
-}
-
 TEST(AcrossProcesses, AnAsyncClientRenewsItsSubscriptionAfterItsServerWasKilled) {
   const std::string name = uniqueName();
   auto service = std::make_unique<ServiceProcess>(name);
@@ -497,15 +351,6 @@ TEST(AcrossProcesses, AnAsyncClientRenewsItsSubscriptionAfterItsServerWasKilled)
     client.received.clear();
     service = std::make_unique<ServiceProcess>(name);
   }
-}
-
-TEST(AcrossProcesses, AnAsyncClientWaitsForAServerThatComesLater) {
-  const std::string name = uniqueName();
-  LoopClient client(name);
-  EXPECT_FALSE(turnUntil([&] { return client.isAttached(); }, std::chrono::milliseconds(20)));
-  const ServiceProcess service(name);
-  EXPECT_TRUE(client.waitFor(kAccepted));
-  EXPECT_EQ(client.connects, 1);
 }
 
 /// What one of several client processes does.

@@ -6,10 +6,8 @@
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <csignal>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -148,30 +146,6 @@ TEST_F(SenderOrder, OfALossByWritingLeavesAConnectionAloneThatTheOverrideMakes) 
   EXPECT_TRUE(sender->isAttached());
 }
 
-TEST_F(SenderOrder, OfAFailedReadIsItsRecordOnly) {
-  attach();
-  const Fail broken(Call::kRead, ECONNRESET);
-  Kelvo::String text;
-  sender->asyncRead(text);
-  EXPECT_EQ(
-      journal.take(),
-      (Lines{"read a fails", "strerror",
-             "0 asyncRead: AsyncSender::asynRead(): read failed -> Connection reset by peer"}));
-}
-
-TEST_F(SenderOrder, AsksForNoErrorTextWhileErrorsAreNotEnabled) {
-  attach();
-  Kelvo::Platform::setDebugLevels("Tovik", 0xE);
-  const Fail write(Call::kWrite, ENOBUFS);
-  const Fail read(Call::kRead, ECONNRESET);
-  sender->asyncSendMsg(parsed("{}"));
-  Kelvo::String text;
-  sender->asyncRead(text);
-  for (const auto& line : journal.take()) {
-    EXPECT_NE(line, "strerror");
-  }
-}
-
 TEST_F(SenderOrder, HasNothingInItWithoutASocketAndABacklog) {
   sender->flushQueue();
   sender->writeFdEvent(7);
@@ -215,12 +189,6 @@ Lines operator+(Lines first, const Lines& second) {
 
 TEST_F(ConnectionOrder, OfAMessageIsTheEventTheTextAndTheHandler) {
   EXPECT_EQ(receive("{}"), kEvent + (Lines{"3 readFdEvent: msg = '{}'", "handle"}));
-}
-
-TEST_F(ConnectionOrder, OfMalformedTextIsTheTextAndItsRejection) {
-  EXPECT_EQ(receive("{]"),
-            kEvent + (Lines{"3 readFdEvent: msg = '{]'",
-                            "0 readFdEvent: Connection::readFdEvent(): Invalid JSON message"}));
 }
 
 TEST_F(ConnectionOrder, OfTheEndLooksNoFurther) {
@@ -347,16 +315,6 @@ TEST_F(ServerOrder, OfUnreadableFlagsIsTheirRecordAndTheClose) {
                              "close b"}));
 }
 
-TEST_F(ServerOrder, OfFlagsThatCannotBeSetEndsWithTheirRecord) {
-  start();
-  const Fail stubborn(Call::kSetFl, EPERM);
-  EXPECT_EQ(meet(),
-            kJudged + (Lines{kAccepted1, "getfl b", "setfl b fails", "strerror",
-                             "0 readFdEvent: Server::readFdEvent: Failed to SETFL -> Operation not "
-                             "permitted"}));
-  const Fd left(journal.fd('b'));
-}
-
 TEST_F(ServerOrder, OfAcceptingBeginsWithTheDeadEvenIfItFails) {
   start();
   meet();
@@ -461,15 +419,6 @@ TEST_F(ClientOrder, OfAMessageIsItsTextAndTheApplication) {
   turn();
   EXPECT_EQ(journal.take(),
             (Lines{"read a", "3 readFdEvent: AsyncClient::readFdEvent(): msg = '[1]'", "message"}));
-}
-
-TEST_F(ClientOrder, OfMalformedTextIsItsTextAndItsRejection) {
-  connect();
-  rawSend(peer.get(), "{]");
-  turn();
-  EXPECT_EQ(journal.take(),
-            (Lines{"read a", "3 readFdEvent: AsyncClient::readFdEvent(): msg = '{]'",
-                   "0 readFdEvent: AsyncClient::readFdEvent(): Invalid JSON message"}));
 }
 
 TEST_F(ClientOrder, OfItsDestructionIsItsHandlersAndThenItsSocket) {

@@ -126,7 +126,8 @@ TEST_P(Record, IsReadInOneCall) {
   rawSend(peer_.get(), text_);
   const Faults::Trace trace;
   client_.waitForMsg();
-  EXPECT_EQ(trace.count(Call::kRead), 1);
+  ASSERT_EQ(trace.count(Call::kRead), 1);
+  EXPECT_EQ(trace.of(Call::kRead).at(0).size, 4095U);
 }
 
 // --- the asynchronous client ---

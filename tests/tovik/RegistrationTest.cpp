@@ -1,13 +1,10 @@
 #include <gtest/gtest.h>
-#include <malloc.h>
 #include <sys/eventfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -20,23 +17,6 @@
 #include "tests/support/Faults.h"
 #include "tests/support/Memory.h"
 #include "tests/support/Support.h"
-
-// The first test of all: what counts the process's connections has counted none yet.
-TEST(DeadConnections, AreFreedOneByOne) {
-  const auto shared = std::make_shared<int>(0);
-  const std::string name = uniqueName();
-  Tovik::Server server(
-      name, [shared](auto&, const auto&) {}, [](int, unsigned, unsigned) { return true; });
-  const auto alone = shared.use_count();
-
-  for (int client = 0; client < 3; ++client) {
-    rawConnect(name);
-    ASSERT_TRUE(turnUntil([&] { return shared.use_count() > alone; }));
-    turnUntilIdle();
-    server.freeDeadConnections();
-    EXPECT_EQ(shared.use_count(), alone) << client;
-  }
-}
 
 TEST(Registration, OfADescriptorThatIsNoSocketIsDeliveredEveryTurn) {
   const Fd event(eventfd(1, EFD_NONBLOCK));
@@ -177,17 +157,6 @@ TEST(Turn, HasCalledSomebodyEvenIfItsLastTimerIsWithheld) {
   EXPECT_EQ(withheld.fired, 0);
 }
 
-TEST(Turn, HasCalledAReaderThatSwitchesWritingOff) {
-  const Fd event(eventfd(1, EFD_NONBLOCK));
-  Watcher watcher(event.get());
-  watcher.control->setWriteInterest(true);
-  watcher.onRead = [&](int) { watcher.control->setWriteInterest(false); };
-
-  EXPECT_TRUE(loop().dispatch());
-  EXPECT_EQ(watcher.reads, 1);
-  EXPECT_EQ(watcher.writes, 0);
-}
-
 // A child that is forked inside a callback comes back to its parent's loop in the middle of a turn.
 TEST(Turn, EndsInAChildThatACallbackHasForked) {
   const Fd event(eventfd(1, EFD_NONBLOCK));
@@ -205,25 +174,4 @@ TEST(Turn, EndsInAChildThatACallbackHasForked) {
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_EQ(status, 0);
   EXPECT_EQ(first.reads + second.reads, 2);
-}
-
-TEST(Turn, WithoutWaitingDoesNotWait) {
-  using Clock = std::chrono::steady_clock;
-  auto shortest = Clock::duration::max();
-  for (int turns = 0; turns < 50; ++turns) {  // since others may have the processor meanwhile
-    const auto begin = Clock::now();
-    EXPECT_FALSE(loop().dispatch());
-    shortest = std::min(shortest, Clock::now() - begin);
-  }
-  EXPECT_LT(shortest, std::chrono::microseconds(900));
-}
-
-TEST(Loop, CanBeRunAgainAfterACallbackHasStoppedIt) {
-  Alarm alarm;
-  alarm.onTimeout = [] { loop().stop(); };
-  for (int runs = 1; runs <= 3; ++runs) {
-    alarm.timer->arm(0);
-    loop().run();
-    EXPECT_EQ(alarm.fired, runs);
-  }
 }

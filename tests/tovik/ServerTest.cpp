@@ -152,19 +152,6 @@ TEST_F(Server, AsksForReadEventsOnly) {
   EXPECT_THAT(trace.calls(), IsEmpty());
 }
 
-TEST_F(Server, ReportsItsDescriptorOnceItIsWatched) {
-  server.reset();
-  unsigned watched = 0;
-  std::string text;
-  const LogSink sink(1, [&](const auto& record) {
-    text = record.text;
-    watched = watchedEvents(std::stoi(text.substr(text.rfind(' '))));
-  });
-  start();
-  EXPECT_EQ(text, "Server(): socket fd = " + std::to_string(listening));
-  EXPECT_EQ(watched, unsigned{EPOLLIN});
-}
-
 TEST_F(Server, IsReachedByTheWholeAddressOnly) {
   for (const std::size_t length : {3 + name.size(), 4 + name.size(), std::size_t{109}}) {
     EXPECT_LT(rawConnect(name, static_cast<socklen_t>(length)).get(), 0);
@@ -318,34 +305,6 @@ TEST_F(Server, MakesAnAdmittedSocketNonBlockingAndKeepsItsOtherFlags) {
   EXPECT_EQ(::fcntl(acceptedFd, F_GETFD) & FD_CLOEXEC, 0);
 }
 
-TEST_F(Server, LogsAnAdmittedClient) {
-  CapturedLog log;
-  const Fd client = join();
-  EXPECT_THAT(log.lines(),
-              ElementsAre(judgedLine(acceptedFd, "accepted"), admittedLine(acceptedFd)));
-}
-
-TEST_F(Server, HandsEachConnectionsMessagesToItsHandler) {
-  const Fd one = join();
-  const Fd two = join();
-  rawSend(one.get(), R"({"from":1})");
-  rawSend(two.get(), R"({"from":2})");
-  turnUntilIdle();
-  EXPECT_THAT(handled, UnorderedElementsAre(R"({"from":1})", R"({"from":2})"));
-}
-
-TEST_F(Server, AnswersTheClientThatAsked) {
-  onMessage = [](Tovik::Connection& from, const Tovik::Message& msg) {
-    from.acknowledge(msg["from"].GetUint());
-  };
-  const Fd one = join();
-  const Fd two = join();
-  rawSend(two.get(), R"({"from":2})");
-  turnUntilIdle();
-  EXPECT_EQ(rawReceiveNow(two.get()), R"({"type":"reply","status":2})");
-  EXPECT_EQ(rawReceiveNow(one.get()), "<nothing>");
-}
-
 TEST_F(Server, AcceptsAClientThatHasAlreadyLeft) {
   knock().reset();
   EXPECT_TRUE(turn());
@@ -434,23 +393,6 @@ TEST_F(Server, AcceptsAtOnceAfterAClientThatGaveUp) {
     }
     EXPECT_EQ(connections(), 1) << std::strerror(error);
   }
-}
-
-TEST_F(Server, ClosesAClientWhoseFlagsCannotBeRead) {
-  const Fd client = knock();
-  const auto before = openDescriptors();
-  CapturedLog log;
-  {
-    const Fail fail(Call::kGetFl, EBADF, 1);
-    const Fail alsoClosing(Call::kClose, EIO, 1);  // the error is told before it closes
-    EXPECT_TRUE(turn());
-    EXPECT_EQ(alsoClosing.hits(), 1);
-  }
-  EXPECT_THAT(log.lines(0), ElementsAre(errorLine("GETFL", EBADF)));
-  EXPECT_THAT(log.lines(1), SizeIs(1));  // judged, and nothing more
-  EXPECT_EQ(openDescriptors(), before);
-  EXPECT_EQ(connections(), 0);
-  EXPECT_EQ(rawReceive(client.get()), "<end>");
 }
 
 TEST_F(Server, LeavesAClientOpenWhoseFlagsCannotBeWritten) {
@@ -571,33 +513,6 @@ TEST_F(Server, AdmitsByUserAndRefusesOthers) {
   EXPECT_EQ(rawReceiveNow(welcome.get()), "<nothing>");
 }
 
-TEST_F(Server, ClosesARefusedClientAtOnce) {
-  validator = [](int, unsigned, unsigned) { return false; };
-  const Fd client = knock();
-  const auto before = openDescriptors();
-  CapturedLog log;
-  Trace trace;
-  EXPECT_TRUE(turn());
-  EXPECT_EQ(openDescriptors(), before);
-  EXPECT_EQ(connections(), 0);
-  const int refused = static_cast<int>(trace.of(Call::kAccept).at(0).result);
-  EXPECT_THAT(log.lines(), ElementsAre(judgedLine(refused, "denied")));
-  EXPECT_EQ(epollControls(refused, EPOLL_CTL_ADD, trace), 0);
-  EXPECT_EQ(trace.count(Call::kGetFl), 0);
-  EXPECT_EQ(rawReceive(client.get()), "<end>");
-}
-
-TEST_F(Server, ReadsNothingOfARefusedClient) {
-  validator = [](int, unsigned, unsigned) { return false; };
-  const Fd client = knock();
-  rawSend(client.get(), kNews);
-  Trace trace;
-  EXPECT_TRUE(turn());
-  EXPECT_EQ(trace.count(Call::kRead), 0);
-  turnUntilIdle();
-  EXPECT_THAT(handled, IsEmpty());
-}
-
 TEST_F(Server, DecidesTheSameWithoutTheLog) {
   bool admits = true;
   validator = [&](int, unsigned, unsigned) { return admits; };
@@ -609,26 +524,6 @@ TEST_F(Server, DecidesTheSameWithoutTheLog) {
   EXPECT_EQ(connections(), 1);
   EXPECT_EQ(rawReceive(unwelcome.get()), "<end>");
   EXPECT_THAT(log.lines(), IsEmpty());
-}
-
-TEST_F(Server, RefusesAClientWhoseCredentialsCannotBeRead) {
-  int asked = 0;
-  validator = [&](int, unsigned, unsigned) { return ++asked > 0; };
-  const Fd client = knock();
-  const auto before = openDescriptors();
-  CapturedLog log;
-  Trace trace;
-  {
-    const Fail fail(Call::kGetsockopt, ENOPROTOOPT, 1);
-    EXPECT_TRUE(turn());
-  }
-  const auto refused = std::to_string(trace.of(Call::kAccept).at(0).result);
-  EXPECT_THAT(log.lines(), ElementsAre(line(0, "validateConnection",
-                                            "Server::validateConnection( " + refused + ") => ") +
-                                       std::strerror(ENOPROTOOPT)));
-  EXPECT_EQ(asked, 0);
-  EXPECT_EQ(openDescriptors(), before);
-  EXPECT_EQ(rawReceive(client.get()), "<end>");
 }
 
 TEST_F(Server, JudgesNoDescriptorThatIsNoSocket) {
@@ -689,18 +584,6 @@ TEST_F(Server, LetsItsValidatorsExceptionThroughAndLeavesTheClientOpen) {
   EXPECT_EQ(connections(), 1);
 }
 
-TEST_F(Server, AdmitsClientsWithAnEmptyHandler) {
-  const std::string another = uniqueName();
-  const Tovik::Server mute(another, nullptr, admitAll);
-  const Fd client = rawConnect(another);
-  EXPECT_TRUE(turn());
-  rawSend(client.get(), kSubscribe);
-  EXPECT_TRUE(turn());
-  EXPECT_EQ(rawReceiveNow(client.get()), kAccepted);
-  rawSend(client.get(), kNews);
-  EXPECT_THROW(turn(), std::bad_function_call);
-}
-
 // --- the dead ---
 
 TEST_F(Server, KeepsADeadConnectionUntilTheNextClientComes) {
@@ -717,18 +600,6 @@ TEST_F(Server, KeepsADeadConnectionUntilTheNextClientComes) {
   const Fd next = join();
   EXPECT_EQ(whenJudged, 0);
   EXPECT_EQ(connections(), 1);
-}
-
-TEST_F(Server, FreesTheDeadEvenIfTheAcceptFails) {
-  Fd client = join();
-  client.reset();
-  EXPECT_TRUE(turn());
-  EXPECT_EQ(connections(), 1);
-  const Fd next = knock();
-  const Fail fail(Call::kAccept, EMFILE, 1);
-  EXPECT_TRUE(turn());
-  EXPECT_EQ(fail.hits(), 1);
-  EXPECT_EQ(connections(), 0);
 }
 
 TEST_F(Server, FreesTheDeadOnRequestAndKeepsTheLiving) {
@@ -848,16 +719,6 @@ TEST_F(Server, MayBeDestroyedByOneOfItsOwnHandlers) {
 
 // --- broadcasting ---
 
-TEST_F(Server, NotifiesSubscribersOnly) {
-  const Fd one = joinSubscribed();
-  const Fd two = join();
-  const Fd three = joinSubscribed();
-  server->notifyClients(parsed(R"({ "news" : 1 })"));
-  EXPECT_THAT(receivedBy(one.get()), ElementsAre(kNews));
-  EXPECT_THAT(receivedBy(two.get()), IsEmpty());
-  EXPECT_THAT(receivedBy(three.get()), ElementsAre(kNews));
-}
-
 TEST_F(Server, NotifiesNobodyWhoHasUnsubscribed) {
   const Fd client = joinSubscribed();
   rawSend(client.get(), kUnsubscribe);
@@ -929,34 +790,7 @@ TEST_F(Server, QueuesNotificationsForASubscriberThatReadsSlowly) {
   }));
 }
 
-TEST_F(Server, NotifiesFromInsideAHandler) {
-  onMessage = [this](Tovik::Connection&, const Tovik::Message& msg) { server->notifyClients(msg); };
-  const Fd one = joinSubscribed();
-  const Fd two = joinSubscribed();
-  rawSend(one.get(), kNews);
-  EXPECT_TRUE(turn());
-  EXPECT_THAT(receivedBy(one.get()), ElementsAre(kNews));
-  EXPECT_THAT(receivedBy(two.get()), ElementsAre(kNews));
-}
-
 // --- the end of a server ---
-
-TEST_F(Server, ClosesItsSocketBeforeItsConnections) {
-  const Fd one = join();
-  const int oneFd = acceptedFd;
-  const Fd two = join();
-  const int twoFd = acceptedFd;
-  Trace trace;
-  server.reset();
-  const auto closes = trace.of(Call::kClose);
-  ASSERT_EQ(closes.size(), 3U);
-  EXPECT_EQ(closes[0].fd, listening);
-  for (const int fd : {listening, oneFd, twoFd}) {
-    EXPECT_TRUE(detachedThenClosed(fd, trace));
-  }
-  EXPECT_EQ(rawReceive(one.get()), "<end>");
-  EXPECT_EQ(rawReceive(two.get()), "<end>");
-}
 
 TEST_F(Server, FreesItsNameForTheNextServer) {
   const Fd client = join();
@@ -973,24 +807,6 @@ TEST_F(Server, EndsClientsThatStillWait) {
   server.reset();
   EXPECT_THAT(rawReceive(client.get()), ::testing::AnyOf("<end>", "<error>"));
   EXPECT_EQ(copies.use_count(), 1);
-}
-
-TEST_F(Server, ReleasesConnectionsThenValidatorThenHandler) {
-  const std::string another = uniqueName();
-  std::vector<std::string> ends;
-  Fd client;
-  const auto witness = [&](const std::string& what) {
-    return std::shared_ptr<void>(nullptr, [&, what](void*) {
-      ends.push_back(what + " after " + rawReceiveNow(client.get()));
-    });
-  };
-  auto doomed = std::make_unique<Tovik::Server>(
-      another, [w = witness("handler")](auto&, auto&) {},
-      [w = witness("validator")](int, unsigned, unsigned) { return true; });
-  client = rawConnect(another);
-  EXPECT_TRUE(turn());
-  doomed.reset();
-  EXPECT_THAT(ends, ElementsAre("validator after <end>", "handler after <end>"));
 }
 
 /// Destroys a server from inside a callback of its own.
