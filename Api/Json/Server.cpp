@@ -40,15 +40,10 @@ constexpr int kBacklog = 5;
 /// Whether another accept may do better at once. All other failures last: a limit that is reached,
 /// no memory, a socket that a child has shut down.
 bool isPassing(int acceptError) {
-  switch (acceptError) {
-    case ECONNABORTED:  // the client has given up meanwhile
-    case EPROTO:        // the same, as some kernels say it
-    case EAGAIN:        // a process that shares the socket was faster
-    case EINTR:         // a signal came
-      return true;
-    default:
-      return false;
-  }
+  return acceptError == ECONNABORTED ||  // the client has given up meanwhile
+         acceptError == EPROTO ||        // the same, as some kernels say it
+         acceptError == EAGAIN ||        // a process that shares the socket was faster
+         acceptError == EINTR;           // a signal came
 }
 
 }  // namespace

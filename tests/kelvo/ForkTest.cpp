@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -268,10 +269,28 @@ TEST_F(ForkedChild, MayRenewItsLoopInsideACallback) {
   EXPECT_EQ(status, 0);
 }
 
-TEST_F(ForkedChild, MayEndTheThreadWhoseLoopItInherited) {
+/// Also of a process whose first thread has ended, which /proc/self no longer tells.
+int countDescriptors() {
+  int open = 0;
+  for (int fd = 0; fd < 1000; ++fd) {
+    open += fcntl(fd, F_GETFD) >= 0 ? 1 : 0;
+  }
+  return open;
+}
+
+TEST_F(ForkedChild, ClosesALoopThatItInheritedWithItsThread) {
   std::thread([] {
     loop().post([] {});
-    EXPECT_TRUE(inChild([]() -> bool { pthread_exit(nullptr); }));
+    EXPECT_TRUE(inChild([]() -> bool {
+      std::thread([expected = countDescriptors() - 3] {
+        const auto end = std::chrono::steady_clock::now() + 10s;
+        while (countDescriptors() != expected && std::chrono::steady_clock::now() < end) {
+          std::this_thread::yield();
+        }
+        _exit(countDescriptors() == expected ? 0 : 1);
+      }).detach();
+      pthread_exit(nullptr);
+    }));
     EXPECT_TRUE(loopServes());
   }).join();
 }
