@@ -12,7 +12,8 @@ import mutants
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 LIST = ROOT / "tests/mutation/unreached"
-COVERED = re.compile(r"Kelvo/|Api/(?!Service/)")  # the service layer has no list yet
+# The service layer has no list yet, and adapters take their hosts.
+COVERED = re.compile(r"Kelvo/(?!Adapters/)|Api/(?!Service/)")
 
 
 def counts(folders):
