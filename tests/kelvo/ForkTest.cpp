@@ -20,6 +20,18 @@ using Kelvo::Platform::EventLoop;
 
 namespace {
 
+int processIdsAsked = 0;
+
+}  // namespace
+
+/// Takes the C library's place.
+extern "C" pid_t getpid() noexcept {
+  ++processIdsAsked;
+  return static_cast<pid_t>(syscall(SYS_getpid));
+}
+
+namespace {
+
 /// Ways to make a child process; all but the first run no handlers of the C library.
 pid_t withFork() {
   return fork();
@@ -96,6 +108,14 @@ TEST_F(ForkedChild, IsToldFromItsParentHoweverItWasForked) {
     EXPECT_TRUE(inChild([&] { return inChild(tidyUp, forkNow); }, forkNow));
   }
   expectParentUnharmed();
+}
+
+// Where the kernel refuses a page that children find empty, kelvo_refused_page_test is for the
+// rest.
+TEST_F(ForkedChild, IsToldFromItsParentWithoutASystemCall) {
+  const int before = processIdsAsked;
+  expectParentUnharmed();
+  EXPECT_EQ(processIdsAsked, before);
 }
 
 TEST_F(ForkedChild, CannotAttachToItsParentsLoop) {
