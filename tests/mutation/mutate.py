@@ -213,7 +213,8 @@ class Worker:
         """The exit code, nothing if it took too long; and the test that failed."""
         made = self.home / "made" / program
         path = made if made.exists() else BUILD / "tests" / program
-        environment = dict(os.environ, LD_LIBRARY_PATH=str(self.home / "made"))
+        environment = dict(os.environ, LD_LIBRARY_PATH=str(self.home / "made"),
+                           MALLOC_PERTURB_="165")  # so that use after free shows
         with open(self.output, "w") as out:
             process = subprocess.Popen([path, "--gtest_fail_fast", *options], stdout=out,
                                        stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL,
