@@ -99,12 +99,6 @@ class Asynchronous : public Client {
   const Tovik::Message request_ = message(kRequest);
 };
 
-template <class Kind>
-void drive(const std::string& name) {
-  Kind client(name);
-  obey(client);
-}
-
 }  // namespace
 
 }  // namespace Bench
@@ -112,6 +106,6 @@ void drive(const std::string& name) {
 int main(int argc, char** argv) {
   return Bench::runAs(argc, argv,
                       {{"serve", Bench::serve},
-                       {"drive", Bench::drive<Bench::Blocking>},
-                       {"drive-async", Bench::drive<Bench::Asynchronous>}});
+                       {"drive", Bench::driveClient<Bench::Blocking>},
+                       {"drive-async", Bench::driveClient<Bench::Asynchronous>}});
 }

@@ -78,13 +78,13 @@ void serve(const std::string& name) {
   EventLoop::current().run();
 }
 
-class Caller {
+class Caller : public Client {
  public:
   explicit Caller(const std::string& name) : proxy_(name) {
     turnUntil([this] { return proxy_.isConnected(); });
   }
 
-  void call() {
+  void call() override {
     bool answered = false;
     proxy_.call(request_, kLimit, [&answered](const Tovik::Outcome& outcome) {
       expectStatus(outcome.get<unsigned>().value_or(0));
@@ -136,28 +136,16 @@ class Caller {
   unsigned heard_ = 0;
 };
 
-template <class Work>
-std::uint64_t timeOf(Work work) {
-  const auto start = nowNanoseconds();
-  work();
-  return nowNanoseconds() - start;
-}
-
 void drive(const std::string& name) {
   Caller caller(name);
-  obey({{"call",
-         [&](unsigned count) {
-           Samples samples(count);
-           std::generate(samples.begin(), samples.end(),
-                         [&caller] { return timeOf([&caller] { caller.call(); }); });
-           return samples;
-         }},
-        {"publish", [&](unsigned count) { return caller.publish(count), Samples{}; }},
-        {"follow", [&](unsigned) { return caller.follow(), Samples{}; }},
-        {"hear", [&](unsigned count) { return caller.hear(count), Samples{}; }},
-        {"overlap", [&](unsigned count) {
-           return Samples{timeOf([&caller, count] { caller.overlap(count); })};
-         }}});
+  obey(caller, {{"publish", [&](unsigned count) { return caller.publish(count), Samples{}; }},
+                {"follow", [&](unsigned) { return caller.follow(), Samples{}; }},
+                {"hear", [&](unsigned count) { return caller.hear(count), Samples{}; }},
+                {"overlap", [&](unsigned count) {
+                   const auto start = nowNanoseconds();
+                   caller.overlap(count);
+                   return Samples{nowNanoseconds() - start};
+                 }}});
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 """The tables, as Markdown that also reads well on a terminal."""
 
-from figures import ratio
+import textwrap
+
+from goals import ratio
 from programs import CONTESTANTS, BASELINE
 
 LABELS = {c.name: c.label for c in CONTESTANTS}
@@ -104,24 +106,13 @@ def _placement(name, scenarios):
 
 
 def _counts(results):
-    calls, made = results["system calls"], results["allocations"]
-    if not isinstance(calls, dict):
-        yield f"System calls: {calls}."
-        return
-
     def text(counted):
-        return f"{sum(counted.values()):.2f}: " + ", ".join(f"{k} {v:g}" for k, v in
-                                                            counted.items())
-    yield table(["a request's", "server: system calls", "client: system calls",
-                 "server: allocations", "client: allocations"],
-                [[LABELS[name], text(calls[name]["server"]), text(calls[name]["client"]),
-                  f"{made[name]['server']:.2f}", f"{made[name]['client']:.2f}"] for name in calls])
-
-
-def _goals(rows):
-    marks = {True: "yes", False: "no", None: "-"}
-    return table(["what", "goal", "measured", "met"],
-                 [[r["what"], r["goal"], r["measured"], marks[r["met"]]] for r in rows])
+        return ", ".join([f"{sum(counted.values()):.2f}", *(f"{k} {v:g}" for k, v in
+                                                            counted.items())])
+    for what in ("system calls", "allocations"):
+        yield table([f"a request's {what}", "server", "client"],
+                    [[LABELS[name], text(entry["server"]), text(entry["client"])]
+                     for name, entry in results[what].items()])
 
 
 def render(results):
@@ -138,8 +129,7 @@ def render(results):
                   table(["piece", "ns"], [[name, f"{ns:.1f}"] for name, ns in pieces]),
                   table(["compiling", "s"], [[k, f"{v['median']:.2f}"] for k, v in
                                              results["compile time"].items()]),
-                  "### The kernel's limits", "    " + results["limits"].strip().replace(
-                      "\n", "\n    ")]
+                  "### The kernel's limits", textwrap.indent(results["limits"], "    ")]
     if "goals" in results:
-        parts += ["### Goals", _goals(results["goals"])]
+        parts += ["### Goals", table(["what", "at most", "measured", "met"], results["goals"])]
     return "\n\n".join(parts) + "\n"

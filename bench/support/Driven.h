@@ -36,8 +36,15 @@ void announceReady();
 
 /// Obeys until the driver closes standard input.
 void obey(const Commands& commands);
-/// The verbs "call" (a sample for each) and "stream" (one sample for all).
-void obey(Client& client);
+/// The verbs "call" (a sample for each), "stream" (one sample for all), and those of its own.
+void obey(Client& client, Commands own = {});
+
+/// The role of a client.
+template <class Kind>
+void driveClient(const std::string& address) {
+  Kind client(address);
+  obey(client);
+}
 
 /// Runs `serve(address)` or `drive(address)`, as the arguments say, and turns exceptions into an
 /// exit status. The process ends with the driver, however that ends.
