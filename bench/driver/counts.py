@@ -1,5 +1,5 @@
-"""What one request costs in system calls and heap allocations, counted apart from the timing, which
-counting would disturb. Start-up is taken out: N requests are compared with 2 N."""
+"""What one request costs in system calls, heap allocations and instructions, counted apart from the
+timing, which counting would disturb. Start-up is taken out: N requests are compared with 2 N."""
 
 import os
 import pathlib
@@ -9,7 +9,8 @@ from programs import ASYNC, BASELINE, SERVICE, SUBJECT, Placement
 
 # The last word is completed by the name of the report's file.
 STRACE = ("strace", "-f", "-c", "-U", "calls,name", "--output=")
-VALGRIND = ("valgrind", "--undef-value-errors=no", "--log-file=")
+MEMCHECK = ("valgrind", "--undef-value-errors=no", "--log-file=")
+CALLGRIND = ("valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null", "--log-file=")
 
 
 def _calls_in(report):
@@ -22,30 +23,41 @@ def _allocations_in(report):
     return {"allocations": int(count.replace(",", ""))}
 
 
-def _counted(bench, contestant, tool, count):
-    """Both ends' reports of the tool, of a run with that number of requests."""
+def _instructions_in(report):
+    count, = re.findall(r"Collected : (\d+)", report)
+    return {"instructions": int(count)}
+
+
+def _once(bench, contestant, tool, work):
+    """Both ends' reports of the tool: of the server and of the client that does the work."""
     placement = Placement("free", os.sched_getaffinity(0))
     reports = [pathlib.Path(bench.programs.work.name, end) for end in ("server", "client")]
     wrappers = [(*tool[:-1], f"{tool[-1]}{report}") for report in reports]
     server = bench.programs.server(contestant, placement, wrappers[0])
     client = bench.programs.client(contestant, server, placement, wrappers[1])
-    client.do("call", count)
+    work(server, client)
     client.end()
     server.end()
     return [report.read_text() for report in reports]
 
 
-def _per_request(bench, title, contestants, tool, parse):
-    result = {}
+def _difference(bench, contestant, tool, parse, work):
+    """By end, what each counts more for one more of `work`, which takes their number last."""
     count = bench.sizes.counted
-    for i, contestant in enumerate(contestants):
-        bench.progress.at(title, i / len(contestants))
-        once, twice = ([parse(report) for report in _counted(bench, contestant, tool, number)]
-                       for number in (count, 2 * count))
-        result[contestant.name] = {
-            end: {name: round((more[name] - less.get(name, 0)) / count, 2)
+    once, twice = ([parse(report) for report in _once(
+        bench, contestant, tool, lambda *ends, number=number: work(*ends, number))]
+        for number in (count, 2 * count))
+    return {end: {name: round((more[name] - less.get(name, 0)) / count, 2)
                   for name in sorted(more) if abs(more[name] - less.get(name, 0)) >= 0.02 * count}
             for end, less, more in zip(("server", "client"), once, twice)}
+
+
+def _per_request(bench, title, contestants, tool, parse):
+    result = {}
+    for i, contestant in enumerate(contestants):
+        bench.progress.at(title, i / len(contestants))
+        result[contestant.name] = _difference(
+            bench, contestant, tool, parse, lambda _server, client, count: client.do("call", count))
     return result
 
 
@@ -56,4 +68,21 @@ def system_calls(bench):
 def allocations(bench):
     """Of the library's ends and the baseline's: valgrind takes its time."""
     return _per_request(bench, "allocations", bench.pick(BASELINE, SUBJECT, ASYNC, SERVICE),
-                        VALGRIND, _allocations_in)
+                        MEMCHECK, _allocations_in)
+
+
+def instructions(bench, contestants):
+    counted = _per_request(bench, "instructions", contestants, CALLGRIND, _instructions_in)
+    return {name: {end: found["instructions"] for end, found in ends.items()}
+            for name, ends in counted.items()}
+
+
+def broadcast_instructions(bench, contestant, subscribers):
+    """The server's for one broadcast."""
+    def broadcast(server, _client, count):
+        crowd = bench.programs.crowd(server, Placement("free", os.sched_getaffinity(0)))
+        crowd.do("subscribe", subscribers)
+        crowd.do("broadcast", count)
+        crowd.end()
+    return _difference(bench, contestant, CALLGRIND, _instructions_in,
+                       broadcast)["server"]["instructions"]
