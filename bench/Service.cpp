@@ -25,12 +25,6 @@ using Tovik::required;
 
 constexpr unsigned kMostInFlight = 10000;
 
-Tovik::Message message(const char* text) {
-  Tovik::Message message;
-  parse(message, text);
-  return message;
-}
-
 /// Answers its calls in a random order, once there are as many as the last one says.
 class Keeper {
  public:
@@ -59,7 +53,7 @@ void serve(const std::string& name) {
       name, [](int /*pid*/, unsigned uid, unsigned /*gid*/) { return uid == ::geteuid(); },
       options);
   Keeper keeper;
-  const auto news = message(kNews);
+  const auto news = parsed<Tovik::Message>(kNews);
   service.topic("news", {"What has moved."});
   service.command("move", "Gives back the status.",
                   {required<unsigned>("status", "Any."), required<std::string>("wanted", "It.")},
@@ -131,7 +125,7 @@ class Caller : public Client {
   }
 
   static constexpr Tovik::Proxy::Seconds kLimit{60};
-  const Tovik::Message request_ = message(kRequest);
+  const Tovik::Message request_ = parsed<Tovik::Message>(kRequest);
   Tovik::Proxy proxy_;
   unsigned heard_ = 0;
 };

@@ -66,12 +66,9 @@ class BytesClient : public RawClient {
       throw std::runtime_error("no reply");
     }
   }
-  void stream(unsigned count) override {
-    for (unsigned i = 0; i < count; ++i) {
-      writeRecord(fd_, kNote);
-    }
-    call();
-  }
+
+ private:
+  void note() override { writeRecord(fd_, kNote); }
 };
 
 class JsonClient : public RawClient {
@@ -83,14 +80,9 @@ class JsonClient : public RawClient {
     wait();
     expectStatus(statusOf(answerFrom(fd_).text()));
   }
-  void stream(unsigned count) override {
-    for (unsigned i = 0; i < count; ++i) {
-      send(note_);
-    }
-    call();
-  }
 
  private:
+  void note() override { send(note_); }
   virtual void wait() const {}
 
   void send(const rapidjson::Document& message) const {

@@ -60,7 +60,7 @@ class PatternClient : public TextClient {
   }
 
   void call() override {
-    requests_.send(request());
+    requests_.send(requestText());
     check(requests_.receive());
   }
 
@@ -71,9 +71,9 @@ class PatternClient : public TextClient {
       answers_.connect(url_ + "-answers");
     }
     for (unsigned i = 0; i < count; ++i) {
-      notes_->send(note());
+      notes_->send(noteText());
     }
-    notes_->send(request());
+    notes_->send(requestText());
     check(answers_.receive());
   }
 

@@ -31,8 +31,8 @@ inline std::string textOf(const rapidjson::Document& message) {
 /// A peer's client, which serialises the request each time and checks each reply.
 class TextClient : public Client {
  protected:
-  std::string request() const { return textOf(request_); }
-  std::string note() const { return textOf(note_); }
+  std::string requestText() const { return textOf(request_); }
+  std::string noteText() const { return textOf(note_); }
   static void check(const std::string& reply) { expectStatus(statusOf(reply.c_str())); }
 
  private:

@@ -29,7 +29,14 @@ void answer(const Samples& samples) {
 
 }  // namespace
 
-void Client::stream(unsigned /*count*/) {
+void Client::stream(unsigned count) {
+  for (; count > 0; --count) {
+    note();
+  }
+  call();
+}
+
+void Client::note() {
   throw std::runtime_error("this client has no one-way messages");
 }
 

@@ -28,6 +28,10 @@ class Client {
   virtual void call() = 0;
   /// That number of one-way messages, then what it takes to know that the server has had all.
   virtual void stream(unsigned count);
+
+ private:
+  /// One of them.
+  virtual void note();
 };
 
 std::uint64_t nowNanoseconds();
