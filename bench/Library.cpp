@@ -17,14 +17,8 @@ namespace {
 
 using Kelvo::Platform::EventLoop;
 
-Tovik::Message message(const char* text) {
-  Tovik::Message message;
-  parse(message, text);
-  return message;
-}
-
 void serve(const std::string& name) {
-  const auto news = message(kNews);
+  const auto news = parsed<Tovik::Message>(kNews);
   Tovik::Server* self = nullptr;
   Tovik::Server server(
       name,
@@ -49,19 +43,17 @@ class Blocking : public Client {
   explicit Blocking(const std::string& name) : client_(name) {}
 
   void call() override { expectStatus(static_cast<unsigned>(client_.sendMsg(request_, true))); }
-  void stream(unsigned count) override {
-    for (unsigned i = 0; i < count; ++i) {
-      if (client_.sendMsg(note_, false) != 0) {
-        throw std::runtime_error("a note was not sent");
-      }
-    }
-    call();
-  }
 
  private:
+  void note() override {
+    if (client_.sendMsg(note_, false) != 0) {
+      throw std::runtime_error("a note was not sent");
+    }
+  }
+
   const Tovik::Client client_;
-  const Tovik::Message request_ = message(kRequest);
-  const Tovik::Message note_ = message(kNote);
+  const Tovik::Message request_ = parsed<Tovik::Message>(kRequest);
+  const Tovik::Message note_ = parsed<Tovik::Message>(kNote);
 };
 
 class Asynchronous : public Client {
@@ -96,14 +88,8 @@ class Asynchronous : public Client {
 
   bool answered_ = false;
   Tovik::AsyncClient client_;
-  const Tovik::Message request_ = message(kRequest);
+  const Tovik::Message request_ = parsed<Tovik::Message>(kRequest);
 };
-
-template <class Kind>
-void drive(const std::string& name) {
-  Kind client(name);
-  obey(client);
-}
 
 }  // namespace
 
@@ -112,6 +98,6 @@ void drive(const std::string& name) {
 int main(int argc, char** argv) {
   return Bench::runAs(argc, argv,
                       {{"serve", Bench::serve},
-                       {"drive", Bench::drive<Bench::Blocking>},
-                       {"drive-async", Bench::drive<Bench::Asynchronous>}});
+                       {"drive", Bench::driveClient<Bench::Blocking>},
+                       {"drive-async", Bench::driveClient<Bench::Asynchronous>}});
 }

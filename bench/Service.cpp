@@ -25,12 +25,6 @@ using Tovik::required;
 
 constexpr unsigned kMostInFlight = 10000;
 
-Tovik::Message message(const char* text) {
-  Tovik::Message message;
-  parse(message, text);
-  return message;
-}
-
 /// Answers its calls in a random order, once there are as many as the last one says.
 class Keeper {
  public:
@@ -59,7 +53,7 @@ void serve(const std::string& name) {
       name, [](int /*pid*/, unsigned uid, unsigned /*gid*/) { return uid == ::geteuid(); },
       options);
   Keeper keeper;
-  const auto news = message(kNews);
+  const auto news = parsed<Tovik::Message>(kNews);
   service.topic("news", {"What has moved."});
   service.command("move", "Gives back the status.",
                   {required<unsigned>("status", "Any."), required<std::string>("wanted", "It.")},
@@ -78,13 +72,13 @@ void serve(const std::string& name) {
   EventLoop::current().run();
 }
 
-class Caller {
+class Caller : public Client {
  public:
   explicit Caller(const std::string& name) : proxy_(name) {
     turnUntil([this] { return proxy_.isConnected(); });
   }
 
-  void call() {
+  void call() override {
     bool answered = false;
     proxy_.call(request_, kLimit, [&answered](const Tovik::Outcome& outcome) {
       expectStatus(outcome.get<unsigned>().value_or(0));
@@ -131,33 +125,21 @@ class Caller {
   }
 
   static constexpr Tovik::Proxy::Seconds kLimit{60};
-  const Tovik::Message request_ = message(kRequest);
+  const Tovik::Message request_ = parsed<Tovik::Message>(kRequest);
   Tovik::Proxy proxy_;
   unsigned heard_ = 0;
 };
 
-template <class Work>
-std::uint64_t timeOf(Work work) {
-  const auto start = nowNanoseconds();
-  work();
-  return nowNanoseconds() - start;
-}
-
 void drive(const std::string& name) {
   Caller caller(name);
-  obey({{"call",
-         [&](unsigned count) {
-           Samples samples(count);
-           std::generate(samples.begin(), samples.end(),
-                         [&caller] { return timeOf([&caller] { caller.call(); }); });
-           return samples;
-         }},
-        {"publish", [&](unsigned count) { return caller.publish(count), Samples{}; }},
-        {"follow", [&](unsigned) { return caller.follow(), Samples{}; }},
-        {"hear", [&](unsigned count) { return caller.hear(count), Samples{}; }},
-        {"overlap", [&](unsigned count) {
-           return Samples{timeOf([&caller, count] { caller.overlap(count); })};
-         }}});
+  obey(caller, {{"publish", [&](unsigned count) { return caller.publish(count), Samples{}; }},
+                {"follow", [&](unsigned) { return caller.follow(), Samples{}; }},
+                {"hear", [&](unsigned count) { return caller.hear(count), Samples{}; }},
+                {"overlap", [&](unsigned count) {
+                   const auto start = nowNanoseconds();
+                   caller.overlap(count);
+                   return Samples{nowNanoseconds() - start};
+                 }}});
 }
 
 }  // namespace

@@ -58,15 +58,13 @@ Outcome predicted(const std::string& record, const Text& seen, std::vector<std::
 
 class Conversation {
  public:
-  explicit Conversation(const Listener& listener)
-      : client_(listener.name()), server_(listener.accept()) {}
+  Conversation() : client_(listener().name()), server_(listener().accept()) {}
   ~Conversation() { ::close(server_); }
 
-  void run(const std::vector<Batch>& batches, bool asking) {
-    for (const Batch& batch : batches) {
-      for (const std::string& record : batch) {
-        require(sendRecord(server_, record) == 0, "the server cannot send");
-      }
+  void run(std::string_view input) {
+    const bool asking = takeMark(input);
+    for (const Batch& batch : batchesOf(input)) {
+      sendBatch(server_, batch);
       for (const std::string& record : batch) {
         if (!step(record, asking)) {
           return;
@@ -104,10 +102,5 @@ class Conversation {
 }  // namespace fuzz
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const fuzz::Listener listener;
-  const fuzz::DescriptorCheck descriptors;
-  std::string_view input(reinterpret_cast<const char*>(data), size);
-  const bool asking = fuzz::takeMark(input);
-  fuzz::Conversation(listener).run(fuzz::batchesOf(input), asking);
-  return 0;
+  return fuzz::converse<fuzz::Conversation>(data, size);
 }

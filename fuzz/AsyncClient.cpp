@@ -18,10 +18,9 @@ constexpr int kNever = 1 << 30;  // seconds: a client connects when the input sa
 
 class Conversation {
  public:
-  explicit Conversation(const Listener& listener)
-      : listener_(listener),
-        client_(
-            listener.name(),
+  Conversation()
+      : client_(
+            listener().name(),
             [this](auto& client, const auto& message) {
               handled_ = Tovik::Message::toStr(message, false).data();
               client.asyncSendMsg(message);
@@ -29,14 +28,12 @@ class Conversation {
             [this](auto&) { ++connections_; }, kNever) {}
   ~Conversation() { closeServer(); }
 
-  void run(const std::vector<Batch>& batches) {
-    for (const Batch& batch : batches) {
+  void run(std::string_view input) {
+    for (const Batch& batch : batchesOf(input)) {
       if (server_ < 0) {
         connect();
       }
-      for (const std::string& record : batch) {
-        require(sendRecord(server_, record) == 0, "the server cannot send");
-      }
+      sendBatch(server_, batch);
       for (Batch waiting = batch; !waiting.empty() && server_ >= 0;) {
         if (!turn(takeText(waiting))) {
           return;
@@ -54,7 +51,7 @@ class Conversation {
     const int before = connections_;
     client_.timeout();
     require(client_.isAttached() && connections_ == before + 1, "not connected");
-    server_ = listener_.accept();
+    server_ = listener().accept();
     log_.expect({"3 timeout: AsyncClient::timeout()"});
   }
 
@@ -99,7 +96,6 @@ class Conversation {
     }
   }
 
-  const Listener& listener_;
   Log log_;
   std::string handled_;
   int connections_ = 0;
@@ -112,10 +108,5 @@ class Conversation {
 }  // namespace fuzz
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const fuzz::Listener listener;
-  Kelvo::Platform::EventLoop::current();
-  const fuzz::DescriptorCheck descriptors;
-  const std::string_view input(reinterpret_cast<const char*>(data), size);
-  fuzz::Conversation(listener).run(fuzz::batchesOf(input));
-  return 0;
+  return fuzz::converse<fuzz::Conversation>(data, size);
 }

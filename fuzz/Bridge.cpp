@@ -13,7 +13,6 @@
 #include <string>
 #include <vector>
 
-#include "Kelvo/Platform/EventLoop.h"
 #include "fuzz/Reader.h"
 #include "fuzz/Support.h"
 #include "mqtt/Broker.h"
@@ -89,6 +88,17 @@ class Bridge {
     export_.reset();
   }
 
+  void run(std::string_view input) {
+    for (const auto& batch : fuzz::batchesOf(input)) {
+      for (const auto& record : batch) {
+        if (!record.empty()) {
+          step(record);
+        }
+      }
+    }
+  }
+
+ private:
   void step(const std::string& record) {
     const auto bar = std::min(record.find('|'), record.size());
     const std::string topic = record.substr(1, bar - 1);
@@ -98,7 +108,6 @@ class Bridge {
     takeReplies();
   }
 
- private:
   void perform(char action, const std::string& topic, const std::string& payload) {
     switch (action) {
       case 'o':
@@ -204,15 +213,5 @@ class Bridge {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  Kelvo::Platform::EventLoop::current();
-  const fuzz::DescriptorCheck descriptors;
-  Bridge bridge;
-  for (const auto& batch : fuzz::batchesOf({reinterpret_cast<const char*>(data), size})) {
-    for (const auto& record : batch) {
-      if (!record.empty()) {
-        bridge.step(record);
-      }
-    }
-  }
-  return 0;
+  return fuzz::converse<Bridge>(data, size);
 }

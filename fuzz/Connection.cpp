@@ -24,11 +24,11 @@ class Conversation {
     sockets_.nearHasOwner();
   }
 
-  void run(const std::vector<Batch>& batches, bool hastyPeer) {
+  void run(std::string_view input) {
+    const bool hastyPeer = takeMark(input);
+    const auto batches = batchesOf(input);
     for (std::size_t i = 0; i < batches.size() && alive_ && !stopped_; ++i) {
-      for (const std::string& record : batches[i]) {
-        require(sendRecord(sockets_.far(), record) == 0, "the peer cannot send");
-      }
+      sendBatch(sockets_.far(), batches[i]);
       if (hastyPeer && i + 1 == batches.size()) {
         closePeer();
       }
@@ -159,10 +159,5 @@ class Conversation {
 }  // namespace fuzz
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  Kelvo::Platform::EventLoop::current();
-  const fuzz::DescriptorCheck descriptors;
-  std::string_view input(reinterpret_cast<const char*>(data), size);
-  const bool hastyPeer = fuzz::takeMark(input);
-  fuzz::Conversation().run(fuzz::batchesOf(input), hastyPeer);
-  return 0;
+  return fuzz::converse<fuzz::Conversation>(data, size);
 }

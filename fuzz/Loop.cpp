@@ -121,7 +121,7 @@ struct Turn {
 
 class World {
  public:
-  explicit World(Decisions decisions) : decisions_(decisions) { world = this; }
+  World() { world = this; }
   ~World() {
     handlers_ = {};
     for (const auto& [fd, file] : table_) {
@@ -133,8 +133,8 @@ class World {
     world = nullptr;
   }
 
-  void run() {
-    while (decisions_.any()) {
+  void run(std::string_view input) {
+    for (decisions_ = Decisions(input); decisions_.any();) {
       operation();
     }
     turn();
@@ -654,7 +654,7 @@ class World {
     pause.state = Pause::State::kPaused;
   }
 
-  Decisions decisions_;
+  Decisions decisions_{""};
   std::array<std::unique_ptr<Handler>, kHandlers> handlers_;
   std::array<HandlerState, kHandlers> states_;
   std::vector<std::unique_ptr<File>> files_;
@@ -697,8 +697,5 @@ bool Handler::Alarm::handleTimeoutException() {
 }  // namespace fuzz
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  EventLoop::current();
-  const fuzz::DescriptorCheck descriptors;
-  fuzz::World(fuzz::Decisions(data, size)).run();
-  return 0;
+  return fuzz::converse<fuzz::World>(data, size);
 }

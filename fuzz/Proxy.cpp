@@ -21,15 +21,15 @@ constexpr int kCalls = 4;  // the last one is the subscription's own
 
 class Conversation {
  public:
-  explicit Conversation(const Listener& listener) {
+  Conversation() {
     Tovik::ProxyOptions options;
     options.reconnectInterval = 1 << 30;  // once is enough
-    proxy_.emplace(listener.name(), options);
+    proxy_.emplace(listener().name(), options);
     while (!proxy_->isConnected()) {  // by a timer, which the kernel may take a moment for
       Kelvo::Platform::EventLoop::current().runOnce(std::chrono::seconds(1));
     }
     turnUntilIdle();
-    server_ = listener.accept();
+    server_ = listener().accept();
     for (std::size_t i = 0; i + 1 < kCalls; ++i) {
       proxy_->call(Tovik::object("command", "x"), Tovik::Proxy::Seconds(1e6), counting(i));
     }
@@ -46,11 +46,9 @@ class Conversation {
   }
   ~Conversation() { ::close(server_); }
 
-  void run(const std::vector<Batch>& batches) {
-    for (const Batch& batch : batches) {
-      for (const std::string& record : batch) {
-        require(sendRecord(server_, record) == 0, "the server cannot send");
-      }
+  void run(std::string_view input) {
+    for (const Batch& batch : batchesOf(input)) {
+      sendBatch(server_, batch);
       turnUntilIdle();
       while (receiveNow(server_).front() == '{') {
       }
@@ -83,10 +81,5 @@ class Conversation {
 }  // namespace fuzz
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  Kelvo::Platform::EventLoop::current();
-  static const fuzz::Listener listener;
-  const fuzz::DescriptorCheck descriptors;
-  const std::string_view input(reinterpret_cast<const char*>(data), size);
-  fuzz::Conversation(listener).run(fuzz::batchesOf(input));
-  return 0;
+  return fuzz::converse<fuzz::Conversation>(data, size);
 }

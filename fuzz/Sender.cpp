@@ -55,6 +55,16 @@ std::string payload(unsigned sizeClass) {
 
 class Run {
  public:
+  void run(std::string_view input) {
+    for (Decisions decisions(input); decisions.any();) {
+      step(decisions);
+    }
+    peerReads(1000);
+    turn();
+    require(sender_.terminations == terminations_, "teardowns past terminateConnection");
+  }
+
+ private:
   void step(Decisions& decisions) {
     switch (decisions.below(12)) {
       case 0:
@@ -82,13 +92,6 @@ class Run {
     }
   }
 
-  void finish() {
-    peerReads(1000);
-    turn();
-    require(sender_.terminations == terminations_, "teardowns past terminateConnection");
-  }
-
- private:
   void setFd() {
     ++terminations_;
     forgetConnection();
@@ -336,13 +339,5 @@ class Run {
 }  // namespace fuzz
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  Kelvo::Platform::EventLoop::current();
-  const fuzz::DescriptorCheck descriptors;
-  fuzz::Decisions decisions(data, size);
-  fuzz::Run run;
-  while (decisions.any()) {
-    run.step(decisions);
-  }
-  run.finish();
-  return 0;
+  return fuzz::converse<fuzz::Run>(data, size);
 }

@@ -7,7 +7,6 @@
 
 #include <string>
 
-#include "Kelvo/Platform/EventLoop.h"
 #include "fuzz/Reader.h"
 #include "fuzz/Support.h"
 
@@ -15,10 +14,12 @@ namespace fuzz {
 
 namespace {
 
+const std::string kName = "tovik-fuzz-service-" + std::to_string(::getpid());
+
 class Conversation {
  public:
-  explicit Conversation(const std::string& name)
-      : service_(name, [](int, unsigned, unsigned) { return true; }), peer_(connectTo(name)) {
+  Conversation()
+      : service_(kName, [](int, unsigned, unsigned) { return true; }), peer_(connectTo(kName)) {
     service_.command("ping", "Answers.", {}, [](Tovik::Request request) { request.reply(); });
     service_.command(
         "echo", "Gives back.",
@@ -33,8 +34,8 @@ class Conversation {
   }
   ~Conversation() { ::close(peer_); }
 
-  void run(const std::vector<Batch>& batches) {
-    for (const Batch& batch : batches) {
+  void run(std::string_view input) {
+    for (const Batch& batch : batchesOf(input)) {
       for (const std::string& record : batch) {
         require(sendRecord(peer_, record) == 0, "the peer cannot send");
         turnUntilIdle();
@@ -91,10 +92,5 @@ class Conversation {
 }  // namespace fuzz
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  Kelvo::Platform::EventLoop::current();
-  const fuzz::DescriptorCheck descriptors;
-  const std::string_view input(reinterpret_cast<const char*>(data), size);
-  fuzz::Conversation("tovik-fuzz-service-" + std::to_string(::getpid()))
-      .run(fuzz::batchesOf(input));
-  return 0;
+  return fuzz::converse<fuzz::Conversation>(data, size);
 }

@@ -13,8 +13,6 @@
 #include <cstring>
 #include <utility>
 
-#include "Kelvo/Platform/EventLoop.h"
-
 void __assert_fail(const char* condition, const char* /*file*/, unsigned /*line*/,
                    const char* /*function*/) {
   throw fuzz::Stop{condition};
@@ -116,6 +114,12 @@ int sendRecord(int fd, const std::string& record) {
   return sent < 0 ? -errno : 0;
 }
 
+void sendBatch(int fd, const Batch& batch) {
+  for (const std::string& record : batch) {
+    require(sendRecord(fd, record) == 0, "the far end cannot send");
+  }
+}
+
 std::string receiveNow(int fd) {
   static char buffer[300000];  // more than any record
   const auto length = ::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
@@ -168,6 +172,11 @@ Listener::Listener()
   require(::bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
               ::listen(fd_, 5) == 0,
           "cannot listen");
+}
+
+const Listener& listener() {
+  static const Listener listener;
+  return listener;
 }
 
 int Listener::accept() const {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Kelvo/Platform/Debug.h"
+#include "Kelvo/Platform/EventLoop.h"
 #include "tests/support/LogSink.h"
 
 // What the fuzz targets share. Each runs one input against the real library on real sockets, and
@@ -55,22 +56,22 @@ class DescriptorCheck {
 /// The fuzzer's bytes as a stream of small decisions; zeros when they have run out.
 class Decisions {
  public:
-  Decisions(const std::uint8_t* data, std::size_t size) : data_(data), left_(size) {}
+  explicit Decisions(std::string_view input) : left_(input) {}
 
-  bool any() const { return left_ > 0; }
+  bool any() const { return !left_.empty(); }
   unsigned byte() {
-    if (left_ == 0) {
+    if (left_.empty()) {
       return 0;
     }
-    --left_;
-    return *data_++;
+    const auto byte = static_cast<unsigned char>(left_.front());
+    left_.remove_prefix(1);
+    return byte;
   }
   /// Less than `bound`.
   unsigned below(unsigned bound) { return byte() % bound; }
 
  private:
-  const std::uint8_t* data_;
-  std::size_t left_;
+  std::string_view left_;
 };
 
 /// Takes the mark that an input may begin with, a byte 1: whether there was one.
@@ -93,6 +94,9 @@ std::string cutText(const std::string& record);
 
 /// Sends a record, without waiting. The negated errno, or 0.
 int sendRecord(int fd, const std::string& record);
+
+/// Sends a batch, for which there is room.
+void sendBatch(int fd, const Batch& batch);
 
 /// Takes the next record; "<nothing>", "<end>" (also for a record without bytes) or "<reset>".
 std::string receiveNow(int fd);
@@ -133,6 +137,19 @@ class Listener {
   const std::string name_;
   const int fd_;
 };
+
+/// The one of the process.
+const Listener& listener();
+
+/// Runs one input in a world of its own.
+template <class World>
+int converse(const std::uint8_t* data, std::size_t size) {
+  listener();
+  Kelvo::Platform::EventLoop::current();  // both have descriptors that stay
+  const DescriptorCheck descriptors;
+  World().run({reinterpret_cast<const char*>(data), size});
+  return 0;
+}
 
 /// Collects what the library logs, as "level function: text" without the function's class.
 class Log {

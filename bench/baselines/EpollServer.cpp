@@ -1,6 +1,7 @@
+// The baseline for the library: the least that a non-blocking server of many clients can do. It has
+// no queues, and gives up where the library would queue.
+//
 // wait -> accept, credentials, flags, registration; wait -> read -> parse -> reply or broadcast.
-
-#include "bench/baselines/EpollServer.h"
 
 #include <fcntl.h>
 #include <sys/epoll.h>
@@ -9,6 +10,7 @@
 
 #include <array>
 #include <cstring>
+#include <vector>
 
 #include "bench/baselines/Baselines.h"
 #include "bench/support/Raw.h"
@@ -31,80 +33,88 @@ void reply(int fd, unsigned status) {
   writeRecord(fd, {text.GetString(), text.GetSize()});
 }
 
-}  // namespace
+class EpollServer {
+ public:
+  explicit EpollServer(const std::string& name)
+      : listening_(listenOn(name)), epoll_(static_cast<int>(must(epoll_create1(0), "epoll"))) {
+    watch(listening_);
+  }
 
-EpollServer::EpollServer(const std::string& name)
-    : listening_(listenOn(name)),
-      epoll_(static_cast<int>(must(epoll_create1(0), "epoll"))),
-      news_(parsed(kNews)) {
-  watch(listening_);
-}
-
-void EpollServer::turn() {
-  std::array<epoll_event, 64> batch;
-  const auto count = must(epoll_wait(epoll_, batch.data(), 64, -1), "epoll_wait");
-  for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
-    const int fd = batch[i].data.fd;
-    fd == listening_ ? admit() : serve(fd);
-  }
-}
-
-void EpollServer::watch(int fd) const {
-  epoll_event event{};
-  event.events = EPOLLIN;
-  event.data.fd = fd;
-  must(epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event), "epoll_ctl");
-}
-
-void EpollServer::admit() {
-  const int fd = static_cast<int>(must(::accept(listening_, nullptr, nullptr), "accept"));
-  ucred peer{};
-  socklen_t size = sizeof peer;
-  must(::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size), "getsockopt");
-  if (peer.uid != ::geteuid()) {
-    ::close(fd);
-    return;
-  }
-  const auto flags = must(::fcntl(fd, F_GETFL, 0), "fcntl");
-  must(::fcntl(fd, F_SETFL, static_cast<int>(flags) | O_NONBLOCK), "fcntl");
-  watch(fd);
-  if (subscribed_.size() <= static_cast<std::size_t>(fd)) {
-    subscribed_.resize(static_cast<std::size_t>(fd) + 1);
-  }
-}
-
-void EpollServer::serve(int fd) {
-  Record record;
-  if (!record.readFrom(fd)) {
-    subscribed_[static_cast<std::size_t>(fd)] = false;
-    ::close(fd);
-    return;
-  }
-  const rapidjson::Document message = parsed(record.text());
-  if (isSwitch(message)) {
-    reply(fd, 0);
-    subscribed_[static_cast<std::size_t>(fd)] = message["notification"].GetBool();
-    return;
-  }
-  const Request request = understand(message);
-  if (request.wanted == Wanted::kNothing) {
-    return;
-  }
-  if (request.wanted == Wanted::kBroadcast) {
-    broadcast();
-  }
-  reply(fd, request.status);
-}
-
-void EpollServer::broadcast() const {
-  for (std::size_t fd = 0; fd < subscribed_.size(); ++fd) {
-    if (subscribed_[fd]) {
-      rapidjson::StringBuffer text;
-      serialise(news_, text);
-      writeRecord(static_cast<int>(fd), {text.GetString(), text.GetSize()});
+  /// Waits once, and deals with what is ready.
+  void turn() {
+    std::array<epoll_event, 64> batch;
+    const auto count = must(epoll_wait(epoll_, batch.data(), 64, -1), "epoll_wait");
+    for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
+      const int fd = batch[i].data.fd;
+      fd == listening_ ? admit() : serve(fd);
     }
   }
-}
+
+ private:
+  void watch(int fd) const {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.fd = fd;
+    must(epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event), "epoll_ctl");
+  }
+
+  void admit() {
+    const int fd = static_cast<int>(must(::accept(listening_, nullptr, nullptr), "accept"));
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    must(::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size), "getsockopt");
+    if (peer.uid != ::geteuid()) {
+      ::close(fd);
+      return;
+    }
+    const auto flags = must(::fcntl(fd, F_GETFL, 0), "fcntl");
+    must(::fcntl(fd, F_SETFL, static_cast<int>(flags) | O_NONBLOCK), "fcntl");
+    watch(fd);
+    if (subscribed_.size() <= static_cast<std::size_t>(fd)) {
+      subscribed_.resize(static_cast<std::size_t>(fd) + 1);
+    }
+  }
+
+  void serve(int fd) {
+    Record record;
+    if (!record.readFrom(fd)) {
+      subscribed_[static_cast<std::size_t>(fd)] = false;
+      ::close(fd);
+      return;
+    }
+    const rapidjson::Document message = parsed(record.text());
+    if (isSwitch(message)) {
+      reply(fd, 0);
+      subscribed_[static_cast<std::size_t>(fd)] = message["notification"].GetBool();
+      return;
+    }
+    const Request request = understand(message);
+    if (request.wanted == Wanted::kNothing) {
+      return;
+    }
+    if (request.wanted == Wanted::kBroadcast) {
+      broadcast();
+    }
+    reply(fd, request.status);
+  }
+
+  void broadcast() const {
+    for (std::size_t fd = 0; fd < subscribed_.size(); ++fd) {
+      if (subscribed_[fd]) {
+        rapidjson::StringBuffer text;
+        serialise(news_, text);
+        writeRecord(static_cast<int>(fd), {text.GetString(), text.GetSize()});
+      }
+    }
+  }
+
+  const int listening_;
+  const int epoll_;
+  std::vector<bool> subscribed_;  // by descriptor
+  const rapidjson::Document news_ = parsed(kNews);
+};
+
+}  // namespace
 
 void serveEpoll(const std::string& name) {
   EpollServer server(name);

@@ -1,6 +1,9 @@
 // The two blocking baselines: one connection, one read and one write a request, without or with the
-// JSON work. No design that speaks over such a socket gets below them.
+// JSON work. No design that speaks over such a socket gets below them. And the client that waits
+// with epoll, for the third one's server.
 
+#include <fcntl.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -44,10 +47,18 @@ void serve(const std::string& name, Answer answer) {
   }
 }
 
-class BytesClient : public Client {
+class RawClient : public Client {
  public:
-  explicit BytesClient(const std::string& name) : fd_(connectTo(name)) {}
-  ~BytesClient() override { ::close(fd_); }
+  explicit RawClient(const std::string& name) : fd_(connectTo(name)) {}
+  ~RawClient() override { ::close(fd_); }
+
+ protected:
+  const int fd_;
+};
+
+class BytesClient : public RawClient {
+ public:
+  using RawClient::RawClient;
 
   void call() override {
     writeRecord(fd_, kRequest);
@@ -55,43 +66,54 @@ class BytesClient : public Client {
       throw std::runtime_error("no reply");
     }
   }
-  void stream(unsigned count) override {
-    for (unsigned i = 0; i < count; ++i) {
-      writeRecord(fd_, kNote);
-    }
-    call();
-  }
 
  private:
-  const int fd_;
+  void note() override { writeRecord(fd_, kNote); }
 };
 
-class JsonClient : public Client {
+class JsonClient : public RawClient {
  public:
-  explicit JsonClient(const std::string& name) : fd_(connectTo(name)) {}
-  ~JsonClient() override { ::close(fd_); }
+  using RawClient::RawClient;
 
   void call() override {
     send(request_);
+    wait();
     expectStatus(statusOf(answerFrom(fd_).text()));
-  }
-  void stream(unsigned count) override {
-    for (unsigned i = 0; i < count; ++i) {
-      send(note_);
-    }
-    call();
   }
 
  private:
+  void note() override { send(note_); }
+  virtual void wait() const {}
+
   void send(const rapidjson::Document& message) const {
     rapidjson::StringBuffer text;
     serialise(message, text);
     writeRecord(fd_, {text.GetString(), text.GetSize()});
   }
 
-  const int fd_;
   const rapidjson::Document request_ = parsed(kRequest);
   const rapidjson::Document note_ = parsed(kNote);
+};
+
+/// The baseline of an asynchronous client: write, wait with epoll, read.
+class EpollClient : public JsonClient {
+ public:
+  explicit EpollClient(const std::string& name)
+      : JsonClient(name), epoll_(static_cast<int>(must(epoll_create1(0), "epoll"))) {
+    must(::fcntl(fd_, F_SETFL, O_NONBLOCK), "fcntl");
+    epoll_event event{};
+    event.events = EPOLLIN;
+    must(epoll_ctl(epoll_, EPOLL_CTL_ADD, fd_, &event), "epoll_ctl");
+  }
+  ~EpollClient() override { ::close(epoll_); }
+
+ private:
+  void wait() const override {
+    epoll_event event{};
+    must(epoll_wait(epoll_, &event, 1, -1), "epoll_wait");
+  }
+
+  const int epoll_;
 };
 
 }  // namespace
@@ -105,13 +127,15 @@ void serveJson(const std::string& name) {
 }
 
 void driveBytes(const std::string& name) {
-  BytesClient client(name);
-  obey(client);
+  driveClient<BytesClient>(name);
 }
 
 void driveJson(const std::string& name) {
-  JsonClient client(name);
-  obey(client);
+  driveClient<JsonClient>(name);
+}
+
+void driveEpoll(const std::string& name) {
+  driveClient<EpollClient>(name);
 }
 
 }  // namespace Bench

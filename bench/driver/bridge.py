@@ -34,7 +34,7 @@ class Running(Process):
     """A program that goes on until it is ended."""
 
     def __init__(self, command, placement):
-        super().__init__(command, placement, None, stderr=subprocess.DEVNULL)
+        super().__init__(command, placement, stderr=subprocess.DEVNULL)
 
     def end(self):
         self.popen.terminate()

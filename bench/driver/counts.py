@@ -1,98 +1,88 @@
-"""What one request costs in system calls and heap allocations, counted apart from the timing, which
-counting would disturb. Start-up is taken out: N requests are compared with 2 N."""
+"""What one request costs in system calls, heap allocations and instructions, counted apart from the
+timing, which counting would disturb. Start-up is taken out: N requests are compared with 2 N."""
 
-import mmap
 import os
 import pathlib
-import shutil
+import re
 
-from programs import Placement
+from programs import ASYNC, BASELINE, SERVICE, SUBJECT, Placement
 
-
-def anywhere():
-    return Placement("free", os.sched_getaffinity(0))
+# The last word is completed by the name of the report's file.
+STRACE = ("strace", "-f", "-c", "-U", "calls,name", "--output=")
+MEMCHECK = ("valgrind", "--undef-value-errors=no", "--log-file=")
+CALLGRIND = ("valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null", "--log-file=")
 
 
 def _calls_in(report):
-    calls = {}
-    for line in pathlib.Path(report).read_text().splitlines():
-        words = line.split()
-        if len(words) == 2 and words[0].isdigit() and words[1] != "total":
-            calls[words[1]] = int(words[0])
-    return calls
+    found = re.findall(r"^ *(\d+) (\w+)$", report, re.M)
+    return {name: int(count) for count, name in found if name != "total"}
 
 
-def _traced(bench, contestant, count):
-    """Both ends' system calls in a run with that number of requests."""
-    reports = [f"{bench.programs.work.name}/{end}.strace" for end in ("server", "client")]
-    wrappers = [["strace", "-f", "-c", "-U", "calls,name", "-o", report] for report in reports]
-    server = bench.programs.server(contestant, anywhere(), wrappers[0])
-    client = bench.programs.client(contestant, server, anywhere(), wrappers[1])
-    client.do("call", count)
+def _allocations_in(report):
+    count, = re.findall(r"total heap usage: ([\d,]+) allocs", report)
+    return {"allocations": int(count.replace(",", ""))}
+
+
+def _instructions_in(report):
+    count, = re.findall(r"Collected : (\d+)", report)
+    return {"instructions": int(count)}
+
+
+def _once(bench, contestant, tool, work):
+    """Both ends' reports of the tool: of the server and of the client that does the work."""
+    placement = Placement("free", os.sched_getaffinity(0))
+    reports = [pathlib.Path(bench.programs.work.name, end) for end in ("server", "client")]
+    wrappers = [(*tool[:-1], f"{tool[-1]}{report}") for report in reports]
+    server = bench.programs.server(contestant, placement, wrappers[0])
+    client = bench.programs.client(contestant, server, placement, wrappers[1])
+    work(server, client)
     client.end()
     server.end()
-    return [_calls_in(report) for report in reports]
+    return [report.read_text() for report in reports]
 
 
-def _per_request(once, twice, count):
-    difference = {name: (twice[name] - once.get(name, 0)) / count for name in twice}
-    return {name: round(n, 2) for name, n in sorted(difference.items()) if abs(n) >= 0.02}
+def _difference(bench, contestant, tool, parse, work):
+    """By end, what each counts more for one more of `work`, which takes their number last."""
+    count = bench.sizes.counted
+    once, twice = ([parse(report) for report in _once(
+        bench, contestant, tool, lambda *ends, number=number: work(*ends, number))]
+        for number in (count, 2 * count))
+    return {end: {name: round((more[name] - less.get(name, 0)) / count, 2)
+                  for name in sorted(more) if abs(more[name] - less.get(name, 0)) >= 0.02 * count}
+            for end, less, more in zip(("server", "client"), once, twice)}
+
+
+def _per_request(bench, title, contestants, tool, parse):
+    result = {}
+    for i, contestant in enumerate(contestants):
+        bench.progress.at(title, i / len(contestants))
+        result[contestant.name] = _difference(
+            bench, contestant, tool, parse, lambda _server, client, count: client.do("call", count))
+    return result
 
 
 def system_calls(bench):
-    if shutil.which("strace") is None:
-        return "strace is not installed"
-    result = {}
-    count = bench.sizes.counted
-    for i, contestant in enumerate(bench.contestants):
-        bench.progress.at("system calls", i / len(bench.contestants))
-        once = _traced(bench, contestant, count)
-        twice = _traced(bench, contestant, 2 * count)
-        result[contestant.name] = {"server": _per_request(once[0], twice[0], count),
-                                   "client": _per_request(once[1], twice[1], count)}
-    return result
-
-
-class Counter:
-    """The number that the preloaded counter keeps."""
-
-    def __init__(self, bench, name):
-        self.path = pathlib.Path(bench.programs.work.name) / (name + ".count")
-        self.path.write_bytes(bytes(8))
-        self._file = self.path.open("r+b")
-        self._map = mmap.mmap(self._file.fileno(), 8)
-        self.environment = {"LD_PRELOAD": str(bench.programs.file("libbench_allocations.so")),
-                            "BENCH_ALLOCATIONS": str(self.path)}
-
-    def read(self):
-        return int.from_bytes(self._map[:8], "little")
-
-    def close(self):
-        self._map.close()
-        self._file.close()
+    return _per_request(bench, "system calls", bench.contestants, STRACE, _calls_in)
 
 
 def allocations(bench):
-    """Heap allocations per request, server and client."""
-    result = {}
-    count = bench.sizes.counted
-    for i, contestant in enumerate(bench.contestants):
-        bench.progress.at("allocations", i / len(bench.contestants))
-        counters = [Counter(bench, end) for end in ("server", "client")]
-        server = bench.programs.server(contestant, anywhere(), (), counters[0].environment)
-        client = bench.programs.client(contestant, server, anywhere(), (),
-                                       counters[1].environment)
-        client.do("call", count)
-        marks = []
-        for number in (0, count, 2 * count):
-            if number:
-                client.do("call", number)
-            marks.append([counter.read() for counter in counters])
-        result[contestant.name] = {
-            end: round((marks[2][i] - 2 * marks[1][i] + marks[0][i]) / count, 2)
-            for i, end in enumerate(("server", "client"))}
-        client.end()
-        server.end()
-        for counter in counters:
-            counter.close()
-    return result
+    """Of the library's ends and the baseline's: valgrind takes its time."""
+    return _per_request(bench, "allocations", bench.pick(BASELINE, SUBJECT, ASYNC, SERVICE),
+                        MEMCHECK, _allocations_in)
+
+
+def instructions(bench, contestants):
+    counted = _per_request(bench, "instructions", contestants, CALLGRIND, _instructions_in)
+    return {name: {end: found["instructions"] for end, found in ends.items()}
+            for name, ends in counted.items()}
+
+
+def broadcast_instructions(bench, contestant, subscribers):
+    """The server's for one broadcast."""
+    def broadcast(server, _client, count):
+        crowd = bench.programs.crowd(server, Placement("free", os.sched_getaffinity(0)))
+        crowd.do("subscribe", subscribers)
+        crowd.do("broadcast", count)
+        crowd.end()
+    return _difference(bench, contestant, CALLGRIND, _instructions_in,
+                       broadcast)["server"]["instructions"]

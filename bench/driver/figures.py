@@ -40,7 +40,3 @@ class Latencies:
         ordered = sorted(self._all)
         return {"p50": self.p50.summary(), "p99": quantile(ordered, 0.99),
                 "p99.9": quantile(ordered, 0.999), "samples": len(ordered)}
-
-
-def ratio(summary, reference):
-    return summary["median"] / reference["median"]

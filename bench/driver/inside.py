@@ -1,9 +1,12 @@
 """What needs no second process: the pieces of a message's path, an application's compile time, and
 the kernel's limits."""
 
+import contextlib
+import itertools
 import json
 import os
 import resource
+import socket
 import subprocess
 
 from figures import Series
@@ -50,7 +53,32 @@ def compile_time(bench, source, compiler, quick):
     return {name: series.summary() for name, series in seconds.items()}
 
 
-def limits(bench):
-    """As the program prints them."""
-    command = [bench.programs.path("limits"), "print", bench.programs.address(False)]
-    return subprocess.run(command, stdout=subprocess.PIPE, check=True, text=True).stdout
+def limits():
+    """How many records a socket takes before its reader reads one, by size, and how many clients
+    wait in a backlog."""
+    yield "record size, bytes | records queued before EAGAIN"
+    for size in (20, 100, 200, 400, 1000, 2000, 4094):
+        near, far = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+        with near, far:
+            near.setblocking(False)
+            yield f"{size:18} | {successes(lambda: near.send(bytes(size)))}"
+    with contextlib.ExitStack() as stack:
+        def seqpacket():
+            made = stack.enter_context(socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET))
+            made.setblocking(False)
+            return made
+
+        listening = seqpacket()
+        listening.bind("")  # to a name that the kernel chooses
+        listening.listen(5)  # the library's backlog
+        waiting = successes(lambda: seqpacket().connect(listening.getsockname()))
+        yield f"clients that a backlog of 5 lets wait: {waiting}"
+
+
+def successes(attempt):
+    """How often it does until it would have to wait."""
+    for count in itertools.count():
+        try:
+            attempt()
+        except BlockingIOError:
+            return count

@@ -75,7 +75,7 @@ def measure(options, bench, results):
     results["pieces"] = inside.pieces(bench, options.quick)
     results["compile time"] = inside.compile_time(bench, options.source, options.compiler,
                                                   options.quick)
-    results["limits"] = inside.limits(bench)
+    results["limits"] = "\n".join(inside.limits())
     results["goals"] = goals.table(results)
 
 

@@ -1,6 +1,7 @@
 """The programs that are measured, started and ended, and what the kernel knows about them."""
 
 import array
+import dataclasses
 import itertools
 import os
 import pathlib
@@ -10,24 +11,26 @@ import tempfile
 import time
 
 SUBJECT = "tovik"
+ASYNC = "tovik-async"
 SERVICE = "tovik-service"  # with a proxy
 BASELINE = "baseline-epoll"
 
 
+@dataclasses.dataclass
 class Contestant:
     """One way to do the work: a server's program and a client's, with their roles."""
+    name: str
+    label: str
+    program: str
+    serve: str = "serve"
+    drive: str = "drive"
+    streams: bool = True
+    crowd: str = None  # the program of many subscribers, if it has broadcasts
 
-    def __init__(self, name, label, program, serve="serve", drive="drive", streams=True,
-                 crowd=None):
-        self.name = name
-        self.label = label
-        self.program = program
-        self.serve = serve
-        self.drive = drive
-        self.streams = streams
-        self.crowd = crowd  # the program of many subscribers, if it has broadcasts
-        # Others want a socket in the file system.
-        self.on_path = program not in ("baselines", "library", "service")
+    @property
+    def on_path(self):
+        """Others want a socket in the file system."""
+        return self.program not in ("baselines", "library", "service")
 
 
 CONTESTANTS = [
@@ -40,7 +43,7 @@ CONTESTANTS = [
     Contestant(SUBJECT, "Tovik, blocking client", "library", crowd="baselines"),
     Contestant("baseline-async", "baseline (iii), epoll client", "baselines", "serve-epoll",
                "drive-epoll", streams=False),
-    Contestant("tovik-async", "Tovik, asynchronous client", "library", "serve", "drive-async",
+    Contestant(ASYNC, "Tovik, asynchronous client", "library", "serve", "drive-async",
                streams=False),
     Contestant(SERVICE, "Tovik, service and proxy", "service", streams=False, crowd="baselines"),
     Contestant("sd-bus", "sd-bus, direct", "sdbus"),
@@ -96,24 +99,21 @@ class Programs:
         number = next(self._numbers)
         return f"{self.work.name}/{number}" if on_path else f"bench-{os.getpid()}-{number}"
 
-    def server(self, contestant, placement, wrapper=(), environment=None):
+    def server(self, contestant, placement, wrapper=()):
         return self.serve(contestant.program, contestant.serve,
-                          self.address(contestant.on_path), placement, wrapper, environment)
+                          self.address(contestant.on_path), placement, wrapper)
 
-    def client(self, contestant, server, placement, wrapper=(), environment=None):
-        return self.drive(contestant.program, contestant.drive, server.address, placement, wrapper,
-                          environment)
+    def client(self, contestant, server, placement, wrapper=()):
+        return self.drive(contestant.program, contestant.drive, server.address, placement, wrapper)
 
     def crowd(self, server, placement, program="baselines"):
         return self.drive(program, "crowd", server.address, placement)
 
-    def serve(self, program, role, address, placement, wrapper=(), environment=None):
-        command = [*wrapper, self.path(program), role, address]
-        return self.started(Server(command, address, placement, environment))
+    def serve(self, program, role, address, placement, wrapper=()):
+        return self.started(Server([*wrapper, self.path(program), role, address], placement))
 
-    def drive(self, program, role, address, placement, wrapper=(), environment=None):
-        command = [*wrapper, self.path(program), role, address]
-        return self.started(Client(command, placement, environment))
+    def drive(self, program, role, address, placement, wrapper=()):
+        return self.started(Client([*wrapper, self.path(program), role, address], placement))
 
     def started(self, process):
         self._running.append(process)
@@ -126,9 +126,8 @@ class Programs:
 
 
 class Process:
-    def __init__(self, command, placement, environment, **pipes):
-        variables = None if environment is None else {**os.environ, **environment}
-        self.popen = subprocess.Popen(command, env=variables, preexec_fn=placement.apply, **pipes)
+    def __init__(self, command, placement, **pipes):
+        self.popen = subprocess.Popen(command, preexec_fn=placement.apply, **pipes)
         self.pid = self.popen.pid
 
     def cpu(self):
@@ -149,9 +148,9 @@ class Process:
 
 
 class Server(Process):
-    def __init__(self, command, address, placement, environment=None):
-        super().__init__(command, placement, environment, stdout=subprocess.PIPE)
-        self.address = address
+    def __init__(self, command, placement):
+        super().__init__(command, placement, stdout=subprocess.PIPE)
+        self.address = command[-1]
         words = self.popen.stdout.readline().split()
         if words[:1] != [b"ready"]:
             raise RuntimeError(f"{command[-3:]} did not start")
@@ -165,9 +164,8 @@ class Server(Process):
 
 
 class Client(Process):
-    def __init__(self, command, placement, environment=None):
-        super().__init__(command, placement, environment, stdin=subprocess.PIPE,
-                         stdout=subprocess.PIPE)
+    def __init__(self, command, placement):
+        super().__init__(command, placement, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         self.name = " ".join(str(word) for word in command[-3:])
 
     def do(self, verb, count=1):

@@ -1,9 +1,12 @@
 """The tables, as Markdown that also reads well on a terminal."""
 
-from figures import ratio
+import textwrap
+
+from goals import ratio
 from programs import CONTESTANTS, BASELINE
 
-LABELS = {c.name: c.label for c in CONTESTANTS}
+LABELS = {**{c.name: c.label for c in CONTESTANTS}, "mqtt": "MQTT by hand",
+          "bridged": "Tovik across both bridges"}
 
 
 def table(headings, rows):
@@ -43,85 +46,50 @@ def _round_trip(entries):
                   "server CPU", "client CPU", "threads", "MiB"], rows)
 
 
-def _against_baseline(heading, entries, key, others=()):
-    baseline = entries[BASELINE][key]["median"]
-    rows = [[LABELS[name], spread(entry[key]), f"{entry[key]['median'] / baseline:.2f}",
-             *[spread(entry[other]) for other in others]] for name, entry in entries.items()]
-    return table([heading, key.replace("_", " "), "of baseline (iii)",
-                  *[other.replace("_", " ") for other in others]], rows)
+# What stands over the figures of a scenario, or over each kind of them.
+HEADINGS = {
+    "one-way stream": "one-way, us a message", "broadcast": "broadcast to {}, us a subscriber",
+    "idle": "1 active among {} idle, us", "admission": "admission: {}, us a client",
+    "calls in flight": "{} calls in flight, answered in random order, us a call",
+    "start-up": "start of a client's program to its first reply, us",
+    "across bridges": "{}, us; by hand it is of mosquitto_rr, mosquitto_pub, mosquitto_sub"}
 
 
-def _start_up(entries):
-    return _against_baseline("start of a client's program to its first reply, us", entries,
-                             "elapsed")
+def _figures(heading, entries):
+    """Medians with the middle half of their rounds; the first of them is compared."""
+    reference = BASELINE if BASELINE in entries else next(iter(entries))
+    rows = {name: {key: value.get("p50", value) if isinstance(value, dict) else value
+                   for key, value in entry.items()} for name, entry in entries.items()}
+    first, *others = rows[reference]
 
-
-BRIDGED = {"round trip": ("latency", "MQTT by hand", "Tovik across both bridges"),
-           "one call": ("elapsed", "mosquitto_rr", "tovik call across both bridges"),
-           "event": ("cpu", "mosquitto_pub and mosquitto_sub", "both bridges")}
-
-
-def _across_bridges(kind, entries):
-    key, by_hand, bridged = BRIDGED[kind]
-
-    def figure(name):
-        return entries[name][key].get("p50", entries[name][key])
-    return table([f"{kind}, us", key, f"of {by_hand}"],
-                 [[label, spread(figure(name)), f"{ratio(figure(name), figure('mqtt')):.2f}"]
-                  for name, label in (("mqtt", by_hand), ("bridged", bridged))])
+    def text(value):
+        return spread(value) if isinstance(value, dict) else f"{value or 0:.0f}"
+    its = rows[reference][first]
+    return table([heading, first, f"of {LABELS[reference].partition(':')[0]}", *others],
+                 [[LABELS[name], text(row[first]), f"{ratio(row[first], its):.2f}",
+                   *(text(row[key]) for key in others)] for name, row in rows.items()])
 
 
 def _placement(name, scenarios):
     yield f"### {name.capitalize()}"
-    if "round trip" in scenarios:
-        yield _round_trip(scenarios["round trip"])
-    if "one-way stream" in scenarios:
-        yield _against_baseline("one-way, us a message", scenarios["one-way stream"], "server_cpu",
-                             ["elapsed"])
-        if "zeromq" in scenarios["one-way stream"]:
-            yield ("ZeroMQ is ahead of any system that writes each message by itself: it gathers "
-                   "what is waiting into few, large writes.")
-    for number, entries in scenarios.get("broadcast", {}).items():
-        yield _against_baseline(f"broadcast to {number}, us a subscriber", entries, "server_cpu")
-    for number, entries in scenarios.get("idle", {}).items():
-        trips = {n: {"p50": e["latency"]["p50"], "server_cpu": e["server_cpu"]}
-                 for n, e in entries.items()}
-        memory = ", ".join(f"{LABELS[n]} {e['bytes_per_connection']:.0f}"
-                           for n, e in entries.items() if e["bytes_per_connection"] is not None)
-        yield _against_baseline(f"1 active among {number} idle, us", trips, "p50", ["server_cpu"])
-        if memory:
-            yield f"Bytes of an idle connection: {memory}."
-    for kind, entries in scenarios.get("admission", {}).items():
-        yield _against_baseline(f"admission: {kind}, us a client", entries, "elapsed",
-                                ["server_cpu"])
-    for number, entries in scenarios.get("calls in flight", {}).items():
-        yield table([f"{number} calls in flight, answered in random order", "us a call"],
-                    [[LABELS[n], spread(entry["elapsed"])] for n, entry in entries.items()])
-    for kind, entries in scenarios.get("across bridges", {}).items():
-        yield _across_bridges(kind, entries)
-    if "start-up" in scenarios:
-        yield _start_up(scenarios["start-up"])
+    for scenario, found in scenarios.items():
+        if scenario == "round trip":
+            yield _round_trip(found)
+        elif "{}" in HEADINGS[scenario]:
+            yield from (_figures(HEADINGS[scenario].format(kind), entries)
+                        for kind, entries in found.items())
+        else:
+            yield _figures(HEADINGS[scenario], found)
 
 
 def _counts(results):
-    calls, made = results["system calls"], results["allocations"]
-    if not isinstance(calls, dict):
-        yield f"System calls: {calls}."
-        return
-
     def text(counted):
-        return f"{sum(counted.values()):.2f}: " + ", ".join(f"{k} {v:g}" for k, v in
-                                                            counted.items())
-    yield table(["a request's", "server: system calls", "client: system calls",
-                 "server: allocations", "client: allocations"],
-                [[LABELS[name], text(calls[name]["server"]), text(calls[name]["client"]),
-                  f"{made[name]['server']:.2f}", f"{made[name]['client']:.2f}"] for name in calls])
-
-
-def _goals(rows):
-    marks = {True: "yes", False: "no", None: "-"}
-    return table(["what", "goal", "measured", "met"],
-                 [[r["what"], r["goal"], r["measured"], marks[r["met"]]] for r in rows])
+        return ", ".join([f"{sum(counted.values()):.2f}", *(f"{k} {v:g}" for k, v in
+                                                            counted.items())])
+    for what in ("system calls", "allocations"):
+        yield table([f"a request's {what}", "server", "client"],
+                    [[LABELS[name], text(entry["server"]), text(entry["client"])]
+                     for name, entry in results[what].items()])
 
 
 def render(results):
@@ -138,8 +106,7 @@ def render(results):
                   table(["piece", "ns"], [[name, f"{ns:.1f}"] for name, ns in pieces]),
                   table(["compiling", "s"], [[k, f"{v['median']:.2f}"] for k, v in
                                              results["compile time"].items()]),
-                  "### The kernel's limits", "    " + results["limits"].strip().replace(
-                      "\n", "\n    ")]
+                  "### The kernel's limits", textwrap.indent(results["limits"], "    ")]
     if "goals" in results:
-        parts += ["### Goals", _goals(results["goals"])]
+        parts += ["### Goals", table(["what", "at most", "measured", "met"], results["goals"])]
     return "\n\n".join(parts) + "\n"

@@ -94,7 +94,7 @@ def stream(bench, placement):
         before = server.cpu()
         elapsed.add(client.do("stream", count)[0] / count)
         server_cpu.add((server.cpu() - before) / count)
-    return {name: {"elapsed": elapsed.summary(), "server_cpu": server_cpu.summary()}
+    return {name: {"server_cpu": server_cpu.summary(), "elapsed": elapsed.summary()}
             for name, (elapsed, server_cpu) in seen.items()}
 
 

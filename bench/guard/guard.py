@@ -3,37 +3,35 @@ checked in. Instructions, unlike times, come out the same on a busy machine; the
 compiler and on the C library, whose versions are in the file of figures."""
 
 import argparse
-import concurrent.futures
 import json
+import os
 import pathlib
-import re
 import subprocess
 import sys
 
-PATHS = ["server-request", "blocking-call", "asynchronous-send", "broadcast"]
-MESSAGES = 2000
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "driver"))
+import counts  # noqa: E402
+from programs import ASYNC, BASELINE, SUBJECT, Programs  # noqa: E402
+from progress import Progress  # noqa: E402
+from scenarios import Bench, Sizes  # noqa: E402
+
+SUBSCRIBERS = 100
 TOLERANCE = 0.03
 FIGURES = pathlib.Path(__file__).with_name("figures.json")
+# The same variants of memcpy and the like on every processor.
+TUNABLES = {"GLIBC_TUNABLES": "glibc.cpu.hwcaps=-AVX2,-AVX_Fast_Unaligned_Load,-ERMS"}
 
 
-def instructions(program, path, messages):
-    """Of the whole run, start-up included."""
-    done = subprocess.run(
-        ["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null", program, path,
-         str(messages)],
-        # The same variants of memcpy and the like on every processor.
-        env={"GLIBC_TUNABLES": "glibc.cpu.hwcaps=-AVX2,-AVX_Fast_Unaligned_Load,-ERMS"},
-        stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-    found = re.search(r"Collected : (\d+)", done.stderr)
-    if done.returncode != 0 or not found:
-        sys.exit(f"bench-guard: {path} has failed:\n{done.stderr}")
-    return int(found[1])
-
-
-def per_message(program, path):
-    """What N messages more cost, start-up thus taken out."""
-    once, twice = (instructions(program, path, n) for n in (MESSAGES, 2 * MESSAGES))
-    return round((twice - once) / MESSAGES)
+def measure(programs):
+    """Instructions of a message by path, and in the baseline's server for comparison."""
+    bench = Bench(programs, Sizes(quick=False), Progress(1), [])
+    calls = counts.instructions(bench, bench.pick(SUBJECT, ASYNC, BASELINE))
+    subject, = bench.pick(SUBJECT)
+    told = counts.broadcast_instructions(bench, subject, SUBSCRIBERS)
+    paths = {"server-request": calls[SUBJECT]["server"], "blocking-call": calls[SUBJECT]["client"],
+             "asynchronous-call": calls[ASYNC]["client"], "broadcast": told / SUBSCRIBERS}
+    print(f"the baseline's server takes {calls[BASELINE]['server']:.0f} a request")
+    return {path: round(count) for path, count in paths.items()}
 
 
 def version(command):
@@ -58,14 +56,14 @@ def compare(measured, expected):
 
 def main():
     parser = argparse.ArgumentParser()
-    parser.add_argument("--program", required=True)
+    parser.add_argument("--build", required=True, help="the build folder")
     parser.add_argument("--compiler", default="g++")
     parser.add_argument("--update", action="store_true", help="check in what is measured now")
     options = parser.parse_args()
 
-    with concurrent.futures.ThreadPoolExecutor(max_workers=2) as pool:
-        counts = pool.map(lambda path: per_message(options.program, path), PATHS)
-    measured = dict(zip(PATHS, counts))
+    os.environ.update(TUNABLES)
+    with Programs(options.build) as programs:
+        measured = measure(programs)
     tools = {"compiler": version(options.compiler), "C library": version("ldd")}
     if options.update:
         FIGURES.write_text(json.dumps({"tools": tools, "instructions": measured}, indent=2) + "\n")

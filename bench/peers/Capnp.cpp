@@ -38,21 +38,18 @@ class CapnpClient : public TextClient {
 
   void call() override {
     auto call = servant_.requestRequest();
-    call.setText(request().c_str());
+    call.setText(requestText().c_str());
     const auto reply = call.send().wait(client_.getWaitScope());
     check(reply.getText().cStr());
   }
 
-  void stream(unsigned count) override {
-    for (unsigned i = 0; i < count; ++i) {
-      auto call = servant_.noteRequest();
-      call.setText(note().c_str());
-      call.send().wait(client_.getWaitScope());  // until there is room for the next one
-    }
-    call();
+ private:
+  void note() override {
+    auto call = servant_.noteRequest();
+    call.setText(noteText().c_str());
+    call.send().wait(client_.getWaitScope());  // until there is room for the next one
   }
 
- private:
   capnp::EzRpcClient client_;
   BenchRpc::Bench::Client servant_;
 };

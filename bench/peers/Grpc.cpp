@@ -45,7 +45,7 @@ class GrpcClient : public TextClient {
     grpc::ClientContext context;
     BenchRpc::Text question;
     BenchRpc::Text reply;
-    question.set_text(request());
+    question.set_text(requestText());
     succeed(stub_->Request(&context, question, &reply));
     check(reply.text());
   }
@@ -56,10 +56,10 @@ class GrpcClient : public TextClient {
     const auto notes = stub_->Notes(&context, &reply);
     BenchRpc::Text text;
     for (unsigned i = 0; i < count; ++i) {
-      text.set_text(note());
+      text.set_text(noteText());
       notes->Write(text);
     }
-    text.set_text(request());
+    text.set_text(requestText());
     notes->Write(text);
     notes->WritesDone();
     succeed(notes->Finish());

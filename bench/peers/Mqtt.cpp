@@ -99,7 +99,7 @@ class Requester : public Mqtt, public TextClient {
 
   void call() override {
     reply_.clear();
-    publish(kRequests, request(), properties_);
+    publish(kRequests, requestText(), properties_);
     while (reply_.empty()) {
       turn();
     }

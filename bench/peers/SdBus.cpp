@@ -84,26 +84,19 @@ class SdBusClient : public TextClient {
     sd_bus_message* reply = nullptr;
     const char* text = nullptr;
     succeed(sd_bus_call_method(bus_, nullptr, kPath, kInterface, "Request", &error, &reply, "s",
-                               request().c_str()),
+                               requestText().c_str()),
             "sd_bus_call_method");
     succeed(sd_bus_message_read(reply, "s", &text), "sd_bus_message_read");
     check(text);
     sd_bus_message_unref(reply);
   }
 
-  void stream(unsigned count) override {
-    for (unsigned i = 0; i < count; ++i) {
-      sendNote();
-    }
-    call();
-  }
-
  private:
-  void sendNote() {
+  void note() override {
     sd_bus_message* message = nullptr;
     succeed(sd_bus_message_new_method_call(bus_, &message, nullptr, kPath, kInterface, "Request"),
             "sd_bus_message_new_method_call");
-    succeed(sd_bus_message_append(message, "s", note().c_str()), "sd_bus_message_append");
+    succeed(sd_bus_message_append(message, "s", noteText().c_str()), "sd_bus_message_append");
     succeed(sd_bus_message_set_expect_reply(message, 0), "sd_bus_message_set_expect_reply");
     int sent = sd_bus_send(bus_, message, nullptr);
     while (sent == -ENOBUFS) {  // its queue is full

@@ -28,6 +28,10 @@ class Client {
   virtual void call() = 0;
   /// That number of one-way messages, then what it takes to know that the server has had all.
   virtual void stream(unsigned count);
+
+ private:
+  /// One of them.
+  virtual void note();
 };
 
 std::uint64_t nowNanoseconds();
@@ -36,8 +40,15 @@ void announceReady();
 
 /// Obeys until the driver closes standard input.
 void obey(const Commands& commands);
-/// The verbs "call" (a sample for each) and "stream" (one sample for all).
-void obey(Client& client);
+/// The verbs "call" (a sample for each), "stream" (one sample for all), and those of its own.
+void obey(Client& client, Commands own = {});
+
+/// The role of a client.
+template <class Kind>
+void driveClient(const std::string& address) {
+  Kind client(address);
+  obey(client);
+}
 
 /// Runs `serve(address)` or `drive(address)`, as the arguments say, and turns exceptions into an
 /// exit status. The process ends with the driver, however that ends.

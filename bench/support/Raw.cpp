@@ -30,11 +30,6 @@ int listenAt(const sockaddr_un& address, int type, int backlog) {
   return fd;
 }
 
-int tryConnect(int fd, const std::string& name) {
-  const sockaddr_un address = abstractAddress(name);
-  return ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-}
-
 }  // namespace
 
 std::int64_t must(std::int64_t result, const char* call) {
@@ -57,19 +52,9 @@ int listenAtPath(const std::string& path) {
 
 int connectTo(const std::string& name) {
   const int fd = openSocket(SOCK_SEQPACKET);
-  must(tryConnect(fd, name), "connect");
+  const sockaddr_un address = abstractAddress(name);
+  must(::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), "connect");
   return fd;
-}
-
-int tryConnectTo(const std::string& name) {
-  const int fd = openSocket(SOCK_SEQPACKET | SOCK_NONBLOCK);
-  if (tryConnect(fd, name) == 0) {
-    return fd;
-  }
-  const int error = errno;
-  ::close(fd);
-  errno = error;
-  return -1;
 }
 
 bool Record::readFrom(int fd) {

@@ -14,8 +14,6 @@ std::int64_t must(std::int64_t result, const char* call);
 
 int listenOn(const std::string& name);
 int connectTo(const std::string& name);
-/// Never waits: the descriptor, or -1 and errno, which is EAGAIN while the backlog is full.
-int tryConnectTo(const std::string& name);
 
 /// A stream socket in the file system, where some peers want theirs.
 int listenAtPath(const std::string& path);

@@ -49,15 +49,12 @@ inline Request understand(const rapidjson::Value& message) {
   }
 }
 
-inline void parse(rapidjson::Document& message, const char* text) {
+template <class Document = rapidjson::Document>
+Document parsed(const char* text) {
+  Document message;
   if (message.Parse(text).HasParseError()) {
     throw std::runtime_error("a text that is not JSON");
   }
-}
-
-inline rapidjson::Document parsed(const char* text) {
-  rapidjson::Document message;
-  parse(message, text);
   return message;
 }
 

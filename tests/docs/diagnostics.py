@@ -2,7 +2,6 @@
 throw stands on the page, and no other. Runs the page's snippets, and provokes the deaths it
 lists."""
 
-import argparse
 import errno
 import os
 import pathlib
@@ -15,13 +14,14 @@ import tempfile
 import time
 import unittest
 
-DEADLINE = 20  # seconds for anything to happen
-OPTIONS = argparse.Namespace()
+from readme import DEADLINE, compile_snippet, parsed_options, snippets
+
+PAGE = "docs/diagnostics.md"
 LITERAL = r'"((?:[^"\\]|\\.)*)"'
 
 
 def page():
-    return (OPTIONS.source / "docs/diagnostics.md").read_text()
+    return (OPTIONS.source / PAGE).read_text()
 
 
 def rows(heading):
@@ -167,26 +167,18 @@ class Texts(unittest.TestCase):
 class Programs(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.folder = tempfile.TemporaryDirectory()
-        cls.addClassCleanup(cls.folder.cleanup)
-        cls.snippets = dict(re.findall(r"<!-- snippet: (\w+) -->\n```cpp\n(.*?)```", page(), re.S))
+        folder = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(folder.cleanup)
         cls.outputs = dict(re.findall(r"<!-- output: (\w+) -->\n```\n(.*?)```", page(), re.S))
-        for name, text in cls.snippets.items():
-            source = pathlib.Path(cls.folder.name, name + ".cpp")
-            source.write_text(text)
-            libraries = [OPTIONS.tovik, OPTIONS.kelvo]
-            subprocess.run(
-                [OPTIONS.compiler, "-std=c++17", "-Wall", "-Wextra", "-Werror",
-                 *OPTIONS.flags.split(), f"-I{OPTIONS.source}", source, "-o",
-                 source.with_suffix(""), *libraries,
-                 *(f"-Wl,-rpath,{os.path.dirname(library)}" for library in libraries)], check=True)
+        cls.programs = {name: compile_snippet(OPTIONS, pathlib.Path(folder.name), name, text)
+                        for name, text in snippets(OPTIONS.source / PAGE).items()}
 
     def setUp(self):
         self.name = f"diagnostics-{os.getpid()}-{self.id().split('.')[-1]}"
 
     def starts(self, snippet, name):
         process = subprocess.Popen(
-            [pathlib.Path(self.folder.name, snippet), name], stderr=subprocess.PIPE, text=True,
+            [self.programs[snippet], name], stderr=subprocess.PIPE, text=True,
             preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_CORE, (0, 0)))
         self.addCleanup(process.stderr.close)
         self.addCleanup(process.wait)
@@ -242,10 +234,5 @@ class Programs(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--source", required=True, type=pathlib.Path)
-    for option in ("--compiler", "--tovik", "--kelvo"):
-        parser.add_argument(option, required=True)
-    parser.add_argument("--flags", default="")
-    parser.parse_args(namespace=OPTIONS)
+    OPTIONS = parsed_options()
     unittest.main(argv=sys.argv[:1])

@@ -32,6 +32,15 @@ def compile_snippet(options, folder, name, text):
     return program
 
 
+def parsed_options():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--source", required=True, type=pathlib.Path)
+    for option in ("--compiler", "--tovik", "--kelvo"):
+        parser.add_argument(option, required=True)
+    parser.add_argument("--flags", default="")
+    return parser.parse_args()
+
+
 def wait_for_server(name):
     """Until the kernel lists a listening socket of that name."""
     deadline = time.monotonic() + DEADLINE
@@ -53,13 +62,8 @@ def subscribed_to(name):
 
 
 def main():
-    parser = argparse.ArgumentParser()
-    for option in ("--source", "--compiler", "--tovik", "--kelvo"):
-        parser.add_argument(option, required=True)
-    parser.add_argument("--flags", default="")
-    options = parser.parse_args()
-
-    found = snippets(pathlib.Path(options.source) / "README.md")
+    options = parsed_options()
+    found = snippets(options.source / "README.md")
     assert set(found) == {"server", "client"}, sorted(found)
     name = f"adder-{os.getpid()}"  # test runs may overlap
     with tempfile.TemporaryDirectory() as temporary:

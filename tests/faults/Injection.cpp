@@ -4,6 +4,7 @@
 #include <sys/epoll.h>
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
@@ -71,29 +72,55 @@ Fault planned;
 int allocations = 0;
 std::atomic<long> live{0};
 
-/// The kinds are there from the start, so that counting allocates nothing.
-std::map<Call, int>& counts() {
-  static auto& all = *new std::map<Call, int>{
-      {"socket", 0},        {"bind", 0},           {"listen", 0},          {"accept", 0},
-      {"connect", 0},       {"getsockopt", 0},     {"F_GETFL", 0},         {"F_SETFL", 0},
-      {"read", 0},          {"write", 0},          {"close", 0},           {"epoll_create1", 0},
-      {"EPOLL_CTL_ADD", 0}, {"EPOLL_CTL_MOD", 0},  {"EPOLL_CTL_DEL", 0},   {"epoll_wait", 0},
-      {"eventfd", 0},       {"timerfd_create", 0}, {"timerfd_settime", 0}, {"poll", 0},
-      {"malloc", 0}};
-  return all;
-}
+/// A kind of call, and the errors that the manual gives for it.
+struct Kind {
+  Call name;
+  Faults::Call call;
+  std::vector<int> errors;
+  std::size_t operation = 0;  // of epoll_ctl
+  int count = 0;
+};
 
-/// Counts one call; true if it is the one to fail.
-bool fails(const void* caller, const char* call) {
-  if (!counting || inside || !isLibrary(caller)) {
-    return false;
-  }
-  inside = true;
-  const int occurrence = ++counts().at(call);
-  const bool fail = planned.call == call && planned.occurrence == occurrence;
-  inside = false;
-  done = done || fail;
-  return fail;
+/// The kinds are there from the start, so that counting allocates nothing.
+std::vector<Kind>& kinds() {
+  using Faults::Call;
+  static const std::vector<int> epollCtl = {EBADF,  EEXIST, EINVAL, ELOOP,
+                                            ENOENT, ENOMEM, ENOSPC, EPERM};
+  static auto& all = *new std::vector<Kind>{
+      {"socket",
+       Call::kSocket,
+       {EACCES, EAFNOSUPPORT, EINVAL, EMFILE, ENFILE, ENOBUFS, ENOMEM, EPROTONOSUPPORT}},
+      {"bind", Call::kBind, {EACCES, EADDRINUSE, EADDRNOTAVAIL, EBADF, EINVAL, ENOMEM, ENOTSOCK}},
+      {"listen", Call::kListen, {EADDRINUSE, EBADF, ENOTSOCK, EOPNOTSUPP}},
+      {"accept",
+       Call::kAccept,
+       {EAGAIN, EBADF, ECONNABORTED, EFAULT, EINTR, EINVAL, EMFILE, ENFILE, ENOBUFS, ENOMEM,
+        ENOTSOCK, EOPNOTSUPP, EPERM, EPROTO}},
+      {"connect",
+       Call::kConnect,
+       {EACCES, EPERM, EADDRINUSE, EAFNOSUPPORT, EAGAIN, EALREADY, EBADF, ECONNREFUSED, EFAULT,
+        EINTR, EISCONN, ENOTSOCK, EPROTOTYPE, ETIMEDOUT}},
+      {"getsockopt", Call::kGetsockopt, {EBADF, EFAULT, EINVAL, ENOPROTOOPT, ENOTSOCK}},
+      {"F_GETFL", Call::kGetFl, {EBADF, EINTR, EINVAL, EPERM}},
+      {"F_SETFL", Call::kSetFl, {EBADF, EINTR, EINVAL, EPERM}},
+      {"read", Call::kRead, {EAGAIN, EBADF, ECONNRESET, EFAULT, EINTR, EINVAL, EIO, ENOMEM}},
+      {"write",
+       Call::kWrite,
+       {EAGAIN, EBADF, ECONNRESET, EDESTADDRREQ, EFAULT, EFBIG, EINTR, EINVAL, EIO, EMSGSIZE,
+        ENOBUFS, ENOMEM, ENOSPC, EPERM, EPIPE}},
+      {"close", Call::kClose, {EBADF, EDQUOT, EINTR, EIO, ENOSPC}},
+      {"epoll_create1", Call::kEpollCreate, {EINVAL, EMFILE, ENFILE, ENOMEM}},
+      {"EPOLL_CTL_ADD", Call::kEpollCtl, epollCtl, EPOLL_CTL_ADD},
+      {"EPOLL_CTL_MOD", Call::kEpollCtl, epollCtl, EPOLL_CTL_MOD},
+      {"EPOLL_CTL_DEL", Call::kEpollCtl, epollCtl, EPOLL_CTL_DEL},
+      {"epoll_wait", Call::kEpollWait, {EBADF, EFAULT, EINTR, EINVAL}},
+      {"eventfd", Call::kEventfd, {EINVAL, EMFILE, ENFILE, ENODEV, ENOMEM}},
+      {"timerfd_create", Call::kTimerfdCreate, {EINVAL, EMFILE, ENFILE, ENODEV, ENOMEM, EPERM}},
+      {"timerfd_settime", Call::kTimerfdSettime, {EBADF, ECANCELED, EFAULT, EINVAL}},
+      {"poll", Call::kPoll, {EFAULT, EINTR, EINVAL, ENOMEM}},
+      {"malloc", Call::kNote, {ENOMEM}},  // counted by itself
+  };
+  return all;
 }
 
 bool* sharedFlag() {
@@ -116,55 +143,23 @@ bool allocationFails(const void* caller) {
   return true;
 }
 
-const char* nameOf(Faults::Call call, std::size_t size) {
-  using Faults::Call;
-  switch (call) {
-    case Call::kSocket:
-      return "socket";
-    case Call::kBind:
-      return "bind";
-    case Call::kListen:
-      return "listen";
-    case Call::kAccept:
-      return "accept";
-    case Call::kConnect:
-      return "connect";
-    case Call::kGetsockopt:
-      return "getsockopt";
-    case Call::kGetFl:
-      return "F_GETFL";
-    case Call::kSetFl:
-      return "F_SETFL";
-    case Call::kRead:
-      return "read";
-    case Call::kWrite:
-      return "write";
-    case Call::kClose:
-      return "close";
-    case Call::kEpollCreate:
-      return "epoll_create1";
-    case Call::kEpollCtl:
-      return size == EPOLL_CTL_ADD   ? "EPOLL_CTL_ADD"
-             : size == EPOLL_CTL_MOD ? "EPOLL_CTL_MOD"
-                                     : "EPOLL_CTL_DEL";
-    case Call::kEpollWait:
-      return "epoll_wait";
-    case Call::kEventfd:
-      return "eventfd";
-    case Call::kTimerfdCreate:
-      return "timerfd_create";
-    case Call::kTimerfdSettime:
-      return "timerfd_settime";
-    case Call::kPoll:
-      return "poll";
-    default:
-      return "";
-  }
-}
-
 /// Counts one call; the error that it is to fail with, or 0.
 int before(Faults::Call call, std::size_t size, const void* caller) {
-  return fails(caller, nameOf(call, size)) ? planned.error : 0;
+  if (!counting || inside || !isLibrary(caller)) {
+    return 0;
+  }
+  const auto kind = std::find_if(kinds().begin(), kinds().end(), [&](const Kind& each) {
+    return each.call == call && (each.operation == 0 || each.operation == size);
+  });
+  if (kind == kinds().end()) {
+    return 0;
+  }
+  ++kind->count;
+  if (kind->name != planned.call || kind->count != planned.occurrence) {
+    return 0;
+  }
+  done = true;
+  return planned.error;
 }
 
 }  // namespace
@@ -176,19 +171,23 @@ void start(const Fault& fault) {
   allocations = 0;
   done = false;
   *sharedFlag() = false;
-  for (auto& [call, count] : counts()) {
-    count = 0;
+  for (Kind& kind : kinds()) {
+    kind.count = 0;
   }
   counting = true;
 }
 
 void stop() {
   counting = false;
-  counts().at("malloc") = allocations;
+  kinds().back().count = allocations;
 }
 
-const std::map<Call, int>& calls() {
-  return counts();
+std::map<Call, int> calls() {
+  std::map<Call, int> counts;
+  for (const Kind& kind : kinds()) {
+    counts[kind.name] = kind.count;
+  }
+  return counts;
 }
 
 bool happened() {
@@ -210,38 +209,9 @@ long liveBlocks() {
 }
 
 const std::vector<int>& errorsOf(const Call& call) {
-  static const std::vector<int> epollCtl = {EBADF,  EEXIST, EINVAL, ELOOP,
-                                            ENOENT, ENOMEM, ENOSPC, EPERM};
-  static const std::map<Call, std::vector<int>> errors = {
-      {"socket", {EACCES, EAFNOSUPPORT, EINVAL, EMFILE, ENFILE, ENOBUFS, ENOMEM, EPROTONOSUPPORT}},
-      {"bind", {EACCES, EADDRINUSE, EADDRNOTAVAIL, EBADF, EINVAL, ENOMEM, ENOTSOCK}},
-      {"listen", {EADDRINUSE, EBADF, ENOTSOCK, EOPNOTSUPP}},
-      {"accept",
-       {EAGAIN, EBADF, ECONNABORTED, EFAULT, EINTR, EINVAL, EMFILE, ENFILE, ENOBUFS, ENOMEM,
-        ENOTSOCK, EOPNOTSUPP, EPERM, EPROTO}},
-      {"connect",
-       {EACCES, EPERM, EADDRINUSE, EAFNOSUPPORT, EAGAIN, EALREADY, EBADF, ECONNREFUSED, EFAULT,
-        EINTR, EISCONN, ENOTSOCK, EPROTOTYPE, ETIMEDOUT}},
-      {"getsockopt", {EBADF, EFAULT, EINVAL, ENOPROTOOPT, ENOTSOCK}},
-      {"F_GETFL", {EBADF, EINTR, EINVAL, EPERM}},
-      {"F_SETFL", {EBADF, EINTR, EINVAL, EPERM}},
-      {"read", {EAGAIN, EBADF, ECONNRESET, EFAULT, EINTR, EINVAL, EIO, ENOMEM}},
-      {"write",
-       {EAGAIN, EBADF, ECONNRESET, EDESTADDRREQ, EFAULT, EFBIG, EINTR, EINVAL, EIO, EMSGSIZE,
-        ENOBUFS, ENOMEM, ENOSPC, EPERM, EPIPE}},
-      {"close", {EBADF, EDQUOT, EINTR, EIO, ENOSPC}},
-      {"epoll_create1", {EINVAL, EMFILE, ENFILE, ENOMEM}},
-      {"EPOLL_CTL_ADD", epollCtl},
-      {"EPOLL_CTL_MOD", epollCtl},
-      {"EPOLL_CTL_DEL", epollCtl},
-      {"epoll_wait", {EBADF, EFAULT, EINTR, EINVAL}},
-      {"eventfd", {EINVAL, EMFILE, ENFILE, ENODEV, ENOMEM}},
-      {"timerfd_create", {EINVAL, EMFILE, ENFILE, ENODEV, ENOMEM, EPERM}},
-      {"timerfd_settime", {EBADF, ECANCELED, EFAULT, EINVAL}},
-      {"poll", {EFAULT, EINTR, EINVAL, ENOMEM}},
-      {"malloc", {ENOMEM}},
-  };
-  return errors.at(call);
+  return std::find_if(kinds().begin(), kinds().end(),
+                      [&call](const Kind& kind) { return kind.name == call; })
+      ->errors;
 }
 
 }  // namespace Injection

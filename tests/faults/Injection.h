@@ -28,7 +28,7 @@ void start(const Fault& fault);
 void stop();
 
 /// The number of calls of each kind in the last run.
-const std::map<Call, int>& calls();
+std::map<Call, int> calls();
 
 /// Whether the fault of the last run has happened.
 bool happened();

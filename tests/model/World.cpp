@@ -1,15 +1,12 @@
 #include "tests/model/World.h"
 
 #include <poll.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
-#include <new>
 
 #include "Kelvo/Platform/EventLoop.h"
 #include "tests/model/VirtualClock.h"
@@ -47,21 +44,6 @@ int nextDescriptor() {
   return fd;
 }
 
-/// Real seconds, which the virtual clock does not stop.
-std::time_t realSeconds() {
-  timespec time{};
-  clock_gettime(CLOCK_MONOTONIC_RAW, &time);
-  return time.tv_sec;
-}
-
-constexpr int kPatience = 20;  // seconds
-
-Report* sharedReport() {
-  void* const memory =
-      ::mmap(nullptr, sizeof(Report), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  return new (memory) Report;
-}
-
 std::string textOf(const std::map<std::string, unsigned>& lines) {
   std::string text;
   for (const auto& [line, count] : lines) {
@@ -88,27 +70,37 @@ std::string placeText(unsigned place) {
 
 World::World()
     : name_(uniqueName()),
+      sink_(0x5,
+            [this](const auto& record) {
+              if (record.level == 0 && record.function != "Server") {
+                ++errors_[record.text];
+              }
+              readEvents_ += record.level == 2 && record.function == "readFdEvent" ? 1 : 0;
+            }),
       model_(VirtualClock::now()),
-      report_(sharedReport()),
       openAtFirst_((EventLoop::current(), openDescriptors().size())) {}
-
-World::~World() {
-  server_.reset();
-  ::munmap(report_, sizeof(Report));
-}
 
 // --- the server ---
 
-void World::startServer(bool inChild) {
-  report_->validations = report_->readEvents = 0;
-  inChild_ = inChild;
-  log_.readEvents = 0;
-  if (inChild) {
-    server_ = std::make_unique<ChildServer>(name_, report_);
-  } else {
-    server_ = std::make_unique<LocalServer>(name_, report_);
-  }
+void World::startServer() {
+  validations_ = readEvents_ = 0;
+  server_ = std::make_unique<Tovik::Server>(
+      name_, [this](auto& connection, const auto& message) { handle(connection, message); },
+      [this](int, unsigned, unsigned) {
+        ++validations_;
+        return model_.admits;
+      });
   model_.start();
+}
+
+/// An application of the library: answers calls and echoes, and takes notes.
+void World::handle(Tovik::Connection& connection, const Tovik::Message& message) {
+  handled_[message["from"].GetUint()].emplace_back(Tovik::Message::toStr(message, false).data());
+  if (message.HasMember("echo")) {
+    connection.sendMsg(message);
+  } else if (message.HasMember("call")) {
+    connection.acknowledge(message["call"].GetUint());
+  }
 }
 
 void World::stopServer() {
@@ -118,18 +110,18 @@ void World::stopServer() {
 
 void World::notify(unsigned count) {
   for (unsigned i = 0; i < count; ++i) {
-    server_->notify(++lastNumber_);
-    model_.notify(notice(lastNumber_));
+    const std::string text = notice(++lastNumber_);
+    server_->notifyClients(parsed(text));
+    model_.notify(text);
   }
 }
 
 void World::admit(bool yes) {
-  report_->admits = yes;
   model_.admits = yes;
 }
 
 void World::freeDead() {
-  server_->freeDead();
+  server_->freeDeadConnections();
 }
 
 // --- clients ---
@@ -171,7 +163,7 @@ void World::send(unsigned place, Kind kind) {
   const int result = blocking_[place - kRawClients]->sendMsg(parsed(text), false);
   require(result == (expected == 0 ? 0 : -1), "the result of Client::sendMsg");
   const std::string line = "Client::sendMsg(): Failed to write() ";
-  require(expected == 0 || log_.errors.erase(line + std::strerror(expected)) == 1,
+  require(expected == 0 || errors_.erase(line + std::strerror(expected)) == 1,
           "the log of Client::sendMsg");
 }
 
@@ -231,33 +223,13 @@ void World::advance(Time by) {
 
 void World::settle() {
   model_.settle();
-  turnUntilTheServerIsDone();
+  turnUntilIdle();
   compare();
   for (unsigned place = 0; place < kFirstAsync; ++place) {
     if (model_.clients[place].link && model_.clients[place].reading) {
       drain(place);
     }
   }
-}
-
-/// A server of this process is done when the loop is. Of one in a child, and of what it sends to
-/// clients in the loop, the model knows how much is to come.
-void World::turnUntilTheServerIsDone() {
-  const auto deadline = realSeconds() + kPatience;
-  const auto isDone = [this] {
-    bool done = !model_.up || (report_->readEvents == model_.readEvents &&
-                               report_->validations == model_.validations);
-    for (unsigned i = 0; i < kAsyncClients; ++i) {
-      const Client& client = model_.clients[kFirstAsync + i];
-      done = done && async_[i].events.size() >= client.events.size() &&
-             (!async_[i].client || async_[i].client->isAttached() == (client.link != nullptr));
-    }
-    return done;
-  };
-  do {
-    turnUntilIdle();
-  } while (inChild_ && !isDone() && realSeconds() < deadline &&
-           (EventLoop::current().runOnce(std::chrono::milliseconds(1)), true));
 }
 
 void World::compare() {
@@ -280,57 +252,37 @@ void World::compare() {
 
 void World::compareServer() {
   for (unsigned place = 0; place < kClients; ++place) {
-    auto* const local = dynamic_cast<LocalServer*>(server_.get());
     std::size_t expected = 0;
     for (const auto& [connection, records] : model_.handled[place]) {
       expected += records.size();
       require(
-          !local || holdsInOrder(local->handled[place], records),
+          holdsInOrder(handled_[place], records),
           "the messages of connection " + std::to_string(connection) + " of " + placeText(place));
     }
-    require(report_->handled[place] == expected, "messages of " + placeText(place) + " handled");
-    if (local) {
-      local->handled[place].clear();
-    }
-    report_->handled[place] = 0;
+    require(handled_[place].size() == expected, "messages of " + placeText(place) + " handled");
+    handled_[place].clear();
     model_.handled[place].clear();
   }
   if (model_.up) {
-    const unsigned readEvents = inChild_ ? report_->readEvents.load() : log_.readEvents;
-    require(readEvents == model_.readEvents, "read events of the server's connections: expected " +
-                                                 std::to_string(model_.readEvents) + ", got " +
-                                                 std::to_string(readEvents));
-    require(report_->validations == model_.validations, "clients judged");
+    require(readEvents_ == model_.readEvents, "read events of the server's connections: expected " +
+                                                  std::to_string(model_.readEvents) + ", got " +
+                                                  std::to_string(readEvents_));
+    require(validations_ == model_.validations, "clients judged");
   }
 }
 
 void World::compareLog() {
-  for (auto [line, count] :
-       {std::pair(kInvalid, &report_->invalid), std::pair(kReadReset, &report_->readResets)}) {
-    if (const unsigned more = count->exchange(0)) {
-      log_.errors[line] += more;
-    }
-  }
-  if (inChild_) {
-    // How much a client that is refused has sent by then is a race between two processes.
-    for (const char* line : {kReadReset, kWriteReset}) {
-      log_.errors.erase(line);
-      model_.log.erase(line);
-    }
-  }
-  requireEqual(textOf(log_.errors), textOf(model_.log), "the log of errors");
+  requireEqual(textOf(errors_), textOf(model_.log), "the log of errors");
 }
 
 // --- what raw and blocking clients receive ---
 
 void World::drain(unsigned place) {
   Link& link = *model_.clients[place].link;
-  const auto deadline = realSeconds() + kPatience;
   while (true) {
     const std::string expected = model_.next(place);
     const std::string actual = receive(place);
-    if (actual == "<nothing>" && expected != actual && realSeconds() < deadline) {
-      EventLoop::current().runOnce(std::chrono::milliseconds(inChild_ ? 1 : 0));
+    if (actual == "<nothing>" && expected != actual && EventLoop::current().dispatch()) {
       continue;  // what did not fit into the socket at first is on its way
     }
     if (actual == "<end>" && link.mayBeCut && link.readSince >= kSurelyInSocket) {

@@ -1,13 +1,13 @@
 #pragma once
 
+#include <map>
 #include <memory>
 #include <string>
-#include <variant>
 #include <vector>
 
 #include "Api/Json/Client.h"
+#include "Api/Json/Server.h"
 #include "tests/model/Model.h"
-#include "tests/model/Servers.h"
 #include "tests/support/Support.h"
 
 namespace model {
@@ -22,9 +22,8 @@ struct Difference {
 class World {
  public:
   World();
-  ~World();
 
-  void startServer(bool inChild);
+  void startServer();
   void stopServer();
   void notify(unsigned count);
   void admit(bool yes);
@@ -47,7 +46,6 @@ class World {
   void finish();
 
   const Model& model() const { return model_; }
-  bool serverInChild() const { return inChild_; }
 
  private:
   struct AsyncEnd {
@@ -55,20 +53,23 @@ class World {
     std::vector<std::string> events;
   };
 
+  void handle(Tovik::Connection& connection, const Tovik::Message& message);
   std::string receive(unsigned place);
   static std::string receiveBlocking(const Tovik::Client& client, const std::string& expected);
   void drain(unsigned place);
-  void turnUntilTheServerIsDone();
   void compare();
   void compareServer();
   void compareLog();
 
   const std::string name_;
-  Log log_;
+  // What the library logs: the lines of level 0, and how many tell of a read event.
+  std::map<std::string, unsigned> errors_;
+  unsigned readEvents_ = 0;
+  const LogSink sink_;
   Model model_;
-  Report* const report_;
-  std::unique_ptr<AnyServer> server_;
-  bool inChild_ = false;
+  std::array<std::vector<std::string>, kClients> handled_;  // messages, by sender
+  unsigned validations_ = 0;
+  std::unique_ptr<Tovik::Server> server_;
   std::array<Fd, kRawClients> raw_;
   std::array<std::unique_ptr<Tovik::Client>, kBlockingClients> blocking_;
   std::array<AsyncEnd, kAsyncClients> async_;

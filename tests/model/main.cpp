@@ -32,11 +32,10 @@ class Driver {
     recent_.clear();
     World world;
     world_ = &world;
-    world.startServer(chance(20));
+    world.startServer();
     for (unsigned long i = 0; i < steps; ++i) {
       step();
-      inChild_ += world.serverInChild() && model().up ? 1 : 0;
-      if (world.serverInChild() || chance(40) || tooMuchUnderWay()) {
+      if (chance(40) || tooMuchUnderWay()) {
         note("settle");
         world.settle();
       }
@@ -46,7 +45,6 @@ class Driver {
   }
 
   const std::deque<std::string>& recent() const { return recent_; }
-  unsigned long stepsInChild() const { return inChild_; }
 
  private:
   unsigned below(unsigned bound) { return static_cast<unsigned>(random_() % bound); }
@@ -107,11 +105,10 @@ class Driver {
 
   void serverStep() {
     if (!model().up) {
-      const bool inChild = chance(20);
-      note(inChild ? "start in a child" : "start");
-      world_->startServer(inChild);
+      note("start");
+      world_->startServer();
     } else if (chance(50)) {
-      note(world_->serverInChild() ? "kill" : "stop");
+      note("stop");
       world_->stopServer();
     } else if (chance(50)) {
       const bool yes = !model().admits;
@@ -162,7 +159,6 @@ class Driver {
   std::mt19937_64 random_;
   World* world_ = nullptr;
   std::deque<std::string> recent_;
-  unsigned long inChild_ = 0;
 };
 
 double secondsSince(const timespec& start) {
@@ -177,13 +173,11 @@ int runAll(unsigned long seed, unsigned long steps) {
   clock_gettime(CLOCK_MONOTONIC_RAW, &start);
   std::printf("model_test --seed %lu --steps %lu\n", seed, steps);
   std::fflush(stdout);
-  unsigned long inChild = 0;
   // Each world has a seed of its own that follows from its place, so that it can be run alone.
   for (unsigned long done = 0; done < steps; done += kStepsPerWorld) {
     Driver driver(seed + done);
     try {
       driver.run(std::min(kStepsPerWorld, steps - done));
-      inChild += driver.stepsInChild();
     } catch (const Difference& difference) {
       for (const std::string& step : driver.recent()) {
         std::printf("  %s\n", step.c_str());
@@ -194,8 +188,8 @@ int runAll(unsigned long seed, unsigned long steps) {
     }
   }
   const double seconds = secondsSince(start);
-  std::printf("%lu steps (%lu with the server in a child) in %.1f s, %.0f steps/s: no difference\n",
-              steps, inChild, seconds, static_cast<double>(steps) / seconds);
+  std::printf("%lu steps in %.1f s, %.0f steps/s: no difference\n", steps, seconds,
+              static_cast<double>(steps) / seconds);
   return 0;
 }
 

@@ -9,7 +9,7 @@ import subprocess
 import sys
 
 from package import (BUILD, CXX, HERE, LIB, PREFIX, SOURCE, STATIC_PREFIX, WORK, check, compilers,
-                     install, run, start)
+                     install_and_move, run, start)
 
 SNIPPETS = dict(re.findall(r"<!-- snippet: ([\w-]+) -->\n```\w+\n(.*?)```",
                            (SOURCE / "docs" / "packages.md").read_text(), re.S))
@@ -55,11 +55,7 @@ def installed():
 
 
 def moved():
-    first, second = WORK / "before-the-move", WORK / "after-the-move"
-    install(first)
-    shutil.rmtree(second, ignore_errors=True)
-    first.rename(second)
-    consume_package("moved", CXX, ["17"], second)
+    consume_package("moved", CXX, ["17"], install_and_move("consumer"))
 
 
 def build_tree():

@@ -86,3 +86,11 @@ def flags(prefix, *what, module="tovik"):
 def install(prefix):
     shutil.rmtree(prefix, ignore_errors=True)
     run(["cmake", "--install", BUILD, "--prefix", prefix])
+
+
+def install_and_move(name):
+    """A prefix whose tree was installed below another one."""
+    first, second = WORK / f"{name}-first-place", WORK / f"{name}-second-place"
+    install(first)
+    shutil.rmtree(second, ignore_errors=True)
+    return first.rename(second)

@@ -1,31 +1,28 @@
-#include "tests/soak/Blocking.h"
+// Blocking clients: many that connect at once, each on a thread of its own, and one that sends
+// without a pause.
 
 #include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
+#include <optional>
 #include <thread>
 #include <vector>
 
 #include "Api/Json/Client.h"
-#include "tests/soak/Log.h"
-#include "tests/soak/Process.h"
-#include "tests/soak/Times.h"
+#include "tests/soak/Child.h"
 
 namespace Soak {
 
 namespace {
 
-Tovik::Message message(const char* key, unsigned value) {
-  Tovik::Message message;
-  message.SetObject();
-  message.AddMember(rapidjson::StringRef(key), value, message.GetAllocator());
-  return message;
-}
-
-class Burst {
+class Blocking {
  public:
-  explicit Burst(const std::string& name, unsigned clients) : name_(name) {
+  explicit Blocking(const Tovik::Message& setup) : name_(of<std::string>(setup, "name")) {}
+
+ private:
+  void burst(unsigned clients) {
+    answered_ = wrong_ = failed_ = longest_ = 0;
     pthread_barrier_init(&start_, nullptr, clients);
     std::vector<std::thread> threads;
     threads.reserve(clients);
@@ -36,22 +33,16 @@ class Burst {
       thread.join();
     }
     pthread_barrier_destroy(&start_);
+    answer(Tovik::object("answered", answered_.load(), "wrong", wrong_.load(), "failed",
+                         failed_.load(), "longest", longest_.load()));
   }
 
-  BurstFigures figures() const { return {answered_, wrong_, failed_, longest_}; }
-
- private:
   void connectAndCall(unsigned number) {
     pthread_barrier_wait(&start_);
     const auto start = nowNanoseconds();
     try {
-      const Tovik::Client client(name_.c_str());
-      const int status = client.sendMsg(message("call", number), true);
-      if (status < 0) {
-        ++failed_;
-        return;
-      }
-      ++(static_cast<unsigned>(status) == number ? answered_ : wrong_);
+      const int status = Tovik::Client(name_).sendMsg(Tovik::object("call", number), true);
+      ++(status < 0 ? failed_ : static_cast<unsigned>(status) == number ? answered_ : wrong_);
     } catch (const Tovik::SocketException&) {
       ++failed_;
     }
@@ -61,43 +52,34 @@ class Burst {
     }
   }
 
-  const std::string& name_;
-  pthread_barrier_t start_{};
-  std::atomic<std::uint64_t> answered_{0};
-  std::atomic<std::uint64_t> wrong_{0};
-  std::atomic<std::uint64_t> failed_{0};
-  std::atomic<std::uint64_t> longest_{0};
-};
+  /// Over a connection that stays.
+  void flood(std::uint64_t milliseconds) {
+    if (!flooder_) {
+      flooder_.emplace(name_);
+    }
+    const auto end = nowNanoseconds() + milliseconds * 1000000;
+    for (unsigned sent = 0; nowNanoseconds() < end; ++sent) {
+      flooder_->sendMsg(Tovik::object("note", sent & 0xffff), false);
+    }
+    answer();
+  }
 
-template <class Answer>
-void answer(int commands, const Answer& answer) {
-  Commands::send(commands, &answer, sizeof answer);
-}
+  const std::string name_;
+  pthread_barrier_t start_{};
+  std::atomic<std::uint64_t> answered_{0}, wrong_{0};
+  std::atomic<std::uint64_t> failed_{0};   // refused, or lost their server
+  std::atomic<std::uint64_t> longest_{0};  // nanoseconds from before the connect to the answer
+  std::optional<Tovik::Client> flooder_;
+  const Commands commands_{{
+      {"burst", [this](auto clients, auto) { burst(static_cast<unsigned>(clients)); }},
+      {"flood", [this](auto milliseconds, auto) { flood(milliseconds); }},
+  }};
+};
 
 }  // namespace
 
-void runBursts(const std::string& name, int commands) {
-  watchLog(1);
-  answer(commands, Done{});
-  while (true) {
-    const Command command = Commands::receive(commands);
-    answer(commands, Burst(name, static_cast<unsigned>(command.number)).figures());
-  }
-}
-
-void runFlood(const std::string& name, int commands) {
-  watchLog(1);
-  const Tovik::Client client(name.c_str());
-  answer(commands, Done{});
-  std::uint64_t sent = 0;
-  while (true) {
-    const Command command = Commands::receive(commands);
-    const auto end = nowNanoseconds() + command.number * 1000000;
-    while (nowNanoseconds() < end) {
-      sent += client.sendMsg(message("note", static_cast<unsigned>(sent & 0xffff)), false) == 0;
-    }
-    answer(commands, sent);
-  }
+void runBlockingClients(const Tovik::Message& setup) {
+  play<Blocking>(setup);
 }
 
 }  // namespace Soak

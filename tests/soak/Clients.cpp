@@ -1,6 +1,4 @@
-#include "tests/soak/Clients.h"
-
-#include <malloc.h>
+// Asynchronous clients: subscribers that check every notification, callers that check every reply.
 
 #include <functional>
 #include <memory>
@@ -8,9 +6,8 @@
 #include <vector>
 
 #include "Api/Json/Client.h"
-#include "Kelvo/Platform/EventLoop.h"
-#include "tests/soak/Log.h"
-#include "tests/soak/Process.h"
+#include "tests/soak/Child.h"
+#include "tests/soak/Times.h"
 
 namespace Soak {
 
@@ -26,10 +23,14 @@ struct Place {
   }
 };
 
-/// What the clients of the process have in common, and the condition that the parent waits for.
+/// What the clients of the process have in common, and the condition that the driver waits for.
 struct Crowd {
-  ClientsFigures figures;
-  Times notices;
+  std::uint64_t received = 0;  // notifications
+  std::uint64_t lost = 0;      // left out while connected
+  std::uint64_t doubled = 0;   // come twice, or after a later one
+  std::uint64_t calls = 0;     // answered
+  std::uint64_t wrong = 0;     // replies
+  Times notices;               // from before the broadcast to the handler
   Times answers;
   unsigned ready = 0;   // clients that have had an answer over their present connection
   unsigned behind = 0;  // subscribers that have not seen the target
@@ -39,35 +40,49 @@ struct Crowd {
   std::function<void()> changed;
 };
 
-class Subscriber final : public Tovik::AsyncClient {
+class Member : public Tovik::AsyncClient {
  public:
-  Subscriber(Crowd& crowd, const ClientsSetup& setup)
-      : AsyncClient(
-            setup.name.c_str(), [this](auto&, const Tovik::Message& msg) { take(msg); },
-            [this](auto&) { subscribe(); }, setup.interval),
-        crowd_(crowd) {}
-
   void terminateConnection() override {
     AsyncClient::terminateConnection();
     crowd_.ready -= std::exchange(confirmed_, false) ? 1U : 0U;
     crowd_.changed();
   }
 
+ protected:
+  Member(Crowd& crowd, const Tovik::Message& setup)
+      : AsyncClient(
+            of<std::string>(setup, "name"), [this](auto&, const Tovik::Message& msg) { take(msg); },
+            [this](auto&) { begin(); }, of<int>(setup, "interval")),
+        crowd_(crowd) {}
+
+  virtual void begin() = 0;
+  virtual void take(const Tovik::Message& msg) = 0;
+
+  bool isConfirmed() const { return confirmed_; }
+  void confirm() { crowd_.ready += std::exchange(confirmed_, true) ? 0U : 1U; }
+
+  Crowd& crowd_;
+
+ private:
+  bool confirmed_ = false;
+};
+
+class Subscriber final : public Member {
+ public:
+  Subscriber(Crowd& crowd, const Tovik::Message& setup) : Member(crowd, setup) {}
+
   bool isBehind() const { return last_ < crowd_.target; }
 
  private:
-  void subscribe() {
+  void begin() override {
     fresh_ = true;
-    Tovik::Message subscribe;
-    subscribe.Parse(R"({"command":"set","notification":true})");
-    asyncSendMsg(subscribe);
+    asyncSendMsg(Tovik::object("command", "set", "notification", true));
   }
 
-  void take(const Tovik::Message& msg) {
+  void take(const Tovik::Message& msg) override {
     if (msg.HasMember("type")) {
-      crowd_.figures.wrong += confirmed_ || msg["status"] != 0 ? 1U : 0U;
-      confirmed_ = true;
-      ++crowd_.ready;
+      crowd_.wrong += isConfirmed() || msg["status"] != 0 ? 1U : 0U;
+      confirm();
       return crowd_.changed();
     }
     const bool before = isBehind();
@@ -81,37 +96,24 @@ class Subscriber final : public Tovik::AsyncClient {
 
   /// A connection may begin anywhere; from there on, each one has to come, and once.
   void check(const Place& place) {
-    ++crowd_.figures.received;
+    ++crowd_.received;
     if (!(last_ < place)) {
-      ++crowd_.figures.doubled;
+      ++crowd_.doubled;
       return;
     }
     if (!std::exchange(fresh_, false)) {
-      crowd_.figures.lost += place.sequence - last_.sequence - 1;
+      crowd_.lost += place.sequence - last_.sequence - 1;
     }
     last_ = place;
   }
 
-  Crowd& crowd_;
   Place last_;
-  bool confirmed_ = false;
   bool fresh_ = true;
 };
 
-class Caller final : public Tovik::AsyncClient {
+class Caller final : public Member {
  public:
-  Caller(Crowd& crowd, const ClientsSetup& setup)
-      : AsyncClient(
-            setup.name.c_str(), [this](auto&, const Tovik::Message& msg) { take(msg); },
-            // A call whose connection was lost is made again. Without one, this is the first.
-            [this](auto&) { begin(); }, setup.interval),
-        crowd_(crowd) {}
-
-  void terminateConnection() override {
-    AsyncClient::terminateConnection();
-    crowd_.ready -= std::exchange(confirmed_, false) ? 1U : 0U;
-    crowd_.changed();
-  }
+  Caller(Crowd& crowd, const Tovik::Message& setup) : Member(crowd, setup) {}
 
   void call(std::uint64_t times) {
     left_ += times;
@@ -121,7 +123,8 @@ class Caller final : public Tovik::AsyncClient {
   }
 
  private:
-  void begin() {
+  /// A call whose connection was lost is made again. Without one, this is the first.
+  void begin() override {
     crowd_.busy += std::exchange(busy_, true) ? 0U : 1U;
     send();
   }
@@ -130,18 +133,16 @@ class Caller final : public Tovik::AsyncClient {
     if (!isAttached()) {
       return;
     }
-    Tovik::Message call;
-    call.SetObject();
-    call.AddMember("call", ++number_, call.GetAllocator());
+    ++number_;
     since_ = nowNanoseconds();
-    asyncSendMsg(call);
+    asyncSendMsg(Tovik::object("call", number_));
   }
 
-  void take(const Tovik::Message& reply) {
-    ++crowd_.figures.calls;
-    crowd_.figures.wrong += !busy_ || reply["status"] != number_ ? 1U : 0U;
+  void take(const Tovik::Message& reply) override {
+    ++crowd_.calls;
+    crowd_.wrong += !busy_ || reply["status"] != number_ ? 1U : 0U;
     crowd_.answers.add(nowNanoseconds() - since_);
-    crowd_.ready += std::exchange(confirmed_, true) ? 0U : 1U;
+    confirm();
     left_ -= left_ > 0 ? 1U : 0U;
     if (left_ > 0 || crowd_.callOn) {
       send();
@@ -151,58 +152,25 @@ class Caller final : public Tovik::AsyncClient {
     crowd_.changed();
   }
 
-  Crowd& crowd_;
   std::uint64_t left_ = 0;
   bool busy_ = false;
-  bool confirmed_ = false;
   unsigned number_ = 0;
   std::uint64_t since_ = 0;
 };
 
 class Clients {
  public:
-  Clients(const ClientsSetup& setup, int fd)
-      : commands_(fd, [this](const Command& command) { obey(command); }) {
+  explicit Clients(const Tovik::Message& setup) {
     crowd_.changed = [this] { answerIfTrue(); };
-    for (unsigned i = 0; i < setup.subscribers; ++i) {
+    for (auto left = of<unsigned>(setup, "subscribers"); left > 0; --left) {
       subscribers_.push_back(std::make_unique<Subscriber>(crowd_, setup));
     }
-    for (unsigned i = 0; i < setup.callers; ++i) {
+    for (auto left = of<unsigned>(setup, "callers"); left > 0; --left) {
       callers_.push_back(std::make_unique<Caller>(crowd_, setup));
     }
-    commands_.answer(Done{});
   }
 
  private:
-  void obey(const Command& command) {
-    switch (command.verb) {
-      case Verb::kAwaitSubscribed:
-        return await([this] { return crowd_.ready == subscribers_.size() + callers_.size(); });
-      case Verb::kAwaitLost:
-        return await([this] { return crowd_.ready == 0; });
-      case Verb::kAwaitSequence:
-        return awaitSequence({command.more, command.number});
-      case Verb::kCallOn:
-        crowd_.callOn = true;
-        return call(0);
-      case Verb::kCall:
-        return call(command.number);
-      case Verb::kAwaitCalls:
-        crowd_.callOn = false;
-        return await([this] { return crowd_.busy == 0; });
-      case Verb::kForgetTimes:
-        crowd_.notices.clear();
-        return crowd_.answers.clear();
-      case Verb::kLevels:
-        return setLogLevels(static_cast<unsigned>(command.number));
-      default:
-        ::malloc_trim(0);
-        crowd_.figures.notices = crowd_.notices.spread();
-        crowd_.figures.answers = crowd_.answers.spread();
-        return commands_.answer(crowd_.figures);
-    }
-  }
-
   void awaitSequence(const Place& target) {
     crowd_.target = target;
     crowd_.behind = 0;
@@ -226,23 +194,56 @@ class Clients {
   void answerIfTrue() {
     if (awaited_ && awaited_()) {
       awaited_ = nullptr;
-      commands_.answer(Done{});
+      answer();
     }
+  }
+
+  void tell() const {
+    heapInUse();  // what the process takes is looked at next
+    answer(Tovik::object("received", crowd_.received, "lost", crowd_.lost, "doubled",
+                         crowd_.doubled, "calls", crowd_.calls, "wrong", crowd_.wrong, "noticesP99",
+                         crowd_.notices.p99(), "answersP99", crowd_.answers.p99()));
   }
 
   Crowd crowd_;
   std::function<bool()> awaited_;
-  Commands commands_;
   std::vector<std::unique_ptr<Subscriber>> subscribers_;
   std::vector<std::unique_ptr<Caller>> callers_;
+  const Commands commands_{{
+      // The first five answer when it is so.
+      {"ready",  // every client has had an answer over its present connection
+       [this](auto, auto) {
+         await([this] { return crowd_.ready == subscribers_.size() + callers_.size(); });
+       }},
+      {"lost", [this](auto, auto) { await([this] { return crowd_.ready == 0; }); }},
+      {"seen",  // by every subscriber, that notification of that run
+       [this](auto sequence, auto run) {
+         awaitSequence({run, sequence});
+       }},
+      {"call-ends",  // no caller waits for a reply
+       [this](auto, auto) {
+         crowd_.callOn = false;
+         await([this] { return crowd_.busy == 0; });
+       }},
+      {"figures", [this](auto, auto) { tell(); }},
+      {"call", [this](auto times, auto) { call(times); }},
+      {"call-on",
+       [this](auto, auto) {
+         crowd_.callOn = true;
+         call(0);
+       }},
+      {"forget",  // the times
+       [this](auto, auto) {
+         crowd_.notices.clear();
+         crowd_.answers.clear();
+       }},
+  }};
 };
 
 }  // namespace
 
-void runClients(const ClientsSetup& setup, int commands) {
-  watchLog(1);
-  const auto clients = std::make_unique<Clients>(setup, commands);
-  Kelvo::Platform::EventLoop::current().run();
+void runClients(const Tovik::Message& setup) {
+  play<Clients>(setup);
 }
 
 }  // namespace Soak

@@ -1,35 +1,33 @@
-#include "tests/soak/Server.h"
+// The server's process. It answers {"call":N} with status N, counts {"note":N}, and broadcasts
+// {"run":R,"sequence":N,"sent":T,"padding":P}: R tells one server from the next under the same
+// name, N counts from 1, T is the time. A sabotage is a fault that has to be noticed.
 
-#include <malloc.h>
+#include "Api/Json/Server.h"
+
 #include <unistd.h>
 
 #include <chrono>
 #include <memory>
 #include <vector>
 
-#include "Api/Json/Server.h"
-#include "Kelvo/Platform/EventLoop.h"
 #include "Kelvo/Platform/TimeoutHandler.h"
-#include "tests/soak/Log.h"
-#include "tests/soak/Process.h"
-#include "tests/soak/Times.h"
+#include "tests/soak/Child.h"
 
 namespace Soak {
 
 namespace {
 
-class Service final : public Kelvo::Platform::TimeoutHandler {
+class Server final : public Kelvo::Platform::TimeoutHandler {
  public:
-  Service(const ServerSetup& setup, int commands)
-      : setup_(setup),
-        padding_(setup.padding, 'x'),
-        commands_(commands, [this](const Command& command) { obey(command); }),
-        pace_(Kelvo::Platform::getTimer(this)) {
+  explicit Server(const Tovik::Message& setup)
+      : name_(of<std::string>(setup, "name")),
+        sabotage_(of<std::string>(setup, "sabotage")),
+        padding_(of<unsigned>(setup, "padding"), 'x'),
+        run_(of<unsigned>(setup, "run")) {
     open();
-    if (setup_.sabotage == Sabotage::kWake) {
+    if (sabotage_ == "wake") {
       pace_->arm(0.02);
     }
-    commands_.answer(Done{});
   }
 
   void timeout() override {
@@ -38,7 +36,7 @@ class Service final : public Kelvo::Platform::TimeoutHandler {
     }
     broadcast();
     if (--paced_ == 0) {
-      return commands_.answer(Done{});
+      return answer();
     }
     pace_->arm(interval_);
   }
@@ -46,77 +44,43 @@ class Service final : public Kelvo::Platform::TimeoutHandler {
  private:
   void open() {
     opened_ = std::chrono::steady_clock::now();
+    sequence_ = 0;
     server_ = std::make_unique<Tovik::Server>(
-        setup_.name.c_str(), [this](auto& client, const auto& msg) { handle(client, msg); },
+        name_, [this](auto& client, const auto& msg) { handle(client, msg); },
         [this](int /*pid*/, unsigned uid, unsigned /*gid*/) { return admits(uid); });
   }
 
   bool admits(unsigned uid) {
-    const bool late = setup_.sabotage == Sabotage::kLate && setup_.run > 1 &&
+    const bool late = sabotage_ == "late" && run_ > 1 &&
                       std::chrono::steady_clock::now() - opened_ < std::chrono::milliseconds(2300);
     const bool yes = admit_ && !late && uid == ::geteuid();
-    figures_.admitted += yes ? 1U : 0U;
+    admitted_ += yes ? 1U : 0U;
     return yes;
   }
 
   void handle(Tovik::Connection& client, const Tovik::Message& msg) {
     const auto call = msg.FindMember("call");
     if (call == msg.MemberEnd()) {
-      ++figures_.notes;
+      ++notes_;
       return;
     }
-    if (setup_.sabotage == Sabotage::kMute && ++calls_ % 100 == 50) {
+    if (sabotage_ == "mute" && ++calls_ % 100 == 50) {
       return;
     }
     client.acknowledge(call->value.GetUint());
   }
 
-  void obey(const Command& command) {
-    switch (command.verb) {
-      case Verb::kBroadcast:
-        for (std::uint64_t i = 0; i < command.number; ++i) {
-          broadcast();
-        }
-        return;
-      case Verb::kPace:
-        paced_ = command.number;
-        interval_ = static_cast<double>(command.more) * 1e-6;
-        return pace_->arm(0);
-      case Verb::kAdmit:
-        admit_ = command.number != 0;
-        return;
-      case Verb::kClose:
-        server_.reset();
-        return commands_.answer(Done{});
-      case Verb::kOpen:
-        return reopen();
-      case Verb::kLevels:
-        return setLogLevels(static_cast<unsigned>(command.number));
-      default:
-        ::malloc_trim(0);  // so that what the process keeps is what it has a use for
-        figures_.heapInUse = ::mallinfo2().uordblks + ::mallinfo2().hblkhd;
-        return commands_.answer(figures_);
-    }
-  }
-
-  void reopen() {
-    ++setup_.run;
-    figures_.sequence = 0;
-    open();
-    commands_.answer(Done{});
-  }
-
   void broadcast() {
-    const bool struck = ++figures_.sequence % 100 == 50;
-    if (struck && setup_.sabotage == Sabotage::kDrop) {
+    const bool struck = ++sequence_ % 100 == 50;
+    if (struck && sabotage_ == "drop") {
       return;
     }
     notify();
-    if (struck && setup_.sabotage == Sabotage::kDouble) {
+    if (struck && sabotage_ == "double") {
       notify();
-    } else if (struck && setup_.sabotage == Sabotage::kDescriptor) {
+    } else if (struck && sabotage_ == "descriptor") {
       [[maybe_unused]] const int kept = ::dup(STDERR_FILENO);
-    } else if (setup_.sabotage == Sabotage::kLeak) {
+    } else if (sabotage_ == "leak") {
       kept_.emplace_back(4096, 'x');
     }
   }
@@ -125,36 +89,64 @@ class Service final : public Kelvo::Platform::TimeoutHandler {
     Tovik::Message news;
     news.SetObject();
     auto& allocator = news.GetAllocator();
-    news.AddMember("run", setup_.run, allocator);
-    news.AddMember("sequence", figures_.sequence, allocator);
+    news.AddMember("run", run_, allocator);
+    news.AddMember("sequence", sequence_, allocator);
     news.AddMember("sent", nowNanoseconds(), allocator);
     news.AddMember("padding", rapidjson::StringRef(padding_.data(), padding_.size()), allocator);
-    if (setup_.padding > 0) {
-      figures_.textSize = Tovik::Message::toStr(news, false).size();
+    if (!padding_.empty()) {
+      textSize_ = Tovik::Message::toStr(news, false).size();
     }
     server_->notifyClients(news);
   }
 
-  ServerSetup setup_;
-  const std::string padding_;
-  ServerFigures figures_;
-  std::uint64_t calls_ = 0;
+  const std::string name_, sabotage_, padding_;
+  unsigned run_;
+  std::uint64_t sequence_ = 0;  // of the last broadcast
+  std::uint64_t admitted_ = 0, notes_ = 0, calls_ = 0, textSize_ = 0;
   bool admit_ = true;
   std::chrono::steady_clock::time_point opened_;
   std::uint64_t paced_ = 0;
   double interval_ = 0;
   std::vector<std::string> kept_;
-  Commands commands_;
-  const Kelvo::Ptr<Kelvo::Platform::Timer> pace_;
+  const Kelvo::Ptr<Kelvo::Platform::Timer> pace_ = Kelvo::Platform::getTimer(this);
   std::unique_ptr<Tovik::Server> server_;
+  const Commands commands_{{
+      {"broadcast",
+       [this](auto count, auto) {
+         for (; count > 0; --count) {
+           broadcast();
+         }
+       }},
+      {"pace",  // one each so many microseconds; answers when it has
+       [this](auto count, auto microseconds) {
+         paced_ = count;
+         interval_ = static_cast<double>(microseconds) * 1e-6;
+         pace_->arm(0);
+       }},
+      {"admit", [this](auto yes, auto) { admit_ = yes != 0; }},
+      {"close",
+       [this](auto, auto) {
+         server_.reset();
+         answer();
+       }},
+      {"open",  // anew, in the same process
+       [this](auto, auto) {
+         ++run_;
+         open();
+         answer();
+       }},
+      {"figures",
+       [this](auto, auto) {
+         answer(Tovik::object("sequence", sequence_, "admitted", admitted_, "notes", notes_,
+                              "textSize", textSize_, "heap", heapInUse()));
+       }},
+  }};
 };
 
 }  // namespace
 
-void serve(const ServerSetup& setup, int commands) {
-  watchLog(1);
-  const Service service(setup, commands);
-  Kelvo::Platform::EventLoop::current().run();
+void runServer(const Tovik::Message& setup) {
+  play<Server>(setup);
 }
 
 }  // namespace Soak

@@ -1,22 +1,21 @@
-// A service with many sessions, killed every second while calls are in flight, events are published
-// and some clients do not read. Each call ends once and is carried out once at most; each topic is
-// followed again, its last event first.
+// A service with many sessions, and its clients: callers that follow two topics each, and those
+// that follow ten and are stopped now and then. How often each call was carried out stands in a
+// file, whatever becomes of the service's process.
 
-#include <malloc.h>
+#include <fcntl.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
+#include <memory>
 #include <new>
+#include <utility>
 #include <vector>
 
 #include "Api/Service/Proxy.h"
 #include "Api/Service/Service.h"
-#include "Kelvo/Platform/Debug.h"
-#include "Kelvo/Platform/EventLoop.h"
 #include "Kelvo/Platform/TimeoutHandler.h"
-#include "tests/soak/Log.h"
-#include "tests/soak/Scenarios.h"
+#include "tests/soak/Child.h"
 
 namespace Soak {
 
@@ -25,26 +24,40 @@ namespace {
 constexpr unsigned kTopics = 20;  // of the even ones, only the latest event waits
 constexpr double kTick = 0.01;    // seconds
 constexpr unsigned kEventsATick = 5;
-constexpr unsigned kMostCalls = 1 << 24;
 
-/// How often each call was carried out, whatever becomes of the service's process.
-std::uint8_t* carriedOut = nullptr;
+/// A byte for each call, in the file that the driver has made.
+class CarriedOut {
+ public:
+  explicit CarriedOut(const Tovik::Message& setup) {
+    const int fd = ::open(of<std::string>(setup, "carriedOut").c_str(), O_RDWR);
+    const auto size = ::lseek(fd, 0, SEEK_END);
+    size_ = static_cast<std::size_t>(size);
+    auto* const memory = ::mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    ::close(fd);
+    if (memory == MAP_FAILED) {
+      throw std::bad_alloc();
+    }
+    times_ = static_cast<std::uint8_t*>(memory);
+  }
+
+  std::uint8_t& operator[](unsigned tag) const { return times_[tag % size_]; }
+
+ private:
+  std::size_t size_;
+  std::uint8_t* times_;
+};
 
 std::string topicName(unsigned topic) {
   return "t" + std::to_string(topic);
 }
 
-// --- the service ---
-
-struct ServedFigures {
-  std::uint64_t sessions = 0;
-  std::uint64_t heapInUse = 0;
-};
-
 class Served final : public Kelvo::Platform::TimeoutHandler {
  public:
-  Served(const ServerSetup& setup, int commands)
-      : setup_(setup), service_(setup.name, [](int, unsigned, unsigned) { return true; }) {
+  explicit Served(const Tovik::Message& setup)
+      : run_(of<unsigned>(setup, "run")),
+        sabotage_(of<std::string>(setup, "sabotage")),
+        carriedOut_(setup),
+        service_(of<std::string>(setup, "name"), [](int, unsigned, unsigned) { return true; }) {
     for (unsigned topic = 0; topic < kTopics; ++topic) {
       service_.topic(topicName(topic),
                      {"Events.", Tovik::Topic::kKeepLast,
@@ -56,8 +69,6 @@ class Served final : public Kelvo::Platform::TimeoutHandler {
     service_.command("later", "Answers at the next tick.", {tag},
                      [this](const Tovik::Request& request) { kept_.push_back(request); });
     timer_->arm(kTick);
-    commands_ = std::make_unique<Commands>(commands, [this](const auto& each) { obey(each); });
-    commands_->answer(Done{});
   }
 
   void timeout() override {
@@ -75,47 +86,44 @@ class Served final : public Kelvo::Platform::TimeoutHandler {
   void publish(unsigned topic) {
     const auto number = ++numbers_[topic];
     const bool struck = number % 100 == 50;
-    if (struck && setup_.sabotage == Sabotage::kDrop) {
+    if (struck && sabotage_ == "drop") {
       return;
     }
-    const auto event = Tovik::object("run", setup_.run, "n", number, "padding", padding_);
-    for (int i = struck && setup_.sabotage == Sabotage::kDouble ? 2 : 1; i > 0; --i) {
+    const auto event = Tovik::object("run", run_, "n", number, "padding", padding_);
+    for (int i = struck && sabotage_ == "double" ? 2 : 1; i > 0; --i) {
       service_.publish(topicName(topic), event);
     }
   }
 
   void take(Tovik::Request& request) {
     const auto tag = request.get<unsigned>("tag");
-    ++carriedOut[tag % kMostCalls];
-    if (setup_.sabotage == Sabotage::kMute && tag % 100 == 50) {
+    ++carriedOut_[tag];
+    if (sabotage_ == "mute" && tag % 100 == 50) {
       return muted_.push_back(request);
     }
     request.reply(tag);
   }
 
-  void obey(const Command& command) {
-    if (command.verb == Verb::kBroadcast) {
-      burst_ = static_cast<unsigned>(command.number);
-      return;
-    }
-    ::malloc_trim(0);
-    commands_->answer(ServedFigures{service_.sessions(), ::mallinfo2().uordblks});
-  }
-
-  const ServerSetup setup_;
+  const unsigned run_;
+  const std::string sabotage_;
+  const CarriedOut carriedOut_;
   const std::string padding_ = std::string(300, 'x');
   std::uint64_t numbers_[kTopics] = {};
   unsigned next_ = 0;
-  unsigned burst_ = 0;  // events that are left of it
+  unsigned burst_ = 0;  // events of the first two topics that are left of it
   std::vector<Tovik::Request> kept_, muted_;
   Tovik::Service service_;
   const Kelvo::Ptr<Kelvo::Platform::Timer> timer_ = Kelvo::Platform::getTimer(this);
-  std::unique_ptr<Commands> commands_;
+  const Commands commands_{{
+      {"burst", [this](auto events, auto) { burst_ = static_cast<unsigned>(events); }},
+      {"figures",
+       [this](auto, auto) {
+         answer(Tovik::object("sessions", service_.sessions(), "heap", heapInUse()));
+       }},
+  }};
 };
 
-// --- its clients ---
-
-struct ProxyFigures {
+struct Figures {
   std::uint64_t calls = 0;
   std::uint64_t replies = 0;
   std::uint64_t lost = 0;
@@ -126,27 +134,25 @@ struct ProxyFigures {
   std::uint64_t unordered = 0;  // the last event not first, or not once
   std::uint64_t gaps = 0;       // where all events wait
   std::uint64_t doubled = 0;
-  std::uint64_t heapInUse = 0;  // bytes
-};
-
-struct ProxiesSetup {
-  std::string name;
-  unsigned proxies = 0;
-  bool stall = false;  // they follow ten topics each and do not call
 };
 
 /// One proxy, and what it has seen of its topics.
 class Follower {
  public:
-  Follower(const ProxiesSetup& setup, unsigned index, ProxyFigures& figures)
-      : figures_(figures), isCalling_(!setup.stall), proxy_(setup.name, quick()) {
-    if (setup.stall) {
+  Follower(const Tovik::Message& setup, unsigned index, const CarriedOut& carriedOut,
+           Figures& figures)
+      : figures_(figures),
+        carriedOut_(carriedOut),
+        isCalling_(!of<bool>(setup, "stall")),
+        limit_(of<double>(setup, "limit")),
+        proxy_(of<std::string>(setup, "name"), quick()) {
+    if (isCalling_) {
+      follow(index % kTopics);
+      follow((index + 7) % kTopics);
+    } else {
       for (unsigned topic = index % 2; topic < kTopics; topic += 2) {
         follow(topic);
       }
-    } else {
-      follow(index % kTopics);
-      follow((index + 7) % kTopics);
     }
     proxy_.onConnect([this] { std::for_each(seen_.begin(), seen_.end(), forget); });
     proxy_.onLoss([this](const std::string&) { call(); });  // which waits for a connection
@@ -185,7 +191,7 @@ class Follower {
 
   void take(unsigned topic, const Tovik::Message& event) {
     Seen& seen = seen_[topic];
-    const auto number = Tovik::get<std::uint64_t>(event, "n").value();
+    const auto number = of<std::uint64_t>(event, "n");
     if (std::exchange(seen.isFresh, false) != event.HasMember("snapshot")) {
       ++figures_.unordered;
     } else if (!event.HasMember("snapshot")) {
@@ -193,7 +199,7 @@ class Follower {
       figures_.gaps += topic % 2 == 1 && number > seen.number + 1 ? 1U : 0U;
     }
     seen.number = number;
-    seen.run = Tovik::get<std::uint64_t>(event, "run").value();
+    seen.run = of<std::uint64_t>(event, "run");
     if (++figures_.events % 8 == 0) {
       call();
     }
@@ -205,8 +211,7 @@ class Follower {
     }
     const auto tag = static_cast<unsigned>(++figures_.calls);
     ++inFlight_;
-    proxy_.call(Tovik::object("command", tag % 2 == 0 ? "now" : "later", "tag", tag),
-                Tovik::Proxy::Seconds(Process::patience) / 4,
+    proxy_.call(Tovik::object("command", tag % 2 == 0 ? "now" : "later", "tag", tag), limit_,
                 [this, tag, ended = false](const Tovik::Outcome& outcome) mutable {
                   figures_.again += std::exchange(ended, true) ? 1U : 0U;
                   --inFlight_;
@@ -217,15 +222,17 @@ class Follower {
   void count(unsigned tag, const Tovik::Outcome& outcome) {
     if (outcome) {
       ++figures_.replies;
-      const bool isRight = outcome.get<unsigned>() == tag && carriedOut[tag % kMostCalls] == 1;
+      const bool isRight = outcome.get<unsigned>() == tag && carriedOut_[tag] == 1;
       figures_.wrong += isRight ? 0U : 1U;
     } else {
       ++(outcome.end == Tovik::Outcome::kLost ? figures_.lost : figures_.otherEnds);
     }
   }
 
-  ProxyFigures& figures_;
+  Figures& figures_;
+  const CarriedOut& carriedOut_;
   bool isCalling_;
+  const Tovik::Proxy::Seconds limit_;
   unsigned inFlight_ = 0;
   std::vector<Seen> seen_ = std::vector<Seen>(kTopics);
   Tovik::Proxy proxy_;
@@ -234,12 +241,10 @@ class Follower {
 /// Answers when all are where they are waited for.
 class Followers final : public Kelvo::Platform::TimeoutHandler {
  public:
-  Followers(const ProxiesSetup& setup, int commands)
-      : commands_(commands, [this](const Command& command) { obey(command); }) {
-    for (unsigned i = 0; i < setup.proxies; ++i) {
-      all_.push_back(std::make_unique<Follower>(setup, i, figures_));
+  explicit Followers(const Tovik::Message& setup) : carriedOut_(setup) {
+    for (unsigned i = 0; i < of<unsigned>(setup, "proxies"); ++i) {
+      all_.push_back(std::make_unique<Follower>(setup, i, carriedOut_, figures_));
     }
-    commands_.answer(Done{});
   }
 
   void timeout() override {
@@ -248,165 +253,46 @@ class Followers final : public Kelvo::Platform::TimeoutHandler {
         })) {
       return timer_->arm(kTick);
     }
-    commands_.answer(Done{});
+    answer();
   }
 
  private:
-  void obey(const Command& command) {
-    if (command.verb == Verb::kFigures) {
-      ::malloc_trim(0);
-      figures_.heapInUse = ::mallinfo2().uordblks;
-      return commands_.answer(figures_);
-    }
-    wanted_ = command.verb == Verb::kAwaitSubscribed ? command.number : 0;
-    if (wanted_ == 0) {
-      std::for_each(all_.begin(), all_.end(), [](const auto& one) { one->stopCalling(); });
-    }
-    timer_->arm(0);
-  }
-
-  ProxyFigures figures_;
+  const CarriedOut carriedOut_;
+  Figures figures_;
   std::uint64_t wanted_ = 0;  // a run; 0: the end of all calls
   std::vector<std::unique_ptr<Follower>> all_;
-  Commands commands_;
   const Kelvo::Ptr<Kelvo::Platform::Timer> timer_ = Kelvo::Platform::getTimer(this);
-};
-
-template <class Subject, class Setup>
-ProcessPtr start(const std::string& who, const Setup& setup) {
-  return std::make_unique<Process>(who, [setup](int commands) {
-    watchLog(1);
-    Kelvo::Platform::setDebugLevels("TovikService", 0);
-    const Subject subject(setup, commands);
-    Kelvo::Platform::EventLoop::current().run();
-  });
-}
-
-// --- the scenario ---
-
-class Killing {
- public:
-  Killing(const Run& run, const std::string& scenario) : run_(run), rows_(run, scenario) {}
-
-  void play(const std::string& scenario) {
-    begin();
-    kill();  // to warm up
-    begin();
-    const auto before = resources();
-    for (unsigned i = 0; i < run_.form.serviceKills; ++i) {
-      progress(scenario, i, run_.form.serviceKills);
-      kill();
-      begin();
-    }
-    stall();
-    callers_->ask({Verb::kAwaitCalls});
-    report(before);
-  }
-
- private:
-  void begin() {
-    service_ = start<Served>("service", ServerSetup{name_, ++number_, 0, run_.sabotage});
-    began_ = Clock::now();
-    callers_->ask({Verb::kAwaitSubscribed, number_});
-    stalled_->ask({Verb::kAwaitSubscribed, number_});
-    back_ = std::max(back_, secondsSince(began_));
-    stalled_->signal(SIGSTOP);
-  }
-
-  void kill() {
-    nap(std::max(0.0, run_.form.serviceSeconds - secondsSince(began_)));
-    service_.reset();
-    stalled_->signal(SIGCONT);
-  }
-
-  /// Long enough for what waits without a bound of its own to reach the session's.
-  void stall() {
-    const auto start = service_->ask<ServedFigures>({});
-    service_->tell({Verb::kBroadcast, 3000});
-    auto now = start;
-    const auto deadline = Clock::now() + std::chrono::seconds(60);
-    while (now.sessions > run_.form.sessions - stalling_ / 2 && Clock::now() < deadline) {
-      nap(0.1);
-      now = service_->ask<ServedFigures>({});
-    }
-    rows_.exactly("sessions left of those that do not read, and of the others",
-                  static_cast<double>(now.sessions),
-                  static_cast<double>(run_.form.sessions - stalling_ / 2),
-                  "those with topics whose events all wait are ended");
-    rows_.atMost("heap that those left take",
-                 (static_cast<double>(now.heapInUse) - static_cast<double>(start.heapInUse)) /
-                     1024 / std::max(1U, stalling_ / 2),
-                 "kB", 8, "each; only the latest event of ten topics waits");
-    stalled_->signal(SIGCONT);
-  }
-
-  Resources resources() const {
-    const auto heap = callers_->ask<ProxyFigures>({}).heapInUse;
-    auto resources = callers_->resources();
-    resources.heap = heap;
-    return resources;
-  }
-
-  void report(const Resources& before) const {
-    const auto figures = callers_->ask<ProxyFigures>({});
-    const auto after = resources();
-    rows_.atLeast("kill -9 of a service with " + formatted(run_.form.sessions) + " sessions",
-                  static_cast<double>(number_ - 2), run_.form.serviceKills,
-                  inFullForm(run_.form.serviceKills, Form().serviceKills));
-    rows_.note("until all follow again, longest", back_, "s");
-    rows_.note("calls", static_cast<double>(figures.calls), "",
-               formatted(static_cast<double>(figures.lost)) + " lost with their service");
-    rows_.exactly("calls without an end", static_cast<double>(unended(figures)), 0);
-    rows_.exactly("calls that have ended twice", static_cast<double>(figures.again), 0);
-    rows_.exactly("calls timed out or refused", static_cast<double>(figures.otherEnds), 0);
-    rows_.exactly("wrong replies", static_cast<double>(figures.wrong), 0);
-    rows_.exactly("calls carried out twice", static_cast<double>(twice(figures.calls)), 0);
-    rows_.note("events", static_cast<double>(figures.events), "");
-    rows_.exactly("events that are not the last one first, once a connection",
-                  static_cast<double>(figures.unordered), 0);
-    rows_.exactly("events left out", static_cast<double>(figures.gaps), 0);
-    rows_.exactly("events doubled", static_cast<double>(figures.doubled), 0);
-    rows_.heap("callers", before.heap, after.heap);
-    rows_.atMost("memory gained by the callers",
-                 static_cast<double>(after.kilobytes) - static_cast<double>(before.kilobytes), "kB",
-                 512, "holes that queues of varied length have left");
-    rows_.exactly("descriptors of the callers", static_cast<double>(after.descriptors),
-                  static_cast<double>(before.descriptors));
-  }
-
-  static std::uint64_t unended(const ProxyFigures& figures) {
-    return figures.calls - figures.replies - figures.lost - figures.otherEnds;
-  }
-
-  static std::ptrdiff_t twice(std::uint64_t calls) {
-    return std::count_if(carriedOut, carriedOut + std::min<std::uint64_t>(calls + 1, kMostCalls),
-                         [](std::uint8_t times) { return times > 1; });
-  }
-
-  const Run& run_;
-  const Rows rows_;
-  const std::string name_ = freshName();
-  const unsigned stalling_ = run_.form.sessions / 10;
-  const ProcessPtr callers_ =
-      start<Followers>("callers", ProxiesSetup{name_, run_.form.sessions - stalling_, false});
-  const ProcessPtr stalled_ = start<Followers>("stalled", ProxiesSetup{name_, stalling_, true});
-  ProcessPtr service_;
-  std::uint64_t number_ = 0;  // of the service's run
-  Clock::time_point began_;
-  double back_ = 0;  // seconds
+  const Commands commands_{{
+      {"ready",
+       [this](auto run, auto) {
+         wanted_ = run;
+         timer_->arm(0);
+       }},
+      {"call-ends",
+       [this](auto, auto) {
+         wanted_ = 0;
+         std::for_each(all_.begin(), all_.end(), [](const auto& one) { one->stopCalling(); });
+         timer_->arm(0);
+       }},
+      {"figures",
+       [this](auto, auto) {
+         const Figures& its = figures_;
+         answer(Tovik::object("calls", its.calls, "replies", its.replies, "lost", its.lost,
+                              "otherEnds", its.otherEnds, "wrong", its.wrong, "again", its.again,
+                              "events", its.events, "unordered", its.unordered, "gaps", its.gaps,
+                              "doubled", its.doubled, "heap", heapInUse()));
+       }},
+  }};
 };
 
 }  // namespace
 
-void services(const Run& run, const std::string& scenario) {
-  void* const memory = ::mmap(nullptr, kMostCalls, PROT_READ | PROT_WRITE,
-                              MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  if (memory == MAP_FAILED) {
-    throw std::bad_alloc();
-  }
-  carriedOut = static_cast<std::uint8_t*>(memory);
-  Killing(run, scenario).play(scenario);
-  ::munmap(memory, kMostCalls);
+void runService(const Tovik::Message& setup) {
+  play<Served>(setup);
+}
+
+void runProxies(const Tovik::Message& setup) {
+  play<Followers>(setup);
 }
 
 }  // namespace Soak

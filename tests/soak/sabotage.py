@@ -1,8 +1,10 @@
-"""Lets the soak program meet servers with faults: it has to find just what each fault spoils."""
+"""Lets the soak meet servers with faults: it has to find just what each fault spoils."""
 
+import pathlib
 import json
 import subprocess
 import sys
+import tempfile
 
 # Fault, scenario, and the figures that have to be bad.
 FAULTS = [
@@ -21,11 +23,11 @@ FAULTS = [
 ]
 
 
-def bad_figures(program, results, fault, scenario):
-    """What the program calls bad."""
-    run = subprocess.run([program, "--short", "--only", scenario, "--sabotage", fault,
-                          "--json", results], stdout=subprocess.PIPE, text=True, check=False)
-    with open(results, encoding="ascii") as file:
+def bad_figures(fault, scenario):
+    with tempfile.NamedTemporaryFile() as file:
+        run = subprocess.run([sys.executable, "-B", pathlib.Path(__file__).with_name("soak.py"),
+                              *sys.argv[1:], "--only", scenario, "--sabotage", fault,
+                              "--json", file.name], stdout=subprocess.PIPE, text=True)
         rows = json.load(file)["rows"]
     bad = {row["what"] for row in rows if row["verdict"] == "BAD"}
     if run.returncode != (1 if bad else 0):
@@ -33,13 +35,8 @@ def bad_figures(program, results, fault, scenario):
     return bad
 
 
-def main():
-    program, results = sys.argv[1:]
-    for fault, scenario, expected in FAULTS:
-        bad = bad_figures(program, results, fault, scenario)
-        if bad != expected:
-            sys.exit(f"{fault}: bad are {sorted(bad)} and not {sorted(expected)}")
-        print(f"{fault}: noticed")
-
-
-main()
+for fault, scenario, expected in FAULTS:
+    bad = bad_figures(fault, scenario)
+    if bad != expected:
+        sys.exit(f"{fault}: bad are {sorted(bad)} and not {sorted(expected)}")
+    print(f"{fault}: noticed")
