@@ -178,7 +178,7 @@ class Run {
     require(writes == (expectWrite ? 1 : 0) || (stuck_ && writes == 0), "the write event");
     if (writes == 1) {
       flushed();
-      stuck_ = attached_ && interest_ && (poll() & POLLOUT) != 0;
+      stuck_ = attached_ && interest_ && (isTooLarge(queue_.front()) || (poll() & POLLOUT) != 0);
     }
     require(sender_.isAttached() == attached_, "whether the sender is attached after a turn");
     requireQueue();
@@ -324,7 +324,7 @@ class Run {
   bool attached_ = false;
   bool peerOpen_ = false;
   bool interest_ = false;
-  bool stuck_ = false;  // a write event left interest on and room: the next may take its time
+  bool stuck_ = false;  // a record cannot be written: the next write event takes its time
   bool reset_ = false;  // the peer left without reading all; the next call to the socket says so
   bool peerReset_ = false;         // the same, the other way round
   bool peerResetPerhaps_ = false;  // kernels differ about unread records without bytes
