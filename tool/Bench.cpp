@@ -57,8 +57,8 @@ struct Measurement {
 
 class BenchClient : private Session {
  public:
-  BenchClient(const std::string& name, const Common& common, Measurement& measurement)
-      : Session(name, common), measurement_(measurement), limit_(common.timeLimit()) {
+  BenchClient(const std::string& name, Measurement& measurement)
+      : Session(name), measurement_(measurement), limit_(common.timeLimit()) {
     late_.limit(limit_);
   }
 
@@ -95,8 +95,7 @@ class BenchClient : private Session {
 /// On standard error, if that is a terminal; drawn once for each percent.
 class ProgressBar {
  public:
-  explicit ProgressBar(const Common& common)
-      : wanted_(!common.quiet && ::isatty(STDERR_FILENO) != 0) {}
+  ProgressBar() : wanted_(!common.quiet && ::isatty(STDERR_FILENO) != 0) {}
   ProgressBar(const ProgressBar&) = delete;
   ProgressBar& operator=(const ProgressBar&) = delete;
   ~ProgressBar() { write("\r\x1b[K"); }
@@ -170,8 +169,8 @@ void printObject(const BenchOptions& options, const std::vector<double>& times, 
   output.message(object.text());
 }
 
-void print(const BenchOptions& options, const Common& common, Measurement& measurement) {
-  Output output(common);
+void print(const BenchOptions& options, Measurement& measurement) {
+  Output output;
   auto& times = measurement.times;
   const double elapsed = microseconds(Clock::now() - measurement.begin) / 1e6;
   std::sort(times.begin(), times.end());
@@ -191,7 +190,7 @@ void print(const BenchOptions& options, const Common& common, Measurement& measu
 }
 
 /// An interrupted measurement has its results, too.
-void bench(const BenchOptions& options, const Common& common) {
+void bench(const BenchOptions& options) {
   Run run(Ending::kIsFailure);
   Measurement measurement;
   const auto size = static_cast<std::size_t>(options.size);  // no more than a record holds
@@ -201,10 +200,10 @@ void bench(const BenchOptions& options, const Common& common) {
   measurement.begin = Clock::now();
   std::list<BenchClient> clients;
   for (std::uint64_t i = 0; i < options.clients; ++i) {
-    clients.emplace_back(options.name, common, measurement);
+    clients.emplace_back(options.name, measurement);
   }
   try {
-    ProgressBar bar(common);
+    ProgressBar bar;
     run.until([&] {
       const bool done = measurement.toFinish == 0;
       done ? void() : bar.show(options.count - measurement.toFinish, options.count);
@@ -212,23 +211,23 @@ void bench(const BenchOptions& options, const Common& common) {
     });
   } catch (const Interrupted&) {
     if (!measurement.times.empty()) {
-      print(options, common, measurement);
+      print(options, measurement);
     }
     throw;
   }
-  print(options, common, measurement);
+  print(options, measurement);
 }
 
 }  // namespace
 
-void addBench(Program& program) {
-  auto [verb, options] = program.verb<BenchOptions>(
-      "bench", "measures round trips",
+void addBench(CLI::App& program) {
+  auto [verb, options] = addVerb(
+      program, "bench", "measures round trips",
       "Sends {\"pad\":\"...\"}, waits for the reply, and so on; any status counts. Prints the "
       "rate, percentiles and a histogram, also after Ctrl-C. The time-out, 5 seconds, is for each "
       "reply.",
       bench);
-  verb.argument(kName, Needed::kYes, name(options.name))
+  verb.argument(kName, name(options.name))
       .option("--size", "BYTES", number(options.size, 10, kLargestText),
               "size of the message (64 unless given)")
       .option("--clients", "N", number(options.clients, 1, 1000),

@@ -118,7 +118,7 @@ void requireReply(const std::string& record, const Lint& judged, Output& output)
 /// A reply with an id answers the message of that id; what else comes meanwhile is only reported.
 /// Replies with "more" are followed by others.
 Lint answerTo(const std::string& message, Caller& caller, Run& run, const CallOptions& options,
-              const Common& common, Output& output) {
+              Output& output) {
   const auto id = memberText(message, "id");
   caller.ask(message);
   while (true) {
@@ -140,8 +140,8 @@ Lint answerTo(const std::string& message, Caller& caller, Run& run, const CallOp
   }
 }
 
-void call(const CallOptions& options, const Common& common) {
-  Output output(common);
+void call(const CallOptions& options) {
+  Output output;
   Run run(Ending::kIsFailure);
   Messages messages(run, options.text, 1);
   std::optional<Caller> caller;  // made for the first message: bad input connects to nothing
@@ -151,9 +151,9 @@ void call(const CallOptions& options, const Common& common) {
   std::string error;
   while (const auto message = messages.next()) {
     if (!caller) {
-      caller.emplace(options.name, common);
+      caller.emplace(options.name);
     }
-    const Lint judged = answerTo(*message, *caller, run, options, common, output);
+    const Lint judged = answerTo(*message, *caller, run, options, output);
     ++answers;
     if (!options.allows(judged.replyStatus)) {
       ++disallowed;
@@ -173,16 +173,16 @@ void call(const CallOptions& options, const Common& common) {
 
 }  // namespace
 
-void addCall(Program& program) {
-  auto [verb, options] = program.verb<CallOptions>(
-      "call", "sends messages and waits for each reply",
+void addCall(CLI::App& program) {
+  auto [verb, options] = addVerb(
+      program, "call", "sends messages and waits for each reply",
       "Sends one message, or those of standard input, each from the beginning of a line; waits for "
       "the reply before the next, and prints its result, or its status if it has none. What must "
       "not be sent ends the command; if standard input is a file, all of it is checked before "
       "anything is sent. The time-out, 5 seconds, is for each reply.",
       call);
-  verb.argument(kName, Needed::kYes, name(options.name))
-      .argument("JSON", Needed::kNo, text(options.text))
+  verb.argument(kName, name(options.name))
+      .argument("[JSON]", text(options.text))
       .option("--ok", "N", number(options.ok, 0, 2147483647U),
               "take status N for success (repeatable; 0 unless given)")
       .flag("--status-only", options.statusOnly, "print the status as a bare number")

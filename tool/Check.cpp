@@ -98,9 +98,9 @@ void print(const Lint& judged, const Verdict& verdict, std::size_t line, Output&
   output.line(good ? text : text + ", " + verdict.fault);
 }
 
-void check(const CheckOptions& options, const Common& common) {
+void check(const CheckOptions& options) {
   Run run(Ending::kIsFailure);
-  Output output(common);
+  Output output;
   std::uint64_t checked = 0;
   std::uint64_t faulty = 0;
   const auto take = [&](const std::string& line, std::size_t number) {
@@ -129,15 +129,15 @@ void check(const CheckOptions& options, const Common& common) {
 
 }  // namespace
 
-void addCheck(Program& program) {
-  auto [verb, options] = program.verb<CheckOptions>(
-      "check", "lints messages, one a line",
+void addCheck(CLI::App& program) {
+  auto [verb, options] = addVerb(
+      program, "check", "lints messages, one a line",
       "Checks each line of the file: is it JSON, an object, short enough for a record, a "
       "notification switch or a reply, and would it end a process that receives it? An argument "
       "that begins like JSON is the message itself, not a file. Without an argument, standard "
       "input is read.",
       check);
-  verb.argument(kFile, Needed::kNo, text(options.what))
+  verb.argument("[FILE]", text(options.what))
       .flag("--reply", options.reply, "judge the lines as answers to a call");
 }
 

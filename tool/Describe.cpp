@@ -100,26 +100,26 @@ void printPage(Output& output, const Value& whole) {
   }
 }
 
-void describe(const std::string& name, const Common& common) {
+void describe(const std::string& name) {
   Run run(Ending::kIsFailure);
-  Describer describer(name, common);
+  Describer describer(name);
   const double limit = common.timeLimit();
   run.within(
       limit, [&] { return describer.complete(); }, [&] { return describer.lateText(limit); });
-  Output output(common);
+  Output output;
   output.json() ? output.message(Tovik::Message::toStr(describer.whole(), false).data())
                 : printPage(output, describer.whole());
 }
 
 }  // namespace
 
-void addDescribe(Program& program) {
-  auto [verb, server] = program.verb<std::string>(
-      "describe", "prints what a service says about itself",
+void addDescribe(CLI::App& program) {
+  auto [verb, server] = addVerb(
+      program, "describe", "prints what a service says about itself",
       "Asks with {\"command\":\"describe\"}, and prints the commands with their arguments, and the "
       "topics. The time-out is 5 seconds.",
       describe);
-  verb.argument(kName, Needed::kYes, name(server));
+  verb.argument(kName, name(server));
 }
 
 }  // namespace tool

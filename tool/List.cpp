@@ -24,7 +24,7 @@ struct ListOptions {
   bool watch = false;
 };
 
-std::vector<Listener> chosen(const ListOptions& options, const Common& common) {
+std::vector<Listener> chosen(const ListOptions& options) {
   auto found = listeners(options.all);
   const auto other = [&](const Listener& listener) {
     return common.serverUid && listener.uid != common.serverUid;
@@ -68,13 +68,13 @@ void tell(const std::set<std::string>& in, const std::set<std::string>& notIn, b
 }
 
 /// Tells what comes and goes, as long as it is wanted. Names that several have count once.
-void watch(const ListOptions& options, const Common& common, Output& output) {
+void watch(const ListOptions& options, Output& output) {
   constexpr double kLookAgain = 0.1;
   Run run(Ending::kIsSuccess);
   std::set<std::string> before;
   const auto look = [&] {
     std::set<std::string> now;
-    for (const Listener& listener : chosen(options, common)) {
+    for (const Listener& listener : chosen(options)) {
       now.insert(listener.name);
     }
     tell(before, now, false, output);
@@ -85,12 +85,12 @@ void watch(const ListOptions& options, const Common& common, Output& output) {
   run.until(look, 0, kLookAgain);
 }
 
-void list(const ListOptions& options, const Common& common) {
-  Output output(common);
+void list(const ListOptions& options) {
+  Output output;
   if (options.watch) {
-    return watch(options, common, output);
+    return watch(options, output);
   }
-  const auto found = chosen(options, common);
+  const auto found = chosen(options);
   options.longForm ? printLong(found, options.all, output) : printNames(found, options.all, output);
   if (found.empty() && output.terminal()) {
     notice("no server listens; 'tovik serve NAME' starts one.");
@@ -99,9 +99,9 @@ void list(const ListOptions& options, const Common& common) {
 
 }  // namespace
 
-void addList(Program& program) {
-  auto [verb, options] = program.verb<ListOptions>(
-      "list", "names the servers that listen on this machine",
+void addList(CLI::App& program) {
+  auto [verb, options] = addVerb(
+      program, "list", "names the servers that listen on this machine",
       "The names come straight from the kernel's table of sockets: there is no registry and no "
       "daemon to ask. One name a line, sorted; unprintable bytes are escaped as in a shell's "
       "$'...'. With --server-uid, only that user's servers. On a terminal, --long has headings.",

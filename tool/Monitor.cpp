@@ -79,10 +79,8 @@ class Condition {
 /// What the monitored servers' messages come together in.
 class Printer {
  public:
-  Printer(const MonitorOptions& options, const Common& common)
-      : options_(options),
-        output_(common),
-        conditions_(options.where.begin(), options.where.end()) {}
+  Printer(const MonitorOptions& options)
+      : options_(options), conditions_(options.where.begin(), options.where.end()) {}
 
   bool done() const { return printed_ == options_.count; }
 
@@ -136,9 +134,8 @@ std::string subscription(const MonitorOptions& options) {
 
 class Monitor : private Session {
  public:
-  Monitor(const std::string& name, const MonitorOptions& options, const Common& common,
-          Printer& printer)
-      : Session(name, common, options.noReconnect ? 0 : kReconnectSeconds),
+  Monitor(const std::string& name, const MonitorOptions& options, Printer& printer)
+      : Session(name, options.noReconnect ? 0 : kReconnectSeconds),
         options_(options),
         printer_(printer) {
     patience_.arm(kPatience);
@@ -219,15 +216,15 @@ class Monitor : private Session {
   bool troubled_ = false;
 };
 
-void monitor(const MonitorOptions& options, const Common& common) {
+void monitor(const MonitorOptions& options) {
   for (const std::string& text : options.send) {
     sendable(text, "the message for --send");
   }
   Run run(Ending::kIsSuccess);
-  Printer printer(options, common);
+  Printer printer(options);
   std::list<Monitor> monitors;
   for (const std::string& name : options.names) {
-    monitors.emplace_back(name, options, common, printer);
+    monitors.emplace_back(name, options, printer);
   }
   const double limit = common.timeLimit(0);
   run.within(
@@ -240,16 +237,16 @@ void monitor(const MonitorOptions& options, const Common& common) {
 
 }  // namespace
 
-void addMonitor(Program& program) {
-  auto [verb, options] = program.verb<MonitorOptions>(
-      "monitor", "subscribes and prints what comes",
+void addMonitor(CLI::App& program) {
+  auto [verb, options] = addVerb(
+      program, "monitor", "subscribes and prints what comes",
       "Subscribes and prints each message, one a line, with the server's name if there are "
       "several. After a loss it reconnects by itself, every second, and says so on standard error; "
       "what was sent in between is lost. There is no time-out unless one is given, for the whole "
       "run.",
       monitor);
   verb.alias("subscribe")
-      .argument("NAME...", Needed::kYes, name(options.names))
+      .argument("NAME...", name(options.names))
       .option("--count", "N", number(options.count, 1, UINT64_MAX), "end after N messages")
       .flag("--no-reconnect", options.noReconnect, "end when the connection is lost")
       .option("--topic", "TOPIC", text(options.topics),

@@ -87,7 +87,7 @@ std::string coloured(const std::string& json) {
 
 }  // namespace
 
-Output::Output(const Common& common)
+Output::Output()
     : json_(!common.json.empty() || common.jsonByTerminal),
       quiet_(common.quiet),
       terminal_(::isatty(STDOUT_FILENO) != 0),

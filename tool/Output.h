@@ -11,7 +11,7 @@ namespace tool {
 /// Results, on standard output: each is written whole and at once.
 class Output {
  public:
-  explicit Output(const Common& common);
+  Output();
 
   // All of these throw `OutputClosed` if nobody reads any more, and a failure if what is read
   // cannot be written.

@@ -24,7 +24,7 @@ void requireListening(const std::vector<std::string>& names, const Table& table)
   }
 }
 
-void peers(const std::vector<std::string>& names, const Common& common) {
+void peers(const std::vector<std::string>& names) {
   Table table = kernelTable(false);
   if (!table.byNetlink) {
     throw Failure(Exit::kUsage,
@@ -38,7 +38,7 @@ void peers(const std::vector<std::string>& names, const Common& common) {
   };
   connections.erase(std::remove_if(connections.begin(), connections.end(), other),
                     connections.end());
-  Output output(common);
+  Output output;
   std::vector<Entry> entries;
   std::size_t hidden = 0;
   for (const Process& process : Owners().of(inodesOf(connections, &Connection::client))) {
@@ -54,9 +54,9 @@ void peers(const std::vector<std::string>& names, const Common& common) {
 
 }  // namespace
 
-void addPeers(Program& program) {
-  auto [verb, names] = program.verb<std::vector<std::string>>(
-      "peers", "shows who is connected to servers",
+void addPeers(CLI::App& program) {
+  auto [verb, names] = addVerb(
+      program, "peers", "shows who is connected to servers",
       "A line for each connection: the client's process, its user and age, the bytes that the "
       "server and the client have not read yet, and what is wrong: 'waiting' is not accepted yet, "
       "'stalled' does not read, so that the server cannot write, 'server-stalls' is the reverse; "
@@ -64,7 +64,7 @@ void addPeers(Program& program) {
       "notices. Without a name, the connections of all servers. Only root sees the processes of "
       "other users.",
       peers);
-  verb.argument("NAME...", Needed::kNo, name(names));
+  verb.argument("[NAME...]", name(names));
 }
 
 }  // namespace tool

@@ -63,8 +63,8 @@ bool parseRecording(std::string_view line, Record& record) {
          !record.text.empty();
 }
 
-RecordLog::RecordLog(const Common& common, const std::string& file, bool timestamps)
-    : output_(common), file_(file), timestamps_(timestamps) {
+RecordLog::RecordLog(const std::string& file, bool timestamps)
+    : file_(file), timestamps_(timestamps) {
   if (!file.empty()) {
     fd_ = ::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     if (fd_ < 0) {

@@ -32,7 +32,7 @@ bool parseRecording(std::string_view line, Record& record);
 /// Shows records on standard output, and appends them to a file if it has a name, each at once.
 class RecordLog {
  public:
-  RecordLog(const Common& common, const std::string& file, bool timestamps);
+  RecordLog(const std::string& file, bool timestamps);
   RecordLog(const RecordLog&) = delete;
   RecordLog& operator=(const RecordLog&) = delete;
   ~RecordLog();

@@ -80,8 +80,8 @@ class Conversation;
 class Side : public Session {
  public:
   template <class Way>
-  Side(Conversation& conversation, const std::string& name, const Common& common, Way way)
-      : Session(name, common, way), conversation_(conversation) {}
+  Side(Conversation& conversation, const std::string& name, Way way)
+      : Session(name, way), conversation_(conversation) {}
 
   void pass(const std::string& text);
   bool hasAll() const { return gone_ || (allWritten() && allTaken()); }
@@ -104,16 +104,14 @@ class Side : public Session {
 /// One client's way to the server.
 class Conversation {
  public:
-  Conversation(const RelayOptions& options, const Common& common, RecordLog& log, Record stamp,
-               int clientFd)
+  Conversation(const RelayOptions& options, RecordLog& log, Record stamp, int clientFd)
       : options_(options),
-        common_(common),
         log_(log),
         stamp_(std::move(stamp)),
-        client_(*this, "the client", common, Session::AcceptedFd{clientFd}),
-        server_(*this, options.upstream, common, 0.0) {
+        client_(*this, "the client", Session::AcceptedFd{clientFd}),
+        server_(*this, options.upstream, 0.0) {
     say("process " + std::to_string(stamp_.pid) + ", uid " + std::to_string(stamp_.uid) + ".");
-    limit_.limit(common_.timeLimit());  // for the connection
+    limit_.limit(common.timeLimit());  // for the connection
   }
 
   bool over() const { return over_; }
@@ -140,7 +138,7 @@ class Conversation {
   void leave(const Side& side, const std::string& why) {
     if (!std::exchange(leaving_, true)) {
       say(&side == &client_ ? "the client left." : why);
-      limit_.limit(common_.timeLimit());
+      limit_.limit(common.timeLimit());
       look_.arm(0);  // not from here: a side's callback runs
     }
   }
@@ -169,7 +167,7 @@ class Conversation {
 
   std::string late() const {
     return leaving_ ? "the other side did not read on; dropped."
-                    : server_.lateText(common_.timeLimit());
+                    : server_.lateText(common.timeLimit());
   }
 
   void say(const std::string& what) const {
@@ -177,7 +175,6 @@ class Conversation {
   }
 
   const RelayOptions& options_;
-  const Common& common_;
   RecordLog& log_;
   Record stamp_;
   bool leaving_ = false;
@@ -222,13 +219,13 @@ void Side::notConnected(int error) {
   conversation_.leave(*this, notConnectedFailure(error).what());
 }
 
-void relay(const RelayOptions& options, const Common& common) {
+void relay(const RelayOptions& options) {
   if (options.name == options.upstream) {
     throw Failure(Exit::kUsage,
                   inQuotes(options.name) + " would be its own server; name another one.");
   }
   Run run(Ending::kIsSuccess);
-  RecordLog log(common, options.record, options.timestamps);
+  RecordLog log(options.record, options.timestamps);
   std::list<Conversation> conversations;
   Record stamp;
   listening(options.name, [&] {
@@ -236,7 +233,7 @@ void relay(const RelayOptions& options, const Common& common) {
       ++stamp.connection;
       stamp.pid = pid;
       stamp.uid = uid;
-      conversations.emplace_back(options, common, log, stamp, fd);
+      conversations.emplace_back(options, log, stamp, fd);
     });
     notice("listening under " + inQuotes(options.name) + " for " + inQuotes(options.upstream) +
            "; Ctrl-C ends.");
@@ -249,16 +246,16 @@ void relay(const RelayOptions& options, const Common& common) {
 
 }  // namespace
 
-void addRelay(Program& program) {
-  auto [verb, options] = program.verb<RelayOptions>(
-      "relay", "stands between clients and a server and shows both directions",
+void addRelay(CLI::App& program) {
+  auto [verb, options] = addVerb(
+      program, "relay", "stands between clients and a server and shows both directions",
       "Listens under NAME, connects to UPSTREAM for each client, and passes every record on, byte "
       "for byte. Admits its own user and root. The server sees the relay's credentials, not the "
       "clients'. The time-out, 5 seconds, is for connecting, and for one side to read what is left "
       "after the other has closed.",
       relay);
-  verb.argument(kName, Needed::kYes, name(options.name))
-      .argument("UPSTREAM", Needed::kYes, name(options.upstream))
+  verb.argument(kName, name(options.name))
+      .argument("UPSTREAM", name(options.upstream))
       .option("--record", kFile, text(options.record),
               "append every record to FILE, as JSON lines: time, direction, connection, pid, uid, "
               "text; 'tovik replay' plays them")

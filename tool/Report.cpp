@@ -10,11 +10,11 @@
 #include <iterator>
 #include <sstream>
 
+#include "tool/Verb.h"
+
 namespace tool {
 
 namespace {
-
-bool quiet = false;
 
 struct Range {
   std::uint32_t first;
@@ -81,13 +81,9 @@ void report(std::string_view sentence) {
 }
 
 void notice(std::string_view sentence) {
-  if (!quiet) {
+  if (!common.quiet) {
     report(sentence);
   }
-}
-
-void setQuiet(bool wanted) {
-  quiet = wanted;
 }
 
 std::size_t printableLength(std::string_view text) {

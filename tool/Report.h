@@ -54,7 +54,6 @@ void report(std::string_view sentence);
 
 /// A report that -q suppresses.
 void notice(std::string_view sentence);
-void setQuiet(bool wanted);
 
 /// The text with everything that does not print, or not as itself, (and the backslash) in the
 /// notation of a shell's $'...': no name or message can play with a terminal, or look like another

@@ -53,11 +53,11 @@ class Sender : public Session {
   bool closed_ = false;
 };
 
-void sendAll(const SendOptions& options, const Common& common) {
+void sendAll(const SendOptions& options) {
   constexpr double kLookAgain = 0.005;
   Run run(Ending::kIsFailure);
   Messages messages(run, options.text, options.count.value_or(1));
-  Sender sender(options.name, common);
+  Sender sender(options.name);
   const double limit = common.timeLimit();
   const auto wroteAll = [&] { return sender.wroteAll(); };
   const auto late = [&] { return sender.lateText(limit); };
@@ -79,14 +79,13 @@ void sendAll(const SendOptions& options, const Common& common) {
 
 }  // namespace
 
-void addSend(Program& program) {
-  auto [verb, options] =
-      program.verb<SendOptions>("send", "sends messages without waiting for replies",
-                                "Ends when the server has read all of them. The time-out, 5 "
-                                "seconds, is for the server to take each message.",
-                                sendAll);
-  verb.argument(kName, Needed::kYes, name(options.name))
-      .argument("JSON", Needed::kNo, text(options.text))
+void addSend(CLI::App& program) {
+  auto [verb, options] = addVerb(program, "send", "sends messages without waiting for replies",
+                                 "Ends when the server has read all of them. The time-out, 5 "
+                                 "seconds, is for the server to take each message.",
+                                 sendAll);
+  verb.argument(kName, name(options.name))
+      .argument("[JSON]", text(options.text))
       .option("--count", "N", number(options.count, 1, UINT64_MAX),
               "send the message N times, or at most N lines")
       .option("--interval", "SECONDS", seconds(options.interval), "pause between two messages");

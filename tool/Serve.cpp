@@ -77,12 +77,11 @@ std::string contentOf(Run& run, const std::string& file) {
 /// The server: it can ask to forget connections before they are freed.
 class StandIn : public Tovik::Server {
  public:
-  StandIn(const ServeOptions& options, const Common& common, std::string description)
+  StandIn(const ServeOptions& options, std::string description)
       : Server(
             options.name, [this](auto& client, const auto& message) { take(client, message); },
             validator(options.admitted)),
         options_(options),
-        output_(common),
         answer_(resultFor(options.answer, "the answer")),
         description_(std::move(description)) {
     notice("listening under " + inQuotes(options.name) + "; Ctrl-C ends.");
@@ -194,7 +193,7 @@ void explainAbort(int /*signal*/) {
   [[maybe_unused]] const auto written = ::write(STDERR_FILENO, text, sizeof text - 1);
 }
 
-void serve(const ServeOptions& options, const Common& common) {
+void serve(const ServeOptions& options) {
   std::signal(SIGABRT, explainAbort);
   Run run(Ending::kIsSuccess);
   std::string description = resultFor(contentOf(run, options.describe), "the description");
@@ -203,7 +202,7 @@ void serve(const ServeOptions& options, const Common& common) {
     lines.emplace(run, options.notify, "type messages to broadcast, one a line.");
   }
   listening(options.name, [&] {
-    StandIn standIn(options, common, std::move(description));
+    StandIn standIn(options, std::move(description));
     while (const auto line = lines ? lines->next() : std::nullopt) {
       isBlank(*line) ? void() : standIn.broadcast(*line, lines->number());
     }
@@ -213,13 +212,13 @@ void serve(const ServeOptions& options, const Common& common) {
 
 }  // namespace
 
-void addServe(Program& program) {
-  auto [verb, options] = program.verb<ServeOptions>(
-      "serve", "a stand-in server to test clients against",
+void addServe(CLI::App& program) {
+  auto [verb, options] = addVerb(
+      program, "serve", "a stand-in server to test clients against",
       "Prints each message and answers it. It is a real server: valid JSON of the wrong shape ends "
       "its process, as it ends any server's. Admits its own user and root unless told otherwise.",
       serve);
-  verb.argument(kName, Needed::kYes, name(options.name))
+  verb.argument(kName, name(options.name))
       .option("--status", "N", number(options.status, 0, kUint32),
               "answer with status N (0 unless given)")
       .option("--answer", "JSON", text(options.answer), "answer with this result")

@@ -15,12 +15,12 @@ namespace tool {
 class Session : public Tovik::AsyncSender {
  public:
   /// The first attempt to connect happens from the loop.
-  Session(std::string name, const Common& common, double reconnectSeconds = 0);
+  Session(std::string name, double reconnectSeconds = 0);
   /// The other end: a connection that a server has accepted.
   struct AcceptedFd {
     int fd;
   };
-  Session(std::string name, const Common& common, AcceptedFd client);
+  Session(std::string name, AcceptedFd client);
 
   const std::string& name() const { return name_; }
 
@@ -61,7 +61,6 @@ class Session : public Tovik::AsyncSender {
   void terminateConnection() override;
 
   const std::string name_;
-  const Common& common_;
   const double reconnectSeconds_;
   bool full_ = false;
   int lossError_ = 0;

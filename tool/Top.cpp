@@ -166,7 +166,7 @@ int resizes() {
 
 class Top {
  public:
-  explicit Top(const Common& common) : output_(common) { look_.arm(0); }
+  Top() { look_.arm(0); }
   Top(const Top&) = delete;
   Top& operator=(const Top&) = delete;
   ~Top() {
@@ -341,8 +341,8 @@ class Top {
   Alarm look_{[this] { look(); }};
 };
 
-void top(const TopOptions& options, const Common& common) {
-  Output output(common);
+void top(const TopOptions& options) {
+  Output output;
   if (options.once || output.json()) {
     auto servers = Looks().look();
     sortBy(kColumns[0], servers);
@@ -355,14 +355,14 @@ void top(const TopOptions& options, const Common& common) {
   if (::isatty(STDIN_FILENO) == 0 || ::isatty(STDOUT_FILENO) == 0) {
     throw Failure(Exit::kUsage, "top needs a terminal; --once prints one table, --json objects.");
   }
-  Top(common).run();
+  Top().run();
 }
 
 }  // namespace
 
-void addTop(Program& program) {
-  auto [verb, options] = program.verb<TopOptions>(
-      "top", "shows live what servers do",
+void addTop(CLI::App& program) {
+  auto [verb, options] = addVerb(
+      program, "top", "shows live what servers do",
       "A line for each server: the processor time and memory of its process, connections, the "
       "bytes that nobody has read yet, connections whose buffer is full, clients that wait in the "
       "backlog and its size, process, user and state. It looks once a second. Keys sort, filter "

@@ -19,8 +19,7 @@ struct WaitOptions {
   bool gone = false;
 };
 
-std::string lateText(const std::vector<std::string>& missing, const WaitOptions& options,
-                     const Common& common) {
+std::string lateText(const std::vector<std::string>& missing, const WaitOptions& options) {
   std::string names;
   for (const std::string& name : missing) {
     names += (names.empty() ? "" : ", ") + inQuotes(name);
@@ -34,10 +33,10 @@ std::string lateText(const std::vector<std::string>& missing, const WaitOptions&
          (one ? "it, or give it" : "them, or give them") + " more with --timeout.";
 }
 
-void waitFor(const WaitOptions& options, const Common& common) {
+void waitFor(const WaitOptions& options) {
   constexpr double kLookAgain = 0.02;
   Run run(Ending::kIsFailure);
-  Output output(common);
+  Output output;
   auto missing = options.names;
   const auto look = [&] {
     const auto found = listeners(false);
@@ -54,18 +53,17 @@ void waitFor(const WaitOptions& options, const Common& common) {
     return missing.empty();
   };
   run.within(
-      common.timeLimit(), look, [&] { return lateText(missing, options, common); }, kLookAgain);
+      common.timeLimit(), look, [&] { return lateText(missing, options); }, kLookAgain);
 }
 
 }  // namespace
 
-void addWait(Program& program) {
-  auto [verb, options] =
-      program.verb<WaitOptions>("wait", "waits until each server listens",
-                                "Looks into the kernel's table and does not connect, so the "
-                                "servers notice nothing. The time-out is 5 seconds.",
-                                waitFor);
-  verb.argument("NAME...", Needed::kYes, name(options.names))
+void addWait(CLI::App& program) {
+  auto [verb, options] = addVerb(program, "wait", "waits until each server listens",
+                                 "Looks into the kernel's table and does not connect, so the "
+                                 "servers notice nothing. The time-out is 5 seconds.",
+                                 waitFor);
+  verb.argument("NAME...", name(options.names))
       .flag("--gone", options.gone, "wait until none of them listens");
 }
 
