@@ -3,12 +3,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <list>
 #include <string>
 #include <utility>
@@ -31,12 +29,6 @@ constexpr std::size_t kBeforeBar = 32;  // columns of the histogram
 
 double microseconds(Clock::duration duration) {
   return std::chrono::duration<double, std::micro>(duration).count();
-}
-
-std::string rounded(double value) {
-  std::array<char, 32> text{};
-  std::snprintf(text.data(), text.size(), "%.1f", value);
-  return text.data();
 }
 
 struct BenchOptions {
@@ -134,7 +126,7 @@ std::string rightAligned(const std::string& text, std::size_t width) {
 }
 
 /// One line for each doubling of the time.
-void printHistogram(const std::vector<double>& times, Output& output) {
+void printHistogram(const std::vector<double>& times) {
   std::vector<std::size_t> counts;
   const int first = static_cast<int>(std::floor(std::log2(std::max(times.front(), 0.5))));
   for (const double time : times) {
@@ -150,43 +142,33 @@ void printHistogram(const std::vector<double>& times, Output& output) {
     const std::size_t length = (counts[i] * width + most - 1) / most;
     const std::string count = std::to_string(counts[i]);
     std::string line = "below " + rightAligned(upTo, 10) + " us " + rightAligned(count, 9);
-    line += "  " + painted(std::string(length, '#'), "32", output.colour());
-    output.line(line);
+    line += "  " + painted(std::string(length, '#'), "32");
+    printLine(line);
   }
-}
-
-void printObject(const BenchOptions& options, const std::vector<double>& times, double elapsed,
-                 Output& output) {
-  Object object;
-  object.add("count", times.size())
-      .add("size_bytes", options.size)
-      .add("clients", options.clients)
-      .add("seconds", elapsed)
-      .add("per_second", static_cast<double>(times.size()) / elapsed);
-  for (const auto& [name, share] : kPercentiles) {
-    object.add((std::string(name) + "_us").c_str(), percentile(times, share));
-  }
-  output.message(object.text());
 }
 
 void print(const BenchOptions& options, Measurement& measurement) {
-  Output output;
   auto& times = measurement.times;
   const double elapsed = microseconds(Clock::now() - measurement.begin) / 1e6;
+  const double perSecond = static_cast<double>(times.size()) / elapsed;
   std::sort(times.begin(), times.end());
-  if (output.json()) {
-    return printObject(options, times, elapsed, output);
+  if (wantsJson()) {
+    auto object = Tovik::object("count", times.size(), "size_bytes", options.size, "clients",
+                                options.clients, "seconds", elapsed, "per_second", perSecond);
+    for (const auto& [name, share] : kPercentiles) {
+      addMember(object, std::string(name) + "_us", percentile(times, share));
+    }
+    return printJson(object);
   }
-  output.line(counted(times.size(), "round trip") + " of " + counted(options.size, "byte") +
-              " in " + rounded(elapsed) + " s, " +
-              rounded(static_cast<double>(times.size()) / elapsed) + " a second");
+  printLine(counted(times.size(), "round trip") + " of " + counted(options.size, "byte") + " in " +
+            rounded(elapsed) + " s, " + rounded(perSecond) + " a second");
   std::string line;
   for (const auto& [name, share] : kPercentiles) {
     line += (line.empty() ? "" : "  ") + std::string(name) + " " +
             rounded(percentile(times, share)) + " us";
   }
-  output.line(line);
-  printHistogram(times, output);
+  printLine(line);
+  printHistogram(times);
 }
 
 /// An interrupted measurement has its results, too.

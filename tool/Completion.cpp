@@ -141,13 +141,13 @@ class Completion {
   void offer(const std::string& word, const std::string& text = {}) {
     const std::string line = text.empty() ? word : word + "\t" + text;
     if (word.rfind(current_, 0) == 0 && offered_.insert(line).second) {
-      Output().line(line);
+      printLine(line);
     }
   }
 
   void offerValues(const std::string& kind) {
     if (kind == kFile) {
-      Output().line(":files");
+      printLine(":files");
     } else if (kind == "VERB") {
       for (const CLI::App* verb : program_.get_subcommands({})) {
         offer(verb->get_name(), verb->get_description());
@@ -156,7 +156,7 @@ class Completion {
         }
       }
     } else if (kind == kName || kind == "UPSTREAM") {
-      for (const Listener& listener : listeners(false)) {
+      for (const Listener& listener : kernelTable(false).listeners) {
         offer(escaped(listener.name));
       }
     } else if (kind.find('|') != std::string::npos) {
@@ -176,7 +176,7 @@ class Completion {
 };
 
 void printCompletion(const std::string& shell) {
-  Output().text(shell == "bash" ? kBash : shell == "zsh" ? kZsh : kFish);
+  printText(shell == "bash" ? kBash : shell == "zsh" ? kZsh : kFish);
 }
 
 }  // namespace

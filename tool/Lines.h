@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -39,26 +38,6 @@ class Lines {
   std::string buffer_;
   std::size_t at_ = 0;
   std::size_t number_ = 0;
-};
-
-/// The messages that a command is to send: one from the command line, some number of times, or
-/// those of standard input, each from the beginning of a line; looked at before they are handed
-/// out. A file as standard input is looked through first.
-class Messages {
- public:
-  Messages(Run& run, const std::string& text, std::uint64_t copies);
-
-  /// The next one, as the library sends it; nothing at the end.
-  std::optional<std::string> next();
-
- private:
-  std::optional<std::string> read();
-
-  Run& run_;
-  std::string text_;      // what the command line holds
-  std::uint64_t copies_;  // how often it is to be handed out yet
-  std::size_t handedOut_ = 0;
-  std::optional<Lines> lines_;  // or where the messages come from instead
 };
 
 /// True for a line that holds nothing.

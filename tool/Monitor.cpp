@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <list>
 #include <optional>
 #include <string>
@@ -52,14 +53,14 @@ class Condition {
  private:
   /// "a.b" is a member of that name, or the member "b" of the member "a".
   bool holds(const rapidjson::Value& value, std::string_view key) const {
-    const rapidjson::Value* const whole = findMember(value, key);
+    const rapidjson::Value* const whole = Tovik::find(value, key);
     if (whole != nullptr && equals(*whole)) {
       return true;
     }
     for (std::size_t dot = key.find('.'); dot != std::string_view::npos;
          dot = key.find('.', dot + 1)) {
-      const rapidjson::Value& inner = memberOf(value, key.substr(0, dot));
-      if (inner.IsObject() && holds(inner, key.substr(dot + 1))) {
+      const rapidjson::Value* const inner = Tovik::find(value, key.substr(0, dot));
+      if (inner != nullptr && holds(*inner, key.substr(dot + 1))) {
         return true;
       }
     }
@@ -67,7 +68,8 @@ class Condition {
   }
 
   bool equals(const rapidjson::Value& found) const {
-    const bool sameText = found.IsString() && textOf(found) == value_;
+    const bool sameText =
+        found.IsString() && std::string_view(found.GetString(), found.GetStringLength()) == value_;
     return sameText || (!json_.HasParseError() && found == json_);
   }
 
@@ -93,27 +95,17 @@ class Printer {
   }
 
  private:
-  void show(const std::string& name, std::string_view json) {
+  void show(const std::string& name, std::string_view json) const {
     const bool several = options_.names.size() > 1;
-    if (!several && !options_.timestamps) {
-      return output_.message(json);
-    }
-    Object head;
-    std::string prefix;
-    if (options_.timestamps) {
-      const std::string time = timestamp();
-      head.add("time", time);
-      prefix = painted(time, "2", output_.colour()) + " ";
-    }
-    if (several) {
-      head.name(name);
-      prefix += cell(name) + " ";
-    }
-    output_.message(head, prefix, json);
+    const auto time = when(options_.timestamps, timestamp());
+    const JsonName shown(name);
+    const auto head = Tovik::object("time", time, "name", when(several, shown.text), "name_hex",
+                                    when(several && shown.hex, shown.hex.value_or("")));
+    printJson(head, (time ? painted(*time, "2") + " " : "") + (several ? cell(name) + " " : ""),
+              json);
   }
 
   const MonitorOptions& options_;
-  Output output_;
   const std::vector<Condition> conditions_;
   std::uint64_t printed_ = 0;
 };
@@ -123,13 +115,10 @@ std::string subscription(const MonitorOptions& options) {
   if (options.topics.empty()) {
     return R"({"command":"set","notification":true})";
   }
-  std::string topics;
-  for (const std::string& topic : options.topics) {
-    const std::string object = Object().add("", topic).text();
-    topics += (topics.empty() ? "" : ",") + std::string(memberText(object, ""));
-  }
-  return sendable(Object().add("command", "subscribe").raw("topics", "[" + topics + "]").text(),
-                  "the subscription");
+  std::vector<std::string> topics;
+  std::transform(options.topics.begin(), options.topics.end(), std::back_inserter(topics), asUtf8);
+  const auto message = Tovik::object("command", "subscribe", "topics", topics);
+  return sendable(Tovik::Message::toStr(message, false).data(), "the subscription");
 }
 
 class Monitor : private Session {

@@ -42,7 +42,6 @@ class RecordLog {
  private:
   void append(const std::string& line) const;
 
-  Output output_;
   const std::string file_;
   int fd_ = -1;
   const bool timestamps_;

@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <cstdio>
 #include <cwchar>
 #include <iterator>
 #include <sstream>
@@ -117,6 +119,12 @@ std::string inQuotes(std::string_view text) {
 
 std::string counted(std::uint64_t number, const std::string& noun) {
   return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
+}
+
+std::string rounded(double value) {
+  std::array<char, 32> text{};
+  std::snprintf(text.data(), text.size(), "%.1f", value);
+  return text.data();
 }
 
 std::string secondsText(double value) {

@@ -73,6 +73,9 @@ std::size_t printableLength(std::string_view text);
 /// "1 message", "2 messages".
 std::string counted(std::uint64_t number, const std::string& noun);
 
+/// With one decimal.
+std::string rounded(double value);
+
 /// "0.5 s", "5 s".
 std::string secondsText(double value);
 

@@ -128,16 +128,14 @@ class StandIn : public Tovik::Server {
     startJob();
   }
 
-  void show(const Tovik::Connection& client, const std::string& text) {
+  void show(const Tovik::Connection& client, const std::string& text) const {
     if (!options_.timestamps) {
-      return output_.message(text);
+      return printJson(text);
     }
     const ucred sender = Peer::of(client);
     const std::string time = timestamp();
-    Object head;
-    head.add("time", time).add("pid", sender.pid).add("uid", sender.uid);
-    output_.message(
-        head, painted(time, "2", output_.colour()) + " " + std::to_string(sender.pid) + " ", text);
+    printJson(Tovik::object("time", time, "pid", sender.pid, "uid", sender.uid),
+              painted(time, "2") + " " + std::to_string(sender.pid) + " ", text);
   }
 
   /// A call with an id is answered with it, also while the client is subscribed.
@@ -146,15 +144,14 @@ class StandIn : public Tovik::Server {
     if (id.empty() && result.empty()) {
       return client.acknowledge(status);
     }
-    Object object;
-    object.add("type", "reply").add("status", status);
+    auto message = Tovik::object("type", "reply", "status", status);
     if (!id.empty()) {
-      object.raw("id", id);
+      addMember(message, "id", messageFrom(id));
     }
     if (!result.empty()) {
-      object.raw("result", result);
+      addMember(message, "result", messageFrom(result));
     }
-    client.sendMsg(messageFrom(object.text()));
+    client.sendMsg(message);
   }
 
   /// One command at a time, so that answers come in the order of the messages.
@@ -173,7 +170,6 @@ class StandIn : public Tovik::Server {
   }
 
   const ServeOptions& options_;
-  Output output_;
   const std::string answer_;
   const std::string description_;
   std::deque<Job> jobs_;

@@ -77,7 +77,7 @@ class Looks {
                       connections.end());
     std::vector<Entry> entries;
     for (const Process& process : clients_.of(inodesOf(connections, &Connection::client))) {
-      entries.push_back(entryOf(connections[entries.size()], process, false));
+      entries.push_back(entryOf(connections[entries.size()], process));
     }
     return entries;
   }
@@ -264,13 +264,13 @@ class Top {
       title = looks_.nameOf(inside_) + ": " + counted(entries.size(), "client");
     } else {
       for (const Server& server : shown()) {
-        entries.push_back(entryOf(server, false, true));
+        entries.push_back(entryOf(server, true));
       }
       title = counted(entries.size(), "server");
     }
     std::vector<Row> rows{heading()};
     for (const Entry& entry : entries) {
-      rows.push_back(entry.row());
+      rows.push_back(entry.row);
     }
     for (Row& row : rows) {
       row.erase(row.begin(), row.begin() + (inside_ != 0 ? 1 : 0));  // the title has the server
@@ -281,9 +281,9 @@ class Top {
   /// A star marks what is sorted by.
   Row heading() const {
     if (inside_ != 0) {
-      return entryOf(Connection(), Process(), false).heading();
+      return entryOf(Connection(), Process()).heading;
     }
-    Row row = entryOf(Server(), false, true).heading();
+    Row row = entryOf(Server(), true).heading;
     for (std::string& name : row) {
       name += name == sort_->name ? "*" : "";
     }
@@ -299,11 +299,11 @@ class Top {
     const std::string filter = typing_ || !filter_.empty() ? "  /" + escaped(filter_) : "";
     const std::string heading = fitting("  " + table.front(), columns);
     std::vector<std::string> lines{fitting("tovik top: " + title + filter, columns),
-                                   painted(heading, "1", output_.colour())};
+                                   painted(heading, "1")};
     for (std::size_t i = first; i < table.size() && lines.size() < height - 1; ++i) {
       const bool here = i == at_ + 1;
       const std::string line = fitting((here ? "> " : "  ") + table[i], columns);
-      lines.push_back(painted(line, "7", here && output_.colour()));
+      lines.push_back(here ? painted(line, "7") : line);
     }
     lines.push_back(fitting(keysText(columns), columns));
     Screen::show(lines);
@@ -324,7 +324,6 @@ class Top {
     return text;
   }
 
-  Output output_;
   Run run_{Ending::kIsSuccess};
   Looks looks_;
   std::vector<Server> servers_;
@@ -342,15 +341,14 @@ class Top {
 };
 
 void top(const TopOptions& options) {
-  Output output;
-  if (options.once || output.json()) {
+  if (options.once || wantsJson()) {
     auto servers = Looks().look();
     sortBy(kColumns[0], servers);
-    std::vector<Entry> entries;
+    Listing listing;
     for (const Server& server : servers) {
-      entries.push_back(entryOf(server, output.json(), true));
+      listing.add(entryOf(server, true));
     }
-    return print(entries, output);
+    return listing.end();
   }
   if (::isatty(STDIN_FILENO) == 0 || ::isatty(STDOUT_FILENO) == 0) {
     throw Failure(Exit::kUsage, "top needs a terminal; --once prints one table, --json objects.");

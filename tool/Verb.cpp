@@ -199,7 +199,7 @@ void addHelp(CLI::App& program) {
     if (text.empty()) {
       throw noVerb(program, options->verb);
     }
-    Output().text(text);
+    printText(text);
   };
   addVerb(program, "help", "explains a verb, or lists them", "The same as tovik VERB --help.", help)
       .argument("[VERB]", text(options->verb))
@@ -321,9 +321,9 @@ void runProgram(int argc, char** argv) {
     program.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {
     const CLI::App* const verb = chosenVerb(program);
-    return Output().text(verb == nullptr ? helpOfProgram(program) : helpOf(*verb));
+    return printText(verb == nullptr ? helpOfProgram(program) : helpOf(*verb));
   } catch (const CLI::CallForVersion& version) {
-    return Output().line(version.what());
+    return printLine(version.what());
   } catch (const CLI::ParseError& error) {
     throw refusal(program, error);
   }
