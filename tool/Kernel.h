@@ -49,9 +49,6 @@ struct Table {
 /// allowed (which loses names with line breaks, and cannot tell a trailing '@' from padding).
 Table kernelTable(bool all);
 
-/// The listeners alone.
-std::vector<Listener> listeners(bool all);
-
 struct Process {
   int pid = 0;  // 0: unknown, or hidden from this user
   std::string name;
