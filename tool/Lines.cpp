@@ -8,7 +8,7 @@
 #include <cstring>
 
 #include "Kelvo/Exception.h"
-#include "tool/Report.h"
+#include "tool/Verb.h"
 
 namespace tool {
 

@@ -17,6 +17,8 @@
 
 namespace tool {
 
+Common common;
+
 namespace {
 
 bool wantsColour() {
@@ -90,6 +92,12 @@ std::string coloured(const std::string& json) {
 }
 
 }  // namespace
+
+void notice(std::string_view sentence) {
+  if (!common.quiet) {
+    report(sentence);
+  }
+}
 
 void printText(std::string_view text) {
   while (!common.quiet && !text.empty()) {

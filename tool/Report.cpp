@@ -12,8 +12,6 @@
 #include <iterator>
 #include <sstream>
 
-#include "tool/Verb.h"
-
 namespace tool {
 
 namespace {
@@ -80,12 +78,6 @@ Failure noServer(std::string_view name) {
 void report(std::string_view sentence) {
   const std::string line = "tovik: " + std::string(sentence) + "\n";
   [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
-}
-
-void notice(std::string_view sentence) {
-  if (!common.quiet) {
-    report(sentence);
-  }
 }
 
 std::size_t printableLength(std::string_view text) {

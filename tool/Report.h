@@ -52,9 +52,6 @@ struct OutputClosed {};
 /// Writes "tovik: " and the sentence to standard error.
 void report(std::string_view sentence);
 
-/// A report that -q suppresses.
-void notice(std::string_view sentence);
-
 /// The text with everything that does not print, or not as itself, (and the backslash) in the
 /// notation of a shell's $'...': no name or message can play with a terminal, or look like another
 /// one by invisible characters or a change of direction. Other UTF-8 stays as it is.

@@ -1,13 +1,19 @@
 // serve: the library's server, with an answer from the command line. message -> (command) -> reply;
 // standard input -> broadcast.
 
+#include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <deque>
+#include <functional>
 #include <optional>
 #include <string>
 #include <utility>
@@ -16,7 +22,6 @@
 #include "tool/Lines.h"
 #include "tool/Listening.h"
 #include "tool/Output.h"
-#include "tool/Shell.h"
 #include "tool/Verb.h"
 
 namespace tool {
@@ -32,6 +37,85 @@ struct ServeOptions {
   std::string notify;
   Admitted admitted;
   bool timestamps = false;
+};
+
+Failure cannotRun(int error) {
+  return {Exit::kLost, std::string("the command cannot be run: ") + std::strerror(error) + "."};
+}
+
+/// A file in memory that holds the whole input: unlike a pipe, it has room for any, so that nobody
+/// waits for the command to read.
+int fileHolding(const std::string& input) {
+  const int fd = ::memfd_create("message", MFD_CLOEXEC);
+  if (fd < 0 || ::pwrite(fd, input.data(), input.size(), 0) < 0) {
+    throw cannotRun(errno);
+  }
+  return fd;
+}
+
+/// Starts a shell as any program expects to be started: with default signals, and without the
+/// sockets, whose names an inherited descriptor would keep taken.
+int startShell(const std::string& command, int input) {
+  const int pid = ::fork();
+  if (pid == 0) {
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    std::signal(SIGPIPE, SIG_DFL);
+    ::dup2(input, STDIN_FILENO);
+    ::closefrom(STDERR_FILENO + 1);
+    ::execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+    ::_exit(127);
+  }
+  if (pid < 0) {
+    throw cannotRun(errno);
+  }
+  return pid;
+}
+
+/// A shell command that runs while the event loop goes on.
+class ShellCommand {
+ public:
+  /// `finished` gets the exit status, or 128 and the signal's number for a command that was killed.
+  ShellCommand(const std::string& command, const std::string& input,
+               std::function<void(unsigned)> finished)
+      : finished_(std::move(finished)) {
+    const int file = fileHolding(input);
+    pid_ = startShell(command, file);
+    ::close(file);
+    pidFd_ = static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0));
+    if (pidFd_ < 0) {
+      throw cannotRun(errno);
+    }
+    end_.emplace(pidFd_, [this] { lookAtEnd(); });
+  }
+  ShellCommand(const ShellCommand&) = delete;
+  ShellCommand& operator=(const ShellCommand&) = delete;
+  /// Ends the command if it still runs.
+  ~ShellCommand() {
+    end_.reset();
+    ::close(pidFd_);
+    if (pid_ > 0) {
+      ::kill(pid_, SIGTERM);  // not waited for yet, so the number is still the command's
+    }
+  }
+
+ private:
+  void lookAtEnd() {
+    int status = 0;
+    if (::waitpid(pid_, &status, WNOHANG) != pid_) {
+      return;
+    }
+    end_->detach();
+    pid_ = -1;
+    finished_(
+        static_cast<unsigned>(WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status)));
+  }
+
+  const std::function<void(unsigned)> finished_;
+  int pid_ = -1;  // until it has been waited for
+  int pidFd_ = -1;
+  std::optional<Watch> end_;
 };
 
 /// The process at the other end of a connection. The library keeps the descriptor for subclasses.

@@ -19,8 +19,6 @@
 
 namespace tool {
 
-Common common;
-
 namespace {
 
 constexpr std::size_t kIndent = 26;

@@ -33,6 +33,9 @@ struct Common {
 /// It is complete when a verb runs.
 extern Common common;
 
+/// A report that -q suppresses.
+void notice(std::string_view sentence);
+
 // What completion offers follows from what arguments and values are called: NAME is a server's,
 // FILE a file's, "a|b" are words.
 constexpr const char* kName = "NAME";
