@@ -316,6 +316,7 @@ Process processOf(int pid) {
   std::ifstream("/proc/uptime") >> uptime;
   process.cpuSeconds = (values[14 - kFirst] + values[15 - kFirst]) / ticks;
   process.ageSeconds = uptime - values[22 - kFirst] / ticks;
+  process.cpuPercent = 100 * process.cpuSeconds / std::max(process.ageSeconds, 0.01);
   process.memory = static_cast<std::uint64_t>(values[24 - kFirst]) *
                    static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
   return process;
@@ -334,11 +335,11 @@ Table kernelTable(bool all) {
   return table;
 }
 
-void Owners::find(const std::vector<Inode>& sockets) {
+void Owners::find(const std::vector<std::pair<Inode, Process*>>& sockets) {
   bool anyNew = false;
   std::size_t missing = 0;  // those of hidden processes included
   std::unordered_map<Inode, int> found;
-  for (const Inode inode : sockets) {
+  for (const auto& [inode, process] : sockets) {
     const auto known = known_.find(inode);
     anyNew = anyNew || known == known_.end();
     found[inode] = known == known_.end() ? 0 : known->second;
@@ -354,18 +355,12 @@ void Owners::find(const std::vector<Inode>& sockets) {
       }
     }
   }
-}
-
-std::vector<Process> Owners::of(const std::vector<Inode>& sockets) {
-  find(sockets);
-  std::map<int, Process> byPid;
-  std::vector<Process> owners;
-  for (const Inode socket : sockets) {
-    const int pid = known_[socket];
-    const auto found = byPid.find(pid);
-    owners.push_back(found == byPid.end() ? byPid[pid] = processOf(pid) : found->second);
+  std::map<int, Process> byPid{{0, Process()}};
+  for (const auto& [inode, process] : sockets) {
+    const int pid = known_[inode];
+    const auto [known, isNew] = byPid.try_emplace(pid);
+    *process = isNew ? known->second = processOf(pid) : known->second;
   }
-  return owners;
 }
 
 std::string userName(unsigned uid) {

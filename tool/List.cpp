@@ -74,20 +74,20 @@ void list(const ListOptions& options) {
   if (options.watch) {
     return watch(options);
   }
-  const auto found = wantedListeners(options.all);
-  const auto processes =
-      options.longForm ? Owners().of(inodesOf(found, &Listener::inode)) : std::vector<Process>();
+  auto found = wantedListeners(options.all);
+  if (options.longForm) {
+    Owners().find(found, &Listener::inode);
+  }
   Listing listing;
-  for (std::size_t i = 0; i < found.size(); ++i) {
-    const std::string& name = found[i].name;
+  for (const Listener& listener : found) {
+    const JsonName name(listener.name);
     if (options.longForm) {
-      listing.add(entryOf({found[i], processes[i]}, false, options.all));
+      listing.add(entryOf(listener, false, options.all));
     } else if (wantsJson()) {
-      const JsonName shown(name);
-      printJson(Tovik::object("name", shown.text, "name_hex", shown.hex, "padded",
-                              when(options.all, found[i].padded)));
+      printJson(Tovik::object("name", name.text, "name_hex", name.hex, "padded",
+                              when(options.all, listener.padded)));
     } else {
-      printLine(name.empty() ? "''" : escaped(name));
+      printLine(listener.name.empty() ? "''" : escaped(listener.name));
     }
   }
   listing.end();
@@ -115,12 +115,12 @@ void peers(const std::vector<std::string>& names) {
   };
   connections.erase(std::remove_if(connections.begin(), connections.end(), other),
                     connections.end());
-  const auto processes = Owners().of(inodesOf(connections, &Connection::client));
+  Owners().find(connections, &Connection::client);
   Listing listing;
   std::size_t hidden = 0;
-  for (std::size_t i = 0; i < connections.size(); ++i) {
-    hidden += processes[i].pid == 0 ? 1 : 0;
-    listing.add(entryOf(connections[i], processes[i]));
+  for (const Connection& connection : connections) {
+    hidden += connection.process.known() ? 0 : 1;
+    listing.add(entryOf(connection));
   }
   listing.end();
   if (hidden > 0) {

@@ -55,13 +55,13 @@ std::string bytesText(std::uint64_t bytes) {
   return unit < 0 ? number : number + units[unit];
 }
 
-void addProcess(Entry& entry, const Server& server) {
-  const auto& uid = server.listener.uid;
-  const bool known = server.process.pid != 0;
-  entry.number("PID", "pid", when(known, server.process.pid))
+void addProcess(Entry& entry, const Listener& listener) {
+  const auto& uid = listener.uid;
+  const Process& process = listener.process;
+  entry.number("PID", "pid", when(process.known(), process.pid))
       .number(nullptr, "uid", uid)
       .text("USER", "user", when(uid.has_value(), userName(uid.value_or(0))))
-      .text("PROCESS", "process", when(known, server.process.name));
+      .text("PROCESS", "process", when(process.known(), process.name));
 }
 
 void addLoad(Entry& entry, const Listener& listener, bool live) {
@@ -76,43 +76,45 @@ void addLoad(Entry& entry, const Listener& listener, bool live) {
       .number("STALLED", "stalled", listener.stalled);
 }
 
-std::string troubleOf(const Connection& connection, const Process& process) {
+std::string troubleOf(const Connection& connection) {
+  const char state = connection.process.state;
   std::string text = !connection.accepted      ? "waiting"
                      : connection.clientStalls ? "stalled"
                      : connection.serverStalls ? "server-stalls"
                                                : "";
-  if (process.state == 'T' || process.state == 't' || process.state == 'Z') {
-    text += (text.empty() ? "" : ",") + stateText(process.state);
+  if (state == 'T' || state == 't' || state == 'Z') {
+    text += (text.empty() ? "" : ",") + stateText(state);
   }
   return text.empty() ? "-" : text;
 }
 
 }  // namespace
 
-Entry entryOf(const Server& server, bool live, bool withPadding) {
-  const bool known = server.process.pid != 0;
+Entry entryOf(const Listener& listener, bool live, bool withPadding) {
+  const Process& process = listener.process;
+  const bool known = process.known();
   Entry entry;
-  entry.name("NAME", server.listener.name);
+  entry.name("NAME", listener.name);
   if (live) {
-    entry.add("CPU%", "cpu_percent", when(known, server.cpuPercent), rounded(server.cpuPercent))
-        .add("MEMORY", "memory_bytes", when(known, server.process.memory),
-             bytesText(server.process.memory));
-    addLoad(entry, server.listener, live);
-    addProcess(entry, server);
+    entry.add("CPU%", "cpu_percent", when(known, process.cpuPercent), rounded(process.cpuPercent))
+        .add("MEMORY", "memory_bytes", when(known, process.memory), bytesText(process.memory));
+    addLoad(entry, listener, live);
+    addProcess(entry, listener);
   } else {
-    addProcess(entry, server);
-    addLoad(entry, server.listener, live);
+    addProcess(entry, listener);
+    addLoad(entry, listener, live);
   }
-  entry.text("STATE", "state", when(known, stateText(server.process.state)));
+  entry.text("STATE", "state", when(known, stateText(process.state)));
   if (withPadding) {
-    const bool padded = server.listener.padded;
+    const bool padded = listener.padded;
     entry.add("PADDED", "padded", std::optional(padded), padded ? "yes" : "no");
   }
   return entry;
 }
 
-Entry entryOf(const Connection& connection, const Process& process) {
-  const bool known = process.pid != 0;
+Entry entryOf(const Connection& connection) {
+  const Process& process = connection.process;
+  const bool known = process.known();
   Entry entry;
   entry.name("SERVER", connection.name)
       .number("PID", "pid", when(known, process.pid))
@@ -127,7 +129,7 @@ Entry entryOf(const Connection& connection, const Process& process) {
       .add(nullptr, "accepted", std::optional(connection.accepted), "")
       .add(nullptr, "server_stalls", std::optional(connection.serverStalls), "")
       .add(nullptr, "client_stalls", std::optional(connection.clientStalls), "")
-      .text("STATE", nullptr, troubleOf(connection, process));
+      .text("STATE", nullptr, troubleOf(connection));
   return entry;
 }
 

@@ -44,17 +44,10 @@ struct Entry {
   }
 };
 
-/// A server as it was at one look.
-struct Server {
-  Listener listener;
-  Process process;
-  double cpuPercent = 0;
-};
-
 /// As `list --long` shows it, or as `top` does.
-Entry entryOf(const Server& server, bool live, bool withPadding = false);
+Entry entryOf(const Listener& listener, bool live, bool withPadding = false);
 /// Whether a client waits, who does not read, and what is odd about the client's process.
-Entry entryOf(const Connection& connection, const Process& process);
+Entry entryOf(const Connection& connection);
 
 /// The lines of a table whose columns fit their widest cell.
 std::vector<std::string> aligned(const std::vector<Row>& rows);
