@@ -74,33 +74,6 @@ std::string danger(const Record& record) {
   return record.direction == Direction::kToServer ? judged.endsServer : judged.endsClient;
 }
 
-class Conversation;
-
-/// A conversation's connection to the client or to the server.
-class Side : public Session {
- public:
-  template <class Way>
-  Side(Conversation& conversation, const std::string& name, Way way)
-      : Session(name, way), conversation_(conversation) {}
-
-  void pass(const std::string& text);
-  bool hasAll() const { return gone_ || (allWritten() && allTaken()); }
-  void close() {
-    gone_ = true;
-    endQuietly();
-  }
-
- private:
-  void connected() override;
-  void received(std::string record) override;
-  void lost(int error) override;
-  void notConnected(int error) override;
-
-  Conversation& conversation_;
-  std::size_t waiting_ = 0;  // bytes in the queue, at most
-  bool gone_ = false;
-};
-
 /// One client's way to the server.
 class Conversation {
  public:
@@ -116,7 +89,51 @@ class Conversation {
 
   bool over() const { return over_; }
 
-  void connected() { limit_.disarm(); }
+ private:
+  /// The connection to the client or to the server.
+  class Side : public Session {
+   public:
+    template <class Way>
+    Side(Conversation& conversation, const std::string& name, Way way)
+        : Session(name, way), conversation_(conversation) {}
+
+    void pass(const std::string& text) {
+      constexpr std::size_t kMostWaiting = 8 << 20;  // bytes, for a side that does not read
+      constexpr std::size_t kOverhead = 64;          // of one text
+      send(text);
+      waiting_ += text.size() + kOverhead;
+      if (waiting_ > kMostWaiting) {  // unless some of it has gone out since it was counted
+        waiting_ = 0;
+        for (const auto& each : sendQueue_) {
+          waiting_ += each.size() + kOverhead;
+        }
+      }
+      if (waiting_ > kMostWaiting) {
+        conversation_.dropSlow(*this);
+      }
+    }
+    bool hasAll() const { return gone_ || (allWritten() && allTaken()); }
+    void close() {
+      gone_ = true;
+      endQuietly();
+    }
+
+   private:
+    void connected() override { conversation_.limit_.disarm(); }
+    void received(std::string record) override { conversation_.take(*this, std::move(record)); }
+    void lost(int error) override {
+      gone_ = true;
+      conversation_.leave(*this, error == 0 ? "the server left." : lostFailure().what());
+    }
+    void notConnected(int error) override {
+      gone_ = true;
+      conversation_.leave(*this, notConnectedFailure(error).what());
+    }
+
+    Conversation& conversation_;
+    std::size_t waiting_ = 0;  // bytes in the queue, at most
+    bool gone_ = false;
+  };
 
   /// Shows what came from one side, and passes it on to the other.
   void take(const Side& from, std::string text) {
@@ -147,7 +164,6 @@ class Conversation {
     drop(&side == &client_ ? "the client does not read." : "the server does not read.");
   }
 
- private:
   void look() {
     over_ = over_ || (client_.hasAll() && server_.hasAll());
     if (over_) {
@@ -184,40 +200,6 @@ class Conversation {
   Side client_;
   Side server_;
 };
-
-void Side::pass(const std::string& text) {
-  constexpr std::size_t kMostWaiting = 8 << 20;  // bytes, for a side that does not read
-  constexpr std::size_t kOverhead = 64;          // of one text
-  send(text);
-  waiting_ += text.size() + kOverhead;
-  if (waiting_ > kMostWaiting) {  // unless some of it has gone out since it was counted
-    waiting_ = 0;
-    for (const auto& each : sendQueue_) {
-      waiting_ += each.size() + kOverhead;
-    }
-  }
-  if (waiting_ > kMostWaiting) {
-    conversation_.dropSlow(*this);
-  }
-}
-
-void Side::connected() {
-  conversation_.connected();
-}
-
-void Side::received(std::string record) {
-  conversation_.take(*this, std::move(record));
-}
-
-void Side::lost(int error) {
-  gone_ = true;
-  conversation_.leave(*this, error == 0 ? "the server left." : lostFailure().what());
-}
-
-void Side::notConnected(int error) {
-  gone_ = true;
-  conversation_.leave(*this, notConnectedFailure(error).what());
-}
 
 void relay(const RelayOptions& options) {
   if (options.name == options.upstream) {
