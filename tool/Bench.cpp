@@ -50,8 +50,8 @@ struct Measurement {
 class BenchClient : private Session {
  public:
   BenchClient(const std::string& name, Measurement& measurement)
-      : Session(name), measurement_(measurement), limit_(common.timeLimit()) {
-    late_.limit(limit_);
+      : Session(name), measurement_(measurement) {
+    late_.limit(common.timeLimit());
   }
 
  private:
@@ -62,7 +62,7 @@ class BenchClient : private Session {
       return late_.disarm();
     }
     --measurement_.toStart;
-    late_.limit(limit_);
+    late_.limit(common.timeLimit());
     sent_ = Clock::now();
     send(measurement_.message);
   }
@@ -79,8 +79,7 @@ class BenchClient : private Session {
   }
 
   Measurement& measurement_;
-  const double limit_;
-  Alarm late_{[this] { throw Failure(Exit::kTimeout, lateText(limit_)); }};
+  Alarm late_{[this] { throw Failure(Exit::kTimeout, lateText()); }};
   Clock::time_point sent_;
 };
 

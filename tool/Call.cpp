@@ -9,7 +9,6 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "tool/Json.h"
@@ -64,9 +63,6 @@ class Messages {
     std::string text;
     std::size_t number = 0;
     while (const auto line = lines_->next()) {
-      if (text.empty() && isBlank(*line)) {
-        continue;
-      }
       number = text.empty() ? lines_->number() : number;
       text += (text.empty() ? "" : "\n") + *line;
       if (!lint(text).cutShort || text.size() > kLongest) {
@@ -117,9 +113,7 @@ class Caller : public Session {
     send(message);
     while (waiting_) {
       came_ = false;
-      const double limit = common.timeLimit();
-      run.within(
-          limit, [this] { return came_; }, [&] { return lateText(limit); });
+      await(run, [this] { return came_; });
     }
   }
 
@@ -246,10 +240,10 @@ class Sender : public Session {
   }
   bool done() const { return closed_ || allTaken(); }
 
-  std::string lateText(double limit) const {
-    return full() ? Session::lateText(limit)
+  std::string lateText() const override {
+    return full() ? Session::lateText()
                   : "the server " + inQuotes(name()) + " did not read on within " +
-                        secondsText(limit) + "; give it more with --timeout.";
+                        secondsText(common.timeLimit()) + "; give it more with --timeout.";
   }
 
  private:
@@ -270,10 +264,8 @@ void sendAll(const SendOptions& options) {
   Run run(Ending::kIsFailure);
   Messages messages(run, options.text, options.count.value_or(1));
   Sender sender(options.name);
-  const double limit = common.timeLimit();
   const auto wroteAll = [&] { return sender.wroteAll(); };
-  const auto late = [&] { return sender.lateText(limit); };
-  run.within(limit, wroteAll, late);  // there is a connection
+  sender.await(run, wroteAll);  // there is a connection
   for (std::uint64_t sent = 0; sent != options.count; ++sent) {
     const auto message = messages.next();
     if (!message) {
@@ -282,10 +274,10 @@ void sendAll(const SendOptions& options) {
     run.pause(sent == 0 ? 0 : options.interval.value_or(0));
     wroteAll();
     sender.send(*message);
-    run.within(limit, wroteAll, late);
+    sender.await(run, wroteAll);
   }
-  run.within(
-      limit, [&] { return sender.done(); }, late, kLookAgain);
+  sender.await(
+      run, [&] { return sender.done(); }, kLookAgain);
 }
 
 }  // namespace

@@ -103,7 +103,7 @@ void check(const CheckOptions& options) {
   } else {
     Lines lines(run, options.what);
     while (const auto line = lines.next()) {
-      isBlank(*line) ? void() : take(*line, lines.number());
+      take(*line, lines.number());
     }
   }
   if (checked == 0) {

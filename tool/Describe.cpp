@@ -95,9 +95,7 @@ void printPage(const Value& whole) {
 void describe(const std::string& name) {
   Run run(Ending::kIsFailure);
   Describer describer(name);
-  const double limit = common.timeLimit();
-  run.within(
-      limit, [&] { return describer.complete(); }, [&] { return describer.lateText(limit); });
+  describer.await(run, [&] { return describer.complete(); });
   wantsJson() ? printJson(describer.whole()) : printPage(describer.whole());
 }
 

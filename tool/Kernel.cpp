@@ -115,7 +115,7 @@ void takeSocket(std::vector<Socket>& sockets, nlmsghdr* message) {
   Socket& socket = sockets.emplace_back();
   socket.listens = header->udiag_state == kListening;
   socket.inode = header->udiag_ino;
-  auto left = NLMSG_PAYLOAD(message, sizeof *header);
+  auto left = static_cast<int>(NLMSG_PAYLOAD(message, sizeof *header));
   const auto* attribute = reinterpret_cast<const rtattr*>(header + 1);
   for (; RTA_OK(attribute, left); attribute = RTA_NEXT(attribute, left)) {
     takeAttribute(socket, attribute);

@@ -73,6 +73,7 @@ class Owners {
   template <class T>
   void find(std::vector<T>& all, Inode T::*socket) {
     std::vector<std::pair<Inode, Process*>> sockets;
+    sockets.reserve(all.size());
     for (T& each : all) {
       sockets.emplace_back(each.*socket, &each.process);
     }

@@ -47,6 +47,14 @@ Lines::~Lines() {
 }
 
 std::optional<std::string> Lines::next() {
+  auto found = line();
+  while (found && found->find_first_not_of(" \t\r") == std::string::npos) {
+    found = line();
+  }
+  return found;
+}
+
+std::optional<std::string> Lines::line() {
   std::string line;
   do {
     const std::size_t end = buffer_.find('\n', at_);
@@ -91,10 +99,6 @@ void Lines::waitForInput() {
     ready = true;  // a file: always ready, and nothing that the kernel watches
   }
   run_.until([&ready] { return ready; });
-}
-
-bool isBlank(std::string_view line) {
-  return line.find_first_not_of(" \t\r") == std::string_view::npos;
 }
 
 }  // namespace tool

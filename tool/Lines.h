@@ -3,7 +3,6 @@
 #include <cstddef>
 #include <optional>
 #include <string>
-#include <string_view>
 
 #include "tool/Run.h"
 
@@ -21,14 +20,15 @@ class Lines {
   Lines& operator=(const Lines&) = delete;
   ~Lines();
 
-  /// The next line (the last one needs no line end); nothing at the end, and when nobody wants the
-  /// command any more. What no message could be as long as is cut, so that hostile input takes no
-  /// memory.
+  /// The next line that holds something (the last one needs no line end); nothing at the end, and
+  /// when nobody wants the command any more. What no message could be as long as is cut, so that
+  /// hostile input takes no memory.
   std::optional<std::string> next();
   /// The number of the line that was handed out last, from 1.
   std::size_t number() const { return number_; }
 
  private:
+  std::optional<std::string> line();
   bool fill();
   void waitForInput();
 
@@ -39,8 +39,5 @@ class Lines {
   std::size_t at_ = 0;
   std::size_t number_ = 0;
 };
-
-/// True for a line that holds nothing.
-bool isBlank(std::string_view line);
 
 }  // namespace tool

@@ -81,7 +81,7 @@ class Condition {
 /// What the monitored servers' messages come together in.
 class Printer {
  public:
-  Printer(const MonitorOptions& options)
+  explicit Printer(const MonitorOptions& options)
       : options_(options), conditions_(options.where.begin(), options.where.end()) {}
 
   bool done() const { return printed_ == options_.count; }

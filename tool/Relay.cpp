@@ -182,8 +182,7 @@ class Conversation {
   }
 
   std::string late() const {
-    return leaving_ ? "the other side did not read on; dropped."
-                    : server_.lateText(common.timeLimit());
+    return leaving_ ? "the other side did not read on; dropped." : server_.lateText();
   }
 
   void say(const std::string& what) const {

@@ -12,7 +12,6 @@
 #include <map>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "tool/Json.h"
@@ -93,14 +92,10 @@ std::vector<Record> recordsOf(const std::string& file, Run& run) {
   std::vector<Record> records;
   Lines lines(run, file);
   while (const auto line = lines.next()) {
-    Record record;
-    if (!isBlank(*line) && !parseRecording(*line, record)) {
+    if (!parseRecording(*line, records.emplace_back())) {
       throw Failure(Exit::kUsage, "line " + std::to_string(lines.number()) + " of " +
                                       inQuotes(file) +
                                       " is no record of a relay; nothing was sent.");
-    }
-    if (!isBlank(*line)) {
-      records.push_back(std::move(record));
     }
   }
   if (records.empty()) {
@@ -113,7 +108,7 @@ std::vector<Record> recordsOf(const std::string& file, Run& run) {
 
 class Replay {
  public:
-  Replay(const ReplayOptions& options)
+  explicit Replay(const ReplayOptions& options)
       : options_(options),
         records_(recordsOf(options.file, run_)),
         log_(options.record, options.timestamps) {}

@@ -284,7 +284,7 @@ void serve(const ServeOptions& options) {
   listening(options.name, [&] {
     StandIn standIn(options, std::move(description));
     while (const auto line = lines ? lines->next() : std::nullopt) {
-      isBlank(*line) ? void() : standIn.broadcast(*line, lines->number());
+      standIn.broadcast(*line, lines->number());
     }
     run.until([] { return false; });
   });

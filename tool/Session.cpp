@@ -129,13 +129,18 @@ bool Session::allTaken() const {
   return ::poll(&state, 1, 0) >= 0 && (state.revents & POLLERR) == 0;
 }
 
-std::string Session::lateText(double limit) const {
+void Session::await(Run& run, const std::function<bool()>& done, double interval) const {
+  run.within(
+      common.timeLimit(), done, [this] { return lateText(); }, interval);
+}
+
+std::string Session::lateText() const {
   if (full_) {
-    return "the server " + inQuotes(name_) + " accepted no client within " + secondsText(limit) +
-           ", and no more may wait; see 'tovik list --long'.";
+    return "the server " + inQuotes(name_) + " accepted no client within " +
+           secondsText(common.timeLimit()) + ", and no more may wait; see 'tovik list --long'.";
   }
-  return "the server " + inQuotes(name_) + " did not answer within " + secondsText(limit) +
-         "; give it more with --timeout.";
+  return "the server " + inQuotes(name_) + " did not answer within " +
+         secondsText(common.timeLimit()) + "; give it more with --timeout.";
 }
 
 void Session::lost(int /*error*/) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "Api/Json/Async.h"
@@ -31,8 +32,12 @@ class Session : public Tovik::AsyncSender {
   /// Nothing that was written waits to be read by the server.
   bool allTaken() const;
 
-  /// Why there is no answer yet, for a time limit that has passed.
-  std::string lateText(double limit) const;
+  /// Turns the loop until the condition holds; see `Run::until`.
+  /// @throws Failure if the time limit is over first.
+  void await(Run& run, const std::function<bool()>& done, double interval = 0) const;
+
+  /// Why there is no answer yet, once the time limit has passed.
+  virtual std::string lateText() const;
 
  protected:
   /// A connection to the right server's user exists.

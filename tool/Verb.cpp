@@ -45,8 +45,8 @@ std::string wrapped(const std::string& text) {
       if (at == std::string::npos || at <= indent.size()) {
         break;
       }
-      result += line.substr(0, at) + "\n";
-      line = indent + line.substr(at + 1);
+      result.append(line, 0, at).append("\n");
+      line.replace(0, at + 1, indent);
     }
     result += line + "\n";
   }
