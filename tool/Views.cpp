@@ -33,11 +33,14 @@ std::string stateText(char state) {
 
 /// "5s", "3m", "2h", "9d".
 std::string ageText(double seconds) {
+  constexpr std::uint64_t kMinute = 60;
+  constexpr std::uint64_t kHour = 60 * kMinute;
+  constexpr std::uint64_t kDay = 24 * kHour;
   const auto whole = static_cast<std::uint64_t>(std::max(seconds, 0.0));
-  return whole < 120         ? std::to_string(whole) + "s"
-         : whole < 120 * 60  ? std::to_string(whole / 60) + "m"
-         : whole < 48 * 3600 ? std::to_string(whole / 3600) + "h"
-                             : std::to_string(whole / 86400) + "d";
+  return whole < 2 * kMinute ? std::to_string(whole) + "s"
+         : whole < 2 * kHour ? std::to_string(whole / kMinute) + "m"
+         : whole < 2 * kDay  ? std::to_string(whole / kHour) + "h"
+                             : std::to_string(whole / kDay) + "d";
 }
 
 /// "512", "1.5K", "30M".
