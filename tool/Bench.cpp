@@ -3,12 +3,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <list>
 #include <string>
 #include <utility>
@@ -33,12 +31,6 @@ double microseconds(Clock::duration duration) {
   return std::chrono::duration<double, std::micro>(duration).count();
 }
 
-std::string rounded(double value) {
-  std::array<char, 32> text{};
-  std::snprintf(text.data(), text.size(), "%.1f", value);
-  return text.data();
-}
-
 struct BenchOptions {
   std::string name;
   std::uint64_t size = 64;
@@ -57,9 +49,9 @@ struct Measurement {
 
 class BenchClient : private Session {
  public:
-  BenchClient(const std::string& name, const Common& common, Measurement& measurement)
-      : Session(name, common), measurement_(measurement), limit_(common.timeLimit()) {
-    late_.limit(limit_);
+  BenchClient(const std::string& name, Measurement& measurement)
+      : Session(name), measurement_(measurement) {
+    late_.limit(common.timeLimit());
   }
 
  private:
@@ -70,7 +62,7 @@ class BenchClient : private Session {
       return late_.disarm();
     }
     --measurement_.toStart;
-    late_.limit(limit_);
+    late_.limit(common.timeLimit());
     sent_ = Clock::now();
     send(measurement_.message);
   }
@@ -87,16 +79,14 @@ class BenchClient : private Session {
   }
 
   Measurement& measurement_;
-  const double limit_;
-  Alarm late_{[this] { throw Failure(Exit::kTimeout, lateText(limit_)); }};
+  Alarm late_{[this] { throw Failure(Exit::kTimeout, lateText()); }};
   Clock::time_point sent_;
 };
 
 /// On standard error, if that is a terminal; drawn once for each percent.
 class ProgressBar {
  public:
-  explicit ProgressBar(const Common& common)
-      : wanted_(!common.quiet && ::isatty(STDERR_FILENO) != 0) {}
+  ProgressBar() : wanted_(!common.quiet && ::isatty(STDERR_FILENO) != 0) {}
   ProgressBar(const ProgressBar&) = delete;
   ProgressBar& operator=(const ProgressBar&) = delete;
   ~ProgressBar() { write("\r\x1b[K"); }
@@ -135,7 +125,7 @@ std::string rightAligned(const std::string& text, std::size_t width) {
 }
 
 /// One line for each doubling of the time.
-void printHistogram(const std::vector<double>& times, Output& output) {
+void printHistogram(const std::vector<double>& times) {
   std::vector<std::size_t> counts;
   const int first = static_cast<int>(std::floor(std::log2(std::max(times.front(), 0.5))));
   for (const double time : times) {
@@ -151,47 +141,37 @@ void printHistogram(const std::vector<double>& times, Output& output) {
     const std::size_t length = (counts[i] * width + most - 1) / most;
     const std::string count = std::to_string(counts[i]);
     std::string line = "below " + rightAligned(upTo, 10) + " us " + rightAligned(count, 9);
-    line += "  " + painted(std::string(length, '#'), "32", output.colour());
-    output.line(line);
+    line += "  " + painted(std::string(length, '#'), "32");
+    printLine(line);
   }
 }
 
-void printObject(const BenchOptions& options, const std::vector<double>& times, double elapsed,
-                 Output& output) {
-  Object object;
-  object.add("count", times.size())
-      .add("size_bytes", options.size)
-      .add("clients", options.clients)
-      .add("seconds", elapsed)
-      .add("per_second", static_cast<double>(times.size()) / elapsed);
-  for (const auto& [name, share] : kPercentiles) {
-    object.add((std::string(name) + "_us").c_str(), percentile(times, share));
-  }
-  output.message(object.text());
-}
-
-void print(const BenchOptions& options, const Common& common, Measurement& measurement) {
-  Output output(common);
+void print(const BenchOptions& options, Measurement& measurement) {
   auto& times = measurement.times;
   const double elapsed = microseconds(Clock::now() - measurement.begin) / 1e6;
+  const double perSecond = static_cast<double>(times.size()) / elapsed;
   std::sort(times.begin(), times.end());
-  if (output.json()) {
-    return printObject(options, times, elapsed, output);
+  if (wantsJson()) {
+    auto object = Tovik::object("count", times.size(), "size_bytes", options.size, "clients",
+                                options.clients, "seconds", elapsed, "per_second", perSecond);
+    for (const auto& [name, share] : kPercentiles) {
+      addMember(object, std::string(name) + "_us", percentile(times, share));
+    }
+    return printJson(object);
   }
-  output.line(counted(times.size(), "round trip") + " of " + counted(options.size, "byte") +
-              " in " + rounded(elapsed) + " s, " +
-              rounded(static_cast<double>(times.size()) / elapsed) + " a second");
+  printLine(counted(times.size(), "round trip") + " of " + counted(options.size, "byte") + " in " +
+            rounded(elapsed) + " s, " + rounded(perSecond) + " a second");
   std::string line;
   for (const auto& [name, share] : kPercentiles) {
     line += (line.empty() ? "" : "  ") + std::string(name) + " " +
             rounded(percentile(times, share)) + " us";
   }
-  output.line(line);
-  printHistogram(times, output);
+  printLine(line);
+  printHistogram(times);
 }
 
 /// An interrupted measurement has its results, too.
-void bench(const BenchOptions& options, const Common& common) {
+void bench(const BenchOptions& options) {
   Run run(Ending::kIsFailure);
   Measurement measurement;
   const auto size = static_cast<std::size_t>(options.size);  // no more than a record holds
@@ -201,10 +181,10 @@ void bench(const BenchOptions& options, const Common& common) {
   measurement.begin = Clock::now();
   std::list<BenchClient> clients;
   for (std::uint64_t i = 0; i < options.clients; ++i) {
-    clients.emplace_back(options.name, common, measurement);
+    clients.emplace_back(options.name, measurement);
   }
   try {
-    ProgressBar bar(common);
+    ProgressBar bar;
     run.until([&] {
       const bool done = measurement.toFinish == 0;
       done ? void() : bar.show(options.count - measurement.toFinish, options.count);
@@ -212,23 +192,23 @@ void bench(const BenchOptions& options, const Common& common) {
     });
   } catch (const Interrupted&) {
     if (!measurement.times.empty()) {
-      print(options, common, measurement);
+      print(options, measurement);
     }
     throw;
   }
-  print(options, common, measurement);
+  print(options, measurement);
 }
 
 }  // namespace
 
-void addBench(Program& program) {
-  auto [verb, options] = program.verb<BenchOptions>(
-      "bench", "measures round trips",
+void addBench(CLI::App& program) {
+  auto [verb, options] = addVerb(
+      program, "bench", "measures round trips",
       "Sends {\"pad\":\"...\"}, waits for the reply, and so on; any status counts. Prints the "
       "rate, percentiles and a histogram, also after Ctrl-C. The time-out, 5 seconds, is for each "
       "reply.",
       bench);
-  verb.argument(kName, Needed::kYes, name(options.name))
+  verb.argument(kName, name(options.name))
       .option("--size", "BYTES", number(options.size, 10, kLargestText),
               "size of the message (64 unless given)")
       .option("--clients", "N", number(options.clients, 1, 1000),

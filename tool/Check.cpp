@@ -69,38 +69,26 @@ struct CheckOptions {
   bool reply = false;
 };
 
-void printObject(const Lint& judged, const Verdict& verdict, std::size_t line, Output& output) {
-  Object object;
-  object.add("line", line).add("good", verdict.fault.empty());
-  if (judged.notJson.empty()) {
-    object.add("bytes", judged.compact.size()).add("kind", verdict.kind);
-  }
-  if (judged.replyStatus) {
-    object.add("status", *judged.replyStatus);
-  }
-  if (!verdict.fault.empty()) {
-    object.add("fault", verdict.fault);
-  }
-  output.message(object.text());
-}
-
-void print(const Lint& judged, const Verdict& verdict, std::size_t line, Output& output) {
-  if (output.json()) {
-    return printObject(judged, verdict, line, output);
-  }
+void print(const Lint& judged, const Verdict& verdict, std::size_t line) {
   const bool good = verdict.fault.empty();
-  std::string text = "line " + std::to_string(line) + ": " +
-                     painted(good ? "good" : "bad", good ? "32" : "31", output.colour());
-  if (judged.notJson.empty()) {
+  const bool isJson = judged.notJson.empty();
+  if (wantsJson()) {
+    return printJson(Tovik::object("line", line, "good", good, "bytes",
+                                   when(isJson, judged.compact.size()), "kind",
+                                   when(isJson, verdict.kind), "status", judged.replyStatus,
+                                   "fault", when(!good, verdict.fault)));
+  }
+  std::string text =
+      "line " + std::to_string(line) + ": " + painted(good ? "good" : "bad", good ? "32" : "31");
+  if (isJson) {
     text += ", " + counted(judged.compact.size(), "byte") + ", " + verdict.kind;
     text += judged.replyStatus ? " with status " + std::to_string(*judged.replyStatus) : "";
   }
-  output.line(good ? text : text + ", " + verdict.fault);
+  printLine(good ? text : text + ", " + verdict.fault);
 }
 
-void check(const CheckOptions& options, const Common& common) {
+void check(const CheckOptions& options) {
   Run run(Ending::kIsFailure);
-  Output output(common);
   std::uint64_t checked = 0;
   std::uint64_t faulty = 0;
   const auto take = [&](const std::string& line, std::size_t number) {
@@ -108,14 +96,14 @@ void check(const CheckOptions& options, const Common& common) {
     const Verdict verdict = judge(judged, options.reply);
     ++checked;
     faulty += verdict.fault.empty() ? 0 : 1;
-    print(judged, verdict, number, output);
+    print(judged, verdict, number);
   };
   if (options.what.rfind('{', 0) == 0 || options.what.rfind('[', 0) == 0) {
     take(options.what, 1);
   } else {
     Lines lines(run, options.what);
     while (const auto line = lines.next()) {
-      isBlank(*line) ? void() : take(*line, lines.number());
+      take(*line, lines.number());
     }
   }
   if (checked == 0) {
@@ -129,15 +117,15 @@ void check(const CheckOptions& options, const Common& common) {
 
 }  // namespace
 
-void addCheck(Program& program) {
-  auto [verb, options] = program.verb<CheckOptions>(
-      "check", "lints messages, one a line",
+void addCheck(CLI::App& program) {
+  auto [verb, options] = addVerb(
+      program, "check", "lints messages, one a line",
       "Checks each line of the file: is it JSON, an object, short enough for a record, a "
       "notification switch or a reply, and would it end a process that receives it? An argument "
       "that begins like JSON is the message itself, not a file. Without an argument, standard "
       "input is read.",
       check);
-  verb.argument(kFile, Needed::kNo, text(options.what))
+  verb.argument("[FILE]", text(options.what))
       .flag("--reply", options.reply, "judge the lines as answers to a call");
 }
 

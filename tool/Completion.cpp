@@ -2,10 +2,9 @@
 // cursor is, so they know every verb and option of the program that is installed.
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <cstddef>
+#include <set>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "tool/Kernel.h"
@@ -78,14 +77,14 @@ complete -c tovik -f -a '(__tovik)'
 /// Follows the line up to the cursor.
 class Completion {
  public:
-  Completion(const Program& program, const std::vector<std::string>& words)
+  Completion(const CLI::App& program, const std::vector<std::string>& words)
       : program_(program), current_(words.empty() ? "" : words.back()) {
     for (std::size_t i = 1; i + 1 < words.size(); ++i) {
       take(words[i]);
     }
   }
 
-  std::vector<std::string> candidates() {
+  void offerAll() {
     const bool option = !onlyArguments_ && current_.rfind('-', 0) == 0;
     const std::size_t equals =
         current_.rfind("--", 0) == 0 ? current_.find('=') : std::string::npos;
@@ -96,11 +95,12 @@ class Completion {
       current_.erase(0, equals + 1);
       offerValues(value);
     } else if (option) {
-      offerOptions();
+      for (const CLI::Option* each : optionsOf(program_, verb_)) {
+        offer(each->get_name(), each->get_description());
+      }
     } else {
-      offerValues(verb_ == nullptr ? "VERB" : verb_->argumentAt(arguments_));
+      offerValues(verb_ == nullptr ? "VERB" : nextArgument());
     }
-    return std::move(found_);
   }
 
  private:
@@ -112,23 +112,25 @@ class Completion {
     } else if (!onlyArguments_ && word.rfind('-', 0) == 0 && word != "-") {
       pending_ = valueOf(word);
     } else if (verb_ == nullptr) {
-      verb_ = program_.find(word);
+      for (const CLI::App* verb : program_.get_subcommands({})) {
+        verb_ = verb->check_name(word) ? verb : verb_;
+      }
     } else {
       ++arguments_;
     }
   }
 
-  /// Of the verb, and those that every verb takes.
-  std::vector<const CLI::Option*> options() const {
-    auto options = optionsOf((verb_ == nullptr ? program_.root() : *verb_).app());
-    const auto common = optionsOf(program_.root().app());
-    options.insert(options.end(), common.begin(), common.end());
-    return options;
+  std::string nextArgument() const {
+    const auto all = argumentsOf(*verb_);
+    const bool many = !all.empty() && all.back()->get_expected_min() > 1;
+    return arguments_ < all.size() ? all[arguments_]->get_name()
+           : many                  ? all.back()->get_name()
+                                   : "";
   }
 
   /// What the option's value is called; empty for a flag.
   std::string valueOf(const std::string& flag) const {
-    for (const CLI::Option* option : options()) {
+    for (const CLI::Option* option : optionsOf(program_, verb_)) {
       if (option->check_name(flag) && option->get_items_expected_max() > 0) {
         return option->get_type_name();
       }
@@ -138,29 +140,23 @@ class Completion {
 
   void offer(const std::string& word, const std::string& text = {}) {
     const std::string line = text.empty() ? word : word + "\t" + text;
-    if (word.rfind(current_, 0) == 0 && std::count(found_.begin(), found_.end(), line) == 0) {
-      found_.push_back(line);
-    }
-  }
-
-  void offerOptions() {
-    for (const CLI::Option* option : options()) {
-      offer(nameOf(*option), option->get_description());
+    if (word.rfind(current_, 0) == 0 && offered_.insert(line).second) {
+      printLine(line);
     }
   }
 
   void offerValues(const std::string& kind) {
     if (kind == kFile) {
-      found_.emplace_back(":files");
+      printLine(":files");
     } else if (kind == "VERB") {
-      for (const Verb& verb : program_.verbs()) {
-        offer(verb.app().get_name(), verb.app().get_description());
-        for (const std::string& alias : verb.app().get_aliases()) {
-          offer(alias, verb.app().get_description());
+      for (const CLI::App* verb : program_.get_subcommands({})) {
+        offer(verb->get_name(), verb->get_description());
+        for (const std::string& alias : verb->get_aliases()) {
+          offer(alias, verb->get_description());
         }
       }
     } else if (kind == kName || kind == "UPSTREAM") {
-      for (const Listener& listener : listeners(false)) {
+      for (const Listener& listener : kernelTable(false).listeners) {
         offer(escaped(listener.name));
       }
     } else if (kind.find('|') != std::string::npos) {
@@ -170,35 +166,29 @@ class Completion {
     }
   }
 
-  const Program& program_;
+  const CLI::App& program_;
   std::string current_;
-  const Verb* verb_ = nullptr;
+  const CLI::App* verb_ = nullptr;
   std::string pending_;  // what the value is called that comes next
   std::size_t arguments_ = 0;
   bool onlyArguments_ = false;
-  std::vector<std::string> found_;
+  std::set<std::string> offered_;
 };
 
-struct CompletionOptions {
-  std::string shell;
-};
-
-void printCompletion(const CompletionOptions& options, const Common& common) {
-  Output(common).text(options.shell == "bash" ? kBash : options.shell == "zsh" ? kZsh : kFish);
+void printCompletion(const std::string& shell) {
+  printText(shell == "bash" ? kBash : shell == "zsh" ? kZsh : kFish);
 }
 
 }  // namespace
 
-std::vector<std::string> completions(const Program& program,
-                                     const std::vector<std::string>& words) {
-  return Completion(program, words).candidates();
+void printCompletions(const CLI::App& program, const std::vector<std::string>& words) {
+  Completion(program, words).offerAll();
 }
 
-void addCompletion(Program& program) {
-  auto [verb, options] = program.verb<CompletionOptions>(
-      "completion", "prints the completion for a shell",
-      "For example: source <(tovik completion bash).", printCompletion);
-  verb.argument("bash|zsh|fish", Needed::kYes, oneOf("bash|zsh|fish", options.shell));
+void addCompletion(CLI::App& program) {
+  auto [verb, shell] = addVerb(program, "completion", "prints the completion for a shell",
+                               "For example: source <(tovik completion bash).", printCompletion);
+  verb.argument("bash|zsh|fish", oneOf("bash|zsh|fish", shell));
 }
 
 }  // namespace tool

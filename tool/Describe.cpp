@@ -2,7 +2,6 @@
 // JSON.
 
 #include <string>
-#include <vector>
 
 #include "tool/Json.h"
 #include "tool/Output.h"
@@ -16,19 +15,14 @@ namespace {
 using Value = rapidjson::Value;
 
 std::string shown(const Value& object, const char* name) {
-  return escaped(textOf(memberOf(object, name)));
+  return escaped(Tovik::get<std::string>(object, name).value_or(""));
 }
 
 /// The members of a list, as far as there are any.
-std::vector<const Value*> entriesOf(const Value& object, const char* list) {
-  std::vector<const Value*> entries;
-  const Value& found = memberOf(object, list);
-  if (found.IsArray()) {
-    for (const Value& entry : found.GetArray()) {
-      entries.push_back(&entry);
-    }
-  }
-  return entries;
+rapidjson::Value::ConstArray entriesOf(const Value& object, const char* list) {
+  static const Value none(rapidjson::kArrayType);
+  const Value* const found = Tovik::find(object, list);
+  return (found != nullptr && found->IsArray() ? *found : none).GetArray();
 }
 
 /// Asks, and puts the answers together: long lists come in several replies.
@@ -49,14 +43,14 @@ class Describer : public Session {
       throw Failure(Exit::kNotUnderstood,
                     "the answer " + inQuotes(record.substr(0, 80)) + " is no reply.");
     }
-    const Value& result = memberOf(judged.message, "result");
-    if (*judged.replyStatus != 0 || !result.IsObject()) {
+    const Value* const result = Tovik::find(judged.message, "result");
+    if (*judged.replyStatus != 0 || result == nullptr || !result->IsObject()) {
       throw Failure(Exit::kStatus, "the server " + inQuotes(name()) +
                                        " does not describe itself; it answered with status " +
                                        std::to_string(*judged.replyStatus) + ".");
     }
-    merge(result);
-    complete_ = !memberOf(judged.message, "more").IsTrue();
+    merge(*result);
+    complete_ = Tovik::get<bool>(judged.message, "more") != true;
   }
 
   void merge(const Value& part) {
@@ -77,49 +71,43 @@ class Describer : public Session {
   bool complete_ = false;
 };
 
-void printEntry(Output& output, const Value& entry, const std::string& indent,
-                const std::string& note = {}) {
+void printEntry(const std::string& indent, const Value& entry, const std::string& note = {}) {
   const std::string description = shown(entry, "description");
-  output.line("  " + indent + painted(shown(entry, "name"), "1", output.colour()) +
-              (note.empty() ? "" : " (" + note + ")") +
-              (description.empty() ? "" : ": " + description));
+  printLine(indent + painted(shown(entry, "name"), "1") + (note.empty() ? "" : " (" + note + ")") +
+            (description.empty() ? "" : ": " + description));
 }
 
-void printPage(Output& output, const Value& whole) {
+void printPage(const Value& whole) {
   const std::string description = shown(whole, "description");
-  output.line(shown(whole, "name") + (description.empty() ? "" : ": " + description));
-  for (const Value* command : entriesOf(whole, "commands")) {
-    printEntry(output, *command, "");
-    for (const Value* argument : entriesOf(*command, "arguments")) {
-      const bool needed = memberOf(*argument, "required").IsTrue();
-      printEntry(output, *argument, "  ", shown(*argument, "type") + (needed ? "" : ", optional"));
+  printLine(shown(whole, "name") + (description.empty() ? "" : ": " + description));
+  for (const Value& command : entriesOf(whole, "commands")) {
+    printEntry("  ", command);
+    for (const Value& argument : entriesOf(command, "arguments")) {
+      const bool needed = Tovik::get<bool>(argument, "required") == true;
+      printEntry("    ", argument, shown(argument, "type") + (needed ? "" : ", optional"));
     }
   }
-  for (const Value* topic : entriesOf(whole, "topics")) {
-    printEntry(output, *topic, "", "topic");
+  for (const Value& topic : entriesOf(whole, "topics")) {
+    printEntry("  ", topic, "topic");
   }
 }
 
-void describe(const std::string& name, const Common& common) {
+void describe(const std::string& name) {
   Run run(Ending::kIsFailure);
-  Describer describer(name, common);
-  const double limit = common.timeLimit();
-  run.within(
-      limit, [&] { return describer.complete(); }, [&] { return describer.lateText(limit); });
-  Output output(common);
-  output.json() ? output.message(Tovik::Message::toStr(describer.whole(), false).data())
-                : printPage(output, describer.whole());
+  Describer describer(name);
+  describer.await(run, [&] { return describer.complete(); });
+  wantsJson() ? printJson(describer.whole()) : printPage(describer.whole());
 }
 
 }  // namespace
 
-void addDescribe(Program& program) {
-  auto [verb, server] = program.verb<std::string>(
-      "describe", "prints what a service says about itself",
+void addDescribe(CLI::App& program) {
+  auto [verb, server] = addVerb(
+      program, "describe", "prints what a service says about itself",
       "Asks with {\"command\":\"describe\"}, and prints the commands with their arguments, and the "
       "topics. The time-out is 5 seconds.",
       describe);
-  verb.argument(kName, Needed::kYes, name(server));
+  verb.argument(kName, name(server));
 }
 
 }  // namespace tool

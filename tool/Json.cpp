@@ -7,6 +7,8 @@
 #include <rapidjson/memorystream.h>
 #include <rapidjson/prettywriter.h>
 #include <rapidjson/reader.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
 
 #include <algorithm>
 #include <utility>
@@ -33,8 +35,8 @@ void judgeForServer(Lint& lint) {
     lint.endsServer = "its root is " + lint.root + " and no object";
     return;
   }
-  const Value* const command = findMember(lint.message, "command");
-  const Value* const notification = findMember(lint.message, "notification");
+  const Value* const command = Tovik::find(lint.message, "command");
+  const Value* const notification = Tovik::find(lint.message, "notification");
   if (command == nullptr || notification == nullptr) {
     return;
   }
@@ -48,22 +50,22 @@ void judgeForServer(Lint& lint) {
 }
 
 void judgeForClient(Lint& lint) {
-  const Value& type = memberOf(lint.message, "type");
-  const Value& status = memberOf(lint.message, "status");
+  const Value* const type = Tovik::find(lint.message, "type");
+  const auto status = Tovik::get<unsigned>(lint.message, "status");
   if (!lint.isObject()) {
     lint.endsClient = "its root is " + lint.root + " and no object";
-  } else if (findMember(lint.message, "type") == nullptr) {
+  } else if (type == nullptr) {
     lint.noReply = "it has no \"type\"";
-  } else if (!status.IsUint()) {
+  } else if (!status) {
     lint.noReply = "it has no \"status\" from 0 to 2147483647";
-  } else if (!type.IsString()) {
+  } else if (!type->IsString()) {
     lint.endsClient = R"(its "type", next to a "status", is not a string)";
-  } else if (!is(type, "reply")) {
+  } else if (!is(*type, "reply")) {
     lint.noReply = R"(its "type" is not "reply")";
-  } else if (status.GetUint() > 2147483647U) {
+  } else if (*status > 2147483647U) {
     lint.noReply = "its \"status\" is above 2147483647";
   } else {
-    lint.replyStatus = status.GetUint();
+    lint.replyStatus = status;
   }
 }
 
@@ -173,26 +175,6 @@ Tovik::Message messageFrom(std::string_view json) {
   return message;
 }
 
-const Value* findMember(const Value& object, std::string_view name) {
-  if (!object.IsObject()) {
-    return nullptr;
-  }
-  const Value key(rapidjson::StringRef(name.data(), static_cast<rapidjson::SizeType>(name.size())));
-  const auto found = object.FindMember(key);
-  return found == object.MemberEnd() ? nullptr : &found->value;
-}
-
-const Value& memberOf(const Value& object, std::string_view name) {
-  static const Value none;
-  const Value* const found = findMember(object, name);
-  return found == nullptr ? none : *found;
-}
-
-std::string_view textOf(const Value& value) {
-  return value.IsString() ? std::string_view(value.GetString(), value.GetStringLength())
-                          : std::string_view();
-}
-
 std::size_t endOfString(std::string_view json, std::size_t at) {
   while (++at < json.size() && json[at] != '"') {
     at += json[at] == '\\' ? 1 : 0;
@@ -229,18 +211,11 @@ std::string toHex(std::string_view bytes) {
   return hex;
 }
 
-Object& Object::raw(const char* key, std::string_view json) {
-  text_ += (text_.size() > 1 ? ",\"" : "\"") + std::string(key) + "\":" + std::string(json);
-  return *this;
-}
-
-Object& Object::name(std::string_view name) {
-  add("name", name);
-  return isUtf8(name) ? *this : add("name_hex", toHex(name));
-}
-
-std::string Object::asUtf8(std::string_view text) {
+std::string asUtf8(std::string_view text) {
   return isUtf8(text) ? std::string(text) : escaped(text);
 }
+
+JsonName::JsonName(std::string_view name)
+    : text(asUtf8(name)), hex(when(!isUtf8(name), toHex(name))) {}
 
 }  // namespace tool

@@ -1,15 +1,13 @@
 #pragma once
 
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
-
 #include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <type_traits>
+#include <utility>
 
 #include "Api/Json/Types.h"
+#include "Api/Service/Object.h"
 
 namespace tool {
 
@@ -54,14 +52,6 @@ std::string rewritten(std::string_view json, bool pretty = false);
 /// A message from valid JSON, of any depth.
 Tovik::Message messageFrom(std::string_view json);
 
-/// The first member of that name, as lookups find it; nothing without one, and of what is no
-/// object.
-const rapidjson::Value* findMember(const rapidjson::Value& object, std::string_view name);
-/// The same, but JSON's null without one.
-const rapidjson::Value& memberOf(const rapidjson::Value& object, std::string_view name);
-/// The text of a string; empty of other values.
-std::string_view textOf(const rapidjson::Value& value);
-
 /// The index behind the string that begins there.
 std::size_t endOfString(std::string_view json, std::size_t at);
 
@@ -72,39 +62,30 @@ std::string_view memberText(std::string_view json, std::string_view name);
 bool isUtf8(std::string_view text);
 std::string toHex(std::string_view bytes);
 
-/// An object's text, which is written member by member.
-class Object {
- public:
-  /// A string, number or boolean. Text that is no UTF-8 goes in as `escaped` shows it.
-  template <class T>
-  Object& add(const char* key, const T& value) {
-    rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-    if constexpr (std::is_same_v<T, bool>) {
-      writer.Bool(value);
-    } else if constexpr (std::is_floating_point_v<T>) {
-      writer.Double(value);
-    } else if constexpr (std::is_unsigned_v<T>) {
-      writer.Uint64(value);
-    } else if constexpr (std::is_integral_v<T>) {
-      writer.Int64(value);
-    } else {
-      const std::string text = asUtf8(value);
-      writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
-    }
-    return raw(key, {buffer.GetString(), buffer.GetSize()});
-  }
-  /// JSON as it is.
-  Object& raw(const char* key, std::string_view json);
-  /// A name: as text if it is text; else as `escaped` shows it, and under "name_hex" exactly.
-  Object& name(std::string_view name);
+/// The text if it is UTF-8, which JSON needs; else as `escaped` shows it.
+std::string asUtf8(std::string_view text);
 
-  std::string text() const { return text_ + "}"; }
-
- private:
-  static std::string asUtf8(std::string_view text);
-
-  std::string text_ = "{";
+/// What `asUtf8` leaves of some bytes, and if that is not them, they in hexadecimal digits.
+struct JsonName {
+  explicit JsonName(std::string_view name);
+  std::string text;
+  std::optional<std::string> hex;
 };
+
+/// The value, or nothing, which `Tovik::object` leaves out.
+template <class T>
+std::optional<T> when(bool known, T value) {
+  return known ? std::optional<T>(std::move(value)) : std::nullopt;
+}
+
+/// A further member of an object.
+template <class T>
+void addMember(Tovik::Message& object, std::string_view name, const T& value) {
+  auto& memory = object.GetAllocator();
+  rapidjson::Value key(name.data(), static_cast<rapidjson::SizeType>(name.size()), memory);
+  rapidjson::Value member;
+  Tovik::Json<T>::to(member, value, memory);
+  object.AddMember(key, member, memory);
+}
 
 }  // namespace tool

@@ -3,8 +3,8 @@
 
 #include "tool/Kernel.h"
 
-#include <dirent.h>
 #include <linux/netlink.h>
+#include <linux/rtnetlink.h>
 #include <linux/sock_diag.h>
 #include <linux/unix_diag.h>
 #include <pwd.h>
@@ -15,12 +15,14 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
+#include <filesystem>
 #include <fstream>
-#include <functional>
+#include <iterator>
 #include <map>
+#include <set>
 #include <sstream>
 #include <string_view>
 #include <tuple>
@@ -31,6 +33,8 @@
 namespace tool {
 
 namespace {
+
+namespace fs = std::filesystem;
 
 constexpr std::size_t kPathSize = sizeof(sockaddr_un::sun_path);
 constexpr unsigned kEstablished = 1;  // the kernel's numbers for states, shared with TCP
@@ -65,88 +69,77 @@ bool sendQuery(int fd) {
   return ::send(fd, &query, sizeof query, 0) == static_cast<ssize_t>(sizeof query);
 }
 
-template <class T>
-T readAs(std::string_view bytes) {
-  T value{};
-  std::memcpy(&value, bytes.data(), std::min(bytes.size(), sizeof value));
-  return value;
-}
-
-/// `type` and payload of the attribute or message at the front of `bytes`, which is then taken off.
-/// Header is nlattr or nlmsghdr: length first, padded to 4 bytes.
-template <class Header>
-std::pair<Header, std::string_view> takeFront(std::string_view& bytes, std::size_t length) {
-  const auto header = readAs<Header>(bytes);
-  std::string_view payload = bytes.substr(0, std::max(length, sizeof header));
-  bytes.remove_prefix(std::min((payload.size() + 3) & ~std::size_t{3}, bytes.size()));
-  payload.remove_prefix(std::min(sizeof header, payload.size()));
-  return {header, payload};
-}
-
 /// As poll() judges: a socket takes more while a quarter of its memory is not in use.
-bool isFull(std::string_view memory) {
-  const auto values = readAs<std::array<std::uint32_t, SK_MEMINFO_VARS>>(memory);
-  return std::uint64_t{values[SK_MEMINFO_WMEM_ALLOC]} * 4 > values[SK_MEMINFO_SNDBUF];
+bool isFull(const std::array<std::uint32_t, SK_MEMINFO_VARS>& memory) {
+  return std::uint64_t{memory[SK_MEMINFO_WMEM_ALLOC]} * 4 > memory[SK_MEMINFO_SNDBUF];
 }
 
-void takeAttribute(Socket& socket, unsigned type, std::string_view value) {
-  if (type == UNIX_DIAG_NAME) {
-    socket.path = value;
-  } else if (type == UNIX_DIAG_UID) {
-    socket.uid = readAs<unsigned>(value);
-  } else if (type == UNIX_DIAG_RQLEN) {
-    socket.queues = readAs<unix_diag_rqlen>(value);
-  } else if (type == UNIX_DIAG_PEER) {
-    socket.peer = readAs<std::uint32_t>(value);
-  } else if (type == UNIX_DIAG_MEMINFO) {
-    socket.full = isFull(value);
-  } else if (type == UNIX_DIAG_ICONS) {
-    for (; value.size() >= sizeof(std::uint32_t); value.remove_prefix(sizeof(std::uint32_t))) {
-      socket.pending.push_back(readAs<std::uint32_t>(value));
-    }
+void takeAttribute(Socket& socket, const rtattr* attribute) {
+  const std::string_view bytes(static_cast<const char*>(RTA_DATA(attribute)),
+                               RTA_PAYLOAD(attribute));
+  const auto as = [&](auto value) {
+    std::memcpy(&value, bytes.data(), std::min(bytes.size(), sizeof value));
+    return value;
+  };
+  switch (attribute->rta_type) {
+    case UNIX_DIAG_NAME:
+      socket.path = bytes;
+      break;
+    case UNIX_DIAG_UID:
+      socket.uid = as(0U);
+      break;
+    case UNIX_DIAG_RQLEN:
+      socket.queues = as(unix_diag_rqlen{});
+      break;
+    case UNIX_DIAG_PEER:
+      socket.peer = as(0U);
+      break;
+    case UNIX_DIAG_MEMINFO:
+      socket.full = isFull(as(std::array<std::uint32_t, SK_MEMINFO_VARS>{}));
+      break;
+    case UNIX_DIAG_ICONS:
+      socket.pending.resize(bytes.size() / sizeof socket.pending.front());
+      std::memcpy(socket.pending.data(), bytes.data(),
+                  socket.pending.size() * sizeof socket.pending.front());
+      break;
+    default:
+      break;
   }
 }
 
-std::optional<Socket> socketFrom(std::string_view record) {
-  const auto header = readAs<unix_diag_msg>(record);
-  if (header.udiag_type != SOCK_SEQPACKET) {
-    return std::nullopt;
+void takeSocket(std::vector<Socket>& sockets, nlmsghdr* message) {
+  const auto* const header = static_cast<const unix_diag_msg*>(NLMSG_DATA(message));
+  if (header->udiag_type != SOCK_SEQPACKET) {
+    return;
   }
-  Socket socket;
-  socket.listens = header.udiag_state == kListening;
-  socket.inode = header.udiag_ino;
-  for (record.remove_prefix(std::min(sizeof header, record.size())); !record.empty();) {
-    const auto [attribute, value] = takeFront<nlattr>(record, readAs<nlattr>(record).nla_len);
-    takeAttribute(socket, attribute.nla_type, value);
+  Socket& socket = sockets.emplace_back();
+  socket.listens = header->udiag_state == kListening;
+  socket.inode = header->udiag_ino;
+  auto left = static_cast<int>(NLMSG_PAYLOAD(message, sizeof *header));
+  const auto* attribute = reinterpret_cast<const rtattr*>(header + 1);
+  for (; RTA_OK(attribute, left); attribute = RTA_NEXT(attribute, left)) {
+    takeAttribute(socket, attribute);
   }
-  return socket;
 }
 
 /// False if the kernel does not answer.
 bool queryKernel(std::vector<Socket>& sockets) {
   const int fd = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
-  if (fd < 0) {
-    return false;
-  }
-  std::string buffer(1 << 16, '\0');
+  std::vector<nlmsghdr> buffer((1 << 16) / sizeof(nlmsghdr));
   bool answered = false;
-  for (bool more = sendQuery(fd); more;) {
-    const auto length = ::recv(fd, buffer.data(), buffer.size(), 0);
-    std::string_view rest(buffer.data(), length < 0 ? 0 : static_cast<std::size_t>(length));
-    more = !rest.empty();
-    while (!rest.empty()) {
-      const auto [header, record] = takeFront<nlmsghdr>(rest, readAs<nlmsghdr>(rest).nlmsg_len);
-      answered = answered || header.nlmsg_type == NLMSG_DONE;
-      if (header.nlmsg_type != SOCK_DIAG_BY_FAMILY) {
-        more = false;
-        break;
-      }
-      if (auto socket = socketFrom(record)) {
-        sockets.push_back(std::move(*socket));
-      }
+  for (bool more = fd >= 0 && sendQuery(fd); more;) {
+    auto left = ::recv(fd, buffer.data(), buffer.size() * sizeof(nlmsghdr), 0);
+    more = left > 0;
+    for (nlmsghdr* message = buffer.data(); more && NLMSG_OK(message, left);
+         message = NLMSG_NEXT(message, left)) {
+      more = message->nlmsg_type == SOCK_DIAG_BY_FAMILY;
+      answered = message->nlmsg_type == NLMSG_DONE;
+      more ? takeSocket(sockets, message) : void();
     }
   }
-  ::close(fd);
+  if (fd >= 0) {
+    ::close(fd);
+  }
   return answered;
 }
 
@@ -154,27 +147,20 @@ bool queryKernel(std::vector<Socket>& sockets) {
 
 /// Num RefCount Protocol Flags Type St Inode Path, where NULs of the path are shown as '@'.
 std::optional<Socket> socketFrom(const std::string& line) {
-  std::istringstream fields(line);
-  std::string skipped;
   unsigned long flags = 0;
   unsigned long type = 0;
-  unsigned long state = 0;
+  int end = 0;
   Socket socket;
-  fields >> skipped >> skipped >> skipped >> std::hex >> flags >> type >> state >> std::dec >>
-      socket.inode;
-  if (!fields || fields.get() != ' ' || type != SOCK_SEQPACKET || socket.inode == 0) {
+  if (std::sscanf(line.c_str(), "%*s %*s %*s %lx %lx %*s %lu%n", &flags, &type, &socket.inode,
+                  &end) != 3 ||
+      type != SOCK_SEQPACKET || socket.inode == 0 ||
+      line.compare(static_cast<std::size_t>(end), 2, " @") != 0) {
     return std::nullopt;
   }
-  std::getline(fields, socket.path);
-  if (socket.path.empty() || socket.path.front() != '@') {
-    return std::nullopt;
-  }
+  socket.path = line.substr(static_cast<std::size_t>(end) + 1);
+  const std::size_t padding = socket.path.find_last_not_of('@') + 1;
+  std::fill(socket.path.begin() + static_cast<std::ptrdiff_t>(padding), socket.path.end(), '\0');
   socket.path.front() = '\0';
-  while (socket.path.size() > 1 && socket.path.back() == '@') {
-    socket.path.pop_back();
-  }
-  const bool padded = line.size() - line.find('@') == kPathSize;
-  socket.path.resize(padded ? kPathSize : line.size() - line.find('@'), '\0');
   socket.listens = (flags & 0x10000U) != 0;  // the kernel's mark of a socket that accepts
   return socket;
 }
@@ -215,57 +201,24 @@ Listener listenerFrom(const Socket& socket) {
 }
 
 /// Puts the two ends of connections together.
-class Builder {
- public:
-  Builder(const std::vector<Socket>& sockets, bool all) {
-    for (const Socket& socket : sockets) {
-      byInode_.emplace(socket.inode, &socket);
-      if (!socket.listens && !socket.path.empty()) {
-        accepted_[socket.path].push_back(&socket);
-      }
-    }
-    for (const Socket& socket : sockets) {
-      if (socket.listens && !socket.path.empty() && socket.path.front() == '\0') {
-        add(socket, all);
-      }
+Table tableOf(const std::vector<Socket>& sockets, bool all) {
+  Table table;
+  std::unordered_map<Inode, const Socket*> byInode;
+  std::unordered_map<std::string_view, std::vector<const Socket*>> accepted;
+  for (const Socket& socket : sockets) {
+    byInode.emplace(socket.inode, &socket);
+    if (!socket.listens && !socket.path.empty()) {
+      accepted[socket.path].push_back(&socket);
     }
   }
-
-  Table take() {
-    std::sort(table_.listeners.begin(), table_.listeners.end(), [](auto& a, auto& b) {
-      return std::tie(a.name, b.padded) < std::tie(b.name, a.padded);
-    });
-    std::sort(table_.connections.begin(), table_.connections.end(), [](auto& a, auto& b) {
-      return std::tie(a.name, a.server, a.client) < std::tie(b.name, b.server, b.client);
-    });
-    return std::move(table_);
-  }
-
- private:
-  void add(const Socket& socket, bool all) {
-    Listener listener = listenerFrom(socket);
-    if (!all && !listener.padded) {
-      return;
-    }
-    const auto& ends = accepted_[socket.path];
-    listener.connections = ends.size();
-    for (const Socket* end : ends) {
-      connect(listener, end, end->peer);
-    }
-    for (const std::uint32_t client : socket.pending) {
-      connect(listener, nullptr, client);
-    }
-    table_.listeners.push_back(std::move(listener));
-  }
-
   /// `end` is the server's, null for a client that waits.
-  void connect(Listener& listener, const Socket* end, Inode client) {
-    const auto found = byInode_.find(client);
-    if (client == 0 || found == byInode_.end() || !listener.unread) {
+  const auto connect = [&](Listener& listener, const Socket* end, Inode client) {
+    const auto found = byInode.find(client);
+    if (client == 0 || found == byInode.end() || !listener.unread) {
       return;
     }
     const Socket& other = *found->second;
-    Connection connection;
+    Connection& connection = table.connections.emplace_back();
     connection.name = listener.name;
     connection.server = listener.inode;
     connection.client = client;
@@ -273,58 +226,71 @@ class Builder {
     connection.accepted = end != nullptr;
     connection.unreadByClient = other.queues ? other.queues->udiag_rqueue : 0;
     connection.serverStalls = other.full;
-    if (end != nullptr) {
-      connection.unreadByServer = end->queues ? end->queues->udiag_rqueue : 0;
-      connection.clientStalls = end->full;
-    }
+    connection.unreadByServer = end != nullptr && end->queues ? end->queues->udiag_rqueue : 0;
+    connection.clientStalls = end != nullptr && end->full;
     *listener.unread += connection.unreadByServer + connection.unreadByClient;
     *listener.stalled += connection.serverStalls || connection.clientStalls ? 1 : 0;
-    table_.connections.push_back(std::move(connection));
+  };
+  for (const Socket& socket : sockets) {
+    if (!socket.listens || socket.path.empty() || socket.path.front() != '\0') {
+      continue;
+    }
+    Listener listener = listenerFrom(socket);
+    if (!all && !listener.padded) {
+      continue;
+    }
+    const auto& ends = accepted[socket.path];
+    listener.connections = ends.size();
+    for (const Socket* end : ends) {
+      connect(listener, end, end->peer);
+    }
+    for (const std::uint32_t client : socket.pending) {
+      connect(listener, nullptr, client);
+    }
+    table.listeners.push_back(std::move(listener));
   }
-
-  std::unordered_map<Inode, const Socket*> byInode_;
-  std::unordered_map<std::string_view, std::vector<const Socket*>> accepted_;
-  Table table_;
-};
+  std::sort(table.listeners.begin(), table.listeners.end(), [](auto& a, auto& b) {
+    return std::tie(a.name, b.padded) < std::tie(b.name, a.padded);
+  });
+  std::sort(table.connections.begin(), table.connections.end(), [](auto& a, auto& b) {
+    return std::tie(a.name, a.server, a.client) < std::tie(b.name, b.server, b.client);
+  });
+  return table;
+}
 
 // --- processes ---
 
+/// What is in a folder, as far as this user may look and it does not vanish meanwhile.
+std::vector<fs::path> contentOf(const fs::path& folder) {
+  std::vector<fs::path> content;
+  std::error_code error;
+  for (fs::directory_iterator at(folder, error), end; !error && at != end; at.increment(error)) {
+    content.push_back(at->path());
+  }
+  return content;
+}
+
 /// The numbers of the processes that can be seen, the lowest first.
-std::vector<int> processes() {
-  std::vector<int> pids;
-  DIR* const proc = ::opendir("/proc");
-  while (const dirent* entry = proc == nullptr ? nullptr : ::readdir(proc)) {
-    if (const int pid = std::atoi(entry->d_name); pid > 0) {
-      pids.push_back(pid);
-    }
+std::set<int> processes() {
+  std::set<int> pids;
+  for (const fs::path& each : contentOf("/proc")) {
+    pids.insert(std::atoi(each.filename().c_str()));
   }
-  if (proc != nullptr) {
-    ::closedir(proc);
-  }
-  std::sort(pids.begin(), pids.end());
+  pids.erase(0);  // what is no process
   return pids;
 }
 
-/// Calls `found` for each socket that the process has open.
-void forEachSocketOf(int pid, const std::function<void(Inode)>& found) {
-  DIR* const folder = ::opendir(("/proc/" + std::to_string(pid) + "/fd").c_str());
-  while (const dirent* entry = folder == nullptr ? nullptr : ::readdir(folder)) {
-    std::array<char, 64> target{};
-    const auto length =
-        ::readlinkat(::dirfd(folder), entry->d_name, target.data(), target.size() - 1);
-    if (length > 0 && std::strncmp(target.data(), "socket:[", 8) == 0) {
-      found(std::strtoul(target.data() + 8, nullptr, 10));
+/// The sockets that the process has open.
+std::vector<Inode> socketsOf(int pid) {
+  std::vector<Inode> sockets;
+  for (const fs::path& each : contentOf("/proc/" + std::to_string(pid) + "/fd")) {
+    std::error_code error;
+    Inode inode = 0;
+    if (std::sscanf(fs::read_symlink(each, error).c_str(), "socket:[%lu]", &inode) == 1) {
+      sockets.push_back(inode);
     }
   }
-  if (folder != nullptr) {
-    ::closedir(folder);
-  }
-}
-
-double uptime() {
-  timespec now{};
-  ::clock_gettime(CLOCK_BOOTTIME, &now);
-  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+  return sockets;
 }
 
 /// The process as /proc/PID/stat has it: PID (NAME) STATE and numbers, of which the name may hold
@@ -332,29 +298,27 @@ double uptime() {
 Process processOf(int pid) {
   Process process;
   std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-  std::stringstream text;
-  text << file.rdbuf();
-  const std::string line = text.str();
+  const std::string line(std::istreambuf_iterator<char>(file), {});
   const std::size_t open = line.find('(');
   const std::size_t close = line.rfind(')');
-  if (pid == 0 || open == std::string::npos || close == std::string::npos) {
+  if (open == std::string::npos || close == std::string::npos) {
     return process;
   }
   process.pid = pid;
   process.name = line.substr(open + 1, close - open - 1);
   std::istringstream fields(line.substr(close + 1));
   fields >> process.state;
+  constexpr std::size_t kFirst = 4;  // the field that comes next, as proc(5) counts
+  std::vector<double> values(std::istream_iterator<double>(fields), {});
+  values.resize(25);
   const auto ticks = static_cast<double>(::sysconf(_SC_CLK_TCK));
-  std::uint64_t value = 0;
-  for (int field = 4; field <= 24 && fields >> value; ++field) {
-    if (field == 14 || field == 15) {
-      process.cpuSeconds += static_cast<double>(value) / ticks;
-    } else if (field == 22) {
-      process.ageSeconds = uptime() - static_cast<double>(value) / ticks;
-    } else if (field == 24) {
-      process.memory = value * static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
-    }
-  }
+  double uptime = 0;
+  std::ifstream("/proc/uptime") >> uptime;
+  process.cpuSeconds = (values[14 - kFirst] + values[15 - kFirst]) / ticks;
+  process.ageSeconds = uptime - values[22 - kFirst] / ticks;
+  process.cpuPercent = 100 * process.cpuSeconds / std::max(process.ageSeconds, 0.01);
+  process.memory = static_cast<std::uint64_t>(values[24 - kFirst]) *
+                   static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
   return process;
 }
 
@@ -366,50 +330,37 @@ Table kernelTable(bool all) {
   if (!byNetlink) {
     sockets = readProc();
   }
-  Table table = Builder(sockets, all).take();
+  Table table = tableOf(sockets, all);
   table.byNetlink = byNetlink;
   return table;
 }
 
-std::vector<Listener> listeners(bool all) {
-  return kernelTable(all).listeners;
-}
-
-void Owners::find(const std::vector<Inode>& sockets) {
+void Owners::find(const std::vector<std::pair<Inode, Process*>>& sockets) {
   bool anyNew = false;
   std::size_t missing = 0;  // those of hidden processes included
   std::unordered_map<Inode, int> found;
-  for (const Inode inode : sockets) {
+  for (const auto& [inode, process] : sockets) {
     const auto known = known_.find(inode);
     anyNew = anyNew || known == known_.end();
     found[inode] = known == known_.end() ? 0 : known->second;
     missing += found[inode] == 0 ? 1 : 0;
   }
   known_ = std::move(found);
-  for (const int pid : anyNew ? processes() : std::vector<int>{}) {
-    forEachSocketOf(pid, [&](Inode inode) {
+  for (const int pid : anyNew ? processes() : std::set<int>()) {
+    for (const Inode inode : missing > 0 ? socketsOf(pid) : std::vector<Inode>()) {
       const auto known = known_.find(inode);
       if (known != known_.end() && known->second == 0) {
         known->second = pid;
         --missing;
       }
-    });
-    if (missing == 0) {
-      break;
     }
   }
-}
-
-std::vector<Process> Owners::of(const std::vector<Inode>& sockets) {
-  find(sockets);
-  std::map<int, Process> byPid;
-  std::vector<Process> owners;
-  for (const Inode socket : sockets) {
-    const int pid = known_[socket];
-    const auto found = byPid.find(pid);
-    owners.push_back(found == byPid.end() ? byPid[pid] = processOf(pid) : found->second);
+  std::map<int, Process> byPid{{0, Process()}};
+  for (const auto& [inode, process] : sockets) {
+    const int pid = known_[inode];
+    const auto [known, isNew] = byPid.try_emplace(pid);
+    *process = isNew ? known->second = processOf(pid) : known->second;
   }
-  return owners;
 }
 
 std::string userName(unsigned uid) {

@@ -5,11 +5,24 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace tool {
 
 using Inode = unsigned long;
+
+struct Process {
+  int pid = 0;  // 0: unknown, or hidden from this user
+  std::string name;
+  char state = '?';  // R running, S sleeping, T stopped, Z zombie and so on
+  double ageSeconds = 0;
+  double cpuSeconds = 0;     // used so far
+  double cpuPercent = 0;     // over its life
+  std::uint64_t memory = 0;  // resident bytes
+
+  bool known() const { return pid != 0; }
+};
 
 /// A listening sequenced-packet socket in the abstract namespace, as the kernel's table shows it.
 struct Listener {
@@ -17,6 +30,7 @@ struct Listener {
   bool padded = true;  // to the whole path, as this protocol's servers are
   Inode inode = 0;
   std::size_t connections = 0;  // accepted ones
+  Process process;              // see `Owners`
   // Known only if the kernel answers the netlink query:
   std::optional<unsigned> uid;
   std::optional<unsigned> waiting;      // clients that are not accepted yet
@@ -30,6 +44,7 @@ struct Connection {
   std::string name;  // the server's
   Inode server = 0;  // the listener
   Inode client = 0;
+  Process process;                   // the client's; see `Owners`
   unsigned uid = 0;                  // who made the client's socket
   bool accepted = true;              // else it waits to be let in
   std::uint64_t unreadByServer = 0;  // bytes
@@ -49,42 +64,27 @@ struct Table {
 /// allowed (which loses names with line breaks, and cannot tell a trailing '@' from padding).
 Table kernelTable(bool all);
 
-/// The listeners alone.
-std::vector<Listener> listeners(bool all);
-
-struct Process {
-  int pid = 0;  // 0: unknown, or hidden from this user
-  std::string name;
-  char state = '?';  // R running, S sleeping, T stopped, Z zombie and so on
-  double ageSeconds = 0;
-  double cpuSeconds = 0;     // used so far
-  std::uint64_t memory = 0;  // resident bytes
-};
-
 /// Finds the processes that hold sockets, as far as this user may look. If several hold one, that
 /// with the lowest number. It remembers what it has found.
 class Owners {
  public:
-  /// Those of the sockets, in their order. It looks for what it does not know yet, and forgets all
-  /// other sockets.
-  std::vector<Process> of(const std::vector<Inode>& sockets);
+  /// Names the processes of listeners or connections, by one of the sockets of each. It looks for
+  /// what it does not know yet, and forgets all other sockets.
+  template <class T>
+  void find(std::vector<T>& all, Inode T::*socket) {
+    std::vector<std::pair<Inode, Process*>> sockets;
+    sockets.reserve(all.size());
+    for (T& each : all) {
+      sockets.emplace_back(each.*socket, &each.process);
+    }
+    find(sockets);
+  }
 
  private:
-  void find(const std::vector<Inode>& sockets);
+  void find(const std::vector<std::pair<Inode, Process*>>& sockets);
 
   std::unordered_map<Inode, int> known_;
 };
-
-/// One of the sockets of each listener or connection.
-template <class T>
-std::vector<Inode> inodesOf(const std::vector<T>& all, Inode T::*socket) {
-  std::vector<Inode> inodes;
-  inodes.reserve(all.size());
-  for (const T& each : all) {
-    inodes.push_back(each.*socket);
-  }
-  return inodes;
-}
 
 /// The user's name, or the number of one who has none.
 std::string userName(unsigned uid);

@@ -1,7 +1,6 @@
 #include "tool/Lines.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,15 +8,13 @@
 #include <cstring>
 
 #include "Kelvo/Exception.h"
-#include "tool/Json.h"
-#include "tool/Report.h"
+#include "tool/Verb.h"
 
 namespace tool {
 
 namespace {
 
 constexpr std::size_t kLongest = 1 << 20;  // bytes of a line
-constexpr std::size_t kLongestMessage = 1 << 16;
 
 /// What cannot be read is no end of the input.
 Failure unreadable(const std::string& file, int error) {
@@ -50,6 +47,14 @@ Lines::~Lines() {
 }
 
 std::optional<std::string> Lines::next() {
+  auto found = line();
+  while (found && found->find_first_not_of(" \t\r") == std::string::npos) {
+    found = line();
+  }
+  return found;
+}
+
+std::optional<std::string> Lines::line() {
   std::string line;
   do {
     const std::size_t end = buffer_.find('\n', at_);
@@ -94,61 +99,6 @@ void Lines::waitForInput() {
     ready = true;  // a file: always ready, and nothing that the kernel watches
   }
   run_.until([&ready] { return ready; });
-}
-
-Messages::Messages(Run& run, const std::string& text, std::uint64_t copies)
-    : run_(run), copies_(copies) {
-  if (text != "-") {
-    text_ = sendable(text, "the message");
-    return;
-  }
-  struct stat status {};
-  lines_.emplace(run_, text);
-  if (::fstat(STDIN_FILENO, &status) == 0 && S_ISREG(status.st_mode)) {
-    const off_t at = ::lseek(STDIN_FILENO, 0, SEEK_CUR);
-    while (read()) {
-    }
-    ::lseek(STDIN_FILENO, at, SEEK_SET);
-    lines_.emplace(run_, text);
-  }
-}
-
-std::optional<std::string> Messages::next() {
-  if (!lines_) {
-    return copies_-- > 0 ? std::optional<std::string>(text_) : std::nullopt;
-  }
-  auto message = read();
-  if (!message && handedOut_ == 0) {
-    throw Failure(Exit::kUsage,
-                  "there is no message to send; give one, or one on each line of standard input.");
-  }
-  ++handedOut_;
-  return message;
-}
-
-std::optional<std::string> Messages::read() {
-  std::string text;
-  std::size_t number = 0;
-  while (const auto line = lines_->next()) {
-    if (text.empty() && isBlank(*line)) {
-      continue;
-    }
-    number = text.empty() ? lines_->number() : number;
-    text += (text.empty() ? "" : "\n") + *line;
-    if (!lint(text).cutShort || text.size() > kLongestMessage) {
-      break;
-    }
-  }
-  if (text.empty()) {
-    return std::nullopt;
-  }
-  const std::string before =
-      handedOut_ == 0 ? "" : " (" + counted(handedOut_, "message") + " went out before)";
-  return sendable(text, "line " + std::to_string(number) + " of the input" + before);
-}
-
-bool isBlank(std::string_view line) {
-  return line.find_first_not_of(" \t\r") == std::string_view::npos;
 }
 
 }  // namespace tool

@@ -1,10 +1,8 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <optional>
 #include <string>
-#include <string_view>
 
 #include "tool/Run.h"
 
@@ -22,14 +20,15 @@ class Lines {
   Lines& operator=(const Lines&) = delete;
   ~Lines();
 
-  /// The next line (the last one needs no line end); nothing at the end, and when nobody wants the
-  /// command any more. What no message could be as long as is cut, so that hostile input takes no
-  /// memory.
+  /// The next line that holds something (the last one needs no line end); nothing at the end, and
+  /// when nobody wants the command any more. What no message could be as long as is cut, so that
+  /// hostile input takes no memory.
   std::optional<std::string> next();
   /// The number of the line that was handed out last, from 1.
   std::size_t number() const { return number_; }
 
  private:
+  std::optional<std::string> line();
   bool fill();
   void waitForInput();
 
@@ -40,28 +39,5 @@ class Lines {
   std::size_t at_ = 0;
   std::size_t number_ = 0;
 };
-
-/// The messages that a command is to send: one from the command line, some number of times, or
-/// those of standard input, each from the beginning of a line; looked at before they are handed
-/// out. A file as standard input is looked through first.
-class Messages {
- public:
-  Messages(Run& run, const std::string& text, std::uint64_t copies);
-
-  /// The next one, as the library sends it; nothing at the end.
-  std::optional<std::string> next();
-
- private:
-  std::optional<std::string> read();
-
-  Run& run_;
-  std::string text_;      // what the command line holds
-  std::uint64_t copies_;  // how often it is to be handed out yet
-  std::size_t handedOut_ = 0;
-  std::optional<Lines> lines_;  // or where the messages come from instead
-};
-
-/// True for a line that holds nothing.
-bool isBlank(std::string_view line);
 
 }  // namespace tool

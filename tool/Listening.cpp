@@ -1,7 +1,7 @@
 #include "tool/Listening.h"
 
 #include "Api/Admission.h"
-#include "tool/Report.h"
+#include "tool/Verb.h"
 
 namespace tool {
 

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <list>
 #include <optional>
 #include <string>
@@ -52,14 +53,14 @@ class Condition {
  private:
   /// "a.b" is a member of that name, or the member "b" of the member "a".
   bool holds(const rapidjson::Value& value, std::string_view key) const {
-    const rapidjson::Value* const whole = findMember(value, key);
+    const rapidjson::Value* const whole = Tovik::find(value, key);
     if (whole != nullptr && equals(*whole)) {
       return true;
     }
     for (std::size_t dot = key.find('.'); dot != std::string_view::npos;
          dot = key.find('.', dot + 1)) {
-      const rapidjson::Value& inner = memberOf(value, key.substr(0, dot));
-      if (inner.IsObject() && holds(inner, key.substr(dot + 1))) {
+      const rapidjson::Value* const inner = Tovik::find(value, key.substr(0, dot));
+      if (inner != nullptr && holds(*inner, key.substr(dot + 1))) {
         return true;
       }
     }
@@ -67,7 +68,8 @@ class Condition {
   }
 
   bool equals(const rapidjson::Value& found) const {
-    const bool sameText = found.IsString() && textOf(found) == value_;
+    const bool sameText =
+        found.IsString() && std::string_view(found.GetString(), found.GetStringLength()) == value_;
     return sameText || (!json_.HasParseError() && found == json_);
   }
 
@@ -79,10 +81,8 @@ class Condition {
 /// What the monitored servers' messages come together in.
 class Printer {
  public:
-  Printer(const MonitorOptions& options, const Common& common)
-      : options_(options),
-        output_(common),
-        conditions_(options.where.begin(), options.where.end()) {}
+  explicit Printer(const MonitorOptions& options)
+      : options_(options), conditions_(options.where.begin(), options.where.end()) {}
 
   bool done() const { return printed_ == options_.count; }
 
@@ -95,27 +95,17 @@ class Printer {
   }
 
  private:
-  void show(const std::string& name, std::string_view json) {
+  void show(const std::string& name, std::string_view json) const {
     const bool several = options_.names.size() > 1;
-    if (!several && !options_.timestamps) {
-      return output_.message(json);
-    }
-    Object head;
-    std::string prefix;
-    if (options_.timestamps) {
-      const std::string time = timestamp();
-      head.add("time", time);
-      prefix = painted(time, "2", output_.colour()) + " ";
-    }
-    if (several) {
-      head.name(name);
-      prefix += cell(name) + " ";
-    }
-    output_.message(head, prefix, json);
+    const auto time = when(options_.timestamps, timestamp());
+    const JsonName shown(name);
+    const auto head = Tovik::object("time", time, "name", when(several, shown.text), "name_hex",
+                                    when(several && shown.hex, shown.hex.value_or("")));
+    printJson(head, (time ? painted(*time, "2") + " " : "") + (several ? cell(name) + " " : ""),
+              json);
   }
 
   const MonitorOptions& options_;
-  Output output_;
   const std::vector<Condition> conditions_;
   std::uint64_t printed_ = 0;
 };
@@ -125,20 +115,16 @@ std::string subscription(const MonitorOptions& options) {
   if (options.topics.empty()) {
     return R"({"command":"set","notification":true})";
   }
-  std::string topics;
-  for (const std::string& topic : options.topics) {
-    const std::string object = Object().add("", topic).text();
-    topics += (topics.empty() ? "" : ",") + std::string(memberText(object, ""));
-  }
-  return sendable(Object().add("command", "subscribe").raw("topics", "[" + topics + "]").text(),
-                  "the subscription");
+  std::vector<std::string> topics;
+  std::transform(options.topics.begin(), options.topics.end(), std::back_inserter(topics), asUtf8);
+  const auto message = Tovik::object("command", "subscribe", "topics", topics);
+  return sendable(Tovik::Message::toStr(message, false).data(), "the subscription");
 }
 
 class Monitor : private Session {
  public:
-  Monitor(const std::string& name, const MonitorOptions& options, const Common& common,
-          Printer& printer)
-      : Session(name, common, options.noReconnect ? 0 : kReconnectSeconds),
+  Monitor(const std::string& name, const MonitorOptions& options, Printer& printer)
+      : Session(name, options.noReconnect ? 0 : kReconnectSeconds),
         options_(options),
         printer_(printer) {
     patience_.arm(kPatience);
@@ -219,15 +205,15 @@ class Monitor : private Session {
   bool troubled_ = false;
 };
 
-void monitor(const MonitorOptions& options, const Common& common) {
+void monitor(const MonitorOptions& options) {
   for (const std::string& text : options.send) {
     sendable(text, "the message for --send");
   }
   Run run(Ending::kIsSuccess);
-  Printer printer(options, common);
+  Printer printer(options);
   std::list<Monitor> monitors;
   for (const std::string& name : options.names) {
-    monitors.emplace_back(name, options, common, printer);
+    monitors.emplace_back(name, options, printer);
   }
   const double limit = common.timeLimit(0);
   run.within(
@@ -240,16 +226,16 @@ void monitor(const MonitorOptions& options, const Common& common) {
 
 }  // namespace
 
-void addMonitor(Program& program) {
-  auto [verb, options] = program.verb<MonitorOptions>(
-      "monitor", "subscribes and prints what comes",
+void addMonitor(CLI::App& program) {
+  auto [verb, options] = addVerb(
+      program, "monitor", "subscribes and prints what comes",
       "Subscribes and prints each message, one a line, with the server's name if there are "
       "several. After a loss it reconnects by itself, every second, and says so on standard error; "
       "what was sent in between is lost. There is no time-out unless one is given, for the whole "
       "run.",
       monitor);
   verb.alias("subscribe")
-      .argument("NAME...", Needed::kYes, name(options.names))
+      .argument("NAME...", name(options.names))
       .option("--count", "N", number(options.count, 1, UINT64_MAX), "end after N messages")
       .flag("--no-reconnect", options.noReconnect, "end when the connection is lost")
       .option("--topic", "TOPIC", text(options.topics),

@@ -12,16 +12,22 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <utility>
 
 #include "tool/Report.h"
 
 namespace tool {
 
+Common common;
+
 namespace {
 
-bool wantsColour(const std::string& color, bool terminal) {
-  return color == "always" || (color == "auto" && terminal && std::getenv("NO_COLOR") == nullptr);
+bool wantsColour() {
+  return common.color == "always" ||
+         (common.color == "auto" && onTerminal() && std::getenv("NO_COLOR") == nullptr);
+}
+
+bool wantsIndents() {
+  return common.json == "pretty" || (common.json.empty() && common.jsonByTerminal && onTerminal());
 }
 
 /// What is left to write after one attempt, or an errno value.
@@ -79,7 +85,7 @@ std::string coloured(const std::string& json) {
       result += json[end++];
     } else {
       const bool key = string && end < json.size() && json[end] == ':';
-      result += painted(json.substr(at, end - at), key ? "34" : string ? "32" : "33", true);
+      result += painted(json.substr(at, end - at), key ? "34" : string ? "32" : "33");
     }
   }
   return result;
@@ -87,15 +93,14 @@ std::string coloured(const std::string& json) {
 
 }  // namespace
 
-Output::Output(const Common& common)
-    : json_(!common.json.empty() || common.jsonByTerminal),
-      quiet_(common.quiet),
-      terminal_(::isatty(STDOUT_FILENO) != 0),
-      colour_(wantsColour(common.color, terminal_)),
-      pretty_(common.json == "pretty" || (common.json.empty() && json_ && terminal_)) {}
+void notice(std::string_view sentence) {
+  if (!common.quiet) {
+    report(sentence);
+  }
+}
 
-void Output::text(std::string_view text) {
-  while (!quiet_ && !text.empty()) {
+void printText(std::string_view text) {
+  while (!common.quiet && !text.empty()) {
     const int error = writeSome(text);
     if (error == EPIPE) {
       throw OutputClosed{};
@@ -107,22 +112,40 @@ void Output::text(std::string_view text) {
   }
 }
 
-void Output::line(std::string_view line) {
-  text(std::string(line) + "\n");
+void printLine(std::string_view line) {
+  printText(std::string(line) + "\n");
 }
 
-void Output::message(std::string_view json, const std::string& prefix) {
-  std::string text = rewritten(json, pretty_);
-  text = terminal_ ? safeForTerminal(text) : text;
-  line(prefix + (colour_ ? coloured(text) : text));
+void printJson(std::string_view json, const std::string& prefix) {
+  const std::string text = rewritten(json, wantsIndents());
+  const std::string shown = onTerminal() ? safeForTerminal(text) : text;
+  printLine(prefix + (wantsColour() ? coloured(shown) : shown));
 }
 
-void Output::message(Object head, const std::string& prefix, std::string_view json) {
-  json_ ? message(head.raw("message", json).text()) : message(json, prefix);
+void printJson(const Tovik::Message& message) {
+  printJson(std::string_view(Tovik::Message::toStr(message, false).data()));
 }
 
-std::string painted(const std::string& text, const char* colour, bool wanted) {
-  return wanted ? std::string("\x1b[") + colour + "m" + text + "\x1b[0m" : text;
+void printJson(const Tovik::Message& head, const std::string& prefix, std::string_view json) {
+  if (!wantsJson() || head.ObjectEmpty()) {
+    return printJson(json, prefix);
+  }
+  std::string text = Tovik::Message::toStr(head, false).data();
+  text.back() = ',';  // its numbers, too, stay as they are written
+  printJson(text + "\"message\":" + std::string(json) + "}");
+}
+
+bool wantsJson() {
+  return !common.json.empty() || common.jsonByTerminal;
+}
+
+bool onTerminal() {
+  static const bool terminal = ::isatty(STDOUT_FILENO) != 0;
+  return terminal;
+}
+
+std::string painted(const std::string& text, const char* colour) {
+  return wantsColour() ? std::string("\x1b[") + colour + "m" + text + "\x1b[0m" : text;
 }
 
 std::string cell(std::string_view text) {

@@ -8,40 +8,27 @@
 
 namespace tool {
 
-/// Results, on standard output: each is written whole and at once.
-class Output {
- public:
-  explicit Output(const Common& common);
+// Results, on standard output: each is written whole and at once. What prints throws
+// `OutputClosed` if nobody reads any more, and a failure if what is read cannot be written.
 
-  // All of these throw `OutputClosed` if nobody reads any more, and a failure if what is read
-  // cannot be written.
+/// As it is, unless -q.
+void printText(std::string_view text);
+/// The same with a line end.
+void printLine(std::string_view line);
+/// JSON in the style that the options ask for: on one line unless pretty, with its numbers as they
+/// are written.
+void printJson(std::string_view json, const std::string& prefix = {});
+void printJson(const Tovik::Message& message);
+/// The same for one that came from somewhere, with the time and so on: inside an object for JSON,
+/// before it otherwise. Nothing of it if the head is empty.
+void printJson(const Tovik::Message& head, const std::string& prefix, std::string_view json);
 
-  /// As it is, unless -q.
-  void text(std::string_view text);
-  /// The same with a line end.
-  void line(std::string_view line);
-  /// JSON in the style that the options ask for: on one line unless pretty, with its numbers as
-  /// they are written.
-  void message(std::string_view json, const std::string& prefix = {});
-  /// The same for one that came from somewhere, with the time and so on: inside an object for JSON,
-  /// before it otherwise.
-  void message(Object head, const std::string& prefix, std::string_view json);
+/// True when results are to be JSON.
+bool wantsJson();
+bool onTerminal();
 
-  /// True when results are to be JSON.
-  bool json() const { return json_; }
-  bool colour() const { return colour_; }
-  bool terminal() const { return terminal_; }
-
- private:
-  const bool json_;
-  const bool quiet_;
-  bool terminal_;
-  bool colour_;
-  bool pretty_;
-};
-
-/// The text in a terminal's colours; `colour` is "32" for green and so on.
-std::string painted(const std::string& text, const char* colour, bool wanted);
+/// The text in a terminal's colours if they are wanted; `colour` is "32" for green and so on.
+std::string painted(const std::string& text, const char* colour);
 
 /// A text as one cell: blanks inside it, or nothing at all, must not look like missing columns.
 std::string cell(std::string_view text);

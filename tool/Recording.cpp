@@ -34,37 +34,33 @@ Failure unwritable(const std::string& file, int error) {
 }  // namespace
 
 std::string recordingOf(const Record& record) {
-  Object object;
-  object.add("time", timestamp())
-      .add("direction", record.direction == Direction::kToServer ? kToServerText : kToClientText)
-      .add("connection", record.connection)
-      .add("pid", record.pid)
-      .add("uid", record.uid);
-  isUtf8(record.text) ? object.add("text", record.text) : object.add("hex", toHex(record.text));
-  if (record.refused) {
-    object.add("refused", true);
-  }
-  return object.text();
+  const bool isText = isUtf8(record.text);
+  const auto object = Tovik::object(
+      "time", timestamp(), "direction",
+      record.direction == Direction::kToServer ? kToServerText : kToClientText, "connection",
+      record.connection, "pid", record.pid, "uid", record.uid, "text", when(isText, record.text),
+      "hex", when(!isText, toHex(record.text)), "refused", when(record.refused, true));
+  return Tovik::Message::toStr(object, false).data();
 }
 
 bool parseRecording(std::string_view line, Record& record) {
   const Lint judged = lint(line);
-  const auto direction = textOf(memberOf(judged.message, "direction"));
-  const auto& connection = memberOf(judged.message, "connection");
-  const auto& text = memberOf(judged.message, "text");
-  if ((direction != kToServerText && direction != kToClientText) || !connection.IsUint64()) {
+  const auto direction = Tovik::get<std::string>(judged.message, "direction");
+  const auto connection = Tovik::get<std::uint64_t>(judged.message, "connection");
+  const auto text = Tovik::get<std::string>(judged.message, "text");
+  const auto hex = Tovik::get<std::string>(judged.message, "hex");
+  if ((direction != kToServerText && direction != kToClientText) || !connection) {
     return false;
   }
   record.direction = direction == kToServerText ? Direction::kToServer : Direction::kToClient;
-  record.connection = connection.GetUint64();
-  record.refused = memberOf(judged.message, "refused").IsTrue();
-  record.text = textOf(text);
-  return (text.IsString() || fromHex(textOf(memberOf(judged.message, "hex")), record.text)) &&
-         !record.text.empty();
+  record.connection = *connection;
+  record.refused = Tovik::get<bool>(judged.message, "refused") == true;
+  record.text = text.value_or("");
+  return (text || fromHex(hex.value_or(""), record.text)) && !record.text.empty();
 }
 
-RecordLog::RecordLog(const Common& common, const std::string& file, bool timestamps)
-    : output_(common), file_(file), timestamps_(timestamps) {
+RecordLog::RecordLog(const std::string& file, bool timestamps)
+    : file_(file), timestamps_(timestamps) {
   if (!file.empty()) {
     fd_ = ::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     if (fd_ < 0) {
@@ -80,19 +76,18 @@ RecordLog::~RecordLog() {
 }
 
 void RecordLog::show(const Record& record) {
-  if (output_.json() || fd_ >= 0) {
+  if (wantsJson() || fd_ >= 0) {
     const std::string json = recordingOf(record);
     append(json + "\n");
-    if (output_.json()) {
-      return output_.message(json);
+    if (wantsJson()) {
+      return printJson(json);
     }
   }
   const bool toServer = record.direction == Direction::kToServer;
-  const bool colour = output_.colour();
-  output_.line((timestamps_ ? painted(timestamp(), "2", colour) + " " : "") +
-               std::to_string(record.connection) + " " +
-               painted(toServer ? "->" : "<-", toServer ? "36" : "35", colour) + " " +
-               escaped(record.text) + (record.refused ? painted(" (refused)", "31", colour) : ""));
+  printLine((timestamps_ ? painted(timestamp(), "2") + " " : "") +
+            std::to_string(record.connection) + " " +
+            painted(toServer ? "->" : "<-", toServer ? "36" : "35") + " " + escaped(record.text) +
+            (record.refused ? painted(" (refused)", "31") : ""));
 }
 
 /// Half a line would spoil the recording, so it is taken back.

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -32,7 +31,7 @@ bool parseRecording(std::string_view line, Record& record);
 /// Shows records on standard output, and appends them to a file if it has a name, each at once.
 class RecordLog {
  public:
-  RecordLog(const Common& common, const std::string& file, bool timestamps);
+  RecordLog(const std::string& file, bool timestamps);
   RecordLog(const RecordLog&) = delete;
   RecordLog& operator=(const RecordLog&) = delete;
   ~RecordLog();
@@ -42,7 +41,6 @@ class RecordLog {
  private:
   void append(const std::string& line) const;
 
-  Output output_;
   const std::string file_;
   int fd_ = -1;
   const bool timestamps_;

@@ -74,51 +74,66 @@ std::string danger(const Record& record) {
   return record.direction == Direction::kToServer ? judged.endsServer : judged.endsClient;
 }
 
-class Conversation;
-
-/// A conversation's connection to the client or to the server.
-class Side : public Session {
- public:
-  template <class Way>
-  Side(Conversation& conversation, const std::string& name, const Common& common, Way way)
-      : Session(name, common, way), conversation_(conversation) {}
-
-  void pass(const std::string& text);
-  bool hasAll() const { return gone_ || (allWritten() && allTaken()); }
-  void close() {
-    gone_ = true;
-    endQuietly();
-  }
-
- private:
-  void connected() override;
-  void received(std::string record) override;
-  void lost(int error) override;
-  void notConnected(int error) override;
-
-  Conversation& conversation_;
-  std::size_t waiting_ = 0;  // bytes in the queue, at most
-  bool gone_ = false;
-};
-
 /// One client's way to the server.
 class Conversation {
  public:
-  Conversation(const RelayOptions& options, const Common& common, RecordLog& log, Record stamp,
-               int clientFd)
+  Conversation(const RelayOptions& options, RecordLog& log, Record stamp, int clientFd)
       : options_(options),
-        common_(common),
         log_(log),
         stamp_(std::move(stamp)),
-        client_(*this, "the client", common, Session::AcceptedFd{clientFd}),
-        server_(*this, options.upstream, common, 0.0) {
+        client_(*this, "the client", Session::AcceptedFd{clientFd}),
+        server_(*this, options.upstream, 0.0) {
     say("process " + std::to_string(stamp_.pid) + ", uid " + std::to_string(stamp_.uid) + ".");
-    limit_.limit(common_.timeLimit());  // for the connection
+    limit_.limit(common.timeLimit());  // for the connection
   }
 
   bool over() const { return over_; }
 
-  void connected() { limit_.disarm(); }
+ private:
+  /// The connection to the client or to the server.
+  class Side : public Session {
+   public:
+    template <class Way>
+    Side(Conversation& conversation, const std::string& name, Way way)
+        : Session(name, way), conversation_(conversation) {}
+
+    void pass(const std::string& text) {
+      constexpr std::size_t kMostWaiting = 8 << 20;  // bytes, for a side that does not read
+      constexpr std::size_t kOverhead = 64;          // of one text
+      send(text);
+      waiting_ += text.size() + kOverhead;
+      if (waiting_ > kMostWaiting) {  // unless some of it has gone out since it was counted
+        waiting_ = 0;
+        for (const auto& each : sendQueue_) {
+          waiting_ += each.size() + kOverhead;
+        }
+      }
+      if (waiting_ > kMostWaiting) {
+        conversation_.dropSlow(*this);
+      }
+    }
+    bool hasAll() const { return gone_ || (allWritten() && allTaken()); }
+    void close() {
+      gone_ = true;
+      endQuietly();
+    }
+
+   private:
+    void connected() override { conversation_.limit_.disarm(); }
+    void received(std::string record) override { conversation_.take(*this, std::move(record)); }
+    void lost(int error) override {
+      gone_ = true;
+      conversation_.leave(*this, error == 0 ? "the server left." : lostFailure().what());
+    }
+    void notConnected(int error) override {
+      gone_ = true;
+      conversation_.leave(*this, notConnectedFailure(error).what());
+    }
+
+    Conversation& conversation_;
+    std::size_t waiting_ = 0;  // bytes in the queue, at most
+    bool gone_ = false;
+  };
 
   /// Shows what came from one side, and passes it on to the other.
   void take(const Side& from, std::string text) {
@@ -140,7 +155,7 @@ class Conversation {
   void leave(const Side& side, const std::string& why) {
     if (!std::exchange(leaving_, true)) {
       say(&side == &client_ ? "the client left." : why);
-      limit_.limit(common_.timeLimit());
+      limit_.limit(common.timeLimit());
       look_.arm(0);  // not from here: a side's callback runs
     }
   }
@@ -149,7 +164,6 @@ class Conversation {
     drop(&side == &client_ ? "the client does not read." : "the server does not read.");
   }
 
- private:
   void look() {
     over_ = over_ || (client_.hasAll() && server_.hasAll());
     if (over_) {
@@ -168,8 +182,7 @@ class Conversation {
   }
 
   std::string late() const {
-    return leaving_ ? "the other side did not read on; dropped."
-                    : server_.lateText(common_.timeLimit());
+    return leaving_ ? "the other side did not read on; dropped." : server_.lateText();
   }
 
   void say(const std::string& what) const {
@@ -177,7 +190,6 @@ class Conversation {
   }
 
   const RelayOptions& options_;
-  const Common& common_;
   RecordLog& log_;
   Record stamp_;
   bool leaving_ = false;
@@ -188,47 +200,13 @@ class Conversation {
   Side server_;
 };
 
-void Side::pass(const std::string& text) {
-  constexpr std::size_t kMostWaiting = 8 << 20;  // bytes, for a side that does not read
-  constexpr std::size_t kOverhead = 64;          // of one text
-  send(text);
-  waiting_ += text.size() + kOverhead;
-  if (waiting_ > kMostWaiting) {  // unless some of it has gone out since it was counted
-    waiting_ = 0;
-    for (const auto& each : sendQueue_) {
-      waiting_ += each.size() + kOverhead;
-    }
-  }
-  if (waiting_ > kMostWaiting) {
-    conversation_.dropSlow(*this);
-  }
-}
-
-void Side::connected() {
-  conversation_.connected();
-}
-
-void Side::received(std::string record) {
-  conversation_.take(*this, std::move(record));
-}
-
-void Side::lost(int error) {
-  gone_ = true;
-  conversation_.leave(*this, error == 0 ? "the server left." : lostFailure().what());
-}
-
-void Side::notConnected(int error) {
-  gone_ = true;
-  conversation_.leave(*this, notConnectedFailure(error).what());
-}
-
-void relay(const RelayOptions& options, const Common& common) {
+void relay(const RelayOptions& options) {
   if (options.name == options.upstream) {
     throw Failure(Exit::kUsage,
                   inQuotes(options.name) + " would be its own server; name another one.");
   }
   Run run(Ending::kIsSuccess);
-  RecordLog log(common, options.record, options.timestamps);
+  RecordLog log(options.record, options.timestamps);
   std::list<Conversation> conversations;
   Record stamp;
   listening(options.name, [&] {
@@ -236,7 +214,7 @@ void relay(const RelayOptions& options, const Common& common) {
       ++stamp.connection;
       stamp.pid = pid;
       stamp.uid = uid;
-      conversations.emplace_back(options, common, log, stamp, fd);
+      conversations.emplace_back(options, log, stamp, fd);
     });
     notice("listening under " + inQuotes(options.name) + " for " + inQuotes(options.upstream) +
            "; Ctrl-C ends.");
@@ -249,16 +227,16 @@ void relay(const RelayOptions& options, const Common& common) {
 
 }  // namespace
 
-void addRelay(Program& program) {
-  auto [verb, options] = program.verb<RelayOptions>(
-      "relay", "stands between clients and a server and shows both directions",
+void addRelay(CLI::App& program) {
+  auto [verb, options] = addVerb(
+      program, "relay", "stands between clients and a server and shows both directions",
       "Listens under NAME, connects to UPSTREAM for each client, and passes every record on, byte "
       "for byte. Admits its own user and root. The server sees the relay's credentials, not the "
       "clients'. The time-out, 5 seconds, is for connecting, and for one side to read what is left "
       "after the other has closed.",
       relay);
-  verb.argument(kName, Needed::kYes, name(options.name))
-      .argument("UPSTREAM", Needed::kYes, name(options.upstream))
+  verb.argument(kName, name(options.name))
+      .argument("UPSTREAM", name(options.upstream))
       .option("--record", kFile, text(options.record),
               "append every record to FILE, as JSON lines: time, direction, connection, pid, uid, "
               "text; 'tovik replay' plays them")

@@ -12,7 +12,6 @@
 #include <map>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "tool/Json.h"
@@ -35,8 +34,8 @@ struct ReplayOptions {
 /// What plays one recorded connection.
 class Player : public Session {
  public:
-  Player(const ReplayOptions& options, const Common& common, RecordLog& log, std::uint64_t number)
-      : Session(options.name, common), log_(log) {
+  Player(const ReplayOptions& options, RecordLog& log, std::uint64_t number)
+      : Session(options.name), log_(log) {
     stamp_.connection = number;
     stamp_.pid = ::getpid();
     stamp_.uid = ::getuid();
@@ -93,14 +92,10 @@ std::vector<Record> recordsOf(const std::string& file, Run& run) {
   std::vector<Record> records;
   Lines lines(run, file);
   while (const auto line = lines.next()) {
-    Record record;
-    if (!isBlank(*line) && !parseRecording(*line, record)) {
+    if (!parseRecording(*line, records.emplace_back())) {
       throw Failure(Exit::kUsage, "line " + std::to_string(lines.number()) + " of " +
                                       inQuotes(file) +
                                       " is no record of a relay; nothing was sent.");
-    }
-    if (!isBlank(*line)) {
-      records.push_back(std::move(record));
     }
   }
   if (records.empty()) {
@@ -113,11 +108,10 @@ std::vector<Record> recordsOf(const std::string& file, Run& run) {
 
 class Replay {
  public:
-  Replay(const ReplayOptions& options, const Common& common)
+  explicit Replay(const ReplayOptions& options)
       : options_(options),
-        common_(common),
         records_(recordsOf(options.file, run_)),
-        log_(common, options.record, options.timestamps) {}
+        log_(options.record, options.timestamps) {}
 
   void play() {
     std::size_t number = 0;
@@ -146,8 +140,7 @@ class Replay {
  private:
   void play(const Record& record, const std::string& what) {
     Player& player =
-        players_.try_emplace(record.connection, options_, common_, log_, players_.size() + 1)
-            .first->second;
+        players_.try_emplace(record.connection, options_, log_, players_.size() + 1).first->second;
     const bool toServer = record.direction == Direction::kToServer;
     const auto recorded = toServer ? std::nullopt : lint(asRead(record.text)).replyStatus;
     if (recorded) {
@@ -174,15 +167,14 @@ class Replay {
   }
 
   void wait(const std::function<bool()>& done, double interval = 0) {
-    if (!run_.until(done, common_.timeLimit(), interval)) {
+    if (!run_.until(done, common.timeLimit(), interval)) {
       throw Failure(Exit::kTimeout,
                     "the server " + inQuotes(options_.name) + " did not do as recorded within " +
-                        secondsText(common_.timeLimit()) + "; give it more with --timeout.");
+                        secondsText(common.timeLimit()) + "; give it more with --timeout.");
     }
   }
 
   const ReplayOptions& options_;
-  const Common& common_;
   Run run_{Ending::kIsFailure};
   const std::vector<Record> records_;
   RecordLog log_;
@@ -190,21 +182,21 @@ class Replay {
   std::uint64_t differences_ = 0;
 };
 
-void replay(const ReplayOptions& options, const Common& common) {
-  Replay(options, common).play();
+void replay(const ReplayOptions& options) {
+  Replay(options).play();
 }
 
 }  // namespace
 
-void addReplay(Program& program) {
-  auto [verb, options] = program.verb<ReplayOptions>(
-      "replay", "plays the clients' side of a recording",
+void addReplay(CLI::App& program) {
+  auto [verb, options] = addVerb(
+      program, "replay", "plays the clients' side of a recording",
       "Sends what the clients of a recorded 'tovik relay' sent, over as many connections, and "
       "waits for each recorded reply; a reply with another status than the recorded one counts as "
       "not allowed. FILE may be - for standard input. The time-out, 5 seconds, is for each reply.",
       replay);
-  verb.argument(kName, Needed::kYes, name(options.name))
-      .argument(kFile, Needed::kYes, text(options.file))
+  verb.argument(kName, name(options.name))
+      .argument(kFile, text(options.file))
       .option("--record", kFile, text(options.record), "append every record to this file")
       .flag("--timestamps", options.timestamps, "the time before each record");
 }

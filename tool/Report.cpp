@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <cstdio>
 #include <cwchar>
 #include <iterator>
 #include <sstream>
@@ -14,44 +16,21 @@ namespace tool {
 
 namespace {
 
-bool quiet = false;
-
 struct Range {
   std::uint32_t first;
   std::uint32_t last;
 };
 
 /// What a terminal shows as nothing, as a blank or in another order: it would make a text look like
-/// another one. Sorted.
+/// another one. Controls and blanks; joiners, marks, fillers and selectors of single scripts; from
+/// 2000 on, spaces, line separators, changes of direction, blanks of other scripts; from FE00 on,
+/// selectors of variants, byte order marks, annotations, tags, and what is no character. Sorted.
 constexpr Range kDeceptive[] = {
-    // Controls and blanks; joiners, marks, fillers and selectors of single scripts.
-    {0x0000, 0x001F},
-    {0x007F, 0x00A0},
-    {0x00AD, 0x00AD},
-    {0x034F, 0x034F},
-    {0x0600, 0x0605},
-    {0x061C, 0x061C},
-    {0x06DD, 0x06DD},
-    {0x070F, 0x070F},
-    {0x115F, 0x1160},
-    {0x1680, 0x1680},
-    {0x17B4, 0x17B5},
-    {0x180B, 0x180F},
-    // Spaces, line separators, changes of direction; blanks of other scripts.
-    {0x2000, 0x200F},
-    {0x2028, 0x202F},
-    {0x205F, 0x206F},
-    {0x2800, 0x2800},
-    {0x3000, 0x3000},
-    {0x3164, 0x3164},
-    // Selectors of variants, byte order marks, annotations, tags, and what is no character.
-    {0xFE00, 0xFE0F},
-    {0xFEFF, 0xFEFF},
-    {0xFFA0, 0xFFA0},
-    {0xFFF0, 0xFFFB},
-    {0xFFFE, 0xFFFF},
-    {0x1BCA0, 0x1BCA3},
-    {0x1D173, 0x1D17A},
+    {0x0000, 0x001F},   {0x007F, 0x00A0}, {0x00AD, 0x00AD}, {0x034F, 0x034F},   {0x0600, 0x0605},
+    {0x061C, 0x061C},   {0x06DD, 0x06DD}, {0x070F, 0x070F}, {0x115F, 0x1160},   {0x1680, 0x1680},
+    {0x17B4, 0x17B5},   {0x180B, 0x180F}, {0x2000, 0x200F}, {0x2028, 0x202F},   {0x205F, 0x206F},
+    {0x2800, 0x2800},   {0x3000, 0x3000}, {0x3164, 0x3164}, {0xFE00, 0xFE0F},   {0xFEFF, 0xFEFF},
+    {0xFFA0, 0xFFA0},   {0xFFF0, 0xFFFB}, {0xFFFE, 0xFFFF}, {0x1BCA0, 0x1BCA3}, {0x1D173, 0x1D17A},
     {0xE0000, 0x10FFFF}};
 
 bool isDeceptive(std::uint32_t character) {
@@ -78,16 +57,6 @@ Failure noServer(std::string_view name) {
 void report(std::string_view sentence) {
   const std::string line = "tovik: " + std::string(sentence) + "\n";
   [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
-}
-
-void notice(std::string_view sentence) {
-  if (!quiet) {
-    report(sentence);
-  }
-}
-
-void setQuiet(bool wanted) {
-  quiet = wanted;
 }
 
 std::size_t printableLength(std::string_view text) {
@@ -121,6 +90,12 @@ std::string inQuotes(std::string_view text) {
 
 std::string counted(std::uint64_t number, const std::string& noun) {
   return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
+}
+
+std::string rounded(double value) {
+  std::array<char, 32> text{};
+  std::snprintf(text.data(), text.size(), "%.1f", value);
+  return text.data();
 }
 
 std::string secondsText(double value) {

@@ -52,10 +52,6 @@ struct OutputClosed {};
 /// Writes "tovik: " and the sentence to standard error.
 void report(std::string_view sentence);
 
-/// A report that -q suppresses.
-void notice(std::string_view sentence);
-void setQuiet(bool wanted);
-
 /// The text with everything that does not print, or not as itself, (and the backslash) in the
 /// notation of a shell's $'...': no name or message can play with a terminal, or look like another
 /// one by invisible characters or a change of direction. Other UTF-8 stays as it is.
@@ -73,6 +69,9 @@ std::size_t printableLength(std::string_view text);
 
 /// "1 message", "2 messages".
 std::string counted(std::uint64_t number, const std::string& noun);
+
+/// With one decimal.
+std::string rounded(double value);
 
 /// "0.5 s", "5 s".
 std::string secondsText(double value);

@@ -1,13 +1,19 @@
 // serve: the library's server, with an answer from the command line. message -> (command) -> reply;
 // standard input -> broadcast.
 
+#include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <deque>
+#include <functional>
 #include <optional>
 #include <string>
 #include <utility>
@@ -16,7 +22,6 @@
 #include "tool/Lines.h"
 #include "tool/Listening.h"
 #include "tool/Output.h"
-#include "tool/Shell.h"
 #include "tool/Verb.h"
 
 namespace tool {
@@ -32,6 +37,85 @@ struct ServeOptions {
   std::string notify;
   Admitted admitted;
   bool timestamps = false;
+};
+
+Failure cannotRun(int error) {
+  return {Exit::kLost, std::string("the command cannot be run: ") + std::strerror(error) + "."};
+}
+
+/// A file in memory that holds the whole input: unlike a pipe, it has room for any, so that nobody
+/// waits for the command to read.
+int fileHolding(const std::string& input) {
+  const int fd = ::memfd_create("message", MFD_CLOEXEC);
+  if (fd < 0 || ::pwrite(fd, input.data(), input.size(), 0) < 0) {
+    throw cannotRun(errno);
+  }
+  return fd;
+}
+
+/// Starts a shell as any program expects to be started: with default signals, and without the
+/// sockets, whose names an inherited descriptor would keep taken.
+int startShell(const std::string& command, int input) {
+  const int pid = ::fork();
+  if (pid == 0) {
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    std::signal(SIGPIPE, SIG_DFL);
+    ::dup2(input, STDIN_FILENO);
+    ::closefrom(STDERR_FILENO + 1);
+    ::execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+    ::_exit(127);
+  }
+  if (pid < 0) {
+    throw cannotRun(errno);
+  }
+  return pid;
+}
+
+/// A shell command that runs while the event loop goes on.
+class ShellCommand {
+ public:
+  /// `finished` gets the exit status, or 128 and the signal's number for a command that was killed.
+  ShellCommand(const std::string& command, const std::string& input,
+               std::function<void(unsigned)> finished)
+      : finished_(std::move(finished)) {
+    const int file = fileHolding(input);
+    pid_ = startShell(command, file);
+    ::close(file);
+    pidFd_ = static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0));
+    if (pidFd_ < 0) {
+      throw cannotRun(errno);
+    }
+    end_.emplace(pidFd_, [this] { lookAtEnd(); });
+  }
+  ShellCommand(const ShellCommand&) = delete;
+  ShellCommand& operator=(const ShellCommand&) = delete;
+  /// Ends the command if it still runs.
+  ~ShellCommand() {
+    end_.reset();
+    ::close(pidFd_);
+    if (pid_ > 0) {
+      ::kill(pid_, SIGTERM);  // not waited for yet, so the number is still the command's
+    }
+  }
+
+ private:
+  void lookAtEnd() {
+    int status = 0;
+    if (::waitpid(pid_, &status, WNOHANG) != pid_) {
+      return;
+    }
+    end_->detach();
+    pid_ = -1;
+    finished_(
+        static_cast<unsigned>(WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status)));
+  }
+
+  const std::function<void(unsigned)> finished_;
+  int pid_ = -1;  // until it has been waited for
+  int pidFd_ = -1;
+  std::optional<Watch> end_;
 };
 
 /// The process at the other end of a connection. The library keeps the descriptor for subclasses.
@@ -77,12 +161,11 @@ std::string contentOf(Run& run, const std::string& file) {
 /// The server: it can ask to forget connections before they are freed.
 class StandIn : public Tovik::Server {
  public:
-  StandIn(const ServeOptions& options, const Common& common, std::string description)
+  StandIn(const ServeOptions& options, std::string description)
       : Server(
             options.name, [this](auto& client, const auto& message) { take(client, message); },
             validator(options.admitted)),
         options_(options),
-        output_(common),
         answer_(resultFor(options.answer, "the answer")),
         description_(std::move(description)) {
     notice("listening under " + inQuotes(options.name) + "; Ctrl-C ends.");
@@ -129,16 +212,14 @@ class StandIn : public Tovik::Server {
     startJob();
   }
 
-  void show(const Tovik::Connection& client, const std::string& text) {
+  void show(const Tovik::Connection& client, const std::string& text) const {
     if (!options_.timestamps) {
-      return output_.message(text);
+      return printJson(text);
     }
     const ucred sender = Peer::of(client);
     const std::string time = timestamp();
-    Object head;
-    head.add("time", time).add("pid", sender.pid).add("uid", sender.uid);
-    output_.message(
-        head, painted(time, "2", output_.colour()) + " " + std::to_string(sender.pid) + " ", text);
+    printJson(Tovik::object("time", time, "pid", sender.pid, "uid", sender.uid),
+              painted(time, "2") + " " + std::to_string(sender.pid) + " ", text);
   }
 
   /// A call with an id is answered with it, also while the client is subscribed.
@@ -147,15 +228,14 @@ class StandIn : public Tovik::Server {
     if (id.empty() && result.empty()) {
       return client.acknowledge(status);
     }
-    Object object;
-    object.add("type", "reply").add("status", status);
+    auto message = Tovik::object("type", "reply", "status", status);
     if (!id.empty()) {
-      object.raw("id", id);
+      addMember(message, "id", messageFrom(id));
     }
     if (!result.empty()) {
-      object.raw("result", result);
+      addMember(message, "result", messageFrom(result));
     }
-    client.sendMsg(messageFrom(object.text()));
+    client.sendMsg(message);
   }
 
   /// One command at a time, so that answers come in the order of the messages.
@@ -174,7 +254,6 @@ class StandIn : public Tovik::Server {
   }
 
   const ServeOptions& options_;
-  Output output_;
   const std::string answer_;
   const std::string description_;
   std::deque<Job> jobs_;
@@ -194,7 +273,7 @@ void explainAbort(int /*signal*/) {
   [[maybe_unused]] const auto written = ::write(STDERR_FILENO, text, sizeof text - 1);
 }
 
-void serve(const ServeOptions& options, const Common& common) {
+void serve(const ServeOptions& options) {
   std::signal(SIGABRT, explainAbort);
   Run run(Ending::kIsSuccess);
   std::string description = resultFor(contentOf(run, options.describe), "the description");
@@ -203,9 +282,9 @@ void serve(const ServeOptions& options, const Common& common) {
     lines.emplace(run, options.notify, "type messages to broadcast, one a line.");
   }
   listening(options.name, [&] {
-    StandIn standIn(options, common, std::move(description));
+    StandIn standIn(options, std::move(description));
     while (const auto line = lines ? lines->next() : std::nullopt) {
-      isBlank(*line) ? void() : standIn.broadcast(*line, lines->number());
+      standIn.broadcast(*line, lines->number());
     }
     run.until([] { return false; });
   });
@@ -213,13 +292,13 @@ void serve(const ServeOptions& options, const Common& common) {
 
 }  // namespace
 
-void addServe(Program& program) {
-  auto [verb, options] = program.verb<ServeOptions>(
-      "serve", "a stand-in server to test clients against",
+void addServe(CLI::App& program) {
+  auto [verb, options] = addVerb(
+      program, "serve", "a stand-in server to test clients against",
       "Prints each message and answers it. It is a real server: valid JSON of the wrong shape ends "
       "its process, as it ends any server's. Admits its own user and root unless told otherwise.",
       serve);
-  verb.argument(kName, Needed::kYes, name(options.name))
+  verb.argument(kName, name(options.name))
       .option("--status", "N", number(options.status, 0, kUint32),
               "answer with status N (0 unless given)")
       .option("--answer", "JSON", text(options.answer), "answer with this result")

@@ -33,13 +33,13 @@ sockaddr_un addressOf(const std::string& name) {
 
 }  // namespace
 
-Session::Session(std::string name, const Common& common, double reconnectSeconds)
-    : name_(std::move(name)), common_(common), reconnectSeconds_(reconnectSeconds) {
+Session::Session(std::string name, double reconnectSeconds)
+    : name_(std::move(name)), reconnectSeconds_(reconnectSeconds) {
   connect_.arm(0);
 }
 
-Session::Session(std::string name, const Common& common, AcceptedFd client)
-    : name_(std::move(name)), common_(common), reconnectSeconds_(0) {
+Session::Session(std::string name, AcceptedFd client)
+    : name_(std::move(name)), reconnectSeconds_(0) {
   setFd(client.fd);
 }
 
@@ -73,17 +73,17 @@ void Session::connect() {
 void Session::checkServer() {
   ucred server{};
   socklen_t size = sizeof server;
-  if (!common_.serverUid) {
+  if (!common.serverUid) {
     return;
   }
   if (::getsockopt(fdControl_->fd(), SOL_SOCKET, SO_PEERCRED, &server, &size) < 0) {
     throw Failure(Exit::kLost, "the kernel does not tell whose server " + inQuotes(name_) +
                                    " is, so nothing was sent: " + std::strerror(errno) + ".");
   }
-  if (server.uid != *common_.serverUid) {
+  if (server.uid != *common.serverUid) {
     throw Failure(Exit::kLost, "the server " + inQuotes(name_) + " belongs to user " +
                                    std::to_string(server.uid) + " and not to " +
-                                   std::to_string(*common_.serverUid) +
+                                   std::to_string(*common.serverUid) +
                                    ", so nothing was sent; find out who has taken the name with "
                                    "'tovik list --long'.");
   }
@@ -129,13 +129,18 @@ bool Session::allTaken() const {
   return ::poll(&state, 1, 0) >= 0 && (state.revents & POLLERR) == 0;
 }
 
-std::string Session::lateText(double limit) const {
+void Session::await(Run& run, const std::function<bool()>& done, double interval) const {
+  run.within(
+      common.timeLimit(), done, [this] { return lateText(); }, interval);
+}
+
+std::string Session::lateText() const {
   if (full_) {
-    return "the server " + inQuotes(name_) + " accepted no client within " + secondsText(limit) +
-           ", and no more may wait; see 'tovik list --long'.";
+    return "the server " + inQuotes(name_) + " accepted no client within " +
+           secondsText(common.timeLimit()) + ", and no more may wait; see 'tovik list --long'.";
   }
-  return "the server " + inQuotes(name_) + " did not answer within " + secondsText(limit) +
-         "; give it more with --timeout.";
+  return "the server " + inQuotes(name_) + " did not answer within " +
+         secondsText(common.timeLimit()) + "; give it more with --timeout.";
 }
 
 void Session::lost(int /*error*/) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "Api/Json/Async.h"
@@ -15,12 +16,12 @@ namespace tool {
 class Session : public Tovik::AsyncSender {
  public:
   /// The first attempt to connect happens from the loop.
-  Session(std::string name, const Common& common, double reconnectSeconds = 0);
+  Session(std::string name, double reconnectSeconds = 0);
   /// The other end: a connection that a server has accepted.
   struct AcceptedFd {
     int fd;
   };
-  Session(std::string name, const Common& common, AcceptedFd client);
+  Session(std::string name, AcceptedFd client);
 
   const std::string& name() const { return name_; }
 
@@ -31,8 +32,12 @@ class Session : public Tovik::AsyncSender {
   /// Nothing that was written waits to be read by the server.
   bool allTaken() const;
 
-  /// Why there is no answer yet, for a time limit that has passed.
-  std::string lateText(double limit) const;
+  /// Turns the loop until the condition holds; see `Run::until`.
+  /// @throws Failure if the time limit is over first.
+  void await(Run& run, const std::function<bool()>& done, double interval = 0) const;
+
+  /// Why there is no answer yet, once the time limit has passed.
+  virtual std::string lateText() const;
 
  protected:
   /// A connection to the right server's user exists.
@@ -61,7 +66,6 @@ class Session : public Tovik::AsyncSender {
   void terminateConnection() override;
 
   const std::string name_;
-  const Common& common_;
   const double reconnectSeconds_;
   bool full_ = false;
   int lossError_ = 0;

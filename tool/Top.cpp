@@ -40,25 +40,23 @@ using Clock = std::chrono::steady_clock;
 /// Looks at the kernel's table again and again.
 class Looks {
  public:
-  /// The processor time since the look before, or since the process began.
-  std::vector<Server> look() {
+  /// The processor time is that since the look before, if there was one.
+  const std::vector<Listener>& look() {
     table_ = kernelTable(false);
+    owners_.find(table_.listeners, &Listener::inode);
     const auto now = Clock::now();
     const double passed = std::chrono::duration<double>(now - lookedAt_).count();
     std::map<int, double> used;
-    std::vector<Server> servers;
-    for (const Process& process : owners_.of(inodesOf(table_.listeners, &Listener::inode))) {
-      Server server{table_.listeners[servers.size()], process, 0};
-      const auto before = used_.find(process.pid);
-      const bool first = before == used_.end();
-      const double seconds = process.cpuSeconds - (first ? 0 : before->second);
-      server.cpuPercent = 100 * seconds / std::max(first ? process.ageSeconds : passed, 0.01);
+    for (Listener& listener : table_.listeners) {
+      Process& process = listener.process;
       used[process.pid] = process.cpuSeconds;
-      servers.push_back(std::move(server));
+      if (const auto before = used_.find(process.pid); before != used_.end()) {
+        process.cpuPercent = 100 * (process.cpuSeconds - before->second) / std::max(passed, 0.01);
+      }
     }
     used_ = std::move(used);
     lookedAt_ = now;
-    return servers;
+    return table_.listeners;
   }
 
   std::string nameOf(Inode server) const {
@@ -70,16 +68,13 @@ class Looks {
     return "gone";
   }
 
-  std::vector<Entry> peersOf(Inode server) {
-    auto connections = table_.connections;
-    const auto other = [&](const Connection& connection) { return connection.server != server; };
-    connections.erase(std::remove_if(connections.begin(), connections.end(), other),
-                      connections.end());
-    std::vector<Entry> entries;
-    for (const Process& process : clients_.of(inodesOf(connections, &Connection::client))) {
-      entries.push_back(entryOf(connections[entries.size()], process, false));
-    }
-    return entries;
+  std::vector<Connection> peersOf(Inode server) {
+    std::vector<Connection> connections;
+    std::copy_if(table_.connections.begin(), table_.connections.end(),
+                 std::back_inserter(connections),
+                 [&](const Connection& connection) { return connection.server == server; });
+    clients_.find(connections, &Connection::client);
+    return connections;
   }
 
  private:
@@ -92,24 +87,21 @@ class Looks {
 
 struct Column {
   const char* name;
-  char key;                                // sorts by it
-  double (*weight)(const Server& server);  // the largest first; names sort as they come
+  char key;                                  // sorts by it
+  double (*weight)(const Listener& server);  // the largest first; names sort as they come
 };
 
 constexpr Column kColumns[] = {
-    {"CPU%", 'c', [](const Server& server) { return server.cpuPercent; }},
-    {"NAME", 'n', [](const Server&) { return 0.0; }},
-    {"MEMORY", 'm', [](const Server& server) { return double(server.process.memory); }},
-    {"CONNS", 'o', [](const Server& server) { return double(server.listener.connections); }},
-    {"WAITING", 'w',
-     [](const Server& server) { return double(server.listener.waiting.value_or(0)); }},
-    {"UNREAD", 'u',
-     [](const Server& server) { return double(server.listener.unread.value_or(0)); }},
-    {"STALLED", 's',
-     [](const Server& server) { return double(server.listener.stalled.value_or(0)); }}};
+    {"CPU%", 'c', [](const Listener& server) { return server.process.cpuPercent; }},
+    {"NAME", 'n', [](const Listener&) { return 0.0; }},
+    {"MEMORY", 'm', [](const Listener& server) { return double(server.process.memory); }},
+    {"CONNS", 'o', [](const Listener& server) { return double(server.connections); }},
+    {"WAITING", 'w', [](const Listener& server) { return double(server.waiting.value_or(0)); }},
+    {"UNREAD", 'u', [](const Listener& server) { return double(server.unread.value_or(0)); }},
+    {"STALLED", 's', [](const Listener& server) { return double(server.stalled.value_or(0)); }}};
 
-void sortBy(const Column& column, std::vector<Server>& servers) {
-  std::stable_sort(servers.begin(), servers.end(), [&](const Server& a, const Server& b) {
+void sortBy(const Column& column, std::vector<Listener>& servers) {
+  std::stable_sort(servers.begin(), servers.end(), [&](const Listener& a, const Listener& b) {
     return column.weight(a) > column.weight(b);
   });
 }
@@ -166,7 +158,7 @@ int resizes() {
 
 class Top {
  public:
-  explicit Top(const Common& common) : output_(common) { look_.arm(0); }
+  Top() { look_.arm(0); }
   Top(const Top&) = delete;
   Top& operator=(const Top&) = delete;
   ~Top() {
@@ -241,37 +233,34 @@ class Top {
     }
   }
 
-  std::vector<Server> shown() const {
-    std::vector<Server> servers;
-    std::copy_if(servers_.begin(), servers_.end(), std::back_inserter(servers),
-                 [this](const Server& server) {
-                   return server.listener.name.find(filter_) != std::string::npos;
-                 });
+  std::vector<Listener> shown() const {
+    std::vector<Listener> servers;
+    std::copy_if(
+        servers_.begin(), servers_.end(), std::back_inserter(servers),
+        [this](const Listener& server) { return server.name.find(filter_) != std::string::npos; });
     sortBy(*sort_, servers);
     return servers;
   }
 
   Inode selected() const {
     const auto servers = shown();
-    return servers.empty() ? 0 : servers[std::min(at_, servers.size() - 1)].listener.inode;
+    return servers.empty() ? 0 : servers[std::min(at_, servers.size() - 1)].inode;
   }
 
   void draw() {
-    std::vector<Entry> entries;
-    std::string title;
-    if (inside_ != 0) {
-      entries = looks_.peersOf(inside_);
-      title = looks_.nameOf(inside_) + ": " + counted(entries.size(), "client");
-    } else {
-      for (const Server& server : shown()) {
-        entries.push_back(entryOf(server, false, true));
-      }
-      title = counted(entries.size(), "server");
-    }
     std::vector<Row> rows{heading()};
-    for (const Entry& entry : entries) {
-      rows.push_back(entry.row());
+    if (inside_ != 0) {
+      for (const Connection& connection : looks_.peersOf(inside_)) {
+        rows.push_back(entryOf(connection).row);
+      }
+    } else {
+      for (const Listener& server : shown()) {
+        rows.push_back(entryOf(server, true).row);
+      }
     }
+    const std::string title =
+        inside_ == 0 ? counted(rows.size() - 1, "server")
+                     : looks_.nameOf(inside_) + ": " + counted(rows.size() - 1, "client");
     for (Row& row : rows) {
       row.erase(row.begin(), row.begin() + (inside_ != 0 ? 1 : 0));  // the title has the server
     }
@@ -281,9 +270,9 @@ class Top {
   /// A star marks what is sorted by.
   Row heading() const {
     if (inside_ != 0) {
-      return entryOf(Connection(), Process(), false).heading();
+      return entryOf(Connection()).heading;
     }
-    Row row = entryOf(Server(), false, true).heading();
+    Row row = entryOf(Listener(), true).heading;
     for (std::string& name : row) {
       name += name == sort_->name ? "*" : "";
     }
@@ -299,11 +288,11 @@ class Top {
     const std::string filter = typing_ || !filter_.empty() ? "  /" + escaped(filter_) : "";
     const std::string heading = fitting("  " + table.front(), columns);
     std::vector<std::string> lines{fitting("tovik top: " + title + filter, columns),
-                                   painted(heading, "1", output_.colour())};
+                                   painted(heading, "1")};
     for (std::size_t i = first; i < table.size() && lines.size() < height - 1; ++i) {
       const bool here = i == at_ + 1;
       const std::string line = fitting((here ? "> " : "  ") + table[i], columns);
-      lines.push_back(painted(line, "7", here && output_.colour()));
+      lines.push_back(here ? painted(line, "7") : line);
     }
     lines.push_back(fitting(keysText(columns), columns));
     Screen::show(lines);
@@ -324,10 +313,9 @@ class Top {
     return text;
   }
 
-  Output output_;
   Run run_{Ending::kIsSuccess};
   Looks looks_;
-  std::vector<Server> servers_;
+  std::vector<Listener> servers_;
   std::size_t at_ = 0;
   Inode inside_ = 0;  // the server whose peers are shown
   const Column* sort_ = &kColumns[0];
@@ -341,28 +329,27 @@ class Top {
   Alarm look_{[this] { look(); }};
 };
 
-void top(const TopOptions& options, const Common& common) {
-  Output output(common);
-  if (options.once || output.json()) {
+void top(const TopOptions& options) {
+  if (options.once || wantsJson()) {
     auto servers = Looks().look();
     sortBy(kColumns[0], servers);
-    std::vector<Entry> entries;
-    for (const Server& server : servers) {
-      entries.push_back(entryOf(server, output.json(), true));
+    Listing listing;
+    for (const Listener& server : servers) {
+      listing.add(entryOf(server, true));
     }
-    return print(entries, output);
+    return listing.end();
   }
   if (::isatty(STDIN_FILENO) == 0 || ::isatty(STDOUT_FILENO) == 0) {
     throw Failure(Exit::kUsage, "top needs a terminal; --once prints one table, --json objects.");
   }
-  Top(common).run();
+  Top().run();
 }
 
 }  // namespace
 
-void addTop(Program& program) {
-  auto [verb, options] = program.verb<TopOptions>(
-      "top", "shows live what servers do",
+void addTop(CLI::App& program) {
+  auto [verb, options] = addVerb(
+      program, "top", "shows live what servers do",
       "A line for each server: the processor time and memory of its process, connections, the "
       "bytes that nobody has read yet, connections whose buffer is full, clients that wait in the "
       "backlog and its size, process, user and state. It looks once a second. Keys sort, filter "

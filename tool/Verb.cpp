@@ -1,5 +1,5 @@
-// The command line: CLI11 finds verb and options -> options take their values -> the verb takes the
-// other words -> it runs.
+// The command line: CLI11 tells verbs, options and words apart and hands each word to its `Take` ->
+// the verb runs. And what is said to somebody who has mistyped something, or asks.
 
 #include "tool/Verb.h"
 
@@ -9,6 +9,7 @@
 #include <charconv>
 #include <cmath>
 #include <iomanip>
+#include <numeric>
 #include <sstream>
 #include <string_view>
 
@@ -44,26 +45,54 @@ std::string wrapped(const std::string& text) {
       if (at == std::string::npos || at <= indent.size()) {
         break;
       }
-      result += line.substr(0, at) + "\n";
-      line = indent + line.substr(at + 1);
+      result.append(line, 0, at).append("\n");
+      line.replace(0, at + 1, indent);
     }
     result += line + "\n";
   }
   return result;
 }
 
-std::string optionsText(const CLI::App& app) {
+CLI::Formatter formatter() {
   CLI::Formatter formatter;
   formatter.column_width(kIndent);
-  return formatter.make_groups(&app, CLI::AppFormatMode::Normal);
+  return formatter;
+}
+
+std::string helpOf(const CLI::App& verb) {
+  std::string usage = "Usage: tovik " + verb.get_name();
+  for (const CLI::Option* argument : argumentsOf(verb)) {
+    usage += " " + argument->get_description();
+  }
+  usage += " [OPTIONS]\n";
+  for (const std::string& alias : verb.get_aliases()) {
+    usage += "   or: tovik " + alias + " ...\n";
+  }
+  std::string summary = verb.get_description();
+  summary.front() = static_cast<char>(std::toupper(summary.front()));
+  return wrapped(usage + "\n" + summary + ". " + verb.get_footer() + "\n" +
+                 formatter().make_groups(&verb, CLI::AppFormatMode::Normal) +
+                 "\n'tovik help' lists the options of every verb, and the exit statuses.");
+}
+
+std::string helpOfProgram(const CLI::App& program) {
+  std::ostringstream text;
+  text << "Usage: tovik VERB [ARGUMENTS] [OPTIONS]\n\n"
+       << program.get_description() << "\n"
+       << formatter().make_subcommands(&program, CLI::AppFormatMode::Normal)
+       << formatter().make_groups(&program, CLI::AppFormatMode::Normal) << "\nExit status:\n";
+  int status = 0;
+  for (const char* meaning : kExitTexts) {
+    text << "  " << std::left << std::setw(kIndent - 2) << status++ << meaning << "\n";
+  }
+  text << "\n'tovik help VERB' and 'man tovik' say more.";
+  return wrapped(text.str());
 }
 
 /// How many letters have to change to make one word of the other.
 std::size_t distance(const std::string& from, const std::string& to) {
   std::vector<std::size_t> row(to.size() + 1);
-  for (std::size_t j = 0; j <= to.size(); ++j) {
-    row[j] = j;
-  }
+  std::iota(row.begin(), row.end(), 0);
   for (std::size_t i = 1; i <= from.size(); ++i) {
     std::size_t diagonal = std::exchange(row[0], i);
     for (std::size_t j = 1; j <= to.size(); ++j) {
@@ -75,23 +104,104 @@ std::size_t distance(const std::string& from, const std::string& to) {
   return row.back();
 }
 
-/// "; did you mean 'list'?" if one of the words is near.
-std::string suggestion(const std::string& word, const std::vector<std::string>& known) {
+/// What is wrong, and what to do about it: take the word that was meant if one is near, or read.
+Failure usage(const CLI::App* verb, const std::string& what, const std::string& word = {},
+              const std::vector<std::string>& known = {}) {
   const auto nearest = std::min_element(known.begin(), known.end(), [&](auto& a, auto& b) {
     return distance(word, a) < distance(word, b);
   });
-  const bool near = nearest != known.end() && distance(word, *nearest) <= 1 + word.size() / 4;
-  return near ? "; did you mean '" + *nearest + "'?" : "";
+  if (nearest != known.end() && distance(word, *nearest) <= 1 + word.size() / 4) {
+    return {Exit::kUsage, what + "; did you mean '" + *nearest + "'?"};
+  }
+  return {Exit::kUsage, verb == nullptr ? what + "; 'tovik help' lists the verbs."
+                                        : verb->get_name() + ": " + what + "; see 'tovik help " +
+                                              verb->get_name() + "'."};
 }
 
-bool isOption(const std::string& word) {
-  return word.size() > 1 && word.front() == '-';
+Failure noVerb(const CLI::App& program, const std::string& word) {
+  std::vector<std::string> known;
+  for (const CLI::App* verb : program.get_subcommands({})) {
+    known.push_back(verb->get_name());
+  }
+  return usage(nullptr, inQuotes(word) + " is no verb", word, known);
 }
 
-/// What is wrong with the words of a verb; without a name, of the program.
-Failure usage(const std::string& verb, const std::string& what) {
-  return {Exit::kUsage, verb.empty() ? what + "; 'tovik help' lists the verbs."
-                                     : verb + ": " + what + "; see 'tovik help " + verb + "'."};
+Failure noOption(const CLI::App& program, const CLI::App* verb, const std::string& word) {
+  std::vector<std::string> known;
+  for (const CLI::Option* option : optionsOf(program, verb)) {
+    known.push_back(option->get_name());
+  }
+  return usage(verb, "there is no option " + inQuotes(word), word.substr(0, word.find('=')), known);
+}
+
+const CLI::App* chosenVerb(const CLI::App& program) {
+  const auto parsed = program.get_subcommands();
+  return parsed.empty() ? nullptr : parsed.front();
+}
+
+/// What is wrong with a command line that CLI11 refuses, the words that nobody takes first.
+Failure refusal(const CLI::App& program, const CLI::ParseError& error) {
+  const CLI::App* const verb = chosenVerb(program);
+  std::vector<std::string> words = program.remaining(true);
+  words.erase(std::remove(words.begin(), words.end(), "--"), words.end());
+  const auto option = std::find_if(words.begin(), words.end(), [](const std::string& word) {
+    return word.size() > 1 && word.front() == '-';
+  });
+  if (option != words.end() && (verb != nullptr || option == words.begin())) {
+    return noOption(program, verb, *option);
+  }
+  if (verb == nullptr && !words.empty()) {
+    return noVerb(program, words.front());
+  }
+  const bool tooMany = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError);
+  return usage(verb, tooMany ? inQuotes(words.front()) + " is one argument too many"
+                             : escaped(error.what()));
+}
+
+void addCommonOptions(CLI::App& program) {
+  program.set_help_flag("-h,--help", "explain the verb");
+  program.set_version_flag("-V,--version", "tovik " TOVIK_VERSION, "print the version");
+  Verb(program)
+      .option("-t,--timeout", "SECONDS", seconds(common.timeout),
+              "time limit, 0 for ever; see each verb")
+      .option("--json", "short|pretty", oneOf("short|pretty", common.json),
+              "print JSON, on one line or indented")
+      .flag("-j", common.jsonByTerminal, "print JSON: pretty on a terminal, short in a pipe")
+      .flag("-q,--quiet", common.quiet, "print no results and no notices, only errors");
+  program.add_flag_function(
+      "-v,--verbose",
+      [](std::int64_t count) {
+        const auto levels = static_cast<unsigned>(std::clamp<std::int64_t>(count, 0, 4));
+        Kelvo::Platform::setDebugLevels("Tovik", (1U << levels) - 1U);
+      },
+      "show the library's debug channel; -vv, -vvv, -vvvv show more levels");
+  Verb(program)
+      .option("--server-uid", "UID", number(common.serverUid, 0, kUint32),
+              "talk only to a server of this user")
+      .option("--color", "auto|always|never", oneOf("auto|always|never", common.color),
+              "colour in JSON and bars; auto: on a terminal unless NO_COLOR is set");
+}
+
+struct HelpOptions {
+  std::string verb;
+  bool all = false;
+};
+
+void addHelp(CLI::App& program) {
+  const auto options = std::make_shared<HelpOptions>();
+  const auto help = [options, &program] {
+    std::string text = options->verb.empty() ? helpOfProgram(program) : "";
+    for (const CLI::App* verb : program.get_subcommands({})) {
+      text += options->all || verb->check_name(options->verb) ? helpOf(*verb) : "";
+    }
+    if (text.empty()) {
+      throw noVerb(program, options->verb);
+    }
+    printText(text);
+  };
+  addVerb(program, "help", "explains a verb, or lists them", "The same as tovik VERB --help.", help)
+      .argument("[VERB]", text(options->verb))
+      .flag("--all", options->all, "explain every verb");
 }
 
 }  // namespace
@@ -104,14 +214,14 @@ std::string notWhole(const std::string& word, std::uint64_t lowest, std::uint64_
     return {};
   }
   const std::string most = highest == UINT64_MAX ? "" : " to " + std::to_string(highest);
-  return inQuotes(word) + " is no whole number from " + std::to_string(lowest) + most;
+  return "'" + word + "' is no whole number from " + std::to_string(lowest) + most;
 }
 
 std::string tooLong(const std::string& name) {
   if (name.size() <= kLargestName) {
     return {};
   }
-  return inQuotes(name.substr(0, 20) + "...") + " has " + std::to_string(name.size()) +
+  return "'" + name.substr(0, 20) + "...' has " + std::to_string(name.size()) +
          " bytes; a name has at most " + std::to_string(kLargestName);
 }
 
@@ -121,7 +231,7 @@ Take oneOf(const std::string& words, std::string& target) {
     target = word;
     return std::find(known.begin(), known.end(), word) != known.end()
                ? std::string()
-               : inQuotes(word) + " is none of " + words;
+               : "'" + word + "' is none of " + words;
   };
 }
 
@@ -130,7 +240,7 @@ Take seconds(std::optional<double>& target) {
     target = numberIn<double>(word);
     return target && std::isfinite(*target) && *target >= 0 && *target <= 1e9
                ? std::string()
-               : inQuotes(word) + " is no number of seconds from 0 to 1000000000";
+               : "'" + word + "' is no number of seconds from 0 to 1000000000";
   };
 }
 
@@ -139,9 +249,13 @@ Verb& Verb::alias(const std::string& name) {
   return *this;
 }
 
-Verb& Verb::argument(const std::string& name, Needed needed, Take take) {
-  const std::size_t dots = name.find("...");
-  arguments_.push_back({name.substr(0, dots), needed, dots != std::string::npos, std::move(take)});
+Verb& Verb::argument(const std::string& usage, const Take& take) {
+  constexpr int kAllThatAreLeft = 1 << 20;
+  const std::size_t begin = usage.front() == '[' ? 1 : 0;
+  CLI::Option* const option = app_.add_option(
+      usage.substr(begin, usage.find_first_of(".]") - begin), CLI::callback_t(), usage);
+  option->required(begin == 0)->check(take)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  option->expected(usage.find("...") == std::string::npos ? 1 : kAllThatAreLeft);
   return *this;
 }
 
@@ -150,229 +264,34 @@ Verb& Verb::flag(const std::string& flags, bool& target, const std::string& text
   return *this;
 }
 
-Verb& Verb::flag(const std::string& flags, int& count, const std::string& text) {
-  app_.add_flag(flags, count, text);
-  return *this;
-}
-
-Verb& Verb::option(const std::string& flags, const std::string& value, Take take,
+Verb& Verb::option(const std::string& flags, const std::string& value, const Take& take,
                    const std::string& text) {
   CLI::Option* const option = app_.add_option(flags, CLI::callback_t(), text);
-  option->type_name(value)->allow_extra_args(false);
-  option->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-  options_.emplace_back(option, std::move(take));
+  option->type_name(value)->check(take)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
   return *this;
 }
 
-std::string Verb::argumentAt(std::size_t index) const {
-  const bool many = !arguments_.empty() && arguments_.back().many;
-  return index < arguments_.size() ? arguments_[index].name : many ? arguments_.back().name : "";
-}
-
-std::string Verb::help() const {
-  std::string usage = "Usage: tovik " + app_.get_name();
-  for (const Argument& argument : arguments_) {
-    const std::string name = argument.name + (argument.many ? "..." : "");
-    usage += argument.needed == Needed::kYes ? " " + name : " [" + name + "]";
-  }
-  usage += " [OPTIONS]\n";
-  for (const std::string& alias : app_.get_aliases()) {
-    usage += "   or: tovik " + alias + " ...\n";
-  }
-  std::string summary = app_.get_description();
-  summary.front() = static_cast<char>(std::toupper(summary.front()));
-  return wrapped(usage + "\n" + summary + ". " + app_.get_footer() + "\n" + optionsText(app_) +
-                 "\n'tovik help' lists the options of every verb, and the exit statuses.");
-}
-
-void Verb::takeOptions(const std::string& of) const {
-  for (const auto& [option, take] : options_) {
-    for (const std::string& word : option->results()) {
-      if (const std::string wrong = take(word); !wrong.empty()) {
-        throw usage(of, nameOf(*option) + ": " + wrong);
-      }
-    }
-  }
-}
-
-void Verb::takeArguments(const std::vector<std::string>& words) const {
-  auto word = words.begin();
-  for (const Argument& argument : arguments_) {
-    if (word == words.end() && argument.needed == Needed::kYes) {
-      throw usage(app_.get_name(), argument.name + " is required");
-    }
-    for (bool more = word != words.end(); more; more = argument.many && word != words.end()) {
-      if (const std::string wrong = argument.take(*word++); !wrong.empty()) {
-        throw usage(app_.get_name(), argument.name + ": " + wrong);
-      }
-    }
-  }
-  if (word != words.end()) {
-    throw usage(app_.get_name(), inQuotes(*word) + " is one argument too many");
-  }
-}
-
-Program::Program()
-    : app_(std::make_unique<CLI::App>("Talks to the message servers of this machine.", "tovik")),
-      root_(*app_, {}) {
-  app_->require_subcommand(0, 1);
-  app_->allow_extras();
-  addCommonOptions();
-  for (const auto add :
-       {addList, addPeers, addTop, addWait, addCall, addSend, addDescribe, addMonitor, addServe,
-        addRelay, addReplay, addCheck, addBench, addCompletion}) {
-    add(*this);
-  }
-  addHelp();
-}
-
-Program::~Program() = default;
-
-void Program::addCommonOptions() {
-  app_->set_help_flag("-h,--help", "explain the verb");
-  app_->set_version_flag("-V,--version", "tovik " TOVIK_VERSION, "print the version");
-  root_
-      .option("-t,--timeout", "SECONDS", seconds(common_.timeout),
-              "time limit, 0 for ever; see each verb")
-      .option("--json", "short|pretty", oneOf("short|pretty", common_.json),
-              "print JSON, on one line or indented")
-      .flag("-j", common_.jsonByTerminal, "print JSON: pretty on a terminal, short in a pipe")
-      .flag("-q,--quiet", common_.quiet, "print no results and no notices, only errors")
-      .flag("-v,--verbose", common_.verbose,
-            "show the library's debug channel; -vv, -vvv, -vvvv show more levels")
-      .option("--server-uid", "UID", number(common_.serverUid, 0, kUint32),
-              "talk only to a server of this user")
-      .option("--color", "auto|always|never", oneOf("auto|always|never", common_.color),
-              "colour in JSON and bars; auto: on a terminal unless NO_COLOR is set");
-}
-
-void Program::addHelp() {
-  struct Options {
-    std::string verb;
-    bool all = false;
-  };
-  const auto run = [this](const Options& options, const Common& common) {
-    std::string text = options.verb.empty() ? help() : "";
-    for (const Verb& verb : verbs_) {
-      text += options.all || verb.app().check_name(options.verb) ? verb.help() : "";
-    }
-    if (text.empty()) {
-      throw noVerb(options.verb);
-    }
-    Output(common).text(text);
-  };
-  auto [verb, options] = this->verb<Options>("help", "explains a verb, or lists them",
-                                             "The same as tovik VERB --help.", run);
-  verb.argument("VERB", Needed::kNo, text(options.verb))
-      .flag("--all", options.all, "explain every verb");
-}
-
-Verb& Program::add(const std::string& name, const std::string& summary, const std::string& text,
-                   std::function<void()> run) {
-  CLI::App* const app = app_->add_subcommand(name, summary);
+Verb addVerb(CLI::App& program, const std::string& name, const std::string& summary,
+             const std::string& text, std::function<void()> run) {
+  CLI::App* const app = program.add_subcommand(name, summary);
   app->fallthrough();  // what every verb takes may stand behind it
-  app->footer(text);
-  app->group("Verbs");
-  return verbs_.emplace_back(*app, std::move(run));
+  app->footer(text)->group("Verbs");
+  app->callback(std::move(run));
+  return Verb(*app);
 }
 
-const Verb* Program::find(const std::string& name) const {
-  const auto found = std::find_if(verbs_.begin(), verbs_.end(),
-                                  [&](const Verb& verb) { return verb.app().check_name(name); });
-  return found == verbs_.end() ? nullptr : &*found;
+std::vector<const CLI::Option*> argumentsOf(const CLI::App& verb) {
+  return verb.get_options([](const CLI::Option* option) { return option->get_positional(); });
 }
 
-const Verb* Program::chosen() const {
-  const auto parsed = app_->get_subcommands();
-  return parsed.empty() ? nullptr : find(parsed.front()->get_name());
-}
-
-std::string Program::help() const {
-  CLI::Formatter formatter;
-  formatter.column_width(kIndent);
-  std::ostringstream text;
-  text << "Usage: tovik VERB [ARGUMENTS] [OPTIONS]\n\n"
-       << app_->get_description() << "\n"
-       << formatter.make_subcommands(app_.get(), CLI::AppFormatMode::Normal) << optionsText(*app_)
-       << "\nExit status:\n";
-  int status = 0;
-  for (const char* meaning : kExitTexts) {
-    text << "  " << std::left << std::setw(kIndent - 2) << status++ << meaning << "\n";
+std::vector<const CLI::Option*> optionsOf(const CLI::App& program, const CLI::App* verb) {
+  std::vector<const CLI::Option*> options;
+  for (const CLI::App* app : {verb == nullptr ? &program : verb, &program}) {
+    const auto found =
+        app->get_options([](const CLI::Option* option) { return option->nonpositional(); });
+    options.insert(options.end(), found.begin(), found.end());
   }
-  text << "\n'tovik help VERB' and 'man tovik' say more.";
-  return wrapped(text.str());
-}
-
-Failure Program::noVerb(const std::string& word) const {
-  std::vector<std::string> known;
-  for (const Verb& verb : verbs_) {
-    known.push_back(verb.app().get_name());
-  }
-  const std::string meant = suggestion(word, known);
-  return meant.empty() ? usage("", inQuotes(word) + " is no verb")
-                       : Failure(Exit::kUsage, inQuotes(word) + " is no verb" + meant);
-}
-
-Failure Program::noOption(const Verb* verb, const std::string& word) const {
-  std::vector<std::string> known;
-  for (const Verb* each : {verb, &root_}) {
-    for (const CLI::Option* option :
-         each == nullptr ? std::vector<const CLI::Option*>{} : optionsOf(each->app())) {
-      known.push_back(nameOf(*option));
-    }
-  }
-  const std::string what = "there is no option " + inQuotes(word);
-  const std::string meant = suggestion(word.substr(0, word.find('=')), known);
-  return meant.empty() ? usage(verb == nullptr ? "" : verb->app().get_name(), what)
-                       : Failure(Exit::kUsage, what + meant);
-}
-
-void Program::run(int argc, char** argv) {
-  try {
-    parse(argc, argv);
-  } catch (const CLI::CallForHelp&) {
-    Output(common_).text(chosen() == nullptr ? help() : chosen()->help());
-  } catch (const CLI::CallForVersion&) {
-    Output(common_).line("tovik " TOVIK_VERSION);
-  } catch (const CLI::ParseError& error) {
-    throw usage(chosen() == nullptr ? "" : chosen()->app().get_name(), escaped(error.what()));
-  }
-}
-
-/// CLI11 does not see what stands behind "--", and hands back what it does not know.
-void Program::parse(int argc, char** argv) {
-  const std::vector<std::string> all(argv, argv + argc);
-  const auto mark = std::find(all.begin(), all.end(), "--");
-  app_->parse(static_cast<int>(mark - all.begin()), argv);
-  std::vector<std::string> words = app_->remaining(true);
-  const auto option = std::find_if(words.begin(), words.end(), isOption);
-  if (option != words.end() && (chosen() != nullptr || option == words.begin())) {
-    throw noOption(chosen(), *option);
-  }
-  words.insert(words.end(), mark == all.end() ? mark : mark + 1, all.end());
-  runChosen(words);
-}
-
-void Program::runChosen(const std::vector<std::string>& words) {
-  const Verb* const verb = chosen();
-  if (verb == nullptr) {
-    throw words.empty() ? usage("", "a verb is missing") : noVerb(words.front());
-  }
-  root_.takeOptions(verb->app().get_name());
-  verb->takeOptions(verb->app().get_name());
-  verb->takeArguments(words);
-  setQuiet(common_.quiet);
-  Kelvo::Platform::setDebugLevels("Tovik", (1U << std::min(common_.verbose, 4)) - 1U);
-  verb->run();
-}
-
-std::string nameOf(const CLI::Option& option) {
-  const auto& names = option.get_lnames();
-  return names.empty() ? "-" + option.get_snames().front() : "--" + names.front();
-}
-
-std::vector<const CLI::Option*> optionsOf(const CLI::App& app) {
-  return app.get_options([](const CLI::Option*) { return true; });
+  return options;
 }
 
 std::vector<std::string> splitAt(const std::string& text, char separator) {
@@ -382,6 +301,33 @@ std::vector<std::string> splitAt(const std::string& text, char separator) {
     parts.push_back(part);
   }
   return parts;
+}
+
+void runProgram(int argc, char** argv) {
+  CLI::App program("Talks to the message servers of this machine.", "tovik");
+  program.require_subcommand(0, 1);
+  addCommonOptions(program);
+  for (const auto add :
+       {addList, addPeers, addTop, addWait, addCall, addSend, addDescribe, addMonitor, addServe,
+        addRelay, addReplay, addCheck, addBench, addCompletion, addHelp}) {
+    add(program);
+  }
+  if (argc > 1 && argv[1] == std::string_view("complete")) {  // asked by the shells' scripts
+    return printCompletions(program, {argv + 2, argv + argc});
+  }
+  try {
+    program.parse(argc, argv);
+  } catch (const CLI::CallForHelp&) {
+    const CLI::App* const verb = chosenVerb(program);
+    return printText(verb == nullptr ? helpOfProgram(program) : helpOf(*verb));
+  } catch (const CLI::CallForVersion& version) {
+    return printLine(version.what());
+  } catch (const CLI::ParseError& error) {
+    throw refusal(program, error);
+  }
+  if (chosenVerb(program) == nullptr) {
+    throw usage(nullptr, "a verb is missing");
+  }
 }
 
 }  // namespace tool

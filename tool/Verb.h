@@ -3,7 +3,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -26,11 +25,16 @@ struct Common {
   bool jsonByTerminal = false;
   std::string color = "auto";
   std::optional<std::uint64_t> serverUid;
-  int verbose = 0;
   bool quiet = false;
 
   double timeLimit(double unlessGiven = 5) const { return timeout.value_or(unlessGiven); }
 };
+
+/// It is complete when a verb runs.
+extern Common common;
+
+/// A report that -q suppresses.
+void notice(std::string_view sentence);
 
 // What completion offers follows from what arguments and values are called: NAME is a server's,
 // FILE a file's, "a|b" are words.
@@ -79,113 +83,63 @@ Take number(T& target, std::uint64_t lowest, std::uint64_t highest) {
 Take oneOf(const std::string& words, std::string& target);
 Take seconds(std::optional<double>& target);
 
-enum class Needed { kNo, kYes };
-
-/// A verb: a subcommand with its options, and what runs it. CLI11 tells verbs and options apart;
-/// arguments and values reach their `Take` as they were typed, since it would read some of them as
-/// lists.
+/// A subcommand of CLI11's, or the program itself. Words reach their `Take` as they were typed:
+/// what CLI11 would read as a list is a name like others.
 class Verb {
  public:
-  Verb(CLI::App& app, std::function<void()> run) : app_(app), run_(std::move(run)) {}
+  explicit Verb(CLI::App& app) : app_(app) {}
 
   Verb& alias(const std::string& name);
-  /// One that is called "NAME..." takes all words that are left.
-  Verb& argument(const std::string& name, Needed needed, Take take);
+  /// As in usage lines: "[NAME]" may be missing, and "NAME..." takes all words that are left.
+  Verb& argument(const std::string& usage, const Take& take);
   Verb& flag(const std::string& flags, bool& target, const std::string& text);
-  Verb& flag(const std::string& flags, int& count, const std::string& text);
-  Verb& option(const std::string& flags, const std::string& value, Take take,
+  Verb& option(const std::string& flags, const std::string& value, const Take& take,
                const std::string& text);
 
-  const CLI::App& app() const { return app_; }
-  /// What completes an argument or an option's value at that place; empty if nothing does.
-  std::string argumentAt(std::size_t index) const;
-  /// How the verb is written, and everything else there is to say of it.
-  std::string help() const;
-
-  void takeOptions(const std::string& of) const;
-  void takeArguments(const std::vector<std::string>& words) const;
-  void run() const { run_(); }
-
  private:
-  struct Argument {
-    std::string name;
-    Needed needed;
-    bool many;
-    Take take;
-  };
-
   CLI::App& app_;
-  std::function<void()> run_;
-  std::vector<Argument> arguments_;
-  std::vector<std::pair<CLI::Option*, Take>> options_;
 };
 
-/// The command line: what every verb takes, and the verbs.
-class Program {
- public:
-  Program();
-  Program(const Program&) = delete;
-  Program& operator=(const Program&) = delete;
-  ~Program();
+/// A new verb. The summary says what it does; the text what else there is to know.
+Verb addVerb(CLI::App& program, const std::string& name, const std::string& summary,
+             const std::string& text, std::function<void()> run);
 
-  /// A new verb. The summary says what it does; the text what else there is to know. The
-  /// function gets the options, which live until it has returned, and what every verb takes.
-  template <class Options, class Function>
-  std::pair<Verb&, Options&> verb(const std::string& name, const std::string& summary,
-                                  const std::string& text, Function function) {
-    const auto options = std::make_shared<Options>();
-    return {add(name, summary, text, [=] { function(*options, common_); }), *options};
-  }
+/// One with options, which live until it has run.
+template <class Options>
+std::pair<Verb, Options&> addVerb(CLI::App& program, const std::string& name,
+                                  const std::string& summary, const std::string& text,
+                                  void (*run)(const Options& options)) {
+  const auto options = std::make_shared<Options>();
+  return {addVerb(program, name, summary, text, [=] { run(*options); }), *options};
+}
 
-  void run(int argc, char** argv);
+std::vector<const CLI::Option*> argumentsOf(const CLI::App& verb);
+/// Those of the verb, unless it is null, and those that every verb takes.
+std::vector<const CLI::Option*> optionsOf(const CLI::App& program, const CLI::App* verb);
 
-  const Verb& root() const { return root_; }
-  const std::list<Verb>& verbs() const { return verbs_; }
-  /// The verb of that name, or null.
-  const Verb* find(const std::string& name) const;
+/// Prints what may stand at the place of the last word: a candidate a line, with its explanation
+/// behind a tab; ":files" leaves it to the shell to complete the name of a file.
+void printCompletions(const CLI::App& program, const std::vector<std::string>& words);
 
- private:
-  Verb& add(const std::string& name, const std::string& summary, const std::string& text,
-            std::function<void()> run);
-  void addCommonOptions();
-  void addHelp();
-  void parse(int argc, char** argv);
-  void runChosen(const std::vector<std::string>& words);
-  const Verb* chosen() const;
-  std::string help() const;
-  Failure noVerb(const std::string& word) const;
-  Failure noOption(const Verb* verb, const std::string& word) const;
+/// Does what the command line says.
+void runProgram(int argc, char** argv);
 
-  Common common_;
-  const std::unique_ptr<CLI::App> app_;
-  Verb root_;
-  std::list<Verb> verbs_;
-};
-
-/// How an option is written first: "--timeout".
-std::string nameOf(const CLI::Option& option);
-/// The options of an application.
-std::vector<const CLI::Option*> optionsOf(const CLI::App& app);
 std::vector<std::string> splitAt(const std::string& text, char separator);
 
-/// What may stand at the place of the last word: a candidate a line, with its explanation behind a
-/// tab; ":files" leaves it to the shell to complete the name of a file.
-std::vector<std::string> completions(const Program& program, const std::vector<std::string>& words);
-
 // The verbs, each in the source of its name.
-void addList(Program& program);
-void addPeers(Program& program);
-void addTop(Program& program);
-void addWait(Program& program);
-void addCall(Program& program);
-void addSend(Program& program);
-void addDescribe(Program& program);
-void addMonitor(Program& program);
-void addServe(Program& program);
-void addRelay(Program& program);
-void addReplay(Program& program);
-void addCheck(Program& program);
-void addBench(Program& program);
-void addCompletion(Program& program);
+void addList(CLI::App& program);
+void addPeers(CLI::App& program);
+void addTop(CLI::App& program);
+void addWait(CLI::App& program);
+void addCall(CLI::App& program);
+void addSend(CLI::App& program);
+void addDescribe(CLI::App& program);
+void addMonitor(CLI::App& program);
+void addServe(CLI::App& program);
+void addRelay(CLI::App& program);
+void addReplay(CLI::App& program);
+void addCheck(CLI::App& program);
+void addBench(CLI::App& program);
+void addCompletion(CLI::App& program);
 
 }  // namespace tool

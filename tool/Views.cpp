@@ -1,22 +1,15 @@
 #include "tool/Views.h"
 
 #include <algorithm>
-#include <array>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <utility>
 
 #include "tool/Report.h"
 
 namespace tool {
 
 namespace {
-
-template <class T>
-std::optional<T> when(bool known, T value) {
-  return known ? std::optional<T>(std::move(value)) : std::nullopt;
-}
 
 /// For the letter that /proc has.
 std::string stateText(char state) {
@@ -40,11 +33,14 @@ std::string stateText(char state) {
 
 /// "5s", "3m", "2h", "9d".
 std::string ageText(double seconds) {
+  constexpr std::uint64_t kMinute = 60;
+  constexpr std::uint64_t kHour = 60 * kMinute;
+  constexpr std::uint64_t kDay = 24 * kHour;
   const auto whole = static_cast<std::uint64_t>(std::max(seconds, 0.0));
-  return whole < 120         ? std::to_string(whole) + "s"
-         : whole < 120 * 60  ? std::to_string(whole / 60) + "m"
-         : whole < 48 * 3600 ? std::to_string(whole / 3600) + "h"
-                             : std::to_string(whole / 86400) + "d";
+  return whole < 2 * kMinute ? std::to_string(whole) + "s"
+         : whole < 2 * kHour ? std::to_string(whole / kMinute) + "m"
+         : whole < 2 * kDay  ? std::to_string(whole / kHour) + "h"
+                             : std::to_string(whole / kDay) + "d";
 }
 
 /// "512", "1.5K", "30M".
@@ -55,87 +51,88 @@ std::string bytesText(std::uint64_t bytes) {
   for (; value >= 1000 && unit < 5; ++unit) {
     value /= 1024;
   }
-  std::array<char, 32> text{};
-  std::snprintf(text.data(), text.size(), unit >= 0 && value < 10 ? "%.1f" : "%.0f", value);
-  return text.data() + (unit < 0 ? std::string() : std::string(1, units[unit]));
+  const std::string number = unit >= 0 && value < 10
+                                 ? rounded(value)
+                                 : std::to_string(static_cast<int>(std::nearbyint(value)));
+  return unit < 0 ? number : number + units[unit];
 }
 
-void addProcess(Entry& entry, const Server& server) {
-  const Process& process = server.process;
-  const auto& uid = server.listener.uid;
-  const bool known = process.pid != 0;
-  entry.number("PID", "pid", when(known, process.pid))
+void addProcess(Entry& entry, const Listener& listener) {
+  const auto& uid = listener.uid;
+  const Process& process = listener.process;
+  entry.number("PID", "pid", when(process.known(), process.pid))
       .number(nullptr, "uid", uid)
-      .text("USER", "user", when(uid.has_value(), uid ? userName(*uid) : ""))
-      .text("PROCESS", "process", when(known, process.name));
+      .text("USER", "user", when(uid.has_value(), userName(uid.value_or(0))))
+      .text("PROCESS", "process", when(process.known(), process.name));
 }
 
 void addLoad(Entry& entry, const Listener& listener, bool live) {
   const auto waiting = [](const auto& number) { return number ? std::to_string(*number) : "-"; };
-  const auto& unread = listener.unread;
-  entry.number(live ? "CONNS" : "CONNECTIONS", "connections", when(true, listener.connections))
+  const std::uint64_t unread = listener.unread.value_or(0);
+  entry.number(live ? "CONNS" : "CONNECTIONS", "connections", std::optional(listener.connections))
       .text("WAITING", nullptr, waiting(listener.waiting) + "/" + waiting(listener.backlog))
       .number(nullptr, "waiting", listener.waiting)
       .number(nullptr, "backlog", listener.backlog)
-      .add("UNREAD", "unread_bytes", unread,
-           live ? bytesText(unread.value_or(0)) : std::to_string(unread.value_or(0)))
+      .add("UNREAD", "unread_bytes", listener.unread,
+           live ? bytesText(unread) : std::to_string(unread))
       .number("STALLED", "stalled", listener.stalled);
 }
 
-std::string troubleOf(const Connection& connection, const Process& process) {
+std::string troubleOf(const Connection& connection) {
+  const char state = connection.process.state;
   std::string text = !connection.accepted      ? "waiting"
                      : connection.clientStalls ? "stalled"
                      : connection.serverStalls ? "server-stalls"
                                                : "";
-  if (process.state == 'T' || process.state == 't' || process.state == 'Z') {
-    text += (text.empty() ? "" : ",") + stateText(process.state);
+  if (state == 'T' || state == 't' || state == 'Z') {
+    text += (text.empty() ? "" : ",") + stateText(state);
   }
   return text.empty() ? "-" : text;
 }
 
 }  // namespace
 
-Entry entryOf(const Server& server, bool asJson, bool live, bool withPadding) {
-  const bool known = server.process.pid != 0;
-  Entry entry(asJson);
-  entry.name("NAME", server.listener.name);
+Entry entryOf(const Listener& listener, bool live, bool withPadding) {
+  const Process& process = listener.process;
+  const bool known = process.known();
+  Entry entry;
+  entry.name("NAME", listener.name);
   if (live) {
-    std::array<char, 32> percent{};
-    std::snprintf(percent.data(), percent.size(), "%.1f", server.cpuPercent);
-    entry.add("CPU%", "cpu_percent", when(known, server.cpuPercent), percent.data());
-    entry.add("MEMORY", "memory_bytes", when(known, server.process.memory),
-              bytesText(server.process.memory));
-    addLoad(entry, server.listener, live);
-    addProcess(entry, server);
+    entry.add("CPU%", "cpu_percent", when(known, process.cpuPercent), rounded(process.cpuPercent))
+        .add("MEMORY", "memory_bytes", when(known, process.memory), bytesText(process.memory));
+    addLoad(entry, listener, live);
+    addProcess(entry, listener);
   } else {
-    addProcess(entry, server);
-    addLoad(entry, server.listener, live);
+    addProcess(entry, listener);
+    addLoad(entry, listener, live);
   }
-  entry.text("STATE", "state", when(known, stateText(server.process.state)));
+  entry.text("STATE", "state", when(known, stateText(process.state)));
   if (withPadding) {
-    const bool padded = server.listener.padded;
-    entry.add("PADDED", "padded", when(true, padded), padded ? "yes" : "no");
+    const bool padded = listener.padded;
+    entry.add("PADDED", "padded", std::optional(padded), padded ? "yes" : "no");
   }
   return entry;
 }
 
-Entry entryOf(const Connection& connection, const Process& process, bool asJson) {
-  const bool known = process.pid != 0;
-  return Entry(asJson)
-      .name("SERVER", connection.name)
+Entry entryOf(const Connection& connection) {
+  const Process& process = connection.process;
+  const bool known = process.known();
+  Entry entry;
+  entry.name("SERVER", connection.name)
       .number("PID", "pid", when(known, process.pid))
-      .number(nullptr, "uid", when(true, connection.uid))
+      .number(nullptr, "uid", std::optional(connection.uid))
       .text("USER", "user", userName(connection.uid))
       .text("PROCESS", "process", when(known, process.name))
       .text(nullptr, "process_state", when(known, stateText(process.state)))
       .add("AGE", "process_age_seconds", when(known, process.ageSeconds),
            ageText(process.ageSeconds))
-      .number("TO-SERVER", "unread_by_server_bytes", when(true, connection.unreadByServer))
-      .number("TO-CLIENT", "unread_by_client_bytes", when(true, connection.unreadByClient))
-      .add(nullptr, "accepted", when(true, connection.accepted), "")
-      .add(nullptr, "server_stalls", when(true, connection.serverStalls), "")
-      .add(nullptr, "client_stalls", when(true, connection.clientStalls), "")
-      .text("STATE", nullptr, troubleOf(connection, process));
+      .number("TO-SERVER", "unread_by_server_bytes", std::optional(connection.unreadByServer))
+      .number("TO-CLIENT", "unread_by_client_bytes", std::optional(connection.unreadByClient))
+      .add(nullptr, "accepted", std::optional(connection.accepted), "")
+      .add(nullptr, "server_stalls", std::optional(connection.serverStalls), "")
+      .add(nullptr, "client_stalls", std::optional(connection.clientStalls), "")
+      .text("STATE", nullptr, troubleOf(connection));
+  return entry;
 }
 
 std::vector<std::string> aligned(const std::vector<Row>& rows) {
@@ -159,21 +156,22 @@ std::vector<std::string> aligned(const std::vector<Row>& rows) {
   return lines;
 }
 
-void print(const std::vector<Entry>& entries, Output& output) {
-  const bool headed = output.terminal() && !entries.empty();
-  std::vector<Row> rows(headed ? 1 : 0, entries.empty() ? Row() : entries.front().heading());
-  for (const Entry& entry : entries) {
-    if (output.json()) {
-      output.message(entry.json());
-    } else {
-      rows.push_back(entry.row());
-    }
+void Listing::add(const Entry& entry) {
+  if (wantsJson()) {
+    return printJson(entry.object);
   }
+  if (rows_.empty() && onTerminal()) {
+    rows_.push_back(entry.heading);
+  }
+  rows_.push_back(entry.row);
+}
+
+void Listing::end() const {
   std::string text;
-  for (const std::string& line : output.json() ? std::vector<std::string>() : aligned(rows)) {
-    text += (headed && text.empty() ? painted(line, "1", output.colour()) : line) + "\n";
+  for (const std::string& line : aligned(rows_)) {
+    text += (text.empty() && onTerminal() ? painted(line, "1") : line) + "\n";
   }
-  output.text(text);
+  printText(text);
 }
 
 }  // namespace tool

@@ -7,10 +7,8 @@
 #include <csignal>
 #include <exception>
 #include <string>
-#include <string_view>
 
 #include "Kelvo/Exception.h"
-#include "tool/Output.h"
 #include "tool/Report.h"
 #include "tool/Run.h"
 #include "tool/Verb.h"
@@ -27,17 +25,6 @@ void openStandardStreams() {
   }
 }
 
-void runCommand(int argc, char** argv) {
-  tool::Program program;
-  if (argc > 1 && argv[1] == std::string_view("complete")) {  // asked by the shells' scripts
-    for (const std::string& line : completions(program, {argv + 2, argv + argc})) {
-      tool::Output(tool::Common()).line(line);
-    }
-    return;
-  }
-  program.run(argc, argv);
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -45,7 +32,7 @@ int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
   std::setlocale(LC_CTYPE, "C.UTF-8");  // for the width of characters
   try {
-    runCommand(argc, argv);
+    tool::runProgram(argc, argv);
     return static_cast<int>(tool::Exit::kSuccess);
   } catch (const tool::Failure& failure) {
     tool::report(failure.what());

@@ -22,7 +22,7 @@ import subprocess
 import sys
 import tempfile
 
-import support
+import programs
 
 
 class Expectation:
@@ -63,8 +63,8 @@ class Run:
 
     def expand(self, text):
         def name(match):
-            return self.names.setdefault(match.group(0), support.unique_name(match.group(1)))
-        return re.sub(r"@([a-z]+)", name, text.replace("@@", support.PREFIX))
+            return self.names.setdefault(match.group(0), programs.unique_name(match.group(1)))
+        return re.sub(r"@([a-z]+)", name, text.replace("@@", programs.PREFIX))
 
     def shown(self, data):
         text = data.decode("utf-8", "replace").replace("\r\n", "\n").replace("\r", "^M")
@@ -93,14 +93,14 @@ class Run:
 
     def run(self, step):
         if step.kind in "$%":
-            program = support.Program(self.expand(step.command), terminal=step.kind == "%",
+            program = programs.Program(self.expand(step.command), terminal=step.kind == "%",
                                       cwd=self.folder.name, stdin=subprocess.DEVNULL)
             try:
                 self.check(step, program, program.end())
             finally:
                 program.kill()
         elif step.kind == "&":
-            program = support.Program("exec " + self.expand(step.command), cwd=self.folder.name)
+            program = programs.Program("exec " + self.expand(step.command), cwd=self.folder.name)
             self.background.append(program)
             program.says("\n")
         elif step.kind == ">":

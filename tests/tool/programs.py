@@ -1,15 +1,18 @@
 """What the tests of the command share: programs that are run, pseudo-terminals, raw sockets."""
 
 import os
+import pathlib
 import pty
 import select
 import signal
 import socket
 import subprocess
+import sys
 import tempfile
-import time
 
-LIMIT = 20  # seconds for anything that is waited for; nothing normally takes one
+sys.path.append(str(pathlib.Path(__file__).resolve().parents[1] / "python"))
+import support  # noqa: E402
+from support import DEADLINE as LIMIT, listens, wait_until as until  # noqa: E402, F401
 
 TOOL_DIR = os.environ["TOVIK_TOOL_DIR"]
 ENV = {
@@ -19,24 +22,12 @@ ENV = {
 }
 ENV.update({key: value for key, value in os.environ.items() if key.endswith("SAN_OPTIONS")})
 
-PREFIX = f"tool-test-{os.getpid()}-"
-_counter = 0
+PREFIX = f"tovik-tool-{os.getpid()}-"
 
 
 def unique_name(word="x"):
-    """A server name that no other test, process or repetition uses."""
-    global _counter
-    _counter += 1
-    return f"{PREFIX}{_counter}-{word}"
-
-
-def until(condition, what):
-    """Waits for a condition; the pause only saves processor time."""
-    deadline = time.monotonic() + LIMIT
-    while not condition():
-        if time.monotonic() > deadline:
-            raise AssertionError(f"in {LIMIT} s, never: {what}")
-        time.sleep(0.005)
+    """A server name that no other test, process or repetition uses, nor begins with."""
+    return f"{support.unique_name('tool')}-{word}"
 
 
 def address(name):
@@ -150,10 +141,3 @@ class Program:
             self.terminal = None
         self.out.close()
         self.err.close()
-
-
-def listens(name):
-    """Whether the kernel's table has that name, whoever has it."""
-    with open("/proc/net/unix", "rb") as table:
-        return any(b" 00010000 0005 01 " in line and line.rstrip(b"\n").endswith(
-            b" @" + name.encode().ljust(107, b"@")) for line in table)
