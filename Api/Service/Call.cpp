@@ -120,7 +120,7 @@ class BlockingCall {
 }  // namespace
 
 Outcome call(const std::string& name, const Message& message, Proxy::Seconds limit) {
-  Convention::requireName(name);
+  Convention::addressOf(name);  // throws if it is none
   Outgoing outgoing{subjectOf(name, message), {}};
   if (auto refused = prepare(message, outgoing)) {
     return *std::move(refused);

@@ -85,8 +85,7 @@ class Proxy::Impl final : public Link, public std::enable_shared_from_this<Impl>
   void start(Call call);
   void ask(const char* command, const std::string& topic, Callback callback);
 
-  void onRecord(const char* text) override;
-  void onTooLong(std::size_t size) override;
+  void onRecord(const char* text, std::size_t size) override;
   void onEnd(const std::string& reason) override;
   void takeReply(Message reply);
   Calls::iterator callOf(const Message& reply);
@@ -119,12 +118,12 @@ class Proxy::Impl final : public Link, public std::enable_shared_from_this<Impl>
 // --- connecting ---
 
 Proxy::Impl::Impl(const std::string& name, ProxyOptions options)
-    : Link({options.queuedRecords, options.queuedBytes}),
+    : Link(options.queuedRecords, options.queuedBytes),
       name_(name),
       options_(std::move(options)),
       retry_([this] { connect(); }),
       limits_([this] { expire(); }) {
-  Convention::requireName(name_);
+  Convention::addressOf(name_);  // throws if it is none
   retry_.arm(0);
 }
 
@@ -160,8 +159,7 @@ std::string Proxy::Impl::tryConnect() {
   if (options_.accepts && !options_.accepts(peer.pid, peer.uid, peer.gid)) {
     return "its server, of user " + std::to_string(peer.uid) + ", is not accepted";
   }
-  open(fd.get());
-  fd.release();
+  open(fd);
   server_ = Credentials{peer.pid, peer.uid, peer.gid};
   return {};
 }
@@ -236,7 +234,7 @@ void Proxy::Impl::start(Call call) {
   deadlines_.emplace(call.deadline, id);
   wakeAt(call.deadline);
   if (isOpen()) {
-    send(std::make_shared<const std::string>(textOf(call.outgoing, id)));
+    send(textOf(call.outgoing, id));
     call.outgoing.body.clear();
   }
   calls_.emplace_hint(calls_.end(), id, std::move(call));
@@ -278,23 +276,23 @@ void Proxy::Impl::unsubscribe(const std::string& topic) {
 
 // --- records ---
 
-void Proxy::Impl::onRecord(const char* text) {
+void Proxy::Impl::onRecord(const char* text, std::size_t size) {
   const auto self = shared_from_this();
+  if (size > Convention::kLongestRecord) {
+    TOVIK_SERVICE_LOG(1, name_ << ": a record of " << size << " bytes is dropped");
+    return;
+  }
   Message message;
   Convention::parse(message, text);
   if (!message.IsObject()) {
     TOVIK_SERVICE_LOG(1, name_ << ": a record that is no JSON object is dropped");
   } else if (isReply(message)) {
     takeReply(std::move(message));
-  } else if (Convention::textMember(message, "type") == "event") {
+  } else if (get<std::string>(message, "type") == "event") {
     takeEvent(message);
   } else if (const auto handler = onMessage) {
     handler(message);
   }
-}
-
-void Proxy::Impl::onTooLong(std::size_t size) {
-  TOVIK_SERVICE_LOG(1, name_ << ": a record of " << size << " bytes is dropped");
 }
 
 void Proxy::Impl::takeReply(Message reply) {
@@ -351,7 +349,7 @@ void Proxy::Impl::forgetTimedOut(std::uint64_t except) {
 }
 
 void Proxy::Impl::takeEvent(const Message& event) {
-  const auto topic = Convention::textMember(event, "topic");
+  const auto topic = get<std::string>(event, "topic");
   const auto found = topic.has_value() ? subscriptions_.find(*topic) : subscriptions_.end();
   if (found == subscriptions_.end()) {
     TOVIK_SERVICE_LOG(1, name_ << ": an event of no topic that is followed is dropped");
