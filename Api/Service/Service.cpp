@@ -537,6 +537,7 @@ void Service::command(const std::string& name, const std::string& description,
   const bool isOwn = name == "subscribe" || name == "unsubscribe" || name == "describe";
   requireNew(!isOwn && core_->commands.count(name) == 0, "the command '" + name + "'");
   std::vector<Message> list;
+  list.reserve(arguments.size());
   for (const auto& argument : arguments) {
     list.push_back(object("name", argument.name, "type", argument.type, "required",
                           argument.isRequired, "description", argument.description));
