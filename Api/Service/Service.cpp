@@ -106,10 +106,11 @@ struct Request::Call {
   /// Ends a call when its last copy goes: one without an answer gets one, on the service's thread.
   struct End {
     void operator()(Call* call) const {
-      Request request{std::shared_ptr<Call>(call)};  // which deletes it
-      if (call->isAnswered) {
+      std::unique_ptr<Call> last(call);
+      if (last->isAnswered) {
         return;
       }
+      Request request{std::shared_ptr<Call>(std::move(last))};
       auto fail = [request]() mutable { request.fail(EIO, "the service has not answered"); };
       if (std::this_thread::get_id() == thread) {
         fail();
