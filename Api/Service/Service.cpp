@@ -71,10 +71,10 @@ std::string_view shortened(std::string_view text) {
 
 }  // namespace
 
-class ServedSession;
+class TOVIK_INTERNAL ServedSession;
 
 /// A topic, and who follows it.
-struct Feed {
+struct TOVIK_INTERNAL Feed {
   Topic topic;
   std::string head;       // what its events begin with, the brace not closed
   std::string described;  // for "describe"
