@@ -77,10 +77,12 @@ class Proxy::Impl final : public Link,
   }
 
   /// For a subscription's sake.
-  void ask(const char* command, const std::string& topic, const Callback& callback) {
+  void ask(const char* command, const std::string& topic, Callback callback) {
     if (isOpen()) {
       call(object("command", command, "topics", std::vector{topic}), kSubscribeLimit,
-           [callback](Outcome outcome) { takeAnswer(std::move(outcome), callback); });
+           [callback = std::move(callback)](Outcome outcome) {
+             takeAnswer(std::move(outcome), callback);
+           });
     }
   }
 
@@ -385,7 +387,7 @@ void Proxy::call(const Message& message, Seconds limit, Callback callback) {
 
 void Proxy::subscribe(const std::string& topic, EventHandler handler, Callback answered) {
   impl_->subscriptions[topic] = {std::move(handler), answered};
-  impl_->ask("subscribe", topic, answered);
+  impl_->ask("subscribe", topic, std::move(answered));
 }
 
 void Proxy::unsubscribe(const std::string& topic) {
