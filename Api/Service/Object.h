@@ -28,7 +28,11 @@ namespace Tovik {
 /// be read as the type, `from` reads it, and `to` writes it. An application adds a type of its own
 /// by specialising this.
 template <class T, class Enable = void>
-struct Json;
+struct Json {
+  static_assert(!std::is_same_v<T, T>,
+                "no JSON for this type: take bool, a number, a text, an optional, a vector, a "
+                "Message, or specialise Tovik::Json");
+};
 
 /// @cond INTERNAL
 namespace Internal {
@@ -36,23 +40,13 @@ namespace Internal {
 using Value = rapidjson::Value;
 using Allocator = Message::AllocatorType;
 
-template <class T, class = void>
-inline constexpr bool kKnown = false;
-template <class T>
-inline constexpr bool kKnown<T, std::void_t<decltype(Json<T>::kName)>> = true;
-
 inline void setText(Value& value, std::string_view text, Allocator& allocator) {
   value.SetString(text.data(), static_cast<rapidjson::SizeType>(text.size()), allocator);
 }
 
 template <class T>
 void set(Value& value, const T& from, Allocator& allocator) {
-  static_assert(kKnown<std::decay_t<T>>,
-                "no JSON for this type: take bool, a number, a text, an optional, a vector, a "
-                "Message, or specialise Tovik::Json");
-  if constexpr (kKnown<std::decay_t<T>>) {
-    Json<std::decay_t<T>>::to(value, from, allocator);
-  }
+  Json<std::decay_t<T>>::to(value, from, allocator);
 }
 
 template <class T>
@@ -108,7 +102,6 @@ inline const rapidjson::Value* find(const rapidjson::Value& object, std::string_
 /// The member of that name; nothing if there is none or it cannot be read as a `T`.
 template <class T>
 std::optional<T> get(const rapidjson::Value& object, std::string_view name) {
-  static_assert(Internal::kKnown<T>, "no JSON for this type");
   const auto* value = find(object, name);
   return value != nullptr && Json<T>::is(*value) ? std::optional<T>(Json<T>::from(*value))
                                                  : std::nullopt;

@@ -274,6 +274,26 @@ TEST_F(Proxy, DoesNotWaitForAFullBacklog) {
   turnUntilConnected();
 }
 
+TEST_F(Proxy, AsksForEachTopicOnceOnAConnection) {
+  const Fd listener = rawListen(name_);
+  int attempts = 0;
+  Tovik::ProxyOptions options;
+  options.accepts = [&](int, unsigned, unsigned) {
+    if (++attempts == 1) {
+      Fd(::accept(listener.get(), nullptr, nullptr)).reset();  // the first thing sent finds an end
+    }
+    return true;
+  };
+  connect(std::move(options));
+  proxy_->subscribe("a", {});
+  proxy_->subscribe("b", {});
+  ASSERT_TRUE(turnUntil([&attempts] { return attempts == 2; }));
+  const Fd peer(::accept(listener.get(), nullptr, nullptr));
+  EXPECT_THAT(rawReceiveNow(peer.get()), HasSubstr(R"("topics":["a"])"));
+  EXPECT_THAT(rawReceiveNow(peer.get()), HasSubstr(R"("topics":["b"])"));
+  EXPECT_EQ(rawReceiveNow(peer.get()), "<nothing>");
+}
+
 TEST_F(Proxy, CannotHaveANameThatNobodyCouldHave) {
   EXPECT_THROW(Tovik::Proxy(std::string(107, 'x')), Kelvo::Exception);
 }

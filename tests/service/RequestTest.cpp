@@ -6,10 +6,13 @@
 #include <thread>
 #include <utility>
 
+#include "Kelvo/Platform/Debug.h"
 #include "tests/service/Lamp.h"
 
 namespace {
 
+using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
 
 class Request : public testing::Test {
@@ -32,6 +35,19 @@ TEST_F(Request, WithAnArgumentOfTheWrongTypeIsToldWhich) {
             R"({"type":"reply","status":22,"id":1,"error":"argument 'a' is no valid integer"})");
   EXPECT_THAT(ask(R"({"command":"add","a":2147483648})"), HasSubstr("'a'"));
   EXPECT_THAT(ask(R"({"command":"add","a":1,"b":"2"})"), HasSubstr("'b'"));
+}
+
+TEST_F(Request, ThatIsRefusedIsLogged) {
+  std::vector<std::string> texts;
+  Kelvo::Platform::setDebugSink("TovikService",
+                                [&texts](const auto& record) { texts.emplace_back(record.text); });
+  Kelvo::Platform::setDebugLevels("TovikService", 2);
+  ask(R"({"command":"dim"})");
+  ask(R"({"command":"refuse"})");
+  Kelvo::Platform::setDebugLevels("TovikService", 0);
+  Kelvo::Platform::setDebugSink("TovikService", nullptr);
+  EXPECT_THAT(texts,
+              ElementsAre(EndsWith(": refused: no command 'dim'"), EndsWith(": refused: not you")));
 }
 
 TEST_F(Request, IsAnsweredWith5IfTheHandlerThrowsSomethingElse) {

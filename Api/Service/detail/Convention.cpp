@@ -5,8 +5,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
-
 #include "Api/Service/Object.h"
 #include "Kelvo/Exception.h"
 
@@ -20,8 +18,7 @@ std::optional<std::string> textOf(const rapidjson::Value& value) {
 }
 
 std::string quoted(std::string_view text) {
-  rapidjson::Value value;
-  value.SetString(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+  const rapidjson::Value value(text.data(), static_cast<rapidjson::SizeType>(text.size()));
   return *textOf(value);
 }
 
@@ -33,24 +30,15 @@ std::string joined(std::string head, std::string_view rest) {
   return head;
 }
 
-std::optional<std::string_view> textMember(const rapidjson::Value& object, const char* name) {
-  const auto* value = find(object, name);
-  return value != nullptr && value->IsString()
-             ? std::optional(std::string_view(value->GetString(), value->GetStringLength()))
-             : std::nullopt;
-}
-
 sockaddr_un addressOf(const std::string& name) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  name.copy(address.sun_path + 1, kLongestName);
-  return address;
-}
-
-void requireName(const std::string& name) {
-  if (name.size() > kLongestName || name.find('\0') != std::string::npos) {
+  constexpr std::size_t kLongest = sizeof address.sun_path - 2;  // a NUL before and behind it
+  if (name.size() > kLongest || name.find('\0') != std::string::npos) {
     throw Kelvo::Exception("a server's name has at most 106 bytes, and no NUL", false);
   }
+  name.copy(address.sun_path + 1, kLongest);
+  return address;
 }
 
 OwnedFd::~OwnedFd() {

@@ -5,7 +5,6 @@
 #include <sys/un.h>
 
 #include <cstddef>
-#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -17,8 +16,6 @@
 namespace Tovik::Convention {
 
 constexpr std::size_t kLongestRecord = 4094;
-constexpr std::uint64_t kLargestId = (std::uint64_t{1} << 53) - 1;
-constexpr std::size_t kLongestName = 106;
 
 /// Parses without recursion, so that no nesting can use up the stack.
 inline void parse(Message& msg, const char* text) {
@@ -35,14 +32,9 @@ std::string quoted(std::string_view text);
 /// together.
 std::string joined(std::string head, std::string_view rest);
 
-/// The string member of that name, or nothing.
-std::optional<std::string_view> textMember(const rapidjson::Value& object, const char* name);
-
-/// The address that belongs to a name.
+/// The address that belongs to a server's name.
+/// @throws Kelvo::Exception if no server can have it.
 sockaddr_un addressOf(const std::string& name);
-
-/// Throws unless it can be the name of a server.
-void requireName(const std::string& name);
 
 /// Closes a descriptor unless it was released to somebody.
 class OwnedFd {

@@ -6,28 +6,27 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <iterator>
 #include <utility>
-
-#include "Api/Service/detail/Convention.h"
 
 namespace Tovik {
 
-void Link::open(int fd) {
+void Link::open(Convention::OwnedFd& fd) {
   auto control = Kelvo::Platform::getFdControl(this);
-  control->attach(fd);
+  control->attach(fd.get());
+  fd.release();
   control_ = std::move(control);
-  state_ = State::kOpen;
+  isOpen_ = true;
 }
 
-void Link::send(Text text, const void* tag) {
-  if (!isOpen() || (queue_.empty() && write(*text))) {
+void Link::send(const std::string& text, const void* tag) {
+  if (!isOpen() || (queue_.empty() && write(text))) {
     return;
   }
-  bytes_ += text->size();
-  queue_.push_back({std::move(text), tag});
+  bytes_ += text.size();
+  queue_.push_back({text, tag});
   control_->setWriteInterest(true);
 }
 
@@ -43,33 +42,23 @@ bool Link::write(const std::string& text) {
     deferWriteEvent();
     return false;
   }
-  stop(State::kMute);
+  shutDown();
   return true;
 }
 
 void Link::unqueue(const void* tag) {
-  for (auto at = queue_.begin(); at != queue_.end();) {
-    if (at->tag == tag) {
-      bytes_ -= at->text->size();
-      at = queue_.erase(at);
-    } else {
-      ++at;
-    }
-  }
+  queue_.remove_if([this, tag](const Waiting& each) {
+    bytes_ -= each.tag == tag ? each.text.size() : 0;
+    return each.tag == tag;
+  });
 }
 
 void Link::shutDown(std::string reason) {
   if (isOpen()) {
     reason_ = std::move(reason);
-    stop(State::kDown);
+    clear();
+    ::shutdown(control_->fd(), SHUT_RDWR);  // which makes it readable
   }
-}
-
-void Link::stop(State state) {
-  state_ = state;
-  queue_.clear();
-  bytes_ = 0;
-  ::shutdown(control_->fd(), SHUT_RDWR);  // which makes it readable
 }
 
 void Link::drop() noexcept {
@@ -79,41 +68,40 @@ void Link::drop() noexcept {
     control_.reset();
     ::close(fd);
   }
+  clear();
+}
+
+void Link::clear() noexcept {
+  isOpen_ = false;
   queue_.clear();
   bytes_ = 0;
 }
 
-void Link::end(const std::string& reason) {
-  drop();
-  onEnd(reason);  // which may destroy this
-}
-
 void Link::readFdEvent(int fd) {
-  if (state_ == State::kDown) {
-    return end(std::exchange(reason_, {}));
-  }
   char buffer[Convention::kLongestRecord + 1];
-  const auto size = ::recv(fd, buffer, sizeof buffer - 1, MSG_DONTWAIT | MSG_TRUNC);
-  if (size < 0) {
-    return errno == EAGAIN || errno == EINTR ? void() : end(std::strerror(errno));
+  const auto size =
+      reason_.empty() ? ::recv(fd, buffer, sizeof buffer - 1, MSG_DONTWAIT | MSG_TRUNC) : 0;
+  if (size > 0) {
+    const auto length = static_cast<std::size_t>(size);
+    buffer[std::min(length, Convention::kLongestRecord)] = '\0';
+    return onRecord(buffer, length);
   }
-  if (size == 0) {
-    return end("it closed the connection");
+  if (size < 0 && (errno == EAGAIN || errno == EINTR)) {
+    return;
   }
-  const auto length = static_cast<std::size_t>(size);
-  if (length >= sizeof buffer) {
-    return onTooLong(length);
+  if (reason_.empty()) {
+    reason_ = size < 0 ? std::strerror(errno) : "it closed the connection";
   }
-  buffer[length] = '\0';
-  onRecord(buffer);
+  drop();
+  onEnd(std::exchange(reason_, {}));  // which may destroy this
 }
 
 void Link::writeFdEvent(int /*fd*/) {
-  while (!queue_.empty() && write(*queue_.front().text)) {
+  while (!queue_.empty() && write(queue_.front().text)) {
     if (!isOpen()) {
       return;  // shut down, which has emptied the queue
     }
-    bytes_ -= queue_.front().text->size();
+    bytes_ -= queue_.front().text.size();
     queue_.pop_front();
   }
   control_->setWriteInterest(!queue_.empty());

@@ -4,9 +4,9 @@
 
 #include <cstddef>
 #include <list>
-#include <memory>
 #include <string>
 
+#include "Api/Service/detail/Convention.h"
 #include "Kelvo/Platform/FdEventHandler.h"
 #include "Kelvo/Ptr.h"
 
@@ -18,35 +18,30 @@ namespace Tovik {
 /// comes from the loop.
 class Link : public Kelvo::Platform::FdEventHandler {
  public:
-  struct Bounds {
-    std::size_t records;
-    std::size_t bytes;
-  };
-  /// Shared by all those to whom the same text goes.
-  using Text = std::shared_ptr<const std::string>;
-
-  explicit Link(Bounds bounds) : bounds_(bounds) {}
+  /// The bounds of what may wait.
+  Link(std::size_t records, std::size_t bytes) : mostRecords_(records), mostBytes_(bytes) {}
   ~Link() override { drop(); }
 
-  /// Owns and watches `fd`, a connected socket, unless this throws.
-  void open(int fd);
+  /// Takes over and watches a connected socket, unless this throws.
+  void open(Convention::OwnedFd& fd);
 
   /// True while records can be sent.
-  bool isOpen() const noexcept { return control_ && state_ == State::kOpen; }
+  bool isOpen() const noexcept { return isOpen_; }
 
   /// Whether a record of this size may be queued. The owner asks, and decides what else to do.
   bool hasRoom(std::size_t size) const noexcept {
-    return queue_.size() < bounds_.records && bytes_ + size <= bounds_.bytes;
+    return queue_.size() < mostRecords_ && bytes_ + size <= mostBytes_;
   }
 
   /// Sends a record, or queues it with a tag.
-  void send(Text text, const void* tag = nullptr);
+  void send(const std::string& text, const void* tag = nullptr);
 
   /// Takes what waits with that tag out of the queue.
   void unqueue(const void* tag);
 
-  /// Ends the connection for the peer now, and for the owner in the read event that follows.
-  void shutDown(std::string reason);
+  /// Ends the connection for the peer now, and for the owner in a read event: the next one, or
+  /// without a reason, the one that finds the end behind what the peer had sent before.
+  void shutDown(std::string reason = {});
 
   /// Closes without telling anybody.
   void drop() noexcept;
@@ -58,34 +53,28 @@ class Link : public Kelvo::Platform::FdEventHandler {
   void writeFdEvent(int fd) override;
 
  private:
-  /// One record, NUL-terminated. These may destroy the link.
+  /// One record, NUL-terminated; one of more than `kLongestRecord` bytes has been cut. These may
+  /// destroy the link.
   /// @{
-  virtual void onRecord(const char* text) = 0;
-  virtual void onTooLong(std::size_t size) = 0;
+  virtual void onRecord(const char* text, std::size_t size) = 0;
   virtual void onEnd(const std::string& reason) = 0;
   /// @}
 
   struct Waiting {
-    Text text;
+    std::string text;
     const void* tag;
   };
 
-  enum class State : unsigned char {
-    kOpen,
-    kMute,  // the peer takes nothing any more; what it had sent before is still read
-    kDown,
-  };
-
   bool write(const std::string& text);
-  void stop(State state);
-  void end(const std::string& reason);
+  void clear() noexcept;
 
-  const Bounds bounds_;
+  const std::size_t mostRecords_;
+  const std::size_t mostBytes_;
   Kelvo::Ptr<Kelvo::Platform::FdControl> control_;
   std::list<Waiting> queue_;  // takes no memory while it is empty
   std::size_t bytes_ = 0;
-  State state_ = State::kOpen;
-  std::string reason_;  // once it is down
+  bool isOpen_ = false;
+  std::string reason_;  // why it was shut down
 };
 
 }  // namespace Tovik
