@@ -205,7 +205,7 @@ TEST_F(AsyncClient, LogsTheErrorThatTheCloseLeavesIfSettingTheFlagsFailed) {
   const Fail setFl(Call::kSetFl, EACCES);
   const Fail close(Call::kClose, EIO);
   client_->timeout();
-  EXPECT_EQ(log_.lines(0), Lines{kSetFlFailed + "Input/output error"});
+  EXPECT_EQ(log_.lines(0), Lines{kSetFlFailed + std::strerror(EIO)});
 }
 
 TEST_F(AsyncClient, StillHoldsItsSocketWhenItLogsAboutGettingTheFlagsOnly) {
