@@ -42,7 +42,7 @@ class TOVIK_API SocketException : public Kelvo::Exception {
   explicit SocketException(int errnum);
   ~SocketException() override;
 
-  /// "Tovik::SocketException".
+  /// The name of this class, "Tovik::SocketException".
   const char* name() const noexcept override;
 };
 

@@ -42,4 +42,4 @@ add_test(NAME adapters.InstalledHeadersCompileAlone
                  --libdir ${CMAKE_INSTALL_LIBDIR} --compiler ${CMAKE_CXX_COMPILER}
                  --hosts ${hosts})
 set_tests_properties(adapters.InstalledHeadersCompileAlone PROPERTIES FIXTURES_REQUIRED
-                                                                      package_prefix TIMEOUT 120)
+                                                                      package_prefix TIMEOUT 300)

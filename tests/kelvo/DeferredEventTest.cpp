@@ -207,8 +207,9 @@ TEST_F(StuckWriter, CausesNoTurnsOnceItsSocketHasFilled) {
 TEST_F(StuckWriter, IsTriedAgainThoughTheKernelRefusedOnce) {
   turnUntilWrites(3);
   {
-    const Faults::Fail fail(Call::kEpollCtl, ENOMEM, 1);
-    EXPECT_EQ(thrownBy([] { turnFor(5s); }), "EventLoop: epoll_ctl failed: Cannot allocate memory");
+    const Faults::Fail fail(Call::kEpollCtl, ENOSPC, 1);
+    EXPECT_EQ(thrownBy([] { turnFor(5s); }),
+              "EventLoop: epoll_ctl failed: No space left on device");
   }
   turnUntilWrites(6);
 }
@@ -399,8 +400,9 @@ TEST_F(StuckReader, MayBeDestroyedDuringAPause) {
 TEST_F(StuckReader, IsTriedAgainThoughTheKernelRefusedOnce) {
   turnUntilReads(3);
   {
-    const Faults::Fail fail(Call::kEpollCtl, ENOMEM, 1);
-    EXPECT_EQ(thrownBy([] { turnFor(5s); }), "EventLoop: epoll_ctl failed: Cannot allocate memory");
+    const Faults::Fail fail(Call::kEpollCtl, ENOSPC, 1);
+    EXPECT_EQ(thrownBy([] { turnFor(5s); }),
+              "EventLoop: epoll_ctl failed: No space left on device");
   }
   turnUntilReads(6);
 }

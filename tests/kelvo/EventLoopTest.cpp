@@ -264,9 +264,9 @@ TEST_F(Control, DoesNothingWithoutADescriptor) {
 
 TEST_F(Control, ThrowsIfWriteInterestIsRefusedAndMayTryAgain) {
   {
-    const Faults::Fail fail(Call::kEpollCtl, ENOMEM, 1);
+    const Faults::Fail fail(Call::kEpollCtl, ENOSPC, 1);
     EXPECT_EQ(thrownBy([&] { watcher_.control->setWriteInterest(true); }),
-              "EventLoop: epoll_ctl failed: Cannot allocate memory");
+              "EventLoop: epoll_ctl failed: No space left on device");
   }
   EXPECT_FALSE(loop().dispatch());
   watcher_.control->setWriteInterest(true);

@@ -13,6 +13,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <future>
 #include <iterator>
 #include <memory>
@@ -523,14 +524,11 @@ class LoopCreation : public testing::TestWithParam<Refusal> {};
 
 INSTANTIATE_TEST_SUITE_P(
     Each, LoopCreation,
-    testing::Values(Refusal{Call::kEpollCreate, 0,
-                            "making a descriptor of its own failed: Too many open files"},
-                    Refusal{Call::kEventfd, 0,
-                            "making a descriptor of its own failed: Too many open files"},
-                    Refusal{Call::kTimerfdCreate, 0,
-                            "making a descriptor of its own failed: Too many open files"},
-                    Refusal{Call::kEpollCtl, 0, "epoll_ctl failed: Too many open files"},
-                    Refusal{Call::kEpollCtl, 1, "epoll_ctl failed: Too many open files"}));
+    testing::Values(Refusal{Call::kEpollCreate, 0, "making a descriptor of its own failed"},
+                    Refusal{Call::kEventfd, 0, "making a descriptor of its own failed"},
+                    Refusal{Call::kTimerfdCreate, 0, "making a descriptor of its own failed"},
+                    Refusal{Call::kEpollCtl, 0, "epoll_ctl failed"},
+                    Refusal{Call::kEpollCtl, 1, "epoll_ctl failed"}));
 
 TEST_P(LoopCreation, ThrowsLeaksNothingAndMayBeTriedAgain) {
   std::thread([] {
@@ -540,7 +538,8 @@ TEST_P(LoopCreation, ThrowsLeaksNothingAndMayBeTriedAgain) {
         loop();
         ADD_FAILURE() << "not thrown";
       } catch (const Kelvo::Exception& exception) {
-        EXPECT_EQ(exception.what(), std::string("EventLoop: ") + GetParam().text);
+        EXPECT_EQ(exception.what(),
+                  std::string("EventLoop: ") + GetParam().text + ": " + std::strerror(EMFILE));
         EXPECT_TRUE(exception.external());
       }
     });

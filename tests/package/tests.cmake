@@ -7,7 +7,7 @@ function(tovik_package_test name script)
                                 ${PROJECT_SOURCE_DIR}/tests/package/${script} ${ARGN})
   set_tests_properties(
     ${name}
-    PROPERTIES TIMEOUT 120
+    PROPERTIES TIMEOUT 300
                FIXTURES_REQUIRED package_prefix
                ENVIRONMENT
                "TOVIK_SOURCE_DIR=${PROJECT_SOURCE_DIR};TOVIK_BUILD_DIR=${PROJECT_BINARY_DIR};\
@@ -21,7 +21,7 @@ tovik_package_test(InstallsLibrariesPublicHeadersAndPkgConfigFiles installs.py)
 set_tests_properties(Package.InstallsLibrariesPublicHeadersAndPkgConfigFiles
                      PROPERTIES FIXTURES_REQUIRED "" FIXTURES_SETUP package_prefix)
 tovik_package_test(CompilesEachPublicHeaderAlone headers.py)
-set_tests_properties(Package.CompilesEachPublicHeaderAlone PROPERTIES PROCESSORS 2 TIMEOUT 300)
+set_tests_properties(Package.CompilesEachPublicHeaderAlone PROPERTIES PROCESSORS 2)
 
 tovik_package_test(HasOneVersion versions.py)
 tovik_package_test(IsReleasedWhenAllIsThere release.py)

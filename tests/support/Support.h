@@ -1,6 +1,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <chrono>
 #include <functional>
@@ -19,6 +20,14 @@
 
 /// A server name that no other test, process or repetition uses.
 std::string uniqueName();
+
+/// What the C library says as it ends the process for a name that is too long. Others than glibc
+/// have no check of their own, and end it without a word.
+#ifdef __GLIBC__
+inline constexpr auto kWordsOnALongName = "buffer overflow detected";
+#else
+inline constexpr auto kWordsOnALongName = "";
+#endif
 
 /// Turns this thread's loop until `condition` holds. False if it still does not after `limit`.
 bool turnUntil(const std::function<bool()>& condition,

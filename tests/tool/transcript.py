@@ -18,6 +18,7 @@ in one line.
 
 import os
 import re
+import signal
 import subprocess
 import sys
 import tempfile
@@ -112,6 +113,10 @@ class Run:
 
 
 def main():
+    # Commands look at what is ignored, which is whatever a shell in the background and nohup left.
+    for number in (signal.SIGHUP, signal.SIGINT, signal.SIGQUIT):
+        if signal.getsignal(number) == signal.SIG_IGN:
+            signal.signal(number, signal.SIG_DFL)
     for path in sys.argv[1:]:
         run = Run(path)
         try:

@@ -141,14 +141,15 @@ TEST(Address, DoesNotMeetAServerThatBoundTheNamesOwnLength) {
 
 TEST(AddressDeathTest, EndsTheProcessForANameOf107Bytes) {
   const std::string name = padded(107);
-  EXPECT_EXIT(Tovik::Client client(name), testing::KilledBySignal(SIGABRT), "overflow");
+  EXPECT_EXIT(Tovik::Client client(name), testing::KilledBySignal(SIGABRT), kWordsOnALongName);
 }
 
 TEST(AddressDeathTest, EndsTheProcessForAMuchLongerName) {
-  EXPECT_EXIT(Tovik::Client client(padded(5000)), testing::KilledBySignal(SIGABRT), "overflow");
+  EXPECT_EXIT(Tovik::Client client(padded(5000)), testing::KilledBySignal(SIGABRT),
+              kWordsOnALongName);
 }
 
 TEST(AddressDeathTest, EndsTheProcessAtTheAsynchronousClientsFirstAttempt) {
   Tovik::AsyncClient client(padded(107), nullptr, nullptr, 3600);
-  EXPECT_EXIT(client.timeout(), testing::KilledBySignal(SIGABRT), "overflow");
+  EXPECT_EXIT(client.timeout(), testing::KilledBySignal(SIGABRT), kWordsOnALongName);
 }

@@ -411,21 +411,20 @@ using ConnectionDeathTest = Connection;
 
 TEST_F(ConnectionDeathTest, EndsTheProcessForARootThatIsNoObject) {
   for (const auto* text : {"[1,2]", "\"reply\"", "5", "null", "true", "[]", "0.5"}) {
-    EXPECT_EXIT(receive(text), ::testing::KilledBySignal(SIGABRT),
-                "Assertion `IsObject\\(\\)' failed");
+    EXPECT_EXIT(receive(text), ::testing::KilledBySignal(SIGABRT), "Assertion.*IsObject\\(\\)");
   }
 }
 
 TEST_F(ConnectionDeathTest, EndsTheProcessForASwitchWhoseCommandIsNoString) {
   for (const std::string command : {"7", "null", "true", "{}", "[\"set\"]"}) {
     EXPECT_EXIT(receive(R"({"command":)" + command + R"(,"notification":true})"),
-                ::testing::KilledBySignal(SIGABRT), "Assertion `IsString\\(\\)' failed");
+                ::testing::KilledBySignal(SIGABRT), "Assertion.*IsString\\(\\)");
   }
 }
 
 TEST_F(ConnectionDeathTest, EndsTheProcessEvenIfTheNotificationIsNoBoolean) {
   EXPECT_EXIT(receive(R"({"command":7,"notification":1})"), ::testing::KilledBySignal(SIGABRT),
-              "Assertion `IsString\\(\\)' failed");
+              "Assertion.*IsString\\(\\)");
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <clocale>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -69,7 +70,8 @@ void ignore(Tovik::Connection& /*from*/, const Tovik::Message& /*msg*/) {}
 
 /// The system's text for an error, without the function whose calls are counted.
 std::string textOf(int error) {
-  return strerrordesc_np(error);
+  static const locale_t plain = newlocale(LC_ALL_MASK, "C", nullptr);
+  return strerror_l(error, plain);
 }
 
 // What provokes a diagnostic. Each returns the text to expect.

@@ -177,9 +177,9 @@ using ServerDeathTest = Server;
 
 TEST_F(ServerDeathTest, EndsTheProcessForANameOf107Bytes) {
   EXPECT_EXIT(Tovik::Server(std::string(107, 'x'), nullptr, admitAll),
-              ::testing::KilledBySignal(SIGABRT), "buffer overflow detected");
+              ::testing::KilledBySignal(SIGABRT), kWordsOnALongName);
   EXPECT_EXIT(Tovik::Server(std::string(300, 'x'), nullptr, admitAll),
-              ::testing::KilledBySignal(SIGABRT), "buffer overflow detected");
+              ::testing::KilledBySignal(SIGABRT), kWordsOnALongName);
 }
 
 TEST_F(Server, RefusesANameThatIsTakenAndLeavesTheFirstServerWorking) {
@@ -238,7 +238,7 @@ INSTANTIATE_TEST_SUITE_P(Step, ServerWhoseSetUpFails,
                          ::testing::Values(std::pair(Call::kSocket, EMFILE),
                                            std::pair(Call::kBind, EACCES),
                                            std::pair(Call::kListen, EOPNOTSUPP)),
-                         [](const auto& step) { return strerrorname_np(step.param.second); });
+                         [](const auto& step) { return std::to_string(step.param.second); });
 
 TEST_F(Server, LeavesNothingBehindWhenItsSocketCannotBeWatched) {
   server.reset();
