@@ -345,6 +345,13 @@ TEST_F(StuckReader, DoesNotSpinOnAHangUpThatTheKernelReportsUnasked) {
   EXPECT_LE(reader_.reads, 10);
 }
 
+TEST_F(StuckReader, IsNotCalledForAHangUpDuringAPause) {
+  turnUntilReads(8);
+  ends_.second.reset();
+  const bool called = loop().dispatch();
+  EXPECT_EQ(called, reader_.reads > 8) << "the pause may have ended on a slow machine";
+}
+
 TEST_F(StuckReader, DoesNotSpinOnAHangUpWhileItsWriteInterestIsOn) {
   reader_.onWrite = [this](int) { reader_.deferWriteEvent(); };
   turnUntilReads(1);
