@@ -293,10 +293,13 @@ class Proxy::Impl final : public Link,
     if (!deadlines_.empty()) {
       wakeAt(deadlines_.begin()->first);
     }
-    if (retry_ <= now) {
-      connect();
-    } else {
+    if (retry_ > now) {
       wakeAt(retry_);
+    } else {
+      if (!ended_.empty()) {
+        wakeAt(now);  // for them, if a handler throws
+      }
+      connect();
     }
     deliver();
   }

@@ -54,6 +54,17 @@ class Proxy : public testing::Test {
   std::optional<Tovik::Proxy> proxy_;
 };
 
+TEST_F(Proxy, EndsARefusedCallAtOnceThoughItsConnectHandlerThrows) {
+  const Lamp lamp({}, name_);
+  Tovik::ProxyOptions options;
+  options.reconnectInterval = 3600;
+  proxy_.emplace(name_, std::move(options));
+  proxy_->onConnect([] { throw std::runtime_error("mine"); });
+  call(parsed("[]"));
+  EXPECT_THROW(turnUntilConnected(), std::runtime_error);
+  EXPECT_EQ(next().end, Outcome::kRefused);
+}
+
 /// With a service.
 class ProxyOfAService : public Proxy {
  protected:
