@@ -134,7 +134,9 @@ bool queryKernel(std::vector<Socket>& sockets) {
          message = NLMSG_NEXT(message, left)) {
       more = message->nlmsg_type == SOCK_DIAG_BY_FAMILY;
       answered = message->nlmsg_type == NLMSG_DONE;
-      more ? takeSocket(sockets, message) : void();
+      if (more) {
+        takeSocket(sockets, message);
+      }
     }
   }
   if (fd >= 0) {
