@@ -4,13 +4,10 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
-#include <chrono>
-#include <csignal>
 #include <functional>
 #include <locale>
 #include <memory>
@@ -383,21 +380,6 @@ class Chatter {
   std::atomic<int> records_{0};
   std::thread thread_;
 };
-
-/// True if `child` exits with 0 within ten seconds.
-bool endsWell(pid_t child) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  int status = -1;
-  while (waitpid(child, &status, WNOHANG) == 0) {
-    if (std::chrono::steady_clock::now() > end) {
-      kill(child, SIGKILL);
-      waitpid(child, &status, 0);
-      break;
-    }
-    std::this_thread::yield();
-  }
-  return status == 0;
-}
 
 TEST_F(DebugChannel, NeverHangsInAChildThatWasForkedWhileAnotherThreadLogged) {
   setDebugSink(name_, [](const DebugRecord&) { std::this_thread::yield(); });

@@ -1,7 +1,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -41,17 +40,6 @@ pid_t withPlainFork() {
 }
 pid_t withClone() {
   return static_cast<pid_t>(syscall(SYS_clone, SIGCHLD, nullptr, nullptr, nullptr, nullptr));
-}
-
-/// Runs `action` in a forked child, which reports whether it returned true.
-bool inChild(const std::function<bool()>& action, pid_t (*forkNow)() = withFork) {
-  const pid_t child = forkNow();
-  if (child == 0) {
-    _exit(action() ? 0 : 1);
-  }
-  int status = -1;
-  EXPECT_EQ(waitpid(child, &status, 0), child);
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 const std::string kRefusal =
@@ -284,9 +272,7 @@ TEST_F(ForkedChild, MayRenewItsLoopInsideACallback) {
     _exit(loopServes() ? 0 : 1);
   }
   EXPECT_EQ(thrown, "<nothing thrown>");
-  int status = -1;
-  EXPECT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(endsWell(child));
 }
 
 /// Also of a process whose first thread has ended, which /proc/self no longer tells.

@@ -57,10 +57,6 @@ inline std::string textOfSize(int size) {
   return head + std::string(static_cast<std::size_t>(size) - head.size() - tail.size(), 'x') + tail;
 }
 
-inline std::string compact(const Tovik::Message& msg) {
-  return std::string(std::string_view(Tovik::Message::toStr(msg, false)));
-}
-
 /// The descriptor of the last socket that was made.
 inline int lastSocket(const Faults::Trace& trace) {
   const auto made = trace.of(Faults::Call::kSocket);
@@ -77,22 +73,6 @@ inline std::vector<Faults::Call> socketCalls(const Faults::Trace& trace) {
   }
   return kinds;
 }
-
-/// Leaves 0 free for the next descriptor while it lives.
-class FreeDescriptorZero {
- public:
-  FreeDescriptorZero() : saved_(::dup(0)) { ::close(0); }
-  FreeDescriptorZero(const FreeDescriptorZero&) = delete;
-  FreeDescriptorZero& operator=(const FreeDescriptorZero&) = delete;
-  ~FreeDescriptorZero() {
-    if (saved_.get() >= 0) {
-      ::dup2(saved_.get(), 0);
-    }
-  }
-
- private:
-  Fd saved_;
-};
 
 /// Runs `action` on another thread once the thread that made this sleeps in the kernel, or after
 /// ten seconds. So a test can show that a call blocks, and end its waiting.

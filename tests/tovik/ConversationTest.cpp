@@ -25,10 +25,6 @@ using ::testing::IsEmpty;
 
 namespace {
 
-bool admitAll(int /*pid*/, unsigned /*uid*/, unsigned /*gid*/) {
-  return true;
-}
-
 /// A service with three commands: {"status":N} is answered with N, {"echo":X} with X, and
 /// {"tell":X} sends X to all subscribers. {"wait":true} is never answered.
 class Service {

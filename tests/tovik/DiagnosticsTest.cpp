@@ -62,10 +62,6 @@ RawDebugHandler* _getRawDebugHandler(const String& channel, bool errorsFromStart
 
 namespace {
 
-bool admitAll(int /*pid*/, unsigned /*uid*/, unsigned /*gid*/) {
-  return true;
-}
-
 void ignore(Tovik::Connection& /*from*/, const Tovik::Message& /*msg*/) {}
 
 /// The system's text for an error, without the function whose calls are counted.

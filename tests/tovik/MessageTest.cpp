@@ -13,10 +13,6 @@
 
 namespace {
 
-std::string compact(const Tovik::Message& msg) {
-  return std::string(std::string_view(Tovik::Message::toStr(msg, false)));
-}
-
 std::string indented(const Tovik::Message& msg) {
   return std::string(std::string_view(Tovik::Message::toStr(msg, true)));
 }

@@ -40,10 +40,6 @@ namespace {
 
 constexpr auto kNews = R"({"news":1})";
 
-bool admitAll(int /*pid*/, unsigned /*uid*/, unsigned /*gid*/) {
-  return true;
-}
-
 class Server : public ::testing::Test {
  protected:
   Server() { start(); }
