@@ -178,13 +178,6 @@ TEST(Threads, MayChangeTheEnabledLevelsWhileOthersLog) {
   EXPECT_GT(records, kMessages);
 }
 
-TEST(Threads, StopALoopThatWaits) {
-  for (int i = 0; i < 50; ++i) {
-    const ServerThread waiting;  // stopped and joined at the end of its scope
-    EXPECT_EQ(waiting.handled(), 0);
-  }
-}
-
 namespace {
 
 struct CountedObject : Kelvo::Counted {

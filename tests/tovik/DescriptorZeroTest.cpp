@@ -100,18 +100,6 @@ TEST_F(DescriptorZero, CanBeAttachedAndDetached) {
   EXPECT_EQ(watcher.writes, 1);
 }
 
-TEST_F(DescriptorZero, IsADescriptorThatCanBeOpened) {
-  Fd taken(eventfd(0, 0));
-  const Fd listening = rawListen(name_);
-  const Fd client = rawConnect(name_);
-  taken.reset();
-  const Watcher watcher(listening.get());  // accepts nobody, although it could
-  for (int turns = 1; turns <= 5; ++turns) {
-    EXPECT_TRUE(loop().dispatch());
-    EXPECT_EQ(watcher.reads, turns);
-  }
-}
-
 TEST_F(DescriptorZero, CanBeALoops) {
   bool fired = false;
   std::thread([&fired] {
