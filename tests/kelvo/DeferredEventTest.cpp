@@ -194,6 +194,14 @@ TEST_F(StuckWriter, StaysSilentWhileItsInterestIsOff) {
   EXPECT_EQ(handler_.writes, before);
 }
 
+TEST_F(StuckWriter, KeepsItsPauseIfItsInterestIsSwitchedOnOnceMore) {
+  turnUntilCalls(6);
+  handler_.control->setWriteInterest(true);
+  EXPECT_FALSE(loop().dispatch());
+  turnUntilCalls(8);
+  expectFallingRate(times_);
+}
+
 TEST_F(StuckWriter, GetsItsReadEventsAtOnce) {
   turnUntilCalls(8);
   const int before = handler_.writes;

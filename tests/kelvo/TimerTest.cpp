@@ -423,13 +423,15 @@ TEST_F(WithheldTimer, FiresOnceInTheFirstTurnAfterItsGuardWasDetached) {
   EXPECT_EQ(alarm_.fired, 1);
 }
 
-TEST_F(WithheldTimer, DoesNotFireAgainIfItFiredBeforeItsGuardWasAttached) {
-  alarm_.timer->arm(0);
-  EXPECT_TRUE(turnUntil([&] { return alarm_.fired == 1; }));
-  guard_.control->attach(ends_.first.get());
-  guard_.control->detach();
-  EXPECT_FALSE(loop().runOnce(1ms));
-  EXPECT_EQ(alarm_.fired, 1);
+TEST_F(WithheldTimer, DoesNotFireWithItsGuardsDetachBeforeItWasArmedOrOnceItFired) {
+  for (int firings = 0; firings < 2; ++firings) {
+    guard_.control->attach(ends_.first.get());
+    guard_.control->detach();
+    EXPECT_FALSE(loop().runOnce(1ms));
+    EXPECT_EQ(alarm_.fired, firings);
+    alarm_.timer->arm(0);
+    EXPECT_TRUE(turnUntil([&] { return alarm_.fired == firings + 1; }));
+  }
 }
 
 TEST_F(WithheldTimer, FiresAfterItsGuardsControlWasReleased) {
