@@ -20,12 +20,16 @@ using Clock = std::chrono::steady_clock;
 
 // --- the attempt ---
 
-TEST_F(AsyncClient, DoesNotConnectWhileItIsMade) {
+TEST_F(AsyncClient, DoesNotConnectWhileItIsMadeButInTheNextTurn) {
   const Trace trace;
   make(kNever);
   EXPECT_EQ(trace.count(Call::kSocket), 0);
   EXPECT_FALSE(client_->isAttached());
   EXPECT_EQ(log_.lines(), Lines());
+  EXPECT_TRUE(turn()) << "without waiting";
+  EXPECT_EQ(connects_, 1);
+  EXPECT_TRUE(client_->isAttached());
+  EXPECT_TRUE(server_.hasClient());
 }
 
 TEST_F(AsyncClient, KeepsTheOtherFlagsOfItsSocket) {

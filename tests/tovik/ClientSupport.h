@@ -10,7 +10,6 @@
 #include <string>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include "Api/Json/Client.h"
 #include "tests/support/Faults.h"

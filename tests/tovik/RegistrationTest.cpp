@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <memory>
 #include <new>
 #include <string>
 #include <thread>

@@ -8,8 +8,6 @@
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/un.h>
-#include <sys/wait.h>
 
 #include <cerrno>
 #include <csignal>
