@@ -30,6 +30,12 @@ $ echo $?
 1
 ```
 
+<!-- terminal: first, other numbers -->
+```console
+$ echo 1 of 12
+7 of 9
+```
+
 <!-- terminal: second, goes on -->
 ```console
 $ cat
@@ -63,6 +69,8 @@ WRONG = [
     ("process … here", "process … there", "process"),
     ("1\n…\n5", "1\n…\n6", "seq 5"),
     ("$ echo $?\n1\n", "", "status 1 of: false"),
+    ("7 of", "7 or", "echo 1 of 12"),
+    (", other numbers", "", "7 of 9"),
     (", among others", ", among", "nobody knows"),
     ("<!-- typed: second -->\n", "", "nobody knows"),
     ("```ini\non\noff\n```\n", "```ini\non\noff\n", "does not end|nobody knows"),
