@@ -6,6 +6,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -17,11 +18,9 @@
 #include "Kelvo/Platform/TimeoutHandler.h"
 #include "tests/support/Support.h"
 
-// One suite for every adapter. A host file describes its foreign loop as a class with
+// One suite for every adapter. A test file describes its foreign loop as a class, a `HostOf`, with
 //
 //     void attach();                       makes the adapter
-//     void detach();                       destroys it; also inside a callback
-//     void run();                          runs the host through the adapter until `stop`
 //     void runByItself();                  runs the host until `stop`, then asks for the exception
 //     void stop();                         called inside a callback
 //     void turn(milliseconds atMost);      one turn of the host, which waits so long at most
@@ -31,6 +30,35 @@
 
 using std::chrono::milliseconds;
 using SteadyClock = std::chrono::steady_clock;
+
+/// What hosts have in common.
+template <class Kind>
+class HostOf {
+ public:
+  HostOf() = default;
+  HostOf(const HostOf&) = delete;
+  HostOf& operator=(const HostOf&) = delete;
+
+  /// Destroys the adapter; also inside a callback.
+  void detach() { adapter_.reset(); }
+  /// Runs the host through the adapter until `stop`.
+  void run() { adapter_->run(); }
+
+ protected:
+  void rethrow() {
+    if (adapter_) {
+      adapter_->rethrow();
+    }
+  }
+
+  std::optional<Kind> adapter_;
+};
+
+/// What a host in C calls once: its data is a function on the heap.
+inline void callAndDelete(void* data) {
+  const std::unique_ptr<std::function<void()>> owned(static_cast<std::function<void()>*>(data));
+  (*owned)();
+}
 
 /// A timer whose expiry calls a function.
 class CallingTimer : public Kelvo::Platform::TimeoutHandler {
@@ -205,14 +233,12 @@ TYPED_TEST_P(Adapter, FiresTimersInOrderAndNeverEarly) {
 
 TYPED_TEST_P(Adapter, FiresATimerThatIsArmedAnewInItsOwnCallback) {
   int fired = 0;
-  CallingTimer* again = nullptr;
   CallingTimer timer([&] {
     if (++fired == 10) {
       return this->host.stop();
     }
-    again->arm(0.001);
+    timer.arm(0.001);
   });
-  again = &timer;
   timer.arm(0);
   this->host.run();
   EXPECT_EQ(fired, 10);
@@ -364,7 +390,6 @@ TYPED_TEST_P(Adapter, KeepsTimersToTheirScheduleUnderLoad) {
     next();
   };
   int ticks = 0;
-  CallingTimer* again = nullptr;
   CallingTimer timer([&] {
     EXPECT_GE(SteadyClock::now(), due - milliseconds(1));
     late += std::exchange(overdue, 0) > 10 ? 1 : 0;
@@ -372,9 +397,8 @@ TYPED_TEST_P(Adapter, KeepsTimersToTheirScheduleUnderLoad) {
       return this->host.stop();
     }
     due = std::max(due + kPeriod, SteadyClock::now() + milliseconds(2));
-    again->arm(std::chrono::duration<double>(due - SteadyClock::now()).count());
+    timer.arm(std::chrono::duration<double>(due - SteadyClock::now()).count());
   });
-  again = &timer;
   timer.arm(std::chrono::duration<double>(due - SteadyClock::now()).count());
   this->host.run();
   EXPECT_LE(late, kTicks / 4) << "a due timer waits for the turn at hand and no more";
