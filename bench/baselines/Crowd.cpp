@@ -5,8 +5,6 @@
 #include <vector>
 
 #include "bench/baselines/Baselines.h"
-#include "bench/support/Raw.h"
-#include "bench/support/Work.h"
 
 namespace Bench {
 
