@@ -88,7 +88,7 @@ class Snippets(Wire):
                 continue
             output = self.output_of(kind, text).rstrip("\n") + "\n"  # records have no line's end
             self.assertEqual(output, expected[name], name)
-        self.assertEqual(seen, {"socat", "python", "subscribe"})
+        self.assertEqual(seen, {"socat", "python"})
 
     def test_dump_the_address_as_the_kernel_has_it(self):
         dump = "".join(line[6:53] for line in blocks("output")["address"].splitlines())
