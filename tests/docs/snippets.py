@@ -5,7 +5,6 @@ Every fenced block has a part in that, told by an HTML comment on the line befor
     <!-- file: NAME -->      the block is the content of a file; headers are compiled by themselves
                              and units verified
     <!-- terminal: NAME -->  the block is what happens in that terminal, "first" without a comment
-    <!-- typed: NAME -->     the block is typed to the command that runs in that terminal
 
 What happens in a terminal is a `console` block. "$ " begins a command, "> " its further lines, "^C"
 interrupts, and the other lines are what is printed; "…" stands for any text in a line, and alone
@@ -57,7 +56,7 @@ class Block:
         self.among_others = "among others" in more
         self.other_numbers = "other numbers" in more
         self.needs = [word[3:] for word in more if word.startswith("if ")]
-        if (self.kind not in ("file", "terminal", "typed")
+        if (self.kind not in ("file", "terminal")
                 or len(more) != (self.goes_on + self.among_others + self.other_numbers
                                  + len(self.needs))
                 or (self.kind == "terminal") != (language == "console")):
@@ -239,9 +238,6 @@ class Guide:
                                 stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         if result.returncode != 0:
             raise Failure(f"it does not compile by itself:\n{result.stdout}")
-
-    def do_typed(self, block):
-        self.terminal(block.name).write(self.ours(block.text))
 
     def do_terminal(self, block):
         terminal = self.terminal(block.name)
