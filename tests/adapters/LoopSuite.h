@@ -79,7 +79,7 @@ class CallingTimer : public Kelvo::Platform::TimeoutHandler {
 
 template <class Host>
 class Adapter : public ::testing::Test {
- protected:
+ public:
   Adapter() { host.attach(); }
 
   void serve() {
@@ -394,7 +394,7 @@ REGISTER_TYPED_TEST_SUITE_P(
 /// Names the instances, of which each test file has one.
 struct Numbered {
   template <class Host>
-  static std::string GetName(int number) {
+  static std::string GetName(int number) {  // NOLINT(readability-identifier-naming): its name
     return std::to_string(number);
   }
 };

@@ -18,7 +18,9 @@ class QtHost : public HostOf<Kelvo::Adapters::QtCore> {
 
   void attach() { adapter_.emplace(); }
   void stop() { QCoreApplication::exit(5); }
-  void soon(std::function<void()> function) { QTimer::singleShot(0, &context_, function); }
+  void soon(std::function<void()> function) {
+    QTimer::singleShot(0, &context_, std::move(function));
+  }
   void run() { exitCode = adapter_->run(); }
   void runByItself() {
     exitCode = QCoreApplication::exec();
