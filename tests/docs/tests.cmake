@@ -38,7 +38,7 @@ if(TARGET tovik_tool)
            COMMAND Python3::Interpreter -B -W error ${CMAKE_CURRENT_LIST_DIR}/diagnostics.py
                    ${PROJECT_SOURCE_DIR}/docs/diagnostics.md --build ${PROJECT_BINARY_DIR}
                    --compiler ${CMAKE_CXX_COMPILER} "--flags=${TOVIK_SANITIZE_FLAG}")
-  set_tests_properties(docs.DiagnosticsAreTheSources PROPERTIES TIMEOUT 120)
+  set_tests_properties(docs.DiagnosticsAreTheSources PROPERTIES TIMEOUT 180)
   add_test(NAME docs.BrokenGuidesFail
            COMMAND Python3::Interpreter -B -W error ${CMAKE_CURRENT_LIST_DIR}/broken.py)
   set_tests_properties(docs.BrokenGuidesFail PROPERTIES TIMEOUT 180)
