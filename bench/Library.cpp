@@ -19,7 +19,6 @@ using Kelvo::Platform::EventLoop;
 
 void serve(const std::string& name) {
   const auto news = parsed<Tovik::Message>(kNews);
-  Tovik::Server* self = nullptr;
   Tovik::Server server(
       name,
       [&](Tovik::Connection& client, const Tovik::Message& msg) {
@@ -28,12 +27,11 @@ void serve(const std::string& name) {
           return;
         }
         if (request.wanted == Wanted::kBroadcast) {
-          self->notifyClients(news);
+          server.notifyClients(news);
         }
         client.acknowledge(request.status);
       },
       [](int /*pid*/, unsigned uid, unsigned /*gid*/) { return uid == ::geteuid(); });
-  self = &server;
   announceReady();
   EventLoop::current().run();
 }
@@ -60,7 +58,11 @@ class Asynchronous : public Client {
  public:
   explicit Asynchronous(const std::string& name)
       : client_(
-            name, [this](auto&, const Tovik::Message& reply) { take(reply); },
+            name,
+            [this](auto&, const Tovik::Message& reply) {
+              expectStatus(statusOf(reply));
+              answered_ = true;
+            },
             [](Tovik::AsyncClient&) {}, 1) {
     while (!client_.isAttached()) {
       EventLoop::current().runOnce(std::chrono::seconds(1));
@@ -76,16 +78,6 @@ class Asynchronous : public Client {
   }
 
  private:
-  void take(const Tovik::Message& reply) {
-    const auto type = reply.FindMember("type");
-    const auto status = reply.FindMember("status");
-    if (type == reply.MemberEnd() || status == reply.MemberEnd() || type->value != "reply") {
-      throw std::runtime_error("an answer that is no reply");
-    }
-    expectStatus(status->value.GetUint());
-    answered_ = true;
-  }
-
   bool answered_ = false;
   Tovik::AsyncClient client_;
   const Tovik::Message request_ = parsed<Tovik::Message>(kRequest);

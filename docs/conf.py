@@ -47,10 +47,10 @@ MENU = {
 FILES = {}  # Doxygen's names of the headers, and their pages
 # The examples of the reference, which the tests run: a page and the mark of a snippet in it.
 EXAMPLES = {
-    "Tovik::Server": ("index.md", "snippet: server"),
+    "Tovik::Server": ("index.md", "file: adder.cpp"),
     "Tovik::Message": ("docs/recipes.md", "file: Values.h"),
     "Tovik::Connection": ("docs/recipes.md", "file: Values.h"),
-    "Tovik::Client": ("index.md", "snippet: client"),
+    "Tovik::Client": ("index.md", "file: add.cpp"),
     "Tovik::AsyncClient": ("docs/tutorial.md", "file: follow.cpp"),
     "Tovik::Admission::Rule": ("docs/recipes.md", "file: Members.h"),
     "Tovik::Service": ("docs/service.md", "file: lamp.cpp"),
@@ -58,7 +58,7 @@ EXAMPLES = {
     "Kelvo::Platform::EventLoop": ("docs/recipes.md", "file: InBackground.h"),
     "Kelvo::Platform::TimeoutHandler": ("docs/recipes.md", "file: RateLimit.h"),
     "Kelvo::Platform::FdEventHandler": ("docs/recipes.md", "file: UntilItEnds.h"),
-    "Kelvo::Platform::DebugRecord": ("docs/diagnostics.md", "snippet: sink"),
+    "Kelvo::Platform::DebugRecord": ("docs/diagnostics.md", "file: sink.cpp"),
 }
 KINDS = {"variable": "attrib", "typedef": "type", "enum": "type"}  # of members, for Doxygen
 TREE = r"`((?:Api|Kelvo|bench|cmake|docs|examples|fuzz|python|scripts|tests|tool)/[\w./-]*)`"

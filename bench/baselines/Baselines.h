@@ -3,17 +3,30 @@
 #include <string>
 
 #include "bench/support/Driven.h"
+#include "bench/support/Raw.h"
+#include "bench/support/Work.h"
 
 namespace Bench {
 
-// The roles of the program of baselines. Names are those of abstract sockets.
+// Roles in sources of their own. Names are those of abstract sockets.
 
-void serveBytes(const std::string& name);  // (i) blocking, bytes only
-void driveBytes(const std::string& name);
-void serveJson(const std::string& name);  // (ii) blocking, with the JSON work
-void driveJson(const std::string& name);
-void serveEpoll(const std::string& name);  // (iii) many clients, with the JSON work
-void driveEpoll(const std::string& name);  // one client that waits with epoll
-void driveCrowd(const std::string& name);  // many raw clients, of (iii) or of the library
+void serveEpoll(const std::string& name);
+void driveCrowd(const std::string& name);  // many raw clients, of that server or of the library
+
+inline void writeText(int fd, const rapidjson::StringBuffer& text) {
+  writeRecord(fd, {text.GetString(), text.GetSize()});
+}
+
+inline void writeMessage(int fd, const rapidjson::Document& message) {
+  rapidjson::StringBuffer text;
+  serialise(message, text);
+  writeText(fd, text);
+}
+
+inline void writeReply(int fd, unsigned status) {
+  rapidjson::StringBuffer text;
+  serialiseReply(status, text);
+  writeText(fd, text);
+}
 
 }  // namespace Bench

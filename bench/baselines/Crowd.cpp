@@ -5,8 +5,6 @@
 #include <vector>
 
 #include "bench/baselines/Baselines.h"
-#include "bench/support/Raw.h"
-#include "bench/support/Work.h"
 
 namespace Bench {
 
@@ -26,24 +24,20 @@ class Crowd {
 
   /// Connects that number of clients; the last one's reply means that all have been admitted.
   Samples connect(unsigned count) {
-    const auto start = nowNanoseconds();
-    for (unsigned i = 0; i < count; ++i) {
-      members_.push_back(connectTo(name_));
-    }
-    ask(members_.back(), kRequest);
-    return {nowNanoseconds() - start};
+    return timed(1, [&] {
+      for (unsigned i = 0; i < count; ++i) {
+        members_.push_back(connectTo(name_));
+      }
+      ask(members_.back(), kRequest);
+    });
   }
 
   /// Connects that number, one after the other, each with a first request and its reply.
   Samples admit(unsigned count) {
-    Samples samples(count);
-    for (auto& sample : samples) {
-      const auto start = nowNanoseconds();
+    return timed(count, [&] {
       members_.push_back(connectTo(name_));
       ask(members_.back(), kRequest);
-      sample = nowNanoseconds() - start;
-    }
-    return samples;
+    });
   }
 
   Samples subscribe(unsigned count) {
@@ -57,16 +51,12 @@ class Crowd {
 
   /// Has that number of broadcasts made, one at a time, each received by every member.
   Samples broadcast(unsigned count) {
-    Samples samples(count);
-    for (auto& sample : samples) {
-      const auto start = nowNanoseconds();
+    return timed(count, [&] {
       ask(speaker_, kTrigger);
       for (const int member : members_) {
         answerFrom(member);
       }
-      sample = nowNanoseconds() - start;
-    }
-    return samples;
+    });
   }
 
   /// All leave, and the server is given the occasion to forget them: one more client comes.

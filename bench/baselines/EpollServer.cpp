@@ -13,8 +13,6 @@
 #include <vector>
 
 #include "bench/baselines/Baselines.h"
-#include "bench/support/Raw.h"
-#include "bench/support/Work.h"
 
 namespace Bench {
 
@@ -25,12 +23,6 @@ bool isSwitch(const rapidjson::Document& message) {
   return command != message.MemberEnd() &&
          message.FindMember("notification") != message.MemberEnd() &&
          std::strcmp(command->value.GetString(), "set") == 0;
-}
-
-void reply(int fd, unsigned status) {
-  rapidjson::StringBuffer text;
-  serialiseReply(status, text);
-  writeRecord(fd, {text.GetString(), text.GetSize()});
 }
 
 class EpollServer {
@@ -84,7 +76,7 @@ class EpollServer {
     }
     const rapidjson::Document message = parsed(record.text());
     if (isSwitch(message)) {
-      reply(fd, 0);
+      writeReply(fd, 0);
       subscribed_[static_cast<std::size_t>(fd)] = message["notification"].GetBool();
       return;
     }
@@ -95,15 +87,13 @@ class EpollServer {
     if (request.wanted == Wanted::kBroadcast) {
       broadcast();
     }
-    reply(fd, request.status);
+    writeReply(fd, request.status);
   }
 
   void broadcast() const {
     for (std::size_t fd = 0; fd < subscribed_.size(); ++fd) {
       if (subscribed_[fd]) {
-        rapidjson::StringBuffer text;
-        serialise(news_, text);
-        writeRecord(static_cast<int>(fd), {text.GetString(), text.GetSize()});
+        writeMessage(static_cast<int>(fd), news_);
       }
     }
   }

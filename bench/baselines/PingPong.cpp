@@ -1,6 +1,6 @@
 // The two blocking baselines: one connection, one read and one write a request, without or with the
 // JSON work. No design that speaks over such a socket gets below them. And the client that waits
-// with epoll, for the third one's server.
+// with epoll, for the third one's server. All of them are roles of one program.
 
 #include <fcntl.h>
 #include <sys/epoll.h>
@@ -8,8 +8,6 @@
 #include <unistd.h>
 
 #include "bench/baselines/Baselines.h"
-#include "bench/support/Raw.h"
-#include "bench/support/Work.h"
 
 namespace Bench {
 
@@ -27,9 +25,7 @@ void answerJson(int fd, const Record& request) {
   const rapidjson::Document message = parsed(request.text());
   const Request wish = understand(message);
   if (wish.wanted == Wanted::kStatus) {
-    rapidjson::StringBuffer reply;
-    serialiseReply(wish.status, reply);
-    writeRecord(fd, {reply.GetString(), reply.GetSize()});
+    writeReply(fd, wish.status);
   }
 }
 
@@ -76,20 +72,14 @@ class JsonClient : public RawClient {
   using RawClient::RawClient;
 
   void call() override {
-    send(request_);
+    writeMessage(fd_, request_);
     wait();
-    expectStatus(statusOf(answerFrom(fd_).text()));
+    expectStatus(statusOf(parsed(answerFrom(fd_).text())));
   }
 
  private:
-  void note() override { send(note_); }
+  void note() override { writeMessage(fd_, note_); }
   virtual void wait() const {}
-
-  void send(const rapidjson::Document& message) const {
-    rapidjson::StringBuffer text;
-    serialise(message, text);
-    writeRecord(fd_, {text.GetString(), text.GetSize()});
-  }
 
   const rapidjson::Document request_ = parsed(kRequest);
   const rapidjson::Document note_ = parsed(kNote);
@@ -118,24 +108,16 @@ class EpollClient : public JsonClient {
 
 }  // namespace
 
-void serveBytes(const std::string& name) {
-  serve(name, answerBytes);
-}
-
-void serveJson(const std::string& name) {
-  serve(name, answerJson);
-}
-
-void driveBytes(const std::string& name) {
-  driveClient<BytesClient>(name);
-}
-
-void driveJson(const std::string& name) {
-  driveClient<JsonClient>(name);
-}
-
-void driveEpoll(const std::string& name) {
-  driveClient<EpollClient>(name);
-}
-
 }  // namespace Bench
+
+int main(int argc, char** argv) {
+  using namespace Bench;
+  return runAs(argc, argv,
+               {{"serve-bytes", [](const std::string& name) { serve(name, answerBytes); }},
+                {"drive-bytes", driveClient<BytesClient>},
+                {"serve-json", [](const std::string& name) { serve(name, answerJson); }},
+                {"drive-json", driveClient<JsonClient>},
+                {"serve-epoll", serveEpoll},
+                {"drive-epoll", driveClient<EpollClient>},
+                {"crowd", driveCrowd}});
+}

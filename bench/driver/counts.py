@@ -1,11 +1,10 @@
 """What one request costs in system calls, heap allocations and instructions, counted apart from the
 timing, which counting would disturb. Start-up is taken out: N requests are compared with 2 N."""
 
-import os
 import pathlib
 import re
 
-from programs import ASYNC, BASELINE, SERVICE, SUBJECT, Placement
+from programs import ASYNC, BASELINE, SERVICE, SUBJECT, placements
 
 # The last word is completed by the name of the report's file.
 STRACE = ("strace", "-f", "-c", "-U", "calls,name", "--output=")
@@ -30,11 +29,11 @@ def _instructions_in(report):
 
 def _once(bench, contestant, tool, work):
     """Both ends' reports of the tool: of the server and of the client that does the work."""
-    placement = Placement("free", os.sched_getaffinity(0))
+    free = placements()[-1]
     reports = [pathlib.Path(bench.programs.work.name, end) for end in ("server", "client")]
     wrappers = [(*tool[:-1], f"{tool[-1]}{report}") for report in reports]
-    server = bench.programs.server(contestant, placement, wrappers[0])
-    client = bench.programs.client(contestant, server, placement, wrappers[1])
+    server = bench.programs.server(contestant, free, wrappers[0])
+    client = bench.programs.client(contestant, server, free, wrappers[1])
     work(server, client)
     client.end()
     server.end()
@@ -80,7 +79,7 @@ def instructions(bench, contestants):
 def broadcast_instructions(bench, contestant, subscribers):
     """The server's for one broadcast."""
     def broadcast(server, _client, count):
-        crowd = bench.programs.crowd(server, Placement("free", os.sched_getaffinity(0)))
+        crowd = bench.programs.crowd(server, placements()[-1])
         crowd.do("subscribe", subscribers)
         crowd.do("broadcast", count)
         crowd.end()

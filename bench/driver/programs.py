@@ -54,12 +54,11 @@ CONTESTANTS = [
 ]
 
 
+@dataclasses.dataclass
 class Placement:
     """Where processes may run."""
-
-    def __init__(self, name, cores):
-        self.name = name
-        self.cores = cores
+    name: str
+    cores: set
 
     def apply(self):
         os.sched_setaffinity(0, self.cores)
@@ -86,11 +85,8 @@ class Programs:
         self.end_all()
         self.work.cleanup()
 
-    def file(self, name):
-        return self.build / "bench" / name
-
     def path(self, program):
-        return self.file("bench_" + program)
+        return self.build / "bench" / ("bench_" + program)
 
     def installed(self, contestant):
         return self.path(contestant.program).exists()

@@ -33,7 +33,7 @@ class TextClient : public Client {
  protected:
   std::string requestText() const { return textOf(request_); }
   std::string noteText() const { return textOf(note_); }
-  static void check(const std::string& reply) { expectStatus(statusOf(reply.c_str())); }
+  static void check(const std::string& reply) { expectStatus(statusOf(parsed(reply.c_str()))); }
 
  private:
   const rapidjson::Document request_ = parsed(kRequest);

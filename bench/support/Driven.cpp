@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <ctime>
 #include <exception>
 #include <iostream>
 #include <sstream>
@@ -40,13 +39,6 @@ void Client::note() {
   throw std::runtime_error("this client has no one-way messages");
 }
 
-std::uint64_t nowNanoseconds() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000U +
-         static_cast<std::uint64_t>(now.tv_nsec);
-}
-
 void announceReady() {
   std::cout << "ready " << getpid() << std::endl;
 }
@@ -63,20 +55,8 @@ void obey(const Commands& commands) {
 }
 
 void obey(Client& client, Commands own) {
-  own["call"] = [&](unsigned count) {
-    Samples samples(count);
-    for (auto& sample : samples) {
-      const auto start = nowNanoseconds();
-      client.call();
-      sample = nowNanoseconds() - start;
-    }
-    return samples;
-  };
-  own["stream"] = [&](unsigned count) {
-    const auto start = nowNanoseconds();
-    client.stream(count);
-    return Samples{nowNanoseconds() - start};
-  };
+  own["call"] = [&](unsigned count) { return timed(count, [&] { client.call(); }); };
+  own["stream"] = [&](unsigned count) { return timed(1, [&] { client.stream(count); }); };
   obey(own);
 }
 

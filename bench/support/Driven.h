@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -34,7 +35,18 @@ class Client {
   virtual void note();
 };
 
-std::uint64_t nowNanoseconds();
+/// So many times, the nanoseconds that the work takes.
+template <class Work>
+Samples timed(unsigned count, Work work) {
+  Samples samples(count);
+  for (auto& sample : samples) {
+    const auto start = std::chrono::steady_clock::now();
+    work();
+    const std::chrono::nanoseconds took = std::chrono::steady_clock::now() - start;
+    sample = static_cast<std::uint64_t>(took.count());
+  }
+  return samples;
+}
 
 void announceReady();
 

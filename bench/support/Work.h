@@ -72,9 +72,8 @@ inline void serialiseReply(unsigned status, rapidjson::StringBuffer& out) {
   serialise(reply, out);
 }
 
-/// The client's end: parses a reply and checks it.
-inline unsigned statusOf(const char* text) {
-  const rapidjson::Document reply = parsed(text);
+/// The client's end: checks a reply, and gives its status.
+inline unsigned statusOf(const rapidjson::Value& reply) {
   const auto type = reply.FindMember("type");
   const auto status = reply.FindMember("status");
   if (type == reply.MemberEnd() || status == reply.MemberEnd() || !status->value.IsUint() ||

@@ -2,10 +2,9 @@
 // with one in the library's own. Each server is a process; rounds of calls go to one after the
 // other, so that whatever else the machine does meets all of them alike.
 //
-//     adapter_cost [ROUNDS [CALLS [PINNED]]]     PINNED: 1 puts all on one processor, 2 the client
-//                                                on one and the servers on another
+//     [taskset -c 0] adapter_cost [ROUNDS [CALLS]]
 
-#include <sched.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,131 +13,134 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "Api/Json/Client.h"
 #include "Api/Json/Server.h"
+#include "Kelvo/Adapters/Poll.h"
 #include "Kelvo/Platform/EventLoop.h"
-#include "tests/adapters/PollHost.h"
 #ifdef TOVIK_HOST_SD_EVENT
-#include "tests/adapters/SdEventHost.h"
+#include "Kelvo/Adapters/SdEvent.h"
 #endif
 #ifdef TOVIK_HOST_GLIB
-#include "tests/adapters/GLibHost.h"
+#include "Kelvo/Adapters/GLib.h"
 #endif
 #ifdef TOVIK_HOST_UV
-#include "tests/adapters/UvHost.h"
+#include "Kelvo/Adapters/Uv.h"
 #endif
 #ifdef TOVIK_HOST_ASIO
-#include "tests/adapters/AsioHost.h"
+#include "Kelvo/Adapters/Asio.h"
 #endif
 #ifdef TOVIK_HOST_QT
-#include "tests/adapters/QtHost.h"
+#include "Kelvo/Adapters/QtCore.h"
 #endif
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-class OwnLoop {
- public:
-  void attach() {}
-  void run() { Kelvo::Platform::EventLoop::current().run(); }
-  void stop() { Kelvo::Platform::EventLoop::current().stop(); }
+struct Loop {
+  const char* title;
+  void (*run)();
 };
 
-void pinTo(unsigned processor) {
-  cpu_set_t set;
-  CPU_ZERO(&set);
-  CPU_SET(processor % std::thread::hardware_concurrency(), &set);
-  sched_setaffinity(0, sizeof set, &set);
+const Loop kLoops[] = {
+    {"own", [] { Kelvo::Platform::EventLoop::current().run(); }},
+    {"poll",
+     [] {
+       for (Kelvo::Adapters::Poll adapter;;) {
+         pollfd entry = adapter.entry();
+         poll(&entry, 1, -1);
+         adapter.dispatch(entry);
+       }
+     }},
+#ifdef TOVIK_HOST_SD_EVENT
+    {"sd-event",
+     [] {
+       sd_event* host = nullptr;
+       sd_event_new(&host);
+       Kelvo::Adapters::SdEvent(host).run();
+     }},
+#endif
+#ifdef TOVIK_HOST_GLIB
+    {"glib", [] { Kelvo::Adapters::GLib(g_main_loop_new(nullptr, FALSE)).run(); }},
+#endif
+#ifdef TOVIK_HOST_UV
+    {"uv", [] { Kelvo::Adapters::Uv(uv_default_loop()).run(); }},
+#endif
+#ifdef TOVIK_HOST_ASIO
+    {"asio",
+     [] {
+       asio::io_context host(1);
+       const Kelvo::Adapters::Asio adapter(host);
+       host.run();
+     }},
+#endif
+#ifdef TOVIK_HOST_QT
+    {"qt",
+     [] {
+       int count = 1;
+       char name[] = "cost";
+       char* arguments[] = {name, nullptr};
+       const QCoreApplication host(count, arguments);
+       Kelvo::Adapters::QtCore().run();
+     }},
+#endif
+    {"own again", kLoops[0].run},  // how far two of the same are apart
+};
+
+/// A server's process and the client that measures it.
+struct Contestant {
+  const char* title;
+  std::string name;
+  pid_t server;
+  std::unique_ptr<Tovik::Client> client = nullptr;
+  std::vector<double> microseconds = {};  // of one round trip, round by round
+};
+
+/// Serves in a process that ends with this one.
+Contestant started(const Loop& loop) {
+  Contestant made{loop.title, "cost-" + std::to_string(getpid()) + "-" + loop.title, fork()};
+  if (made.server == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const Tovik::Server server(
+        made.name, [](Tovik::Connection& client, const Tovik::Message&) { client.acknowledge(0); },
+        [](int, unsigned uid, unsigned) { return uid == geteuid(); });
+    loop.run();
+    std::_Exit(1);  // no loop ends by itself
+  }
+  return made;
 }
 
-template <class Host>
-void serve(const std::string& name) {
-  Host host;
-  host.attach();
-  const Tovik::Server server(
-      name,
-      [&](Tovik::Connection& client, const Tovik::Message& msg) {
-        client.acknowledge(0);
-        if (msg.HasMember("stop")) {
-          host.stop();
-        }
-      },
-      [](int, unsigned uid, unsigned) { return uid == geteuid(); });
-  host.run();
+void connect(Contestant& contestant) {
+  for (const auto deadline = Clock::now() + std::chrono::seconds(10); !contestant.client;) {
+    try {
+      contestant.client = std::make_unique<Tovik::Client>(contestant.name);
+    } catch (const Tovik::SocketException&) {
+      if (Clock::now() > deadline) {
+        throw;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+  }
 }
 
-Tovik::Message message(const char* text) {
+void measure(Contestant& contestant, int calls) {
   Tovik::Message msg;
-  msg.Parse(text);
-  return msg;
+  msg.Parse(R"({"command":"set","level":3})");
+  const auto start = Clock::now();
+  for (int i = 0; i < calls; ++i) {
+    if (contestant.client->sendMsg(msg, true) != 0) {
+      throw std::runtime_error(contestant.name + ": no reply");
+    }
+  }
+  const std::chrono::duration<double, std::micro> took = Clock::now() - start;
+  contestant.microseconds.push_back(took.count() / calls);
 }
-
-/// A server process and the client that measures it.
-class Contestant {
- public:
-  Contestant(std::string title, const std::function<void(const std::string&)>& server, int pinned)
-      : title_(std::move(title)), name_("cost-" + std::to_string(getpid()) + "-" + title_) {
-    server_ = fork();
-    if (server_ == 0) {
-      if (pinned > 0) {
-        pinTo(static_cast<unsigned>(pinned) - 1);
-      }
-      server(name_);
-      std::exit(0);
-    }
-  }
-
-  void connect() {
-    for (const auto deadline = Clock::now() + std::chrono::seconds(10); !client_;) {
-      try {
-        client_ = std::make_unique<Tovik::Client>(name_);
-      } catch (const Tovik::SocketException&) {
-        if (Clock::now() > deadline) {
-          throw;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-      }
-    }
-  }
-
-  void measure(int calls) {
-    const Tovik::Message msg = message(R"({"command":"set","level":3})");
-    const auto start = Clock::now();
-    for (int i = 0; i < calls; ++i) {
-      if (client_->sendMsg(msg, true) != 0) {
-        throw std::runtime_error(title_ + ": no reply");
-      }
-    }
-    const std::chrono::duration<double, std::micro> took = Clock::now() - start;
-    microseconds.push_back(took.count() / calls);
-  }
-
-  /// False if the server has not ended as it should.
-  bool stop() {
-    client_->sendMsg(message(R"({"stop":true})"), true);
-    int status = -1;
-    return waitpid(server_, &status, 0) == server_ && status == 0;
-  }
-
-  const std::string& title() const { return title_; }
-
-  std::vector<double> microseconds;  // of one round trip, round by round
-
- private:
-  const std::string title_;
-  const std::string name_;
-  pid_t server_ = -1;
-  std::unique_ptr<Tovik::Client> client_;
-};
 
 double median(std::vector<double> values) {
   std::sort(values.begin(), values.end());
@@ -150,37 +152,8 @@ void report(const Contestant& contestant, const Contestant& own) {
   for (std::size_t i = 0; i < own.microseconds.size(); ++i) {
     ratios.push_back(contestant.microseconds[i] / own.microseconds[i]);
   }
-  std::printf("%-9s %8.2f us %+7.1f %%\n", contestant.title().c_str(),
-              median(contestant.microseconds), (median(ratios) - 1) * 100);
-}
-
-std::vector<Contestant> contestants(int pinned) {
-  std::vector<std::pair<std::string, void (*)(const std::string&)>> servers = {
-      {"own", &serve<OwnLoop>},
-      {"poll", &serve<PollHost>},
-#ifdef TOVIK_HOST_SD_EVENT
-      {"sd-event", &serve<SdEventHost>},
-#endif
-#ifdef TOVIK_HOST_GLIB
-      {"glib", &serve<GLibHost>},
-#endif
-#ifdef TOVIK_HOST_UV
-      {"uv", &serve<UvHost>},
-#endif
-#ifdef TOVIK_HOST_ASIO
-      {"asio", &serve<AsioHost>},
-#endif
-#ifdef TOVIK_HOST_QT
-      {"qt", &serve<QtHost>},
-#endif
-      {"own again", &serve<OwnLoop>},  // how far two of the same are apart
-  };
-  std::vector<Contestant> made;
-  made.reserve(servers.size());
-  for (const auto& [title, server] : servers) {
-    made.emplace_back(title, server, pinned);
-  }
-  return made;
+  std::printf("%-9s %8.2f us %+7.1f %%\n", contestant.title, median(contestant.microseconds),
+              (median(ratios) - 1) * 100);
 }
 
 }  // namespace
@@ -189,25 +162,21 @@ int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
   const int rounds = argc > 1 ? std::max(1, std::atoi(argv[1])) : 200;
   const int calls = argc > 2 ? std::max(1, std::atoi(argv[2])) : 200;
-  const int pinned = argc > 3 ? std::atoi(argv[3]) : 0;
-  auto all = contestants(pinned);
-  if (pinned > 0) {
-    pinTo(0);
+  std::vector<Contestant> all;
+  for (const auto& loop : kLoops) {
+    all.push_back(started(loop));
   }
   for (auto& each : all) {
-    each.connect();
-    each.measure(calls);
+    connect(each);
+    measure(each, calls);
     each.microseconds.clear();  // that was the warm-up
   }
   for (int round = 0; round < rounds; ++round) {
     for (auto& each : all) {
-      each.measure(calls);
+      measure(each, calls);
     }
   }
-  bool ended = true;
-  for (auto& each : all) {
+  for (const auto& each : all) {
     report(each, all.front());
-    ended = each.stop() && ended;
   }
-  return ended ? 0 : 1;
 }

@@ -1,13 +1,48 @@
-#include <stdexcept>
+#include "Kelvo/Adapters/Poll.h"
+
+#include <deque>
 
 #include "Kelvo/Adapters/Guest.h"
-#include "tests/adapters/PollHost.h"
-
 #include "tests/adapters/LoopSuite.h"
 
-INSTANTIATE_TYPED_TEST_SUITE_P(PollAdapter, Adapter, PollHost, Numbered);
-
 namespace {
+
+/// A plain poll, in a loop of the application's own.
+class PollHost : public HostOf<Kelvo::Adapters::Poll> {
+ public:
+  void attach() { adapter_.emplace(); }
+  void stop() { stopped_ = true; }
+  void soon(std::function<void()> function) { soon_.push_back(std::move(function)); }
+
+  void run() {
+    for (stopped_ = false; !stopped_;) {
+      turn(milliseconds(-1));
+    }
+  }
+  void runByItself() { run(); }
+
+  void turn(milliseconds atMost) {
+    pollfd entry{-1, 0, 0};
+    if (adapter_) {
+      entry = adapter_->entry();
+    }
+    poll(&entry, 1, soon_.empty() ? static_cast<int>(atMost.count()) : 0);
+    if (!soon_.empty()) {
+      const auto function = std::move(soon_.front());
+      soon_.pop_front();
+      function();
+    }
+    if (adapter_) {
+      adapter_->dispatch(entry);
+    }
+  }
+
+ private:
+  std::deque<std::function<void()>> soon_;
+  bool stopped_ = false;
+};
+
+INSTANTIATE_TYPED_TEST_SUITE_P(PollAdapter, Adapter, PollHost, Numbered);
 
 TEST(PollAdapterAlone, TurnsOnlyWhenItsEntryWasReported) {
   Kelvo::Adapters::Poll adapter;

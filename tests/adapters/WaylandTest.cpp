@@ -1,18 +1,14 @@
 #include "examples/loops/Wayland.h"
 
 #include <list>
-#include <optional>
 
 #include "tests/adapters/LoopSuite.h"
 
 namespace {
 
 /// A Wayland display without clients.
-class WaylandHost {
+class WaylandHost : public HostOf<Wayland> {
  public:
-  WaylandHost() = default;
-  WaylandHost(const WaylandHost&) = delete;
-  WaylandHost& operator=(const WaylandHost&) = delete;
   ~WaylandHost() {
     detach();
     for (auto& event : events_) {
@@ -22,18 +18,14 @@ class WaylandHost {
   }
 
   void attach() { adapter_.emplace(display_); }
-  void detach() { adapter_.reset(); }
   void stop() { wl_display_terminate(display_); }
-  void run() { adapter_->run(); }
   void runByItself() {
     wl_display_run(display_);
-    adapter_->rethrow();
+    rethrow();
   }
   void turn(milliseconds atMost) {
     wl_event_loop_dispatch(loop(), static_cast<int>(atMost.count()));
-    if (adapter_) {
-      adapter_->rethrow();
-    }
+    rethrow();
   }
 
   /// In a later turn: what is called when the host is idle would run in this one.
@@ -55,7 +47,6 @@ class WaylandHost {
 
   wl_display* const display_ = wl_display_create();
   std::list<Event> events_;
-  std::optional<Wayland> adapter_;
 };
 
 INSTANTIATE_TYPED_TEST_SUITE_P(WaylandExample, Adapter, WaylandHost, Numbered);

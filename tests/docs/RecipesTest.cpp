@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 #include <linux/close_range.h>
-#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,7 +14,6 @@
 #include <functional>
 #include <future>
 #include <iterator>
-#include <stdexcept>
 #include <thread>
 
 #include "Api/Json/Server.h"
@@ -230,58 +228,6 @@ TEST_F(Recipe, TheLoopStopsWhenADescriptorEnds) {
   EXPECT_TRUE(EventLoop::current().runOnce(10s));
   far.reset();
   EventLoop::current().run();
-}
-
-/// A loop that watches one descriptor.
-class ForeignLoop {
- public:
-  template <class Function>
-  void watch(int fd, Function function) {
-    watched_ = {fd, POLLIN, 0};
-    ready_ = function;
-  }
-  void unwatch(int fd) { watched_.fd = fd == watched_.fd ? -1 : watched_.fd; }
-  bool watches() const { return watched_.fd != -1; }
-  void stop() { running_ = false; }
-  void run() {
-    for (running_ = true; running_ && poll(&watched_, 1, 10000) == 1;) {
-      ready_();
-    }
-  }
-
- private:
-  pollfd watched_{-1, 0, 0};
-  std::function<void()> ready_;
-  bool running_ = false;
-};
-
-/// A server that stops the foreign loop, or throws.
-class RecipeForAnotherLoop : public Recipe {
- protected:
-  RecipeForAnotherLoop() { rawSend(client_.get(), "{}"); }
-
-  ForeignLoop loop_;
-  std::function<void()> then_;
-  const Tovik::Server server_{name_,
-                              [this](auto& client, auto&) {
-                                client.acknowledge(7);
-                                then_();
-                              },
-                              anyone};
-  const Fd client_ = rawConnect(name_);
-};
-
-TEST_F(RecipeForAnotherLoop, ServesInIt) {
-  then_ = [this] { Kelvo::Platform::EventLoop::current().remote().post([this] { loop_.stop(); }); };
-  runIn(loop_);
-  EXPECT_EQ(rawReceiveNow(client_.get()), R"({"type":"reply","status":7})");
-  EXPECT_FALSE(loop_.watches());
-}
-
-TEST_F(RecipeForAnotherLoop, ThrowsWhatACallbackThrows) {
-  then_ = [] { throw std::runtime_error("mine"); };
-  EXPECT_THROW(runIn(loop_), std::runtime_error);
-  EXPECT_FALSE(loop_.watches());
 }
 
 TEST_F(Recipe, MembersOfAGroupAreAdmittedByItsName) {

@@ -5,7 +5,6 @@ Every fenced block has a part in that, told by an HTML comment on the line befor
     <!-- file: NAME -->      the block is the content of a file; headers are compiled by themselves
                              and units verified
     <!-- terminal: NAME -->  the block is what happens in that terminal, "first" without a comment
-    <!-- typed: NAME -->     the block is typed to the command that runs in that terminal
 
 What happens in a terminal is a `console` block. "$ " begins a command, "> " its further lines, "^C"
 interrupts, and the other lines are what is printed; "…" stands for any text in a line, and alone
@@ -14,6 +13,7 @@ Commands have to succeed, unless `echo $?` comes next. After the terminal's name
 
     , goes on                the last command is left running, at most until the page ends
     , among others           other lines may be printed besides those that are shown
+    , other numbers          digits stand for any others
     , if COMMAND             the block is for where that command succeeds
 
 `<!-- figures: PAGE -->` promises that figures with a decimal point come from that page.
@@ -37,8 +37,9 @@ import tempfile
 import termios
 import time
 
+SOURCE = pathlib.Path(__file__).resolve().parents[2]
 START = 30  # seconds for a shell to start
-LIMIT = 30  # seconds for anything else to happen; nothing normally takes three
+LIMIT = 60  # seconds for anything else to happen; nothing takes three but on a loaded machine
 PROMPT = re.compile("\x1e(\\d+)\x1e\\Z")
 
 
@@ -53,9 +54,11 @@ class Block:
         self.name, *more = [word.strip() for word in rest.split(",")]
         self.goes_on = "goes on" in more
         self.among_others = "among others" in more
+        self.other_numbers = "other numbers" in more
         self.needs = [word[3:] for word in more if word.startswith("if ")]
-        if (self.kind not in ("file", "terminal", "typed")
-                or len(more) != self.goes_on + self.among_others + len(self.needs)
+        if (self.kind not in ("file", "terminal")
+                or len(more) != (self.goes_on + self.among_others + self.other_numbers
+                                 + len(self.needs))
                 or (self.kind == "terminal") != (language == "console")):
             raise Failure(f"line {line}: nobody knows what to do with this block")
 
@@ -87,15 +90,16 @@ def steps(block):
     return result
 
 
-def fits(expected, printed, among_others):
+def fits(expected, printed, block):
     """Blank lines do not count: a terminal adds some of its own."""
-    between = "(?:[^\n]*\n)*" if among_others else ""
+    between = "(?:[^\n]*\n)*" if block.among_others else ""
     pattern = between
     for line in filter(None, expected):
         if line == "…":
             pattern += "(?:[^\n]*\n)*"
         else:
-            pattern += re.escape(line).replace("…", "[^\n]*") + "\n" + between
+            line = re.escape(line).replace("…", "[^\n]*") + "\n" + between
+            pattern += re.sub(r"\d+", r"\\d+", line) if block.other_numbers else line
     return re.fullmatch(pattern, "".join(line + "\n" for line in printed.split("\n") if line))
 
 
@@ -235,9 +239,6 @@ class Guide:
         if result.returncode != 0:
             raise Failure(f"it does not compile by itself:\n{result.stdout}")
 
-    def do_typed(self, block):
-        self.terminal(block.name).write(self.ours(block.text))
-
     def do_terminal(self, block):
         terminal = self.terminal(block.name)
         todo = steps(block)
@@ -247,14 +248,14 @@ class Guide:
             goes_on = then == "^C" or (last and block.goes_on)
             if command is not None:
                 terminal.write("\x03" if command == "^C" else self.ours(command) + "\n")
-            self.compare(terminal, command, expected, goes_on, block.among_others)
+            self.compare(terminal, command, expected, goes_on, block)
             interrupted = command == "^C" and terminal.last == 130
             if not goes_on and terminal.last != 0 and not interrupted and then != "echo $?":
                 raise Failure(f"status {terminal.last} of: {command}")
 
-    def compare(self, terminal, command, expected, goes_on, among_others):
+    def compare(self, terminal, command, expected, goes_on, block):
         def as_expected():
-            return fits(expected, self.theirs(terminal.printed), among_others) and True
+            return fits(expected, self.theirs(terminal.printed), block) and True
 
         what = "\n".join([f"what {command or 'the command that runs'} prints:", *expected])
         if goes_on:
@@ -262,7 +263,7 @@ class Guide:
         else:
             terminal.last = terminal.wait("an end of: " + what, terminal.status)
         printed = self.theirs(terminal.take())
-        if not fits(expected, printed, among_others):
+        if not fits(expected, printed, block):
             raise Failure(f"{what}\n--- but it was:\n{printed}")
 
 
@@ -289,7 +290,8 @@ def extract(page, output):
 
 
 def environment_for(options, home):
-    """The shell's: the build installed as scripts/install does it, g++ as it is tested here."""
+    """The shell's: the build installed as scripts/install does it, or else what the machine has
+    installed; g++ as it is tested here."""
     shims = home / "shims"
     shims.mkdir()
     compiler = shims / "g++"
@@ -298,27 +300,42 @@ def environment_for(options, home):
                         f'-Wshadow -Wconversion -Werror {options.flags} "$@"\n')
     compiler.chmod(0o755)
     local = home / ".local"
-    subprocess.run(["cmake", "--install", options.build, "--prefix", str(local)], check=True,
-                   stdout=subprocess.DEVNULL)
+    if options.build:
+        subprocess.run(["cmake", "--install", options.build, "--prefix", str(local)], check=True,
+                       stdout=subprocess.DEVNULL)
     kept = {key: value for key, value in os.environ.items() if key.endswith("SAN_OPTIONS")}
     return {**kept, "HOME": str(home), "CXX": str(compiler), "LC_ALL": "C.UTF-8", "NO_COLOR": "1",
             "PATH": f"{local}/bin:{shims}:/usr/local/bin:/usr/bin:/bin",
             "LD_LIBRARY_PATH": f"{local}/lib", "PKG_CONFIG_PATH": f"{local}/lib/pkgconfig",
-            "PYTHONPATH": f"{options.source}/python", "PYTHONDONTWRITEBYTECODE": "1",
+            "PYTHONPATH": f"{SOURCE}/python", "PYTHONDONTWRITEBYTECODE": "1",
             "PIP_DISABLE_PIP_VERSION_CHECK": "1", "PIP_NO_INDEX": "1"}
 
 
-def run(options):
+@contextlib.contextmanager
+def guide_of(options):
+    """The page of the options in a home of its own."""
     with tempfile.TemporaryDirectory(prefix="tovik-guide-") as temporary:
         home = pathlib.Path(temporary)
         work = home / "work"
         work.mkdir()
-        shutil.copytree(pathlib.Path(options.source, "python"), work / "python")  # pip writes there
+        shutil.copytree(SOURCE / "python", work / "python")  # pip writes there
         guide = Guide(options.page, work, environment_for(options, home))
         try:
-            guide.run()
+            yield guide
         finally:
             guide.close()
+
+
+def run(options):
+    with guide_of(options) as guide:
+        guide.run()
+
+
+def options_of_run(parser):
+    parser.add_argument("page")
+    parser.add_argument("--build")
+    parser.add_argument("--compiler", required=True)
+    parser.add_argument("--flags", default="")
 
 
 def main():
@@ -329,10 +346,7 @@ def main():
     extracting.add_argument("output")
     extracting.set_defaults(action=lambda options: extract(options.page, options.output))
     running = actions.add_parser("run")
-    running.add_argument("page")
-    for option in ("--source", "--build", "--compiler"):
-        running.add_argument(option, required=True)
-    running.add_argument("--flags", default="")
+    options_of_run(running)
     running.set_defaults(action=run)
     options = parser.parse_args()
     try:

@@ -4,12 +4,6 @@ set(TOVIK_SANITIZE_FLAG)
 if(TOVIK_SANITIZE)
   set(TOVIK_SANITIZE_FLAG -fsanitize=${TOVIK_SANITIZE})
 endif()
-add_test(NAME docs.ReadmeExampleWorks
-         COMMAND Python3::Interpreter ${CMAKE_CURRENT_LIST_DIR}/readme.py
-                 --source ${PROJECT_SOURCE_DIR} --compiler ${CMAKE_CXX_COMPILER}
-                 "--flags=${TOVIK_SANITIZE_FLAG}"
-                 --tovik $<TARGET_FILE:Tovik> --kelvo $<TARGET_FILE:Kelvo>)
-set_tests_properties(docs.ReadmeExampleWorks PROPERTIES TIMEOUT 120)
 
 if(TARGET hostmon AND TARGET tovik_tool)
   find_program(TOVIK_SOCAT socat)
@@ -26,7 +20,7 @@ find_program(TOVIK_MOSQUITTO_SUB mosquitto_sub)
 # The guides: what a reader would type, and the recipes' C++ in a program of tests.
 set(snippets ${CMAKE_CURRENT_LIST_DIR}/snippets.py)
 if(TARGET tovik_tool)
-  set(guides docs/tutorial docs/service docs/recipes docs/why python/README)
+  set(guides README docs/tutorial docs/service docs/recipes docs/why python/README)
   if(TARGET tovik_mqtt AND TOVIK_MOSQUITTO AND TOVIK_MOSQUITTO_SUB)
     list(APPEND guides docs/beyond)
   else()
@@ -36,11 +30,15 @@ if(TARGET tovik_tool)
     string(REPLACE "/" "_" name ${guide})
     add_test(NAME docs.GuideWorks_${name}
              COMMAND Python3::Interpreter -B -W error ${snippets}
-                     run ${PROJECT_SOURCE_DIR}/${guide}.md --source ${PROJECT_SOURCE_DIR}
-                     --build ${PROJECT_BINARY_DIR} --compiler ${CMAKE_CXX_COMPILER}
-                     "--flags=${TOVIK_SANITIZE_FLAG}")
+                     run ${PROJECT_SOURCE_DIR}/${guide}.md --build ${PROJECT_BINARY_DIR}
+                     --compiler ${CMAKE_CXX_COMPILER} "--flags=${TOVIK_SANITIZE_FLAG}")
     set_tests_properties(docs.GuideWorks_${name} PROPERTIES TIMEOUT 180)
   endforeach()
+  add_test(NAME docs.DiagnosticsAreTheSources
+           COMMAND Python3::Interpreter -B -W error ${CMAKE_CURRENT_LIST_DIR}/diagnostics.py
+                   ${PROJECT_SOURCE_DIR}/docs/diagnostics.md --build ${PROJECT_BINARY_DIR}
+                   --compiler ${CMAKE_CXX_COMPILER} "--flags=${TOVIK_SANITIZE_FLAG}")
+  set_tests_properties(docs.DiagnosticsAreTheSources PROPERTIES TIMEOUT 180)
   add_test(NAME docs.BrokenGuidesFail
            COMMAND Python3::Interpreter -B -W error ${CMAKE_CURRENT_LIST_DIR}/broken.py)
   set_tests_properties(docs.BrokenGuidesFail PROPERTIES TIMEOUT 180)
@@ -55,10 +53,3 @@ add_custom_command(
 file(MAKE_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/docs)
 tovik_test(recipes_test docs/RecipesTest.cpp ${recipes})
 target_include_directories(recipes_test PRIVATE ${CMAKE_CURRENT_BINARY_DIR}/docs)
-
-add_test(NAME docs.DiagnosticsAreTheSources
-         COMMAND Python3::Interpreter -B -W error ${CMAKE_CURRENT_LIST_DIR}/diagnostics.py
-                 --source ${PROJECT_SOURCE_DIR} --compiler ${CMAKE_CXX_COMPILER}
-                 "--flags=${TOVIK_SANITIZE_FLAG}"
-                 --tovik $<TARGET_FILE:Tovik> --kelvo $<TARGET_FILE:Kelvo>)
-set_tests_properties(docs.DiagnosticsAreTheSources PROPERTIES TIMEOUT 120)
