@@ -522,7 +522,7 @@ TEST_F(AsyncSender, SendsABacklogOfAnyLengthInItsOrder) {
 }
 
 TEST_F(AsyncSender, GivesBackTheStorageOfABacklogThatWasSent) {
-  // A block of the queue holds 16 texts: the last is the only, the first or the second of its block.
+  // A block of the queue holds 16 texts; the last one is where a block ends, begins, and beyond.
   for (const int backlog : {17, 32, 33, 20000, 20001, 20002}) {
     attach();
     const std::size_t before = Faults::allocatedBytes();
