@@ -60,8 +60,7 @@ def raw_client(name):
 class Program:
     """A program in the background: what it has written so far, and its end."""
 
-    def __init__(self, arguments, stdin=None, stdout=None, terminal=False, cwd=None,
-                 preexec=None):
+    def __init__(self, arguments, stdin=None, stdout=None, terminal=False, cwd=None):
         self.out = tempfile.TemporaryFile()
         self.err = tempfile.TemporaryFile()
         self.terminal = None
@@ -74,7 +73,7 @@ class Program:
             arguments = ["bash", "-c", arguments]
         self.process = subprocess.Popen(
             arguments, stdin=subprocess.PIPE if stdin is None else stdin, stdout=stdout,
-            stderr=stderr, env=ENV, cwd=cwd, preexec_fn=preexec)
+            stderr=stderr, env=ENV, cwd=cwd)
         if terminal:
             os.close(slave)
 
