@@ -42,13 +42,6 @@ def raw_socket():
     return sock
 
 
-def raw_server(name, path=None):
-    sock = raw_socket()
-    sock.bind(path or address(name))
-    sock.listen(5)
-    return sock
-
-
 def raw_client(name):
     sock = raw_socket()
     sock.settimeout(None)  # with one, a connect to a busy server fails at once

@@ -1,4 +1,4 @@
-# The command, run as its users run it. Needs Python 3, bash, groff, iproute2 and socat.
+# The command, run as its users run it. Needs Python 3, bash, groff, iproute2 and strace.
 find_package(Python3 COMPONENTS Interpreter REQUIRED)
 
 function(tovik_tool_test name)
