@@ -142,11 +142,12 @@ class Services(Case):
             client.send(json.dumps(step["send"]).encode())
         elif "raw" in step:
             client.send(raw_bytes(step))
-        elif "receive" in step:
-            self.expect(step["receive"], json.loads(client.recv(5000)))
-        else:
-            self.assertTrue(step["end"])
+        elif "end" in step:
             self.assertEqual(client.recv(5000), b"")
+        awaited = step.get("receive") or "fails" in step and {
+            "type": "reply", "status": step["fails"], "error": "?"}
+        if awaited:
+            self.expect(awaited, json.loads(client.recv(5000)))
 
     def test_describe_themselves_alike(self):
         for language, peer in PEERS.items():
