@@ -69,7 +69,7 @@ class MachinesCase(broker.Case):
         return f"tvk{os.getpid() % 100000}m{list(self.machines).index(kind)}"
 
     def on(self, kind, *arguments):
-        return broker.Program(self, ["ip", "netns", "exec", self.machines[kind], *arguments])
+        return support.Program(self, ["ip", "netns", "exec", self.machines[kind], *arguments])
 
     def ask(self, kind, *arguments):
         return subprocess.run(["ip", "netns", "exec", self.machines[kind],
@@ -152,11 +152,11 @@ class Faults(MachinesCase):
         self.within(part, "link", "set", self.device(part), "up")
 
     def ended(self):
-        return sum(len(TOTAL.findall(caller.log_of_output())) for caller in self.callers)
+        return sum(len(TOTAL.findall(caller.text())) for caller in self.callers)
 
     def succeeded(self):
         return sum(status == "0" for caller in self.callers
-                   for _, status in TOTAL.findall(caller.log_of_output()))
+                   for _, status in TOTAL.findall(caller.text()))
 
     def lose_packets(self):
         for kind in ("service", "callers"):
@@ -194,7 +194,7 @@ class Faults(MachinesCase):
         carried = collections.Counter((self.folder / "carried").read_text().split())
         self.assertEqual([value for value, times in carried.items() if times > 1], [])
         for caller in self.callers:
-            output = caller.log_of_output()
+            output = caller.text()
             made = re.findall(r"made (\d+)", output)
             ended = [value for value, _ in TOTAL.findall(output)]
             self.assertEqual(len(ended), len(set(ended)))

@@ -1,7 +1,7 @@
 """The plain clients of the package, and the example service's own, with that service in C++."""
 
 import os
-import subprocess
+import signal
 
 import support
 import tovik
@@ -13,7 +13,7 @@ BAD_ARGUMENT = 22
 class Client(support.HostmonCase):
     def setUp(self):
         self.name = support.unique_name()
-        self.process = self.serve(self.name)
+        self.program = self.serve(self.name)
 
     def client(self):
         client = tovik.Client(self.name, timeout=support.DEADLINE, server_uid=os.geteuid())
@@ -41,12 +41,12 @@ class Client(support.HostmonCase):
         self.assertEqual(self.client().call(call), 0)
 
     def test_knows_the_server(self):
-        self.assertEqual(self.client().server.pid, self.process.pid)
+        self.assertEqual(self.client().server.pid, self.program.process.pid)
 
     def test_reports_that_the_server_has_ended(self):
         client = self.client()
         self.assertEqual(client.call({"command": "dance"}), UNKNOWN_COMMAND)
-        self.stop(self.process)
+        self.program.kill()
         with self.assertRaises(tovik.ConnectionLost):
             client.call({"command": "dance"})
 
@@ -54,7 +54,7 @@ class Client(support.HostmonCase):
 class AsyncClient(support.AsyncCase, support.HostmonCase):
     async def test_reconnects_when_the_server_is_killed_and_started_again(self):
         self.name = support.unique_name()
-        self.process = self.serve(self.name)
+        self.program = self.serve(self.name)
         losses = []
         async with tovik.AsyncClient(self.name, reconnect=0.02, subscribe=True,
                                      on_loss=lambda: losses.append(1)) as client:
@@ -63,10 +63,9 @@ class AsyncClient(support.AsyncCase, support.HostmonCase):
                 await self.within(client.wait_connected())
                 message = await self.within(messages.__anext__())
                 self.assertEqual(message["topic"], "host")
-                self.process.kill()
+                self.program.kill()
                 await self.until(lambda: len(losses) == count)
-                self.process.wait(support.DEADLINE)
-                self.process = self.serve(self.name)
+                self.program = self.serve(self.name)
 
 
 class Hostmon(support.HostmonCase):
@@ -76,10 +75,8 @@ class Hostmon(support.HostmonCase):
         self.name = support.unique_name()
 
     def call(self, *commands):
-        done = subprocess.run([os.environ["HOSTMON"], "call", self.name, *commands],
-                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-                              timeout=support.DEADLINE)
-        return done.returncode, done.stdout.splitlines()
+        program = self.start("call", self.name, *commands)
+        return program.process.wait(support.DEADLINE), program.lines()
 
     def test_prints_results_and_reasons(self):
         self.serve(self.name)
@@ -96,8 +93,8 @@ class Hostmon(support.HostmonCase):
 
     def test_follows_across_restarts(self):
         watcher = self.start("watch", self.name)
-        for _turn in (1, 2):
+        for turn in (1, 2):
             server = self.serve(self.name)
-            self.assertIn('"snapshot":true', self.lines_until(watcher, "event")[-1])
-            self.assertEqual(self.stop(server), 0)
-            self.lines_until(watcher, "lost")
+            watcher.says('"snapshot":true', turn)
+            self.assertEqual(server.kill(signal.SIGTERM), 0)
+            watcher.says("lost", turn)

@@ -61,9 +61,7 @@ class Case(unittest.TestCase):
         self.name = unique_name()
 
     def run_program(self, arguments, **options):
-        program = Program(arguments, **options)
-        self.addCleanup(program.kill)
-        return program
+        return Program(self, arguments, **options)
 
     def start(self, *arguments, run_in=(), **options):
         return self.run_program([*run_in, "tovik", *arguments], **options)
@@ -649,7 +647,7 @@ class Serve(Case):
         self.client().send(b"{}")
         server.says(f"Z {os.getpid()} {{}}\n")
         server = self.server("--timestamps", "-j", name=unique_name())
-        self.client(server.process.args[2]).send(b"{}")
+        self.client(server.arguments[2]).send(b"{}")
         server.says(f'Z","pid":{os.getpid()},"uid":{os.getuid()},"message":{{}}}}\n')
 
     def test_forgets_clients_that_leave_before_their_answer(self):

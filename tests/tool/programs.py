@@ -8,7 +8,6 @@ import signal
 import socket
 import subprocess
 import sys
-import tempfile
 
 sys.path.append(str(pathlib.Path(__file__).resolve().parents[1] / "python"))
 import support  # noqa: E402
@@ -50,23 +49,17 @@ def raw_client(name):
     return sock
 
 
-class Program:
-    """A program in the background: what it has written so far, and its end."""
+class Program(support.Program):
+    """A command, or a line for bash, and what it shows; on a terminal if that is wanted."""
 
-    def __init__(self, arguments, stdin=None, stdout=None, terminal=False, cwd=None):
-        self.out = tempfile.TemporaryFile()
-        self.err = tempfile.TemporaryFile()
-        self.terminal = None
+    def __init__(self, case, arguments, terminal=False, **options):
+        self.terminal, slave = pty.openpty() if terminal else (None, None)
         self.typed = b""
-        stdout, stderr = stdout or self.out, self.err
         if terminal:
-            self.terminal, slave = pty.openpty()
-            stdout = stderr = slave
+            options.update(stdout=slave, stderr=slave)
         if isinstance(arguments, str):
             arguments = ["bash", "-c", arguments]
-        self.process = subprocess.Popen(
-            arguments, stdin=subprocess.PIPE if stdin is None else stdin, stdout=stdout,
-            stderr=stderr, env=ENV, cwd=cwd)
+        super().__init__(case, arguments, **{"stdin": subprocess.PIPE, "env": ENV, **options})
         if terminal:
             os.close(slave)
 
@@ -81,35 +74,15 @@ class Program:
                 self.terminal = None
             self.typed += data
 
-    @staticmethod
-    def _content(file):
-        return os.pread(file.fileno(), 1 << 24, 0)
-
     def stdout(self):
         self._drain()
-        return self.typed if self.typed else self._content(self.out)
+        return self.typed or self.content(self.output)
 
     def stderr(self):
-        return self._content(self.err)
+        return self.content(self.errors)
 
-    def write(self, data):
-        self.process.stdin.write(data)
-        self.process.stdin.flush()
-
-    def close_input(self):
-        if self.process.stdin is not None:
-            try:
-                self.process.stdin.close()
-            except BrokenPipeError:
-                pass
-
-    def says(self, text):
-        """Waits until the program has written this."""
-        text = text.encode() if isinstance(text, str) else text
-        until(lambda: text in self.stdout() + self.stderr() or self.process.poll() is not None,
-              f"{text!r} from {self.process.args}; {self.stdout()!r} {self.stderr()!r}")
-        assert text in self.stdout() + self.stderr(), (text, self.stdout(), self.stderr())
-        return self
+    def text(self):
+        return self.stdout().decode(errors="replace")
 
     def interrupt(self, number=signal.SIGINT):
         self.process.send_signal(number)
@@ -119,17 +92,12 @@ class Program:
         """Waits for the end; the exit status."""
         self.close_input()
         until(lambda: (self._drain(), self.process.poll())[1] is not None,
-              f"the end of {self.process.args}; {self.stdout()!r} {self.stderr()!r}")
+              f"the end of {self.arguments}; {self.stdout()!r} {self.stderr()!r}")
         self._drain(0.01)
         return self.process.returncode
 
-    def kill(self):
-        self.close_input()
-        if self.process.poll() is None:
-            self.process.kill()
-            self.process.wait()
+    def clean_up(self):
+        super().clean_up()
         if self.terminal is not None:
             os.close(self.terminal)
             self.terminal = None
-        self.out.close()
-        self.err.close()
