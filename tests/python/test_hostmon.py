@@ -1,54 +1,9 @@
-"""The plain clients of the package, and the example service's own, with that service in C++."""
+"""The example service in C++: its own callers, and a plain client of the package."""
 
-import os
 import signal
 
 import support
 import tovik
-
-UNKNOWN_COMMAND = 38
-BAD_ARGUMENT = 22
-
-
-class Client(support.HostmonCase):
-    def setUp(self):
-        self.name = support.unique_name()
-        self.program = self.serve(self.name)
-
-    def client(self):
-        client = tovik.Client(self.name, timeout=support.DEADLINE, server_uid=os.geteuid())
-        self.addCleanup(client.close)
-        return client
-
-    def test_gets_statuses_and_results(self):
-        client = self.client()
-        self.assertEqual(client.call({"command": "interval", "seconds": 5}), 0)
-        self.assertEqual(client.call({"command": "interval", "seconds": -1}), BAD_ARGUMENT)
-        self.assertEqual(client.call({"command": "dance"}), UNKNOWN_COMMAND)
-        client.send({"command": "get", "value": "uptime"})
-        self.assertGreater(client.receive()["result"], 0)
-
-    def test_gets_notifications(self):
-        self.assertEqual(self.client().call({"command": "interval", "seconds": 0.1}), 0)
-        client = self.client()
-        client.subscribe()
-        for message, _count in zip(client, range(3)):
-            self.assertEqual(message["topic"], "host")
-
-    def test_sends_the_largest_record(self):
-        filler = "x" * (4094 - len('{"command":"interval","seconds":5,"filler":""}'))
-        call = {"command": "interval", "seconds": 5, "filler": filler}
-        self.assertEqual(self.client().call(call), 0)
-
-    def test_knows_the_server(self):
-        self.assertEqual(self.client().server.pid, self.program.process.pid)
-
-    def test_reports_that_the_server_has_ended(self):
-        client = self.client()
-        self.assertEqual(client.call({"command": "dance"}), UNKNOWN_COMMAND)
-        self.program.kill()
-        with self.assertRaises(tovik.ConnectionLost):
-            client.call({"command": "dance"})
 
 
 class AsyncClient(support.AsyncCase, support.HostmonCase):
@@ -81,12 +36,14 @@ class Hostmon(support.HostmonCase):
     def test_prints_results_and_reasons(self):
         self.serve(self.name)
         status, lines = self.call('{"command":"interval","seconds":5}',
-                                  '{"command":"get","value":"uptime"}', '{"command":"dance"}')
+                                  '{"command":"get","value":"uptime"}', '{"command":"dance"}',
+                                  '{"command":"interval","seconds":-1}')
         self.assertEqual(status, 1)
         self.assertEqual(lines[0], '{"command":"interval","seconds":5} -> done')
         self.assertRegex(lines[1], r"-> [0-9.]+$")
         self.assertEqual(lines[2], f'{{"command":"dance"}} -> {self.name}: dance: '
                                    "no command 'dance'")
+        self.assertIn("interval: an interval is from 0.1 s", lines[3])
 
     def test_says_that_nobody_serves(self):
         self.assertEqual(self.call("{}"), (1, [f"{{}} -> {self.name}: call: Connection refused"]))

@@ -104,21 +104,6 @@ class Server(Case):
         with self.assertRaises(tovik.TooLong):
             session.send({"x": "x" * 5000})
 
-    async def test_serves_this_package_s_clients(self):
-        server = await self.serve()
-        loop = asyncio.get_running_loop()
-
-        def call():
-            with tovik.Client(self.name, timeout=support.DEADLINE) as client:
-                return client.call({"answer": 7})
-
-        self.assertEqual(await loop.run_in_executor(None, call), 7)
-        async with tovik.AsyncClient(self.name, subscribe=True) as client:
-            await self.within(client.wait_connected())
-            await self.until(lambda: any(each.subscribed for each in server.sessions))
-            server.notify({"n": 1})
-            self.assertEqual(await self.within(client.__aiter__().__anext__()), {"n": 1})
-
     async def test_frees_its_name_and_everything_else_at_its_end(self):
         before = set(os.listdir("/proc/self/fd"))
 
