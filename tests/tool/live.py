@@ -21,7 +21,7 @@ import time
 import unittest
 
 import programs
-from programs import LIMIT, Program, listens, raw_client, unique_name, until
+from programs import LIMIT, Program, Terminal, listens, raw_client, unique_name, until
 
 SWITCH_ON = b'{"command":"set","notification":true}'
 REPLY = b'{"type":"reply","status":%d}'
@@ -471,15 +471,13 @@ class Call(Case):
 
     def test_says_on_a_terminal_that_it_reads(self):
         self.server("-q")
-        master, slave = os.openpty()
-        call = self.start("call", self.name, stdin=slave)
-        os.close(slave)
+        terminal = Terminal(self)
+        call = self.start("call", self.name, stdin=terminal.program_end)
         call.says("tovik: type messages, one a line; Ctrl-D ends.\n")
-        os.write(master, b'{"n":1}\n')
+        terminal.type(b'{"n":1}\n')
         call.says("status 0\n")
-        os.write(master, b"\x04")
+        terminal.type(b"\x04")
         self.expect(call, 0, "status 0\n")
-        os.close(master)
 
 
 def room_of_a_socket(record):
@@ -635,11 +633,8 @@ class Serve(Case):
         self.assertEqual(0, server.interrupt())
 
     def test_says_what_to_type(self):
-        master, slave = os.openpty()
-        server = self.start("serve", self.name, "--notify", "-", stdin=slave)
+        server = self.start("serve", self.name, "--notify", "-", stdin=Terminal(self).program_end)
         server.says("tovik: type messages to broadcast, one a line.\n")
-        os.close(slave)
-        os.close(master)
         server.interrupt()
 
     def test_says_who_sent(self):
@@ -1134,12 +1129,8 @@ class Bench(Case):
 
     def test_fits_the_terminal(self):
         self.server("-q")
-        master, slave = os.openpty()
-        self.addCleanup(os.close, master)
-        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 12, 60, 0, 0))
-        bench = self.start("bench", self.name, "--count", "100", stdout=slave)
-        os.close(slave)
-        terminal = Terminal(master)
+        terminal = Terminal(self, 12, 60)
+        bench = self.start("bench", self.name, "--count", "100", stdout=terminal.program_end)
         until(lambda: bench.process.poll() is not None, "the end")
         lines = [line for line in terminal.plain().split("\r\n") if line.startswith("below")]
         self.assertEqual({True}, {len(line) <= 60 and "#" in line or line[-1] == " "
@@ -1293,12 +1284,9 @@ class Top(Case):
 
     def screen(self, columns, *options):
         """A top on a terminal of that width."""
-        master, slave = os.openpty()
-        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 12, columns, 0, 0))
-        program = self.start("top", *options, stdin=slave, stdout=slave)
-        os.close(slave)
-        self.addCleanup(os.close, master)
-        return program, Terminal(master)
+        terminal = Terminal(self, 12, columns)
+        return self.start("top", *options, stdin=terminal.program_end,
+                          stdout=terminal.program_end), terminal
 
     def test_lives_on_a_terminal(self):
         for columns in (60, 80, 200):
@@ -1322,7 +1310,7 @@ class Top(Case):
         self.raw_server()
         top, terminal = self.screen(80)
         until(lambda: "tovik top: " in terminal.text(), "a screen")
-        fcntl.ioctl(terminal.fd, termios.TIOCSWINSZ, struct.pack("HHHH", 2, 20, 0, 0))
+        terminal.resize(2, 20)
         top.process.send_signal(signal.SIGWINCH)
         until(lambda: max(map(len, terminal.lines())) <= 20, "a smaller screen")
         self.assertEqual(0, top.interrupt())
@@ -1333,41 +1321,6 @@ class Top(Case):
         until(lambda: "tovik top: " in terminal.text(), "a screen")
         self.assertEqual(0, top.interrupt(signal.SIGTERM))
         self.assertEqual({"\x1b[0m"}, set(re.findall("\x1b\\[[0-9;]*m", terminal.raw())))
-
-
-class Terminal:
-    """The screen at the other end of a pseudo-terminal; each one that is drawn begins at home."""
-
-    def __init__(self, fd):
-        self.fd = fd
-        self.data = b""
-
-    def type(self, keys):
-        try:
-            os.write(self.fd, keys)
-        except OSError:  # nobody is there any more
-            pass
-
-    def raw(self):
-        while select.select([self.fd], [], [], 0)[0]:
-            try:
-                self.data += os.read(self.fd, 65536)
-            except OSError:
-                break
-        return self.data.decode("utf-8", "replace")
-
-    @staticmethod
-    def without_escapes(text):
-        return re.sub("\x1b\\[[0-9;?]*[A-Za-z]", "", text)
-
-    def plain(self):
-        return self.without_escapes(self.raw())
-
-    def lines(self):
-        return self.without_escapes(self.raw().split("\x1b[H")[-1]).split("\r\n")
-
-    def text(self):
-        return "\n".join(self.lines())
 
 
 class Describe(Case):
@@ -1434,22 +1387,22 @@ class Zsh(Case):
     SETUP = (b"PS1=; unsetopt beep; autoload -U compinit; compinit -D -u; "
              b"source <(tovik completion zsh)")
 
+    def setUp(self):
+        super().setUp()
+        self.terminal = Terminal(self, 40, 200)
+        end = self.terminal.program_end
+        Program(self, self.SHELL, stdin=end, stdout=end, stderr=end, start_new_session=True,
+                env={**programs.ENV, "PS1": "", "ZDOTDIR": "/nonexistent"})
+        self.terminal.type(self.SETUP + b"\n")
+
     def complete(self, words):
-        """What the shell makes of these words and a tab, on a terminal."""
-        master, slave = os.openpty()
-        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 40, 200, 0, 0))
-        environment = {**programs.ENV, "PS1": "", "ZDOTDIR": "/nonexistent"}
-        shell = subprocess.Popen(self.SHELL, stdin=slave, stdout=slave, stderr=slave,
-                                 env=environment, start_new_session=True)
-        os.close(slave)
-        self.addCleanup(os.close, master)
-        self.addCleanup(shell.wait)
-        self.addCleanup(shell.kill)
-        terminal = Terminal(master)
-        terminal.type(self.SETUP + b"; printf '%s\\n' rea''dy\n")
-        until(lambda: "ready" in terminal.raw(), "the shell")
-        terminal.type(words.encode() + b"\t")
-        return terminal
+        """What the shell makes of these words and a tab, on a new line."""
+        mark = unique_name()
+        self.terminal.type(b"\x15printf '%s\\n' " + mark[:1].encode() + b"''"
+                           + mark[1:].encode() + b"\n")
+        until(lambda: mark in self.terminal.raw(), "the shell")
+        self.terminal.type(words.encode() + b"\t")
+        return lambda: self.terminal.plain().split(mark)[-1]
 
     def test_completes_verbs_options_and_names(self):
         self.raw_server()
@@ -1464,8 +1417,8 @@ class Zsh(Case):
                                 ("tovik completion f", "completion fish "),
                                 ("tovik call --json=p", "--json=pretty"),
                                 (f"tovik call {self.name[:-1]}", self.name)):
-            terminal = self.complete(words)
-            until(lambda: expected in terminal.plain().split("ready")[-1], f"{expected} of {words}")
+            shown = self.complete(words)
+            until(lambda: expected in shown(), f"{expected} of {words}")
 
 
 class InteractiveBash(Zsh):

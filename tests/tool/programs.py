@@ -1,13 +1,16 @@
 """What the tests of the command share: programs that are run, pseudo-terminals, raw sockets."""
 
+import fcntl
 import os
 import pathlib
-import pty
+import re
 import select
 import signal
 import socket
+import struct
 import subprocess
 import sys
+import termios
 
 sys.path.append(str(pathlib.Path(__file__).resolve().parents[1] / "python"))
 import support  # noqa: E402
@@ -49,34 +52,58 @@ def raw_client(name):
     return sock
 
 
+class Terminal:
+    """A pseudo-terminal: what is on the screen, where each one that is drawn begins at home. The
+    program gets the other end, which stays open, so that nothing it wrote is lost with it."""
+
+    def __init__(self, case, rows=0, columns=0):
+        self.fd, self.program_end = os.openpty()
+        for fd in (self.fd, self.program_end):
+            case.addCleanup(os.close, fd)
+        self.resize(rows, columns)
+        self.data = b""
+
+    def resize(self, rows, columns):
+        fcntl.ioctl(self.fd, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
+
+    def type(self, keys):
+        os.write(self.fd, keys)
+
+    def bytes(self):
+        while select.select([self.fd], [], [], 0)[0]:
+            self.data += os.read(self.fd, 65536)
+        return self.data
+
+    def raw(self):
+        return self.bytes().decode("utf-8", "replace")
+
+    @staticmethod
+    def without_escapes(text):
+        return re.sub("\x1b\\[[0-9;?]*[A-Za-z]", "", text)
+
+    def plain(self):
+        return self.without_escapes(self.raw())
+
+    def lines(self):
+        return self.without_escapes(self.raw().split("\x1b[H")[-1]).split("\r\n")
+
+    def text(self):
+        return "\n".join(self.lines())
+
+
 class Program(support.Program):
     """A command, or a line for bash, and what it shows; on a terminal if that is wanted."""
 
     def __init__(self, case, arguments, terminal=False, **options):
-        self.terminal, slave = pty.openpty() if terminal else (None, None)
-        self.typed = b""
+        self.terminal = Terminal(case) if terminal else None
         if terminal:
-            options.update(stdout=slave, stderr=slave)
+            options.update(stdout=self.terminal.program_end, stderr=self.terminal.program_end)
         if isinstance(arguments, str):
             arguments = ["bash", "-c", arguments]
         super().__init__(case, arguments, **{"stdin": subprocess.PIPE, "env": ENV, **options})
-        if terminal:
-            os.close(slave)
-
-    def _drain(self, wait=0.0):
-        while self.terminal is not None and select.select([self.terminal], [], [], wait)[0]:
-            try:
-                data = os.read(self.terminal, 65536)
-            except OSError:  # the other end is closed
-                data = b""
-            if not data:
-                os.close(self.terminal)
-                self.terminal = None
-            self.typed += data
 
     def stdout(self):
-        self._drain()
-        return self.typed or self.content(self.output)
+        return self.terminal.bytes() if self.terminal else self.content(self.output)
 
     def stderr(self):
         return self.content(self.errors)
@@ -91,13 +118,6 @@ class Program(support.Program):
     def end(self):
         """Waits for the end; the exit status."""
         self.close_input()
-        until(lambda: (self._drain(), self.process.poll())[1] is not None,
+        until(lambda: (self.stdout(), self.process.poll())[1] is not None,
               f"the end of {self.arguments}; {self.stdout()!r} {self.stderr()!r}")
-        self._drain(0.01)
         return self.process.returncode
-
-    def clean_up(self):
-        super().clean_up()
-        if self.terminal is not None:
-            os.close(self.terminal)
-            self.terminal = None
