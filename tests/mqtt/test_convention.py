@@ -22,7 +22,7 @@ class Across(broker.Case):
 
     @contextlib.contextmanager
     def serve(self, program, *arguments):
-        with conformance.Program([*program, "serve", self.remote, *arguments]) as service:
+        with conformance.Program(self, [*program, "serve", self.remote, *arguments]) as service:
             support.wait_until(lambda: support.listens(self.name), "opening")
             yield service
         support.wait_until(lambda: not support.listens(self.name), "closing")

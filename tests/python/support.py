@@ -66,6 +66,12 @@ class Program:
             "stdin": subprocess.DEVNULL, "stdout": self.output, "stderr": self.errors, **options})
         case.addCleanup(self.clean_up)
 
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.kill()
+
     def clean_up(self):
         self.close_input()
         self.kill()
@@ -97,7 +103,10 @@ class Program:
 
     def prints(self, count):
         """The first lines of its output, once there are that many."""
-        wait_until(lambda: len(self.lines()) >= count, f"line {count} after {self.lines()}")
+        wait_until(lambda: self.text().count("\n") >= count or self.process.poll() is not None,
+                   f"line {count} after {self.lines()}")
+        if len(self.lines()) < count:
+            raise AssertionError(f"it ended after {self.lines()} {self.log()}")
         return self.lines()[:count]
 
     def write(self, data):
