@@ -1109,6 +1109,7 @@ class Hostile(Case):
         client = self.accept(server)
         reply_to(client, b"\x1b" * 150000)
         self.expect(bench, 6, "", "the answer '\\x1b\\x1b")
+        self.assertIn(b"' is no reply; bench needs a server that replies", bench.stderr())
         self.assertLess(len(bench.stderr()), 1000)
 
     def test_check_can_be_interrupted(self):
@@ -1270,13 +1271,7 @@ class Peers(Case):
 
 class Top(Case):
     def test_prints_once(self):
-        server = self.raw_server()
-        self.client()
-        self.accept(server).send(b"x" * 5)
-        loads = map(json.loads, self.output_of("top", "-j").splitlines())
-        load = [each for each in loads if each["name"] == self.name][0]
-        self.assertEqual((os.getpid(), 1, 5, 0, 0), tuple(load[key] for key in (
-            "pid", "connections", "unread_bytes", "stalled", "waiting")))
+        self.raw_server()
         self.assertIn(self.name.encode(), self.output_of("top", "--once"))
 
     def test_needs_a_terminal(self):
