@@ -158,7 +158,6 @@ class AsyncClient(Case):
         self.assertEqual(await self.within(client.call({"answer": 2})), 2)
 
     async def test_goes_on_when_its_callbacks_raise(self):
-        self.start()
         reported = []
         asyncio.get_running_loop().set_exception_handler(
             lambda loop, context: reported.append(context["exception"]))
@@ -166,9 +165,8 @@ class AsyncClient(Case):
         def fail():
             raise RuntimeError("mine")
 
-        async with self.client(on_connect=fail) as client:
-            await self.within(client.wait_connected())
-            self.assertEqual(await self.within(client.call({"answer": 1})), 1)
+        client = await self.connected(on_connect=fail)
+        self.assertEqual(await self.within(client.call({"answer": 1})), 1)
         self.assertEqual([str(error) for error in reported], ["mine"])
 
     async def test_waits_for_room_in_the_backlog(self):
@@ -221,15 +219,13 @@ class AsyncClient(Case):
         self.check_one_warning(logs, "does not admit")
 
     async def test_takes_the_end_of_a_connection_that_was_used_for_no_refusal(self):
-        self.start()
         logs = self.logged()
-        async with self.client() as client:
-            await self.within(client.wait_connected())
+        client = await self.connected()
+        await self.within(client.call({"a": 1}))
+        self.handler = lambda message: self.server.disconnect()
+        with self.assertRaises(tovik.ConnectionLost) as caught:
             await self.within(client.call({"a": 1}))
-            self.handler = lambda message: self.server.disconnect()
-            with self.assertRaises(tovik.ConnectionLost) as caught:
-                await self.within(client.call({"a": 1}))
-            self.assertNotIsInstance(caught.exception, tovik.Refused)
+        self.assertNotIsInstance(caught.exception, tovik.Refused)
         self.assertEqual([line for line in logs.output if line.startswith("WARNING")], [])
 
     def check_one_warning(self, logs, text):

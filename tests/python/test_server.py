@@ -14,6 +14,10 @@ def status(number):
     return {"type": "reply", "status": number}
 
 
+async def hang(client, message):
+    await asyncio.Event().wait()
+
+
 class Case(support.AsyncCase):
     def setUp(self):
         self.name = support.unique_name()
@@ -106,9 +110,6 @@ class Server(Case):
 
     async def test_frees_its_name_and_everything_else_at_its_end(self):
         before = set(os.listdir("/proc/self/fd"))
-
-        async def hang(client, message):
-            await asyncio.Event().wait()
 
         for _ in range(2):
             async with tovik.Server(self.name, tovik.admission.same_user(), hang) as server:
@@ -259,9 +260,6 @@ class ServerInTrouble(Case):
             self.assertLessEqual(sum(each.queued[1] for each in server.sessions), 10000)
 
     async def test_ends_a_client_that_does_not_wait_for_its_answers(self):
-        async def hang(client, message):
-            await asyncio.Event().wait()
-
         server = await self.serve(hang, unanswered=10)
         with self.assertLogs("tovik", "INFO") as logs:
             peer = self.peer()
