@@ -29,24 +29,18 @@ class Events(broker.Case):
         self.assertIsNone(self.retained(lamp.base + "/event/plain"))
 
     def test_that_are_retained_go_when_the_server_has_none_any_more(self):
-        lamp = self.exported()
-        self.call(lamp.base, "switch", '{"on":true}')
-        lamp.kill()
-        self.await_retained(lamp.base + "/online", "false")
-        self.lamp(lamp.name)
-        self.await_retained(lamp.base + "/online", "true")
-        self.assertIsNone(self.retained(lamp.base + "/event/state"))
-
-    def test_that_are_retained_go_if_the_bridge_was_away_meanwhile(self):
-        lamp = self.exported()
-        self.call(lamp.base, "switch", '{"on":true}')
-        lamp.bridge.kill()
-        lamp.kill()
-        self.lamp(lamp.name)
-        self.await_retained(lamp.base + "/online", "false")
-        self.bridge("--prefix", self.prefix, lamp.name)
-        self.await_retained(lamp.base + "/online", "true")
-        self.assertIsNone(self.retained(lamp.base + "/event/state"))
+        for bridge_is_away in (False, True):
+            lamp = self.exported()
+            self.call(lamp.base, "switch", '{"on":true}')
+            if bridge_is_away:  # meanwhile
+                lamp.bridge.kill()
+            lamp.kill()
+            self.await_retained(lamp.base + "/online", "false")
+            self.lamp(lamp.name)
+            if bridge_is_away:
+                self.bridge("--prefix", self.prefix, lamp.name)
+            self.await_retained(lamp.base + "/online", "true")
+            self.assertIsNone(self.retained(lamp.base + "/event/state"))
 
     def test_survive_a_broker_that_forgets(self):
         lamp = self.exported()
