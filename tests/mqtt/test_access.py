@@ -144,7 +144,3 @@ class Admission(broker.Case):
         self.assertEqual(self.status(here.name, 0), 0)
         self.assertEqual(self.status(here.name, 1234), 0)
         self.assertEqual(self.status(here.name, 1235), -1)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -2,7 +2,6 @@
 end, callers in every language at the other."""
 
 import contextlib
-import unittest
 
 import broker
 import support
@@ -43,7 +42,3 @@ class Pairs(Across, conformance.Pairs):
 
 class Command(Across, conformance.Command):
     pass
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -2,7 +2,6 @@
 
 import json
 import signal
-import unittest
 
 import broker
 import support
@@ -240,7 +239,3 @@ class Calls(broker.Case):
         self.assertEqual(self.ask(lamp, "add", '{"a":1,"b":2}')["status"], 0)
         self.assertEqual(self.ask(lamp, "switch", '{"on":true}', correlation="c2")["status"], 13)
         self.assertEqual(self.ask(lamp, "s%77itch", '{"on":true}', correlation="c3")["status"], 13)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -6,7 +6,6 @@ import signal
 import socket
 import threading
 import time
-import unittest
 
 import broker
 import support
@@ -230,7 +229,3 @@ class Plain(broker.Case):
                         pass
         message = asyncio.run(asyncio.wait_for(follow(), support.DEADLINE))
         self.assertEqual(message, {"load": 4})
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -111,7 +111,3 @@ class Page(unittest.TestCase):
             return self.page.evaluates("typeof mqtt") == "object" and self.page.evaluates(
                 "document.getElementById('status') !== null")
         return opened
-
-
-if __name__ == "__main__":
-    unittest.main()
