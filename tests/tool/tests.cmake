@@ -18,6 +18,7 @@ endforeach()
 # Peers that are not the command itself.
 tovik_test_classes(cases tool/live.py)
 list(REMOVE_ITEM cases Zsh Fish)
+list(APPEND cases InteractiveBash) # which is the case Zsh with another shell
 foreach(case IN LISTS cases)
   tovik_tool_test(${case} -W error live.py ${case})
 endforeach()
