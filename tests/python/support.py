@@ -34,7 +34,7 @@ def wait_until(condition, what="it", limit=DEADLINE):
     deadline = time.monotonic() + limit
     while not condition():
         if time.monotonic() > deadline:
-            raise AssertionError(f"{what} did not happen in time")
+            raise AssertionError(f"{what() if callable(what) else what} did not happen in time")
         time.sleep(0.002)
 
 
@@ -96,7 +96,7 @@ class Program:
         def said():
             return (self.text() + self.log()).count(text) >= times
         wait_until(lambda: said() or self.process.poll() is not None,
-                   f"{text!r} of {self.arguments}, after {self.text()} {self.log()}")
+                   lambda: f"{text!r} of {self.arguments}, after {self.text()} {self.log()}")
         if not said():
             raise AssertionError(f"{text!r} is not in {self.text()} {self.log()}")
         return self
@@ -104,7 +104,7 @@ class Program:
     def prints(self, count):
         """The first lines of its output, once there are that many."""
         wait_until(lambda: self.text().count("\n") >= count or self.process.poll() is not None,
-                   f"line {count} after {self.lines()}")
+                   lambda: f"line {count} after {self.lines()}")
         if len(self.lines()) < count:
             raise AssertionError(f"it ended after {self.lines()} {self.log()}")
         return self.lines()[:count]

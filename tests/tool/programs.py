@@ -119,5 +119,5 @@ class Program(support.Program):
         """Waits for the end; the exit status."""
         self.close_input()
         until(lambda: (self.stdout(), self.process.poll())[1] is not None,
-              f"the end of {self.arguments}; {self.stdout()!r} {self.stderr()!r}")
+              lambda: f"the end of {self.arguments}; {self.stdout()!r} {self.stderr()!r}")
         return self.process.returncode
