@@ -1,12 +1,13 @@
 // The service: a timer that publishes, two commands, a rule for who is admitted.
 
+#include <fstream>
 #include <iostream>
+#include <stdexcept>
 
 #include "Api/Admission.h"
 #include "Api/Service/Service.h"
 #include "Kelvo/Platform/Debug.h"
 #include "Kelvo/Platform/TimeoutHandler.h"
-#include "examples/hostmon/Host.h"
 #include "examples/hostmon/Hostmon.h"
 
 namespace Hostmon {
@@ -15,6 +16,33 @@ namespace {
 
 constexpr double kShortestInterval = 0.1;  // seconds
 constexpr double kLongestInterval = 3600;
+
+double firstNumberOf(const char* path) {
+  double number = 0;
+  if (!(std::ifstream(path) >> number)) {
+    throw std::runtime_error(std::string("cannot read ") + path);
+  }
+  return number;
+}
+
+unsigned availableMemoryMiB() {
+  std::ifstream file("/proc/meminfo");
+  std::string word;
+  unsigned kibibytes = 0;
+  while (file >> word) {
+    if (word == "MemAvailable:" && file >> kibibytes) {
+      return kibibytes / 1024;
+    }
+  }
+  throw std::runtime_error("cannot find MemAvailable in /proc/meminfo");
+}
+
+/// What /proc tells about the host at this moment: the load of the last minute, the memory that is
+/// available to programs, and how many seconds it has been up.
+Tovik::Message readHost() {
+  return Tovik::object("load", firstNumberOf("/proc/loadavg"), "memory", availableMemoryMiB(),
+                       "uptime", firstNumberOf("/proc/uptime"));
+}
 
 class Monitor : public Kelvo::Platform::TimeoutHandler {
  public:
@@ -32,7 +60,7 @@ class Monitor : public Kelvo::Platform::TimeoutHandler {
   }
 
   void timeout() override {
-    service_.publish("host", Host::read().toMessage());
+    service_.publish("host", readHost());
     timer_->arm(interval_);
   }
 
@@ -48,8 +76,7 @@ class Monitor : public Kelvo::Platform::TimeoutHandler {
   }
 
   static void get(Tovik::Request request) {
-    const auto host = Host::read().toMessage();
-    const auto value = Tovik::get<Tovik::Message>(host, request.get<std::string>("value"));
+    const auto value = Tovik::get<Tovik::Message>(readHost(), request.get<std::string>("value"));
     if (!value) {
       throw Tovik::Refusal(22, "a value is load, memory or uptime");
     }

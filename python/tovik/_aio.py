@@ -33,9 +33,9 @@ class AsyncClient(Reconnecting):
                  on_loss: Optional[Callable[[], None]] = None) -> None:
         """Nothing happens before `async with`. `reconnect` is at least 0.001. With `server_uid`,
         connects only to a server of that user."""
-        super().__init__(name, reconnect, 0, None if server_uid is None else {server_uid})
+        super().__init__(name, reconnect, 0, None if server_uid is None else {server_uid},
+                         on_connect)
         self._subscribe = subscribe
-        self._on_connect = on_connect
         self._on_loss = on_loss
 
     async def __aenter__(self) -> "AsyncClient":
@@ -99,18 +99,9 @@ class AsyncClient(Reconnecting):
     def _received(self, message: Message) -> None:
         self._messages.put_nowait(message)
 
-    def _found(self) -> None:
-        self._call_soon(self._on_connect)
-
     def _lost(self, reason: str) -> None:
         self._call_soon(self._on_loss)
 
     def _left(self) -> None:
         self._messages.put_nowait(None)
         super()._left()
-
-    @staticmethod
-    def _call_soon(function: Optional[Callable[[], None]]) -> None:
-        """What it raises goes to the loop's exception handler, and ends nothing here."""
-        if function is not None:
-            asyncio.get_running_loop().call_soon(function)

@@ -65,9 +65,8 @@ class Proxy(Reconnecting):
                  on_loss: Optional[Callable[[str], object]] = None,
                  on_message: Optional[Handler] = None) -> None:
         """Nothing happens before `async with`."""
-        super().__init__(name, reconnect, jitter, server_uids)
+        super().__init__(name, reconnect, jitter, server_uids, on_connect)
         self._name = name
-        self._on_connect = on_connect
         self._on_loss = on_loss
         self._on_message = on_message
         self._topics: Dict[str, Handler] = {}
@@ -195,17 +194,12 @@ class Proxy(Reconnecting):
         for topic in self._topics:
             self._ask(connection, "subscribe", topic)
 
-    def _found(self) -> None:
-        if self._on_connect is not None:
-            asyncio.get_running_loop().call_soon(self._on_connect)
-
     def _lost(self, reason: str) -> None:
         calls, self._calls = self._calls, {}
         for call in calls.values():
             if not call.outcome.done():
                 call.outcome.set_exception(ConnectionLost(reason))
-        if self._on_loss is not None:
-            asyncio.get_running_loop().call_soon(self._on_loss, reason)
+        self._call_soon(self._on_loss, reason)
 
 
 def call(name: str, message: Message, limit: float,

@@ -7,7 +7,7 @@ import math
 import random
 import socket
 from types import TracebackType
-from typing import Collection, List, Optional, Type
+from typing import Callable, Collection, List, Optional, Type
 
 from . import _wire
 from ._connection import Connection
@@ -23,7 +23,8 @@ class Reconnecting:
     """Connects from `async with` to its end. Derived classes say what to do with a connection."""
 
     def __init__(self, name: str, reconnect: float, jitter: float,
-                 server_uids: Optional[Collection[int]]) -> None:
+                 server_uids: Optional[Collection[int]],
+                 on_connect: Optional[Callable[[], object]]) -> None:
         if not _SHORTEST_RECONNECT <= reconnect < math.inf:
             raise ValueError(f"reconnect is at least {_SHORTEST_RECONNECT} s, not {reconnect}")
         if not 0 <= jitter < math.inf:
@@ -33,6 +34,7 @@ class Reconnecting:
         self._reconnect = reconnect
         self._jitter = jitter
         self._server_uids = server_uids
+        self._on_connect = on_connect
         self._why_not = "not tried yet"  # connected
         self._warned = ""  # of a refusal, until something else happens
         self._connection: Optional[Connection] = None
@@ -90,14 +92,17 @@ class Reconnecting:
     def _received(self, message: Message) -> None:
         """A message that answers nothing the connection was asked."""
 
-    def _found(self) -> None:
-        """There is a connection."""
-
     def _lost(self, reason: str) -> None:
         """There is none any more."""
 
     def _left(self) -> None:
         self._tell(ConnectionLost("the client was left"))
+
+    @staticmethod
+    def _call_soon(function: Optional[Callable[..., object]], *arguments: object) -> None:
+        """What it raises goes to the loop's exception handler, and ends nothing here."""
+        if function is not None:
+            asyncio.get_running_loop().call_soon(function, *arguments)
 
     # the life of a connection
 
@@ -156,7 +161,7 @@ class Reconnecting:
         self._tell()
         reason = "the client was left"
         try:
-            self._found()
+            self._call_soon(self._on_connect)
             reason = self._why_not = await asyncio.shield(connection.closed)
             if connection.refused:
                 raise Refused(reason)

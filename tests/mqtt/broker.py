@@ -5,16 +5,14 @@ import json
 import os
 import pathlib
 import shutil
-import signal
 import socket
 import subprocess
 import sys
 import tempfile
-import time
 import unittest
 
 sys.path.append(str(pathlib.Path(__file__).resolve().parents[1] / "python"))
-from support import DEADLINE, SOURCE, listens, unique_name, wait_until  # noqa: E402
+from support import DEADLINE, SOURCE, Program, listens, unique_name, wait_until  # noqa: E402
 
 BROKER = shutil.which("mosquitto") or "/usr/sbin/mosquitto"
 
@@ -23,54 +21,6 @@ def free_port():
     with socket.socket() as probe:
         probe.bind(("127.0.0.1", 0))
         return probe.getsockname()[1]
-
-
-class Program:
-    """A process whose output is read from files, so that it never waits for its reader."""
-
-    def __init__(self, case, arguments, **options):
-        self.arguments = [str(argument) for argument in arguments]
-        self.output = tempfile.TemporaryFile("w+", errors="replace")
-        self.errors = tempfile.TemporaryFile("w+", errors="replace")
-        self.process = subprocess.Popen(self.arguments, stdin=subprocess.DEVNULL,
-                                        stdout=self.output, stderr=self.errors, **options)
-        case.addCleanup(self.clean_up)
-
-    def clean_up(self):
-        self.kill()
-        self.output.close()
-        self.errors.close()
-
-    @staticmethod
-    def _all(file):
-        return os.pread(file.fileno(), 1 << 24, 0).decode(errors="replace")
-
-    def lines(self):
-        return self._all(self.output).splitlines()
-
-    def log(self):
-        return self._all(self.errors)
-
-    def log_of_output(self):
-        return self._all(self.output)
-
-    def says(self, text, times=1):
-        deadline = time.monotonic() + DEADLINE
-        while self.log().count(text) < times:
-            ended = self.process.poll() is not None and self.log().count(text) < times
-            if ended or time.monotonic() > deadline:
-                raise AssertionError(f"{text!r} is not in its log:\n{self.log()}")
-            time.sleep(0.01)
-
-    def prints(self, count):
-        """The first lines of its output, once there are that many."""
-        wait_until(lambda: len(self.lines()) >= count, f"line {count} after {self.lines()}")
-        return self.lines()[:count]
-
-    def kill(self, number=signal.SIGKILL):
-        if self.process.poll() is None:
-            self.process.send_signal(number)
-        return self.process.wait(DEADLINE)
 
 
 class Case(unittest.TestCase):
@@ -112,9 +62,9 @@ class Case(unittest.TestCase):
         self.assertIsNone(lamp.process.poll(), lamp.log())
         return lamp
 
-    def exported(self, *arguments):
+    def exported(self, *arguments, lamp=None):
         """A lamp and its bridge, once the lamp is on the broker."""
-        lamp = self.lamp()
+        lamp = lamp or self.lamp()
         lamp.bridge = self.bridge("--prefix", self.prefix, lamp.name, *arguments)
         lamp.base = f"{self.prefix}/{lamp.name}"
         lamp.bridge.says("exported as")
@@ -164,14 +114,18 @@ class Case(unittest.TestCase):
     def await_retained(self, topic, payload):
         wait_until(lambda: self.retained(topic) == payload, f"{payload!r} at {topic}")
 
+    @staticmethod
+    def answered(topic, correlation):
+        """The properties of a call whose reply goes to that topic."""
+        return ("-D", "publish", "response-topic", topic,
+                "-D", "publish", "correlation-data", correlation)
+
     def call(self, base, command, payload, replies=1, correlation="c1", properties=()):
         """Calls as a peer, and returns the replies."""
         answers = unique_name("answers")
         peer = self.subscribe(answers, form="%D %p")
-        options = ["-D", "publish", "response-topic", answers]
-        if correlation:
-            options += ["-D", "publish", "correlation-data", correlation]
-        self.publish(f"{base}/call/{command}", payload, *options, *properties)
+        self.publish(f"{base}/call/{command}", payload, *self.answered(answers, correlation),
+                     *properties)
         wait_until(lambda: len(peer.heard()) >= replies, f"{replies} replies to {command}")
         found = [line.split(" ", 1) for line in peer.heard()]
         for one, _ in found:

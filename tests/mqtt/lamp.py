@@ -1,11 +1,12 @@
 """A service to be carried: lamp.py NAME [FILE [TOPICS]]. Each call of "carry" adds its value to the
-file. So many topics keep a value from the beginning."""
+file. So many topics keep a value from the beginning. Other commands are the conformance suite's."""
 
 import asyncio
 import os
 import sys
 
 import broker  # noqa: F401, which finds the package
+import conformance_peer
 import tovik
 
 
@@ -13,39 +14,18 @@ async def main():
     name, *more = sys.argv[1:]
     file, topics = (*more, os.devnull, "0")[:2] if len(more) != 1 else (*more, "0")
     service = tovik.Service(name, lambda peer: True, calls=100, description="A lamp.")
-    held = asyncio.Event()
+    conformance_peer.add_commands(service)
+    conformance_peer.add_held(service)
     anything = tovik.Argument(object, "Anything.")
 
     @service.command("switch", "Switches it.", on=tovik.Argument(bool, "True switches it on."))
     def switch(request):
         service.publish("state", {"on": request["on"]})
 
-    @service.command("add", "Adds.", a=tovik.Argument(int, "One."), b=tovik.Argument(int, "Two."))
-    def add(request):
-        return request["a"] + request["b"]
-
-    @service.command("echo", "Gives back.", value=anything)
-    def echo(request):
-        return request["value"]
-
-    @service.command("refuse", "Fails.")
-    def refuse(request):
-        raise tovik.Refusal(1001, "not today")
-
-    @service.command("count", "Counts to three, in parts.")
-    def count(request):
-        request.more(1)
-        request.more(2)
-        return 3
-
     @service.command("carry", "Adds a line to the file.", value=anything)
     def carry(request):
         with open(file, "a") as lines:
             lines.write(f"{request['value']}\n")
-
-    @service.command("hold", "Answers when told to.")
-    async def hold(request):
-        await held.wait()
 
     @service.command("emit", "Publishes.", topic=tovik.Argument(str, "Where."), event=anything)
     def emit(request):
@@ -58,7 +38,6 @@ async def main():
             if number % 50 == 0:
                 await asyncio.sleep(0.002)
 
-    service.command("release", "Answers all that are held.")(lambda request: held.set())
     service.topic("state", "Whether it is on.", keeps_last=True)
     service.topic("plain", "Nothing special.")
     service.topic("a/b+c#d.e%\x01ä", "An odd name.")

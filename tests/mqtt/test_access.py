@@ -10,19 +10,21 @@ import tovik
 
 
 class Tls(broker.Case):
-    broker_options = """cafile {folder}/ca.pem
-certfile {folder}/server.pem
-keyfile {folder}/server.key
+    def start_broker(self, options=None):
+        """Each test says with what certificates."""
+
+    def serve(self, days="10", host="127.0.0.1", client="false"):
+        self.authority("ca")
+        self.authority("other")
+        self.certificate("server", days, host)
+        self.certificate("client", "10", host)
+        self.broker_options = f"""cafile {self.folder}/ca.pem
+certfile {self.folder}/server.pem
+keyfile {self.folder}/server.key
 allow_anonymous true
 require_certificate {client}
 """
-    client = "false"
-    days = "10"
-    host = "127.0.0.1"
-
-    def setUp(self):
-        self.broker_options = self.broker_options.replace("{client}", self.client)
-        super().setUp()
+        super().start_broker()
 
     def openssl(self, *arguments):
         subprocess.run(["openssl", *arguments], cwd=self.folder, check=True, capture_output=True,
@@ -33,58 +35,37 @@ require_certificate {client}
                      "-nodes", "-keyout", f"{name}.key", "-out", f"{name}.pem", "-subj",
                      f"/CN={name}", "-days", "10")
 
-    def certificate(self, name, days):
+    def certificate(self, name, days, host):
         self.openssl("req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
                      "-keyout", f"{name}.key", "-out", f"{name}.csr", "-subj", f"/CN={name}",
-                     "-addext", f"subjectAltName=IP:{self.host}")
+                     "-addext", f"subjectAltName=IP:{host}")
         self.openssl("x509", "-req", "-in", f"{name}.csr", "-CA", "ca.pem", "-CAkey", "ca.key",
                      "-CAcreateserial", "-out", f"{name}.pem", "-days", days, "-copy_extensions",
                      "copyall")
 
-    def start_broker(self, options=None):
-        self.authority("ca")
-        self.authority("other")
-        self.certificate("server", self.days)
-        self.certificate("client", "10")
-        super().start_broker(options)
-
     def tries(self, *arguments):
         return self.bridge("--prefix", self.prefix, support.unique_name(), *arguments)
 
-
-class TrustedTls(Tls):
-    def test_connects(self):
+    def test_connects_to_a_broker_of_a_trusted_authority(self):
+        self.serve()
         self.tries("--cafile", self.folder / "ca.pem").says(": connected to the broker")
-
-    def test_refuses_a_broker_of_another_authority(self):
         for trusted in (("--cafile", self.folder / "other.pem"), ("--tls",)):
             self.tries(*trusted).says("cannot connect to the broker: its certificate is not "
                                       "accepted: self-signed certificate in certificate chain")
-
-    def test_says_if_the_broker_speaks_tls_and_the_bridge_does_not(self):
+        # The broker speaks TLS, and the bridge does not.
         self.tries().says("cannot connect to the broker: ")
 
+    def test_refuses_a_certificate_that_has_expired_or_is_of_another_host(self):
+        for certificate, why in (
+                ({"days": "-1"}, "its certificate is not accepted: certificate has expired"),
+                ({"host": "127.0.0.2"}, "Error: host name verification failed.")):
+            self.serve(**certificate)
+            self.tries("--cafile", self.folder / "ca.pem").says(
+                "cannot connect to the broker: " + why)
+            self.broker.kill()
 
-class ExpiredTls(Tls):
-    days = "-1"
-
-    def test_is_refused(self):
-        self.tries("--cafile", self.folder / "ca.pem").says(
-            "its certificate is not accepted: certificate has expired")
-
-
-class TlsOfAnotherHost(Tls):
-    host = "127.0.0.2"
-
-    def test_is_refused(self):
-        self.tries("--cafile", self.folder / "ca.pem").says(
-            "cannot connect to the broker: Error: host name verification failed.")
-
-
-class TlsWithClientCertificates(Tls):
-    client = "true"
-
-    def test_takes_one(self):
+    def test_has_a_certificate_of_its_own(self):
+        self.serve(client="true")
         trusted = ("--cafile", self.folder / "ca.pem")
         self.tries(*trusted, "--cert", self.folder / "client.pem", "--key",
                    self.folder / "client.key").says(": connected to the broker")
@@ -163,7 +144,3 @@ class Admission(broker.Case):
         self.assertEqual(self.status(here.name, 0), 0)
         self.assertEqual(self.status(here.name, 1234), 0)
         self.assertEqual(self.status(here.name, 1235), -1)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -2,7 +2,6 @@
 end, callers in every language at the other."""
 
 import contextlib
-import unittest
 
 import broker
 import support
@@ -22,7 +21,7 @@ class Across(broker.Case):
 
     @contextlib.contextmanager
     def serve(self, program, *arguments):
-        with conformance.Program([*program, "serve", self.remote, *arguments]) as service:
+        with conformance.Program(self, [*program, "serve", self.remote, *arguments]) as service:
             support.wait_until(lambda: support.listens(self.name), "opening")
             yield service
         support.wait_until(lambda: not support.listens(self.name), "closing")
@@ -43,7 +42,3 @@ class Pairs(Across, conformance.Pairs):
 
 class Command(Across, conformance.Command):
     pass
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -38,8 +38,7 @@ class MachinesCase(broker.Case):
     """The machines "service" and "callers", each joined to that of the broker."""
 
     def setUp(self):
-        self.machines = {}
-        self.running = {}
+        self.machines, self.running, self.callers = {}, {}, []
         for number, kind in enumerate(("broker", "service", "callers")):
             self.machines[kind] = support.unique_name(kind)
             ip("netns", "add", self.machines[kind])
@@ -62,14 +61,11 @@ class MachinesCase(broker.Case):
         self.within("broker", "link", "set", here, "up")
         self.within(kind, "link", "set", there, "up")
 
-    def address(self, kind):
-        return {"service": "10.77.1.1", "callers": "10.77.2.1"}[kind]
-
     def device(self, kind):
         return f"tvk{os.getpid() % 100000}m{list(self.machines).index(kind)}"
 
     def on(self, kind, *arguments):
-        return broker.Program(self, ["ip", "netns", "exec", self.machines[kind], *arguments])
+        return support.Program(self, ["ip", "netns", "exec", self.machines[kind], *arguments])
 
     def ask(self, kind, *arguments):
         return subprocess.run(["ip", "netns", "exec", self.machines[kind],
@@ -82,32 +78,22 @@ class MachinesCase(broker.Case):
             "listener 1883 0.0.0.0\nallow_anonymous true\nuser root\n")
         self.start("broker")
 
-    # Each part of the way is started in the same manner, again and again.
-
     def start(self, part):
-        self.running[part] = getattr(self, "start_" + part.replace(" ", "_") + "_process")()
-
-    def start_broker_process(self):
-        return self.on("broker", broker.BROKER, "-c", self.folder / "broker.conf")
-
-    def start_service_process(self):
-        return self.on("service", sys.executable, support.SOURCE / "tests/mqtt/lamp.py", "lamp",
-                       self.folder / "carried")
-
-    def start_export_process(self):
-        return self.on("service", os.environ["TOVIK_MQTT"], "--broker", self.address("service"),
-                       "--prefix", "site", "--keepalive", "5", "lamp")
-
-    def start_import_process(self):
-        return self.on("callers", os.environ["TOVIK_MQTT"], "--broker", self.address("callers"),
-                       "--import", "lamp=site/lamp", "--keepalive", "5", "--timeout", "3")
-
-    def start_caller_process(self):
-        self.first = getattr(self, "first", -10**6) + 10**6
-        self.callers = [*getattr(self, "callers", []),
-                        self.on("callers", sys.executable, support.SOURCE / "tests/mqtt/caller.py",
-                                "lamp", str(self.first))]
-        return self.callers[-1]
+        """Starts a part of the way, in the same manner again and again."""
+        tests, bridge = support.SOURCE / "tests/mqtt", os.environ["TOVIK_MQTT"]
+        machine, *command = {
+            "broker": ("broker", broker.BROKER, "-c", self.folder / "broker.conf"),
+            "service": ("service", sys.executable, tests / "lamp.py", "lamp",
+                        self.folder / "carried"),
+            "export": ("service", bridge, "--broker", "10.77.1.1", "--prefix", "site",
+                       "--keepalive", "5", "lamp"),
+            "import": ("callers", bridge, "--broker", "10.77.2.1", "--import", "lamp=site/lamp",
+                       "--keepalive", "5", "--timeout", "3"),
+            "caller": ("callers", sys.executable, tests / "caller.py", "lamp",
+                       str(len(self.callers) * 10**6))}[part]
+        self.running[part] = self.on(machine, *command)
+        if part == "caller":
+            self.callers.append(self.running[part])
 
     def start_all(self):
         for part in ("service", "export", "import"):
@@ -152,11 +138,11 @@ class Faults(MachinesCase):
         self.within(part, "link", "set", self.device(part), "up")
 
     def ended(self):
-        return sum(len(TOTAL.findall(caller.log_of_output())) for caller in self.callers)
+        return sum(len(TOTAL.findall(caller.text())) for caller in self.callers)
 
     def succeeded(self):
         return sum(status == "0" for caller in self.callers
-                   for _, status in TOTAL.findall(caller.log_of_output()))
+                   for _, status in TOTAL.findall(caller.text()))
 
     def lose_packets(self):
         for kind in ("service", "callers"):
@@ -194,7 +180,7 @@ class Faults(MachinesCase):
         carried = collections.Counter((self.folder / "carried").read_text().split())
         self.assertEqual([value for value, times in carried.items() if times > 1], [])
         for caller in self.callers:
-            output = caller.log_of_output()
+            output = caller.text()
             made = re.findall(r"made (\d+)", output)
             ended = [value for value, _ in TOTAL.findall(output)]
             self.assertEqual(len(ended), len(set(ended)))
@@ -228,7 +214,3 @@ class Faults(MachinesCase):
         support.wait_until(lambda: self.succeeded() > 50, limit=90)
         self.running["caller"].kill(signal.SIGTERM)
         self.check_calls()
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -176,7 +176,3 @@ class LargePackets(broker.Case):
         self.publish(lamp.base + "/call/echo", "x" * 50000)
         lamp.bridge.says("not 50000")
         self.assertNotIn("not 100000", lamp.bridge.log())
-
-
-if __name__ == "__main__":
-    unittest.main()

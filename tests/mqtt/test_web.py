@@ -73,8 +73,8 @@ class Browser:
 class Page(unittest.TestCase):
     def start(self):
         """A broker's port with two free ones behind it, as the script wants them."""
-        self.script = broker.Program(self, [support.SOURCE / "examples/web/run",
-                                             broker.free_port()],
+        self.script = support.Program(self, [support.SOURCE / "examples/web/run",
+                                             str(broker.free_port())],
                                       env={**os.environ, "BUILD": os.environ["TOVIK_BUILD"]},
                                       start_new_session=True)
         self.addCleanup(self.script.kill, signal.SIGTERM)
@@ -111,7 +111,3 @@ class Page(unittest.TestCase):
             return self.page.evaluates("typeof mqtt") == "object" and self.page.evaluates(
                 "document.getElementById('status') !== null")
         return opened
-
-
-if __name__ == "__main__":
-    unittest.main()

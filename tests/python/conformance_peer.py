@@ -45,8 +45,6 @@ def add_commands(service):
 
     service.command("echo", "Gives back a value.", value=anything)(lambda request: request["value"])
     service.command("long", "Gives a text that no record holds.")(lambda request: "x" * 5000)
-    service.command("switch", "Does nothing.",
-                    on=tovik.Argument(bool, "On or off."))(lambda request: None)
 
 
 def add_held(service):
@@ -82,6 +80,8 @@ async def serve(name):
     add_commands(service)
     add_held(service)
     add_topics(service)
+    service.command("switch", "Does nothing.",
+                    on=tovik.Argument(bool, "On or off."))(lambda request: None)
     async with service:
         await asyncio.Event().wait()
 

@@ -2,13 +2,16 @@
 environment."""
 
 import asyncio
+import contextlib
 import json
 import itertools
 import os
 import pathlib
+import signal
 import socket
 import subprocess
 import sys
+import tempfile
 import time
 import unittest
 
@@ -31,7 +34,7 @@ def wait_until(condition, what="it", limit=DEADLINE):
     deadline = time.monotonic() + limit
     while not condition():
         if time.monotonic() > deadline:
-            raise AssertionError(f"{what} did not happen in time")
+            raise AssertionError(f"{what() if callable(what) else what} did not happen in time")
         time.sleep(0.002)
 
 
@@ -50,6 +53,76 @@ def listener(name):
     server.bind(tovik.address(name))
     server.listen()
     return server
+
+
+class Program:
+    """A process whose output is read from files, so that it never waits for its reader. It ends
+    with its case."""
+
+    def __init__(self, case, arguments, **options):
+        self.arguments = [os.fspath(argument) for argument in arguments]
+        self.output, self.errors = tempfile.TemporaryFile(), tempfile.TemporaryFile()
+        self.process = subprocess.Popen(self.arguments, **{
+            "stdin": subprocess.DEVNULL, "stdout": self.output, "stderr": self.errors, **options})
+        case.addCleanup(self.clean_up)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.kill()
+
+    def clean_up(self):
+        self.close_input()
+        self.kill()
+        self.output.close()
+        self.errors.close()
+
+    @staticmethod
+    def content(file):
+        return os.pread(file.fileno(), 1 << 24, 0)
+
+    def text(self):
+        return self.content(self.output).decode(errors="replace")
+
+    def lines(self):
+        return self.text().splitlines()
+
+    def log(self):
+        return self.content(self.errors).decode(errors="replace")
+
+    def says(self, text, times=1):
+        """Waits until the program has written this, wherever."""
+        def said():
+            return (self.text() + self.log()).count(text) >= times
+        wait_until(lambda: said() or self.process.poll() is not None,
+                   lambda: f"{text!r} of {self.arguments}, after {self.text()} {self.log()}")
+        if not said():
+            raise AssertionError(f"{text!r} is not in {self.text()} {self.log()}")
+        return self
+
+    def prints(self, count):
+        """The first lines of its output, once there are that many."""
+        wait_until(lambda: self.text().count("\n") >= count or self.process.poll() is not None,
+                   lambda: f"line {count} after {self.lines()}")
+        if len(self.lines()) < count:
+            raise AssertionError(f"it ended after {self.lines()} {self.log()}")
+        return self.lines()[:count]
+
+    def write(self, data):
+        self.process.stdin.write(data)
+        self.process.stdin.flush()
+
+    def close_input(self):
+        if self.process.stdin is not None:
+            with contextlib.suppress(BrokenPipeError):
+                self.process.stdin.close()
+
+    def kill(self, number=signal.SIGKILL):
+        """Ends it; the exit status."""
+        if self.process.poll() is None:
+            self.process.send_signal(number)
+        return self.process.wait(DEADLINE)
 
 
 class AsyncCase(unittest.IsolatedAsyncioTestCase):
@@ -81,27 +154,9 @@ class HostmonCase(unittest.TestCase):
     """With the example service hostmon, which is this system's own C++ code."""
 
     def start(self, *arguments):
-        process = subprocess.Popen([os.environ["HOSTMON"], *arguments], stdout=subprocess.PIPE,
-                                   stderr=subprocess.STDOUT, text=True)
-        self.addCleanup(process.stdout.close)
-        self.addCleanup(self.stop, process)
-        return process
-
-    @staticmethod
-    def stop(process):
-        process.terminate()
-        return process.wait(DEADLINE)
+        return Program(self, [os.environ["HOSTMON"], *arguments])
 
     def serve(self, name):
-        process = self.start("serve", name)
+        program = self.start("serve", name)
         wait_until(lambda: listens(name))
-        return process
-
-    def lines_until(self, process, start):
-        """The lines a process prints, up to the first that starts so."""
-        lines = []
-        for line in process.stdout:
-            lines.append(line.rstrip("\n"))
-            if line.startswith(start):
-                return lines
-        raise AssertionError(f"no line starts with {start!r}: {lines}")
+        return program

@@ -46,9 +46,10 @@ class Case(support.AsyncCase):
         self.addCleanup(watch.__exit__, None, None, None)
         return logs
 
-    async def connected(self, client):
-        """Enters the client until the test's end; returns it once the server has accepted it."""
-        await self.enterAsyncContext(client)
+    async def connected(self, **options):
+        """A client until the test's end, once the server, which starts here, has accepted it."""
+        self.start()
+        client = await self.enterAsyncContext(self.client(**options))
         await self.within(client.wait_connected())
         await self.until(lambda: self.judged)
         return client
@@ -64,48 +65,30 @@ class Case(support.AsyncCase):
 
 class AsyncClient(Case):
     async def test_gets_the_status_of_each_call(self):
-        self.start()
-        async with self.client() as client:
-            await self.within(client.wait_connected())
-            for status in (0, 3, 2147483647):
-                self.assertEqual(await self.within(client.call({"answer": status})), status)
+        client = await self.connected()
+        for status in (0, 3, 2147483647):
+            self.assertEqual(await self.within(client.call({"answer": status})), status)
 
     async def test_makes_calls_of_several_tasks_one_after_the_other(self):
-        self.start()
-        async with self.client() as client:
-            await self.within(client.wait_connected())
-            calls = [client.call({"answer": status}) for status in range(50)]
-            self.assertEqual(await self.within(asyncio.gather(*calls)), list(range(50)))
-
-    async def test_keeps_what_several_tasks_send_to_a_server_that_does_not_read(self):
-        self.start()
-        async with self.client() as client:
-            await self.within(client.wait_connected())
-            with self.server._lock:  # which stops the server
-                sends = await self.fill(client)
-            await self.within(asyncio.gather(*sends))
-            await self.until(lambda: len(self.server.received) == 300)
-        self.assertEqual([message["n"] for message in self.server.received], list(range(300)))
+        client = await self.connected()
+        calls = [client.call({"answer": status}) for status in range(50)]
+        self.assertEqual(await self.within(asyncio.gather(*calls)), list(range(50)))
 
     async def test_yields_messages_that_are_no_answer_to_a_call(self):
-        self.start()
-        async with self.client() as client:
-            await self.within(client.wait_connected())
-            await client.send({"answer": {"load": 0.5}})
-            self.assertEqual(await self.within(client.__aiter__().__anext__()), {"load": 0.5})
+        client = await self.connected()
+        await client.send({"answer": {"load": 0.5}})
+        self.assertEqual(await self.within(client.__aiter__().__anext__()), {"load": 0.5})
 
     async def test_subscribes_and_yields_notifications(self):
-        self.start()
-        async with self.client(subscribe=True) as client:
-            await self.within(client.wait_connected())
-            await self.until(lambda: self.server.subscribers == 1)
-            self.server.notify({"n": 1})
-            self.server.notify({"n": 2})
-            messages = client.__aiter__()
-            self.assertEqual(await self.within(messages.__anext__()), {"n": 1})
-            self.assertEqual(await self.within(messages.__anext__()), {"n": 2})
-            with self.assertRaisesRegex(tovik.ProtocolError, "another client"):
-                await client.call({"a": 1})
+        client = await self.connected(subscribe=True)
+        await self.until(lambda: self.server.subscribers == 1)
+        for n in (1, 2):
+            self.server.notify({"n": n})
+        messages = client.__aiter__()
+        for n in (1, 2):
+            self.assertEqual(await self.within(messages.__anext__()), {"n": n})
+        with self.assertRaisesRegex(tovik.ProtocolError, "another client"):
+            await client.call({"a": 1})
 
     async def test_waits_for_a_server_that_comes_later(self):
         logs = self.logged()
@@ -157,38 +140,24 @@ class AsyncClient(Case):
             await self.within(client.wait_connected())
 
     async def test_fails_a_call_whose_connection_is_lost_and_does_not_repeat_it(self):
-        self.start()
         self.handler = lambda message: self.server.disconnect()
-        async with self.client() as client:
-            await self.within(client.wait_connected())
-            with self.assertRaises(tovik.ConnectionLost):
-                await self.within(client.call({"a": 1}))
-            await self.within(client.wait_connected())
-            self.handler = lambda message: 6
-            self.assertEqual(await self.within(client.call({"b": 1})), 6)
+        client = await self.connected()
+        with self.assertRaises(tovik.ConnectionLost):
+            await self.within(client.call({"a": 1}))
+        await self.within(client.wait_connected())
+        self.handler = lambda message: 6
+        self.assertEqual(await self.within(client.call({"b": 1})), 6)
         self.assertEqual(self.server.received, [{"a": 1}, {"b": 1}])
 
     async def test_takes_no_late_answer_for_the_next_one(self):
-        self.start()
         self.handler = lambda message: message.get("answer")
-        async with self.client() as client:
-            await self.within(client.wait_connected())
-            with self.assertRaises(asyncio.TimeoutError):
-                await asyncio.wait_for(client.call({"a": 1}), 0.02)
-            await self.within(client.wait_connected())
-            self.assertEqual(await self.within(client.call({"answer": 2})), 2)
-
-    async def test_connects_anew_after_an_answer_that_is_no_reply(self):
-        self.start()
-        async with self.client() as client:
-            await self.within(client.wait_connected())
-            with self.assertRaises(tovik.ProtocolError):
-                await self.within(client.call({"answer": {"type": "Reply"}}))
-            await self.within(client.wait_connected())
-            self.assertEqual(await self.within(client.call({"answer": 2})), 2)
+        client = await self.connected()
+        with self.assertRaises(asyncio.TimeoutError):
+            await asyncio.wait_for(client.call({"a": 1}), 0.02)
+        await self.within(client.wait_connected())
+        self.assertEqual(await self.within(client.call({"answer": 2})), 2)
 
     async def test_goes_on_when_its_callbacks_raise(self):
-        self.start()
         reported = []
         asyncio.get_running_loop().set_exception_handler(
             lambda loop, context: reported.append(context["exception"]))
@@ -196,9 +165,8 @@ class AsyncClient(Case):
         def fail():
             raise RuntimeError("mine")
 
-        async with self.client(on_connect=fail) as client:
-            await self.within(client.wait_connected())
-            self.assertEqual(await self.within(client.call({"answer": 1})), 1)
+        client = await self.connected(on_connect=fail)
+        self.assertEqual(await self.within(client.call({"answer": 1})), 1)
         self.assertEqual([str(error) for error in reported], ["mine"])
 
     async def test_waits_for_room_in_the_backlog(self):
@@ -251,15 +219,13 @@ class AsyncClient(Case):
         self.check_one_warning(logs, "does not admit")
 
     async def test_takes_the_end_of_a_connection_that_was_used_for_no_refusal(self):
-        self.start()
         logs = self.logged()
-        async with self.client() as client:
-            await self.within(client.wait_connected())
+        client = await self.connected()
+        await self.within(client.call({"a": 1}))
+        self.handler = lambda message: self.server.disconnect()
+        with self.assertRaises(tovik.ConnectionLost) as caught:
             await self.within(client.call({"a": 1}))
-            self.handler = lambda message: self.server.disconnect()
-            with self.assertRaises(tovik.ConnectionLost) as caught:
-                await self.within(client.call({"a": 1}))
-            self.assertNotIsInstance(caught.exception, tovik.Refused)
+        self.assertNotIsInstance(caught.exception, tovik.Refused)
         self.assertEqual([line for line in logs.output if line.startswith("WARNING")], [])
 
     def check_one_warning(self, logs, text):
@@ -282,9 +248,8 @@ GARBAGE = (b"[1,2]", b"7", b"{", b"\xff", b"{}".ljust(4095), b"x" * 5000)
 
 class AsyncClientInTrouble(Case):
     async def test_logs_a_record_that_is_no_message_and_keeps_its_subscription(self):
-        self.start()
         logs, losses = self.logged(), []
-        client = await self.connected(self.client(subscribe=True, on_loss=lambda: losses.append(1)))
+        client = await self.connected(subscribe=True, on_loss=lambda: losses.append(1))
         await self.until(lambda: self.server.subscribers == 1)
         for record in GARBAGE:
             self.server.send_raw(record)
@@ -295,9 +260,8 @@ class AsyncClientInTrouble(Case):
         self.assertEqual(losses, [])
 
     async def test_ends_a_call_whose_answer_is_no_message(self):
-        self.start()
-        client = await self.connected(self.client())
-        for record in GARBAGE:
+        client = await self.connected()
+        for record in (*GARBAGE, b'{"type":"Reply"}'):
             self.handler = lambda message, record=record: self.server.send_raw(record)
             await self.within(client.wait_connected())
             with self.assertRaises(tovik.ProtocolError):
@@ -307,9 +271,8 @@ class AsyncClientInTrouble(Case):
         self.assertEqual(await self.within(client.call({})), 3)
 
     async def test_goes_on_sending_after_garbage_that_comes_while_a_send_waits(self):
-        self.start()
         logs = self.logged()
-        client = await self.connected(self.client())
+        client = await self.connected()
         with self.server._lock:
             sends = await self.fill(client)
             for record in GARBAGE:
@@ -317,10 +280,10 @@ class AsyncClientInTrouble(Case):
             await self.until(lambda: len(logs.output) >= 1 + len(GARBAGE))
         await self.within(asyncio.gather(*sends))
         await self.until(lambda: len(self.server.received) == 300)
+        self.assertEqual([message["n"] for message in self.server.received], list(range(300)))
 
     async def test_fails_the_sends_that_wait_when_the_connection_is_lost_and_then_goes_on(self):
-        self.start()
-        client = await self.connected(self.client())
+        client = await self.connected()
         with self.server._lock:
             sends = await self.fill(client)
             self.server.disconnect()
@@ -330,9 +293,8 @@ class AsyncClientInTrouble(Case):
         self.assertEqual(await self.within(client.call({"answer": 7})), 7)
 
     async def test_sends_nothing_of_a_send_or_a_call_that_was_cancelled_while_it_waited(self):
-        self.start()
         losses = []
-        client = await self.connected(self.client(on_loss=lambda: losses.append(1)))
+        client = await self.connected(on_loss=lambda: losses.append(1))
         with self.server._lock:
             sends = await self.fill(client)
             call = asyncio.ensure_future(client.call({"cancelled": "call"}))
@@ -349,9 +311,8 @@ class AsyncClientInTrouble(Case):
         self.assertEqual(losses, [])
 
     async def test_takes_no_message_for_the_answer_to_a_call_that_is_not_sent_yet(self):
-        self.start()
         self.handler = lambda message: message.get("answer")
-        client = await self.connected(self.client())
+        client = await self.connected()
         with self.server._lock:
             sends = await self.fill(client)
             call = asyncio.ensure_future(client.call({"answer": 5}))
@@ -361,9 +322,8 @@ class AsyncClientInTrouble(Case):
         await self.within(asyncio.gather(*sends))
 
     async def test_keeps_its_connection_when_the_message_of_a_call_cannot_be_sent(self):
-        self.start()
         losses = []
-        client = await self.connected(self.client(on_loss=lambda: losses.append(1)))
+        client = await self.connected(on_loss=lambda: losses.append(1))
         nested = {}
         for _ in range(10000):
             nested = {"a": nested}
@@ -376,9 +336,8 @@ class AsyncClientInTrouble(Case):
         self.assertEqual(losses, [])
 
     async def test_gives_up_a_call_alone_while_another_waits_for_its_turn(self):
-        self.start()
         self.handler = lambda message: message.get("answer")
-        client = await self.connected(self.client())
+        client = await self.connected()
         first = asyncio.ensure_future(client.call({"first": 1}))
         second = asyncio.ensure_future(client.call({"answer": 2}))
         await self.until(lambda: self.server.received)

@@ -12,7 +12,6 @@ import socket
 import subprocess
 import sys
 import tempfile
-import threading
 import unittest
 
 import support
@@ -43,26 +42,25 @@ def raw_bytes(step):
     return step["raw"].encode() * step.get("times", 1)
 
 
-class Program:
-    """A peer as a process, and what it prints."""
+class Program(support.Program):
+    """A peer, and what it prints."""
 
-    def __init__(self, command):
-        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                        stderr=subprocess.DEVNULL)
-        self.guard = threading.Timer(3 * support.DEADLINE, self.process.kill)
-        self.guard.start()
+    def __init__(self, case, command):
+        super().__init__(case, command, stdin=subprocess.PIPE)
+        self.read = 0
         self.outcomes = collections.defaultdict(collections.deque)
         self.events = collections.deque()
 
     def tell(self, line):
-        self.process.stdin.write(json.dumps(line).encode() + b"\n")
-        self.process.stdin.flush()
+        self.write(json.dumps(line).encode() + b"\n")
+
+    def line(self):
+        self.read += 1
+        return json.loads(self.prints(self.read)[-1])
 
     def next_of(self, queue):
         while not queue:
-            line = self.process.stdout.readline()
-            assert line, "nothing more is printed"
-            self.note(json.loads(line))
+            self.note(self.line())
         return queue.popleft()
 
     def note(self, line):
@@ -76,21 +74,11 @@ class Program:
 
     def rest(self):
         """What else it prints until it ends."""
-        self.process.stdin.close()
-        for line in self.process.stdout:
+        self.close_input()
+        assert self.process.wait(support.DEADLINE) == 0
+        for line in self.lines()[self.read:]:
             self.note(json.loads(line))
-        assert self.process.wait() == 0
         return [*self.events, *(rest for queue in self.outcomes.values() for rest in queue)]
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.guard.cancel()
-        self.process.kill()
-        self.process.wait()
-        self.process.stdout.close()
-        self.process.stdin.close()
 
 
 class Case(unittest.TestCase):
@@ -98,7 +86,7 @@ class Case(unittest.TestCase):
         self.name = support.unique_name()
 
     def serve(self, program, *arguments):
-        service = Program([*program, "serve", self.name, *arguments])
+        service = Program(self, [*program, "serve", self.name, *arguments])
         support.wait_until(lambda: support.listens(self.name))
         return service
 
@@ -142,11 +130,12 @@ class Services(Case):
             client.send(json.dumps(step["send"]).encode())
         elif "raw" in step:
             client.send(raw_bytes(step))
-        elif "receive" in step:
-            self.expect(step["receive"], json.loads(client.recv(5000)))
-        else:
-            self.assertTrue(step["end"])
+        elif "end" in step:
             self.assertEqual(client.recv(5000), b"")
+        awaited = step.get("receive") or "fails" in step and {
+            "type": "reply", "status": step["fails"], "error": "?"}
+        if awaited:
+            self.expect(awaited, json.loads(client.recv(5000)))
 
     def test_describe_themselves_alike(self):
         for language, peer in PEERS.items():
@@ -172,7 +161,7 @@ class Callers(Case):
     def run_case(self, case, command):
         ids = {}
         with support.listener(self.name) as self.listener, \
-                Program([*command, self.name]) as caller:
+                Program(self, [*command, self.name]) as caller:
             self.listener.settimeout(support.DEADLINE)
             for step in case["steps"]:
                 self.run_step(step, step.get("as", ""), caller, ids)
@@ -207,7 +196,7 @@ class Pairs(Case):
     def call_from_all(self, rows):
         for language, peer in PEERS.items():
             for role in ("proxy", "call", "client"):
-                with Program([*peer, role, self.name]) as caller:
+                with Program(self, [*peer, role, self.name]) as caller:
                     for row in rows:
                         with self.subTest(call=row["call"], caller=language, role=role):
                             caller.tell({"call": row["call"]})
@@ -275,7 +264,7 @@ class Command(Pairs):
         for language, peer in PEERS.items():
             self.setUp()
             monitor = [os.environ["TOVIK"], "monitor", self.name, "--topic", "state"]
-            with self.subTest(service=language), Program(monitor) as tool:
+            with self.subTest(service=language), Program(self, monitor) as tool:
                 for value in (1, 3):
                     with self.serve(peer):
                         self.ask_for_event("state", value)
@@ -290,7 +279,7 @@ class Command(Pairs):
 
     def event(self, tool):
         """Without its snapshot's mark: the command subscribes before or after it was published."""
-        event = json.loads(tool.process.stdout.readline())
+        event = tool.line()
         self.assertEqual((event.pop("type"), event.pop("topic")), ("event", "state"))
         event.pop("snapshot", None)
         return event

@@ -89,46 +89,42 @@ class ServerAndFollower(Client):
     LINES = 80
     PROGRAMS = ("client", "follow", "serve")
 
-    @contextlib.contextmanager
     def running(self, program):
-        process = subprocess.Popen([*self.commands[program], self.name], text=True,
-                                   stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                   stderr=subprocess.DEVNULL)
-        try:
-            yield process
-        finally:
-            process.kill()
-            process.communicate()
+        return support.Program(self, [*self.commands[program], self.name])
 
     def test_serves_many_clients(self):
-        with self.running("serve") as process, contextlib.ExitStack() as stack:
-            support.wait_until(lambda: support.listens(self.name))
+        server = self.running("serve")
+        support.wait_until(lambda: support.listens(self.name))
+        with contextlib.ExitStack() as stack:
             clients = [stack.enter_context(tovik.Client(self.name, timeout=support.DEADLINE))
                        for _ in range(20)]
+            expected = []
             for turn in range(3):
                 for n, client in enumerate(clients):
                     self.assertEqual(client.call({"n": n, "turn": turn}), 0)
-                    self.assertEqual(process.stdout.readline(), f'{{"n":{n},"turn":{turn}}}\n')
+                    expected.append(f'{{"n":{n},"turn":{turn}}}')
+            self.assertEqual(server.prints(60), expected)
             for client in clients[::2]:
                 client.close()
             self.assertEqual(self.run_sample('{"last":1}'), (True, REPLY))
 
     @unittest.skipIf(os.geteuid() != 0, "takes another user")
     def test_serves_nobody_of_another_user(self):
-        with self.running("serve") as process:
-            support.wait_until(lambda: support.listens(self.name))
-            self.assertEqual(self.run_sample('{"n":1}', user=NOBODY), (False, ""))
-            self.assertEqual(self.run_sample('{"n":2}'), (True, REPLY))
-            self.assertEqual(process.stdout.readline(), '{"n":2}\n')
+        server = self.running("serve")
+        support.wait_until(lambda: support.listens(self.name))
+        self.assertEqual(self.run_sample('{"n":1}', user=NOBODY), (False, ""))
+        self.assertEqual(self.run_sample('{"n":2}'), (True, REPLY))
+        self.assertEqual(server.prints(1), ['{"n":2}'])
 
     def test_follows_across_losses(self):
-        with self.running("follow") as process:
-            for turn in range(2):
-                with tovik.testing.Server(self.name) as server:
-                    support.wait_until(lambda: server.subscribers == 1)
-                    for n in range(3):
-                        server.notify({"turn": turn, "n": n})
-                        self.assertEqual(process.stdout.readline(), f'{{"turn":{turn},"n":{n}}}\n')
+        follower, expected = self.running("follow"), []
+        for turn in range(2):
+            with tovik.testing.Server(self.name) as server:
+                support.wait_until(lambda: server.subscribers == 1)
+                for n in range(3):
+                    server.notify({"turn": turn, "n": n})
+                    expected.append(f'{{"turn":{turn},"n":{n}}}')
+                self.assertEqual(follower.prints(len(expected)), expected)
 
 
 class C(ServerAndFollower, support.HostmonCase):

@@ -12,13 +12,9 @@ import tovik
 class LoopExample(unittest.TestCase):
     def setUp(self):
         self.name = support.unique_name()
-        self.process = subprocess.Popen([os.environ["LOOP"], self.name], stdin=subprocess.PIPE,
-                                        stdout=subprocess.PIPE, text=True)
-        self.addCleanup(self.process.wait)
-        self.addCleanup(self.process.kill)
-        self.addCleanup(self.process.stdin.close)
-        self.addCleanup(self.process.stdout.close)
-        self.assertEqual(self.process.stdout.readline(), "ready\n")
+        self.program = support.Program(self, [os.environ["LOOP"], self.name],
+                                       stdin=subprocess.PIPE)
+        self.program.says("ready\n")
         self.by_typing = "poll" in pathlib.Path(os.environ["LOOP"]).name
 
     def client(self):
@@ -28,7 +24,7 @@ class LoopExample(unittest.TestCase):
 
     def end(self):
         if self.by_typing:
-            self.process.stdin.close()
+            self.program.close_input()
         else:
             self.assertEqual(self.client().call({"stop": True}), 0)
 
@@ -37,11 +33,10 @@ class LoopExample(unittest.TestCase):
         subscriber = self.client()
         subscriber.subscribe()
         if self.by_typing:
-            self.process.stdin.write("hello\n")
-            self.process.stdin.flush()
+            self.program.write(b"hello\n")
             self.assertEqual(subscriber.receive(), {"typed": "hello\n"})
         else:
             self.assertEqual([subscriber.receive(), subscriber.receive()], [{"tick": True}] * 2)
         self.end()
-        self.assertEqual(self.process.stdout.readline(), "done\n")
-        self.assertEqual(self.process.wait(support.DEADLINE), 0)
+        self.assertEqual(self.program.process.wait(support.DEADLINE), 0)
+        self.assertEqual(self.program.lines(), ["ready", "done"])

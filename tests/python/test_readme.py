@@ -1,7 +1,6 @@
 """The examples of the package's README, run as they stand."""
 
 import re
-import subprocess
 import sys
 import unittest
 
@@ -21,29 +20,29 @@ class Readme(unittest.TestCase):
 
     def start(self, text):
         path = f"import sys; sys.path.insert(0, {sys.path[0]!r})\n"
-        process = subprocess.Popen([sys.executable, "-B", "-u", "-c", path + text], text=True,
-                                   stdout=subprocess.PIPE)
-        self.addCleanup(process.stdout.close)
-        self.addCleanup(process.wait)
-        self.addCleanup(process.kill)
-        return process
+        return support.Program(self, [sys.executable, "-B", "-u", "-c", path + text])
+
+    def ended(self, text):
+        """What that prints, to its end."""
+        program = self.start(text)
+        self.assertEqual(program.process.wait(support.DEADLINE), 0, program.log())
+        return program.text()
 
     def test_blocking_client_prints_the_status(self):
         with tovik.testing.Server(self.name, lambda message: message["add"]):
-            output, _errors = self.start(self.blocking).communicate(timeout=support.DEADLINE)
-        self.assertEqual(output, "5\n")
+            self.assertEqual(self.ended(self.blocking), "5\n")
 
     def test_batch_is_handled_as_a_whole(self):
         with tovik.testing.Server(self.name) as server:
-            self.assertEqual(self.start(self.batch).wait(support.DEADLINE), 0)
+            self.ended(self.batch)
         self.assertEqual(server.received, [{"add": n} for n in range(100)])
 
     def test_asyncio_client_prints_notifications(self):
         with tovik.testing.Server(self.name) as server:
-            process = self.start(self.asynchronous)
+            program = self.start(self.asynchronous)
             support.wait_until(lambda: server.subscribers == 1)
             server.notify({"total": 5})
-            self.assertEqual(process.stdout.readline(), "{'total': 5}\n")
+            program.says("{'total': 5}\n")
 
     def test_plain_server_answers_and_notifies(self):
         self.start(self.plain)
@@ -55,7 +54,7 @@ class Readme(unittest.TestCase):
             self.assertEqual(follower.receive(), {"total": 5})
 
     def test_admission_is_made_of_rules(self):
-        self.assertEqual(self.start(self.admitted).wait(support.DEADLINE), 0)
+        self.ended(self.admitted)
 
     def test_service_answers_with_a_value(self):
         self.start(self.service)
@@ -68,10 +67,9 @@ class Readme(unittest.TestCase):
     def test_proxy_prints_events_and_results(self):
         self.start(self.service)
         support.wait_until(lambda: support.listens(self.name))
-        output, _errors = self.start(self.proxy).communicate(timeout=support.DEADLINE)
+        output = self.ended(self.proxy)
         self.assertIn("'snapshot': True, 'total': 0}\n", output)
         self.assertIn("\n5\n", output)
 
     def test_server_for_tests_passes_its_own_test(self):
-        process = self.start(self.server)
-        self.assertEqual(process.wait(support.DEADLINE), 0)
+        self.ended(self.server)

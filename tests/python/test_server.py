@@ -14,6 +14,10 @@ def status(number):
     return {"type": "reply", "status": number}
 
 
+async def hang(client, message):
+    await asyncio.Event().wait()
+
+
 class Case(support.AsyncCase):
     def setUp(self):
         self.name = support.unique_name()
@@ -104,26 +108,8 @@ class Server(Case):
         with self.assertRaises(tovik.TooLong):
             session.send({"x": "x" * 5000})
 
-    async def test_serves_this_package_s_clients(self):
-        server = await self.serve()
-        loop = asyncio.get_running_loop()
-
-        def call():
-            with tovik.Client(self.name, timeout=support.DEADLINE) as client:
-                return client.call({"answer": 7})
-
-        self.assertEqual(await loop.run_in_executor(None, call), 7)
-        async with tovik.AsyncClient(self.name, subscribe=True) as client:
-            await self.within(client.wait_connected())
-            await self.until(lambda: any(each.subscribed for each in server.sessions))
-            server.notify({"n": 1})
-            self.assertEqual(await self.within(client.__aiter__().__anext__()), {"n": 1})
-
     async def test_frees_its_name_and_everything_else_at_its_end(self):
         before = set(os.listdir("/proc/self/fd"))
-
-        async def hang(client, message):
-            await asyncio.Event().wait()
 
         for _ in range(2):
             async with tovik.Server(self.name, tovik.admission.same_user(), hang) as server:
@@ -274,9 +260,6 @@ class ServerInTrouble(Case):
             self.assertLessEqual(sum(each.queued[1] for each in server.sessions), 10000)
 
     async def test_ends_a_client_that_does_not_wait_for_its_answers(self):
-        async def hang(client, message):
-            await asyncio.Event().wait()
-
         server = await self.serve(hang, unanswered=10)
         with self.assertLogs("tovik", "INFO") as logs:
             peer = self.peer()

@@ -1,5 +1,5 @@
 """The service for asyncio: what handlers and clients may do to it. test_conformance has what goes
-over the wire."""
+over the wire, and test_server what every server does with its sessions and its name."""
 
 import asyncio
 import json
@@ -22,12 +22,6 @@ class Case(support.AsyncCase):
         return await self.enterAsyncContext(service)
 
     def add_commands(self, service):
-        integer = tovik.Argument(int, "A number.")
-
-        @service.command("add", "Adds.", a=integer, b=integer)
-        def add(request):
-            return request["a"] + request["b"]
-
         @service.command("wait", "Waits for go.")
         async def wait(request):
             await self.released.wait()
@@ -58,34 +52,6 @@ class Service(Case):
             service.publish("tick", {"n": 1})
             self.assertEqual((await self.receive(peer))["n"], 1)
 
-    async def test_describes_itself_in_parts_that_belong_together(self):
-        service = await self.serve(description="For tests.")
-        for n in range(100):
-            service.topic(f"topic {n}", "x" * 100)
-        with self.peer() as peer:
-            peer.send(b'{"command":"describe","id":1}')
-            parts = [await self.receive(peer)]
-            while parts[-1].get("more"):
-                parts.append(await self.receive(peer))
-        self.assertEqual(parts[0]["result"]["description"], "For tests.")
-        commands = [entry for part in parts for entry in part["result"].get("commands", [])]
-        topics = [entry for part in parts for entry in part["result"].get("topics", [])]
-        self.assertEqual(commands[0], {
-            "name": "add", "description": "Adds.", "arguments": [
-                {"name": name, "type": "integer", "required": True, "description": "A number."}
-                for name in "ab"]})
-        self.assertEqual(len(topics), 102)
-        self.assertIn({"name": "state", "description": "Whether it is on.", "keepsLast": True},
-                      topics)
-
-    async def test_refuses_whom_its_admission_refuses(self):
-        name = support.unique_name()
-        with self.assertLogs("tovik", "WARNING"):
-            async with tovik.Service(name, lambda peer: False):
-                self.name = name
-                with self.peer() as peer:
-                    self.assertIsNone(await self.receive(peer))
-
     async def test_tells_of_clients_that_come_and_go_and_cancels_their_calls(self):
         events, cancelled = [], asyncio.Event()
         service = await self.serve(on_join=lambda session: events.append(session.peer.pid),
@@ -103,19 +69,6 @@ class Service(Case):
         await self.within(cancelled.wait())
         await self.until(lambda: len(events) == 2)
         self.assertEqual(events, [os.getpid(), 1])
-
-    async def test_ends_a_session_that_does_not_read_and_no_other(self):
-        service = await self.serve()
-        with self.peer() as stalled, self.peer() as reader:
-            for peer in (stalled, reader):
-                peer.send(b'{"command":"subscribe","topics":["tick"]}')
-                self.assertEqual((await self.receive(peer))["status"], 0)
-            n = 0
-            while len(service.sessions) == 2:
-                service.publish("tick", {"n": n, "fill": "x" * 3000})
-                self.assertEqual((await self.receive(reader))["n"], n)
-                n += 1
-                self.assertLess(n, 1000)
 
     async def test_keeps_the_latest_event_alone_for_a_session_that_does_not_read(self):
         service = await self.serve()
@@ -135,19 +88,3 @@ class Service(Case):
             for _ in range(20):
                 peer.send(b'{"command":"wait"}')
             await self.until(lambda: not service.sessions)
-
-    async def test_frees_its_name_and_everything_else_at_its_end(self):
-        before = set(os.listdir("/proc/self/fd"))
-        self.name = support.unique_name()
-        for _ in range(2):
-            async with tovik.Service(self.name, lambda peer: True) as service:
-                @service.command("hang", "Waits for ever.")
-                async def hang(request):
-                    await asyncio.Event().wait()
-                with self.assertRaisesRegex(OSError, f"in use: '{self.name}'"):
-                    await tovik.Service(self.name, lambda peer: True).__aenter__()
-                with self.peer() as peer:
-                    peer.send(b'{"command":"hang"}')
-                    await self.until(lambda: any(each.tasks for each in service.sessions))
-        self.assertEqual(set(os.listdir("/proc/self/fd")), before)
-        self.assertEqual(len(asyncio.all_tasks()), 1)

@@ -1,9 +1,8 @@
-// The blocking call.
+// The blocking call, and how it fails. What it gets from services is in conformance.json.
 
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 
-#include <atomic>
 #include <thread>
 
 #include "Api/Service/Proxy.h"
@@ -13,41 +12,8 @@
 namespace {
 
 using namespace std::chrono_literals;
-using testing::HasSubstr;
 using Tovik::object;
 using Tovik::Outcome;
-
-/// Makes the call in a thread while this one serves.
-Outcome callOf(const std::string& name, const Tovik::Message& message) {
-  Outcome outcome;
-  std::atomic<bool> done{false};
-  std::thread caller([&] {
-    outcome = Tovik::call(name, message, 10s);
-    done = true;
-  });
-  EXPECT_TRUE(turnUntil([&done] { return done.load(); }));
-  caller.join();
-  return outcome;
-}
-
-TEST(Call, GetsAResult) {
-  const Lamp lamp;
-  EXPECT_EQ(callOf(lamp.name(), object("command", "add", "a", 1)).get<int>(), 2);
-}
-
-TEST(Call, GetsAllParts) {
-  const Lamp lamp;
-  const auto outcome = callOf(lamp.name(), object("command", "count"));
-  EXPECT_EQ(outcome.earlier.size(), 2U);
-  EXPECT_EQ(outcome.get<int>(), 3);
-}
-
-TEST(Call, GetsAnError) {
-  const Lamp lamp;
-  const auto outcome = callOf(lamp.name(), object("command", "dim"));
-  EXPECT_EQ(outcome.status, 38U);
-  EXPECT_EQ(outcome.error, lamp.name() + ": dim: no command 'dim'");
-}
 
 TEST(Call, IsRefusedWithoutAServer) {
   const std::string name = uniqueName();

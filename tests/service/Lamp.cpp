@@ -8,19 +8,11 @@ using Tovik::object;
 using Tovik::Request;
 using Tovik::required;
 
-Lamp::Lamp(Tovik::ServiceOptions options, std::string name)
-    : name_(std::move(name)), options_(std::move(options)) {
-  restart();
-}
-
-void Lamp::restart() {
-  service_.reset();
+Lamp::Lamp(const Tovik::ServiceOptions& options, std::string name) : name_(std::move(name)) {
   service_ = std::make_unique<Tovik::Service>(
-      name_, [](int, unsigned, unsigned) { return true; }, options_);
+      name_, [](int, unsigned, unsigned) { return true; }, options);
   service_->command("switch", "Switches the lamp.", {required<bool>("on", "On or off.")},
                     [](Request request) { request.reply(); });
-  service_->command("echo", "Gives back a value.", {required<Tovik::Message>("value", "Anything.")},
-                    [](Request request) { request.reply(request.get<Tovik::Message>("value")); });
   service_->command(
       "add", "Adds two numbers.",
       {required<int>("a", "One."), Tovik::optional<int>("b", "The other.")},

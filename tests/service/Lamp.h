@@ -13,13 +13,12 @@
 /// A service with something of everything, and what its clients see of it through raw sockets.
 class Lamp {
  public:
-  explicit Lamp(Tovik::ServiceOptions options = {}, std::string name = uniqueName());
+  explicit Lamp(const Tovik::ServiceOptions& options = {}, std::string name = uniqueName());
 
   Tovik::Service& operator*() { return *service_; }
   Tovik::Service* operator->() { return service_.get(); }
   const std::string& name() const { return name_; }
   void destroy() { service_.reset(); }
-  void restart();
 
   Fd connect() const { return rawConnect(name_); }
 
@@ -35,6 +34,5 @@ class Lamp {
 
  private:
   const std::string name_;
-  const Tovik::ServiceOptions options_;
   std::unique_ptr<Tovik::Service> service_;
 };

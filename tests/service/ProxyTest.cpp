@@ -1,11 +1,11 @@
-// A client of a service: calls, their ends, subscriptions, losses.
+// A client of a service: calls, their ends, subscriptions, losses. What goes over the wire is in
+// conformance.json.
 
 #include "Api/Service/Proxy.h"
 
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 
-#include <cstring>
 #include <stdexcept>
 
 #include "Api/Json/Server.h"
@@ -17,7 +17,6 @@ namespace {
 using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::StartsWith;
 using Tovik::object;
 using Tovik::Outcome;
 
@@ -75,21 +74,6 @@ class ProxyOfAService : public Proxy {
   Lamp lamp_{{}, name_};
 };
 
-TEST_F(ProxyOfAService, GetsAResult) {
-  const auto outcome = ask(object("command", "add", "a", 1, "b", 2));
-  EXPECT_TRUE(outcome);
-  EXPECT_EQ(outcome.end, Outcome::kReply);
-  EXPECT_EQ(outcome.get<int>(), 3);
-  EXPECT_EQ(outcome.error, "");
-}
-
-TEST_F(ProxyOfAService, GetsAnErrorThatNamesServerAndCommand) {
-  const auto outcome = ask(object("command", "refuse"));
-  EXPECT_FALSE(outcome);
-  EXPECT_EQ(outcome.status, 13U);
-  EXPECT_EQ(outcome.error, name_ + ": refuse: not you");
-}
-
 TEST_F(ProxyOfAService, GetsThePartsOneByOne) {
   call(object("command", "count"));
   for (const int part : {1, 2, 3}) {
@@ -99,40 +83,10 @@ TEST_F(ProxyOfAService, GetsThePartsOneByOne) {
   }
 }
 
-TEST_F(ProxyOfAService, GetsThePartsTogetherIfItWants) {
-  proxy_->call(object("command", "count"), 10s, Tovik::collecting([this](Outcome outcome) {
-                 outcomes_.push_back(std::move(outcome));
-               }));
-  const auto outcome = next();
-  EXPECT_EQ(outcome.get<int>(), 3);
-  ASSERT_EQ(outcome.earlier.size(), 2U);
-  EXPECT_EQ(Tovik::get<int>(outcome.earlier[0], "result"), 1);
-}
-
-TEST_F(ProxyOfAService, MatchesAnswersThatComeOutOfOrder) {
-  std::vector<int> order;
-  for (int i = 0; i < 3; ++i) {
-    proxy_->call(object("command", "keep"), 10s, [i, &order](Outcome outcome) {
-      EXPECT_EQ(outcome.get<int>(), i);
-      order.push_back(i);
-    });
-  }
-  ASSERT_TRUE(turnUntil([this] { return lamp_.kept.size() == 3; }));
-  for (const int i : {2, 0, 1}) {
-    lamp_.kept[static_cast<std::size_t>(i)].reply(i);
-  }
-  turnUntil([&order] { return order.size() == 3; });
-  EXPECT_THAT(order, ElementsAre(2, 0, 1));
-}
-
 TEST_F(ProxyOfAService, EndsACallThatTakesTooLong) {
   const auto outcome = ask(object("command", "keep"), 20ms);
   EXPECT_EQ(outcome.end, Outcome::kTimedOut);
-  EXPECT_EQ(outcome.status, 110U);
   EXPECT_EQ(outcome.error, name_ + ": keep: no reply within 0.02 s");
-  ASSERT_TRUE(turnUntil([this] { return !lamp_.kept.empty(); })) << "on a slow machine, later";
-  lamp_.kept[0].reply(1);
-  EXPECT_EQ(ask(object("command", "add", "a", 1)).get<int>(), 2) << "not the late reply";
   EXPECT_TRUE(proxy_->isConnected());
 }
 
@@ -196,40 +150,23 @@ TEST_F(ProxyOfAService, KeepsOtherEndsIfACallbackThrows) {
   EXPECT_EQ(next().end, Outcome::kRefused);
 }
 
-TEST_F(ProxyOfAService, FollowsATopic) {
+TEST_F(ProxyOfAService, FollowsATopicUntilItUnsubscribes) {
+  int events = 0;
+  proxy_->subscribe("state", [&events](const Tovik::Message&) { ++events; });
+  EXPECT_TRUE(ask(object("command", "switch", "on", true)));
   EXPECT_EQ(lamp_->publish("state", object("value", 1)), 0);
-  std::vector<std::string> events;
-  proxy_->subscribe("state", [&events](const Tovik::Message& event) {
-    events.emplace_back(Tovik::Message::toStr(event, false).data());
-  });
-  turnUntil([&events] { return !events.empty(); });
-  EXPECT_EQ(lamp_->publish("state", object("value", 2)), 0);
-  turnUntil([&events] { return events.size() == 2; });
-  EXPECT_THAT(events, ElementsAre(R"({"type":"event","topic":"state","snapshot":true,"value":1})",
-                                  R"({"type":"event","topic":"state","value":2})"));
+  EXPECT_TRUE(turnUntil([&events] { return events == 1; }));
   proxy_->unsubscribe("state");
   EXPECT_TRUE(ask(object("command", "switch", "on", true)));
-  EXPECT_EQ(lamp_->publish("state", object("value", 3)), 0);
+  EXPECT_EQ(lamp_->publish("state", object("value", 2)), 0);
   EXPECT_TRUE(ask(object("command", "switch", "on", true)));
-  EXPECT_EQ(events.size(), 2U);
+  EXPECT_EQ(events, 1);
 }
 
 TEST_F(ProxyOfAService, LearnsThatThereIsNoSuchTopic) {
   proxy_->subscribe("dim", {},
                     [this](Outcome outcome) { outcomes_.push_back(std::move(outcome)); });
   EXPECT_EQ(next().error, name_ + ": subscribe: no topic 'dim'");
-}
-
-TEST_F(ProxyOfAService, FollowsItsTopicsAgainAfterALoss) {
-  int events = 0;
-  int connections = 0;
-  proxy_->subscribe("state", [&events](const Tovik::Message&) { ++events; });
-  proxy_->onConnect([&connections] { ++connections; });
-  lamp_.restart();
-  ASSERT_TRUE(turnUntil([&connections] { return connections == 1; }));
-  EXPECT_TRUE(ask(object("command", "switch", "on", true)));
-  EXPECT_EQ(lamp_->publish("state", object("value", 2)), 0);
-  EXPECT_TRUE(turnUntil([&events] { return events == 1; }));
 }
 
 TEST_F(ProxyOfAService, KnowsItsServer) {

@@ -25,14 +25,10 @@ class Request : public testing::Test {
   Fd client_ = lamp_.connect();
 };
 
-TEST_F(Request, WithoutAnArgumentIsToldWhich) {
-  EXPECT_EQ(ask(R"({"command":"switch"})"),
-            R"({"type":"reply","status":22,"error":"argument 'on' is missing"})");
-}
-
-TEST_F(Request, WithAnArgumentOfTheWrongTypeIsToldWhich) {
-  EXPECT_EQ(ask(R"({"command":"add","a":1.5,"id":1})"),
-            R"({"type":"reply","status":22,"id":1,"error":"argument 'a' is no valid integer"})");
+TEST_F(Request, WithoutAnArgumentOrWithOneOfTheWrongTypeIsToldWhich) {
+  EXPECT_THAT(ask(R"({"command":"switch"})"), HasSubstr(R"("error":"argument 'on' is missing")"));
+  EXPECT_THAT(ask(R"({"command":"add","a":1.5})"),
+              HasSubstr(R"("error":"argument 'a' is no valid integer")"));
   EXPECT_THAT(ask(R"({"command":"add","a":2147483648})"), HasSubstr("'a'"));
   EXPECT_THAT(ask(R"({"command":"add","a":1,"b":"2"})"), HasSubstr("'b'"));
 }
@@ -153,17 +149,6 @@ TEST_F(Request, IsToldWhenItsAnswerIsNoJson) {
   tell(R"({"command":"keep"})");
   EXPECT_FALSE(lamp_.kept[0].reply(std::numeric_limits<double>::quiet_NaN()));
   EXPECT_THAT(next(), HasSubstr(R"("status":22,"error":)"));
-}
-
-TEST_F(Request, ThatIsTooLongIsAnsweredWith90) {
-  const std::string record = R"({"command":"echo","value":")" + std::string(100000, 'x') + "\"}";
-  EXPECT_THAT(ask(record), HasSubstr(R"("status":90)"));
-  const std::string longest = R"({"command":"switch","on":true,"x":")";
-  EXPECT_THAT(ask(longest + std::string(4094 - longest.size() - 2, 'x') + "\"}"),
-              HasSubstr(R"("status":0)"));
-  EXPECT_THAT(ask(longest + std::string(4095 - longest.size() - 2, 'x') + "\"}"),
-              HasSubstr(R"("status":90)"));
-  EXPECT_THAT(ask(R"({"command":"switch","on":true})"), HasSubstr(R"("status":0)"));
 }
 
 }  // namespace

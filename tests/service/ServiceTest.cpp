@@ -1,4 +1,4 @@
-// A service and its sessions.
+// A service and its sessions. What goes over the wire is in conformance.json.
 
 #include "Api/Service/Service.h"
 
@@ -189,19 +189,6 @@ TEST(Service, HasEachCommandAndTopicOnce) {
     EXPECT_THROW(lamp->command(name, "", {}, {}), Kelvo::Exception) << name;
   }
   EXPECT_THROW(lamp->topic("plain", {""}), Kelvo::Exception);
-}
-
-TEST(Service, DescribesItself) {
-  const std::string name = uniqueName();
-  Tovik::Service service(name, admitAll, {"Lights the hall."});
-  service.command("switch", "Switches it.", {Tovik::required<bool>("on", "On or off.")}, {});
-  service.topic("state", {"Whether it is on.", Tovik::Topic::kKeepLast});
-  const std::string text = Lamp::ask(rawConnect(name), R"({"command":"describe"})");
-  EXPECT_EQ(text, R"({"type":"reply","status":0,"result":{"name":")" + name +
-                      R"(","description":"Lights the hall.","commands":[{"name":"switch",)"
-                      R"("description":"Switches it.","arguments":[{"name":"on","type":"boolean",)"
-                      R"("required":true,"description":"On or off."}]}],"topics":[{"name":"state",)"
-                      R"("description":"Whether it is on.","keepsLast":true}]}})");
 }
 
 TEST(Service, DescribesItselfInAsManyPartsAsItTakes) {

@@ -1,14 +1,16 @@
 """What the tests of the command share: programs that are run, pseudo-terminals, raw sockets."""
 
+import fcntl
 import os
 import pathlib
-import pty
+import re
 import select
 import signal
 import socket
+import struct
 import subprocess
 import sys
-import tempfile
+import termios
 
 sys.path.append(str(pathlib.Path(__file__).resolve().parents[1] / "python"))
 import support  # noqa: E402
@@ -42,13 +44,6 @@ def raw_socket():
     return sock
 
 
-def raw_server(name, path=None):
-    sock = raw_socket()
-    sock.bind(path or address(name))
-    sock.listen(5)
-    return sock
-
-
 def raw_client(name):
     sock = raw_socket()
     sock.settimeout(None)  # with one, a connect to a busy server fails at once
@@ -57,67 +52,64 @@ def raw_client(name):
     return sock
 
 
-class Program:
-    """A program in the background: what it has written so far, and its end."""
+class Terminal:
+    """A pseudo-terminal: what is on the screen, where each one that is drawn begins at home. The
+    program gets the other end, which stays open, so that nothing it wrote is lost with it."""
 
-    def __init__(self, arguments, stdin=None, stdout=None, terminal=False, cwd=None,
-                 preexec=None):
-        self.out = tempfile.TemporaryFile()
-        self.err = tempfile.TemporaryFile()
-        self.terminal = None
-        self.typed = b""
-        stdout, stderr = stdout or self.out, self.err
-        if terminal:
-            self.terminal, slave = pty.openpty()
-            stdout = stderr = slave
-        if isinstance(arguments, str):
-            arguments = ["bash", "-c", arguments]
-        self.process = subprocess.Popen(
-            arguments, stdin=subprocess.PIPE if stdin is None else stdin, stdout=stdout,
-            stderr=stderr, env=ENV, cwd=cwd, preexec_fn=preexec)
-        if terminal:
-            os.close(slave)
+    def __init__(self, case, rows=0, columns=0):
+        self.fd, self.program_end = os.openpty()
+        for fd in (self.fd, self.program_end):
+            case.addCleanup(os.close, fd)
+        self.resize(rows, columns)
+        self.data = b""
 
-    def _drain(self, wait=0.0):
-        while self.terminal is not None and select.select([self.terminal], [], [], wait)[0]:
-            try:
-                data = os.read(self.terminal, 65536)
-            except OSError:  # the other end is closed
-                data = b""
-            if not data:
-                os.close(self.terminal)
-                self.terminal = None
-            self.typed += data
+    def resize(self, rows, columns):
+        fcntl.ioctl(self.fd, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
+
+    def type(self, keys):
+        os.write(self.fd, keys)
+
+    def bytes(self):
+        while select.select([self.fd], [], [], 0)[0]:
+            self.data += os.read(self.fd, 65536)
+        return self.data
+
+    def raw(self):
+        return self.bytes().decode("utf-8", "replace")
 
     @staticmethod
-    def _content(file):
-        return os.pread(file.fileno(), 1 << 24, 0)
+    def without_escapes(text):
+        return re.sub("\x1b\\[[0-9;?]*[A-Za-z]", "", text)
+
+    def plain(self):
+        return self.without_escapes(self.raw())
+
+    def lines(self):
+        return self.without_escapes(self.raw().split("\x1b[H")[-1]).split("\r\n")
+
+    def text(self):
+        return "\n".join(self.lines())
+
+
+class Program(support.Program):
+    """A command, or a line for bash, and what it shows; on a terminal if that is wanted."""
+
+    def __init__(self, case, arguments, terminal=False, **options):
+        self.terminal = Terminal(case) if terminal else None
+        if terminal:
+            options.update(stdout=self.terminal.program_end, stderr=self.terminal.program_end)
+        if isinstance(arguments, str):
+            arguments = ["bash", "-c", arguments]
+        super().__init__(case, arguments, **{"stdin": subprocess.PIPE, "env": ENV, **options})
 
     def stdout(self):
-        self._drain()
-        return self.typed if self.typed else self._content(self.out)
+        return self.terminal.bytes() if self.terminal else self.content(self.output)
 
     def stderr(self):
-        return self._content(self.err)
+        return self.content(self.errors)
 
-    def write(self, data):
-        self.process.stdin.write(data)
-        self.process.stdin.flush()
-
-    def close_input(self):
-        if self.process.stdin is not None:
-            try:
-                self.process.stdin.close()
-            except BrokenPipeError:
-                pass
-
-    def says(self, text):
-        """Waits until the program has written this."""
-        text = text.encode() if isinstance(text, str) else text
-        until(lambda: text in self.stdout() + self.stderr() or self.process.poll() is not None,
-              f"{text!r} from {self.process.args}; {self.stdout()!r} {self.stderr()!r}")
-        assert text in self.stdout() + self.stderr(), (text, self.stdout(), self.stderr())
-        return self
+    def text(self):
+        return self.stdout().decode(errors="replace")
 
     def interrupt(self, number=signal.SIGINT):
         self.process.send_signal(number)
@@ -126,18 +118,6 @@ class Program:
     def end(self):
         """Waits for the end; the exit status."""
         self.close_input()
-        until(lambda: (self._drain(), self.process.poll())[1] is not None,
-              f"the end of {self.process.args}; {self.stdout()!r} {self.stderr()!r}")
-        self._drain(0.01)
+        until(lambda: (self.stdout(), self.process.poll())[1] is not None,
+              lambda: f"the end of {self.arguments}; {self.stdout()!r} {self.stderr()!r}")
         return self.process.returncode
-
-    def kill(self):
-        self.close_input()
-        if self.process.poll() is None:
-            self.process.kill()
-            self.process.wait()
-        if self.terminal is not None:
-            os.close(self.terminal)
-            self.terminal = None
-        self.out.close()
-        self.err.close()

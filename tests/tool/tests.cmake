@@ -1,4 +1,4 @@
-# The command, run as its users run it. Needs Python 3, bash, groff, iproute2 and socat.
+# The command, run as its users run it. Needs Python 3, bash, groff, iproute2 and strace.
 find_package(Python3 COMPONENTS Interpreter REQUIRED)
 
 function(tovik_tool_test name)
@@ -18,6 +18,7 @@ endforeach()
 # Peers that are not the command itself.
 tovik_test_classes(cases tool/live.py)
 list(REMOVE_ITEM cases Zsh Fish)
+list(APPEND cases InteractiveBash) # which is the case Zsh with another shell
 foreach(case IN LISTS cases)
   tovik_tool_test(${case} -W error live.py ${case})
 endforeach()

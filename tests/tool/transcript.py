@@ -16,6 +16,7 @@
 in one line.
 """
 
+import contextlib
 import os
 import re
 import signal
@@ -50,17 +51,17 @@ def parse(path):
     return steps
 
 
-class Run:
+class Run(contextlib.ExitStack):
+    """What programs belong to, as they do to the cases of other tests."""
+
+    addCleanup = contextlib.ExitStack.callback
+
     def __init__(self, path):
+        super().__init__()
         self.path = path
         self.background = []
         self.names = {}
-        self.folder = tempfile.TemporaryDirectory()
-
-    def close(self):
-        for program in self.background:
-            program.kill()
-        self.folder.cleanup()
+        self.folder = self.enter_context(tempfile.TemporaryDirectory())
 
     def expand(self, text):
         def name(match):
@@ -94,22 +95,18 @@ class Run:
 
     def run(self, step):
         if step.kind in "$%":
-            program = programs.Program(self.expand(step.command), terminal=step.kind == "%",
-                                      cwd=self.folder.name, stdin=subprocess.DEVNULL)
-            try:
-                self.check(step, program, program.end())
-            finally:
-                program.kill()
+            program = programs.Program(self, self.expand(step.command), terminal=step.kind == "%",
+                                       cwd=self.folder, stdin=subprocess.DEVNULL)
+            self.check(step, program, program.end())
         elif step.kind == "&":
-            program = programs.Program("exec " + self.expand(step.command), cwd=self.folder.name)
+            program = programs.Program(self, "exec " + self.expand(step.command), cwd=self.folder)
             self.background.append(program)
             program.says("\n")
         elif step.kind == ">":
             self.background[-1].write(self.expand(step.command).encode() + b"\n")
         else:
-            program = self.background[-1]
+            program = self.background.pop()
             self.check(step, program, program.interrupt() if step.kind == "^C" else program.end())
-            self.background.pop().kill()
 
 
 def main():
@@ -118,15 +115,13 @@ def main():
         if signal.getsignal(number) == signal.SIG_IGN:
             signal.signal(number, signal.SIG_DFL)
     for path in sys.argv[1:]:
-        run = Run(path)
-        try:
-            for step in parse(path):
-                run.run(step)
-            assert not run.background, f"{path}: some background command was never ended"
-        except AssertionError as error:
-            sys.exit(str(error))
-        finally:
-            run.close()
+        with Run(path) as run:
+            try:
+                for step in parse(path):
+                    run.run(step)
+                assert not run.background, f"{path}: some background command was never ended"
+            except AssertionError as error:
+                sys.exit(str(error))
         print(f"{os.path.basename(path)}: as expected")
 
 
