@@ -50,6 +50,11 @@ std::set<int> openDescriptors() {
   return found;
 }
 
+int nextDescriptor() {
+  const Fd fd(::dup(STDERR_FILENO));
+  return fd.get();
+}
+
 Tovik::Message parsed(const std::string& text) {
   Tovik::Message msg;
   msg.Parse(text.c_str());
@@ -122,12 +127,13 @@ std::string receive(int fd, int waitMilliseconds) {
   if (::poll(&query, 1, waitMilliseconds) == 0) {
     return "<nothing>";
   }
-  std::string record(300000, '\0');
-  const auto length = ::recv(fd, record.data(), record.size(), 0);
+  char none;
+  const auto length = ::recv(fd, &none, 0, MSG_PEEK | MSG_TRUNC);
   if (length < 0) {
-    return "<error>";
+    return errno == ECONNRESET ? "<error>" : std::strerror(errno);
   }
-  record.resize(static_cast<std::size_t>(length));
+  std::string record(static_cast<std::size_t>(length), '\0');
+  ::recv(fd, record.data(), record.size(), 0);
   return length == 0 ? "<end>" : record;
 }
 

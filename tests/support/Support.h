@@ -39,6 +39,9 @@ void turnUntilIdle();
 /// The open descriptors of this process.
 std::set<int> openDescriptors();
 
+/// The number that the next descriptor to be opened gets.
+int nextDescriptor();
+
 /// The message that a JSON text stands for, parse error or not.
 Tovik::Message parsed(const std::string& text);
 
@@ -70,7 +73,8 @@ std::pair<Fd, Fd> rawPair();
 /// Sends one record.
 void rawSend(int fd, std::string_view record);
 /// Waits for one record, up to ten seconds. "<end>" at the end of the connection, "<nothing>" after
-/// the time, "<error>" on a failure.
+/// the time, "<error>" if the peer has gone without reading all, the system's words on any other
+/// failure.
 std::string rawReceive(int fd);
 /// The next record if there is one already, else "<nothing>".
 std::string rawReceiveNow(int fd);
