@@ -6,7 +6,6 @@
 // follows the payload.
 
 #include <mosquitto.h>
-#include <unistd.h>
 
 #include <functional>
 #include <memory>
@@ -83,7 +82,7 @@ class Bridge {
     setUp(true);
   }
   ~Bridge() {
-    hangUp();
+    local_.reset();
     import_.reset();
     export_.reset();
   }
@@ -104,7 +103,7 @@ class Bridge {
     const std::string topic = record.substr(1, bar - 1);
     const std::string payload = record.substr(std::min(bar + 1, record.size()));
     perform(record[0], topic, payload);
-    fuzz::turnUntilIdle();
+    turnUntilIdle();
     takeReplies();
   }
 
@@ -132,7 +131,7 @@ class Bridge {
       case 'l':
         return ask(payload);
       case 'x':
-        return hangUp();
+        return local_.reset();
       default:
         return;
     }
@@ -169,12 +168,12 @@ class Bridge {
 
   /// Through the local name, which is open only while the remote server is there.
   void ask(const std::string& request) {
-    if (local_ < 0 && isOpen()) {
-      local_ = fuzz::connectTo(name_);
-      fuzz::turnUntilIdle();
+    if (local_.get() < 0 && isOpen()) {
+      local_ = rawConnect(name_);
+      turnUntilIdle();
     }
-    if (local_ >= 0) {
-      fuzz::sendRecord(local_, request);
+    if (local_.get() >= 0) {
+      fuzz::sendRecord(local_.get(), request);
     }
   }
 
@@ -183,31 +182,24 @@ class Bridge {
     return counters["there"].GetBool();
   }
 
-  void hangUp() {
-    if (local_ >= 0) {
-      ::close(local_);
-      local_ = -1;
-    }
-  }
-
   void takeReplies() {
-    if (local_ < 0) {
+    if (local_.get() < 0) {
       return;
     }
-    for (std::string record; (record = fuzz::receiveNow(local_)) != "<nothing>";) {
-      if (record == "<end>" || record == "<reset>") {
-        return hangUp();
+    for (std::string record; (record = rawReceiveNow(local_.get())) != "<nothing>";) {
+      if (record == "<end>" || record == "<error>") {
+        return local_.reset();
       }
       require(record.size() <= 4094, "a record too long");
       require(fuzz::read(record).root != fuzz::Text::Root::kNotJson, "not JSON: " + record);
     }
   }
 
-  const std::string name_ = "tovik-fuzz-bridge-" + std::to_string(::getpid());
+  const std::string name_ = uniqueName();
   bridge::Settings settings_;
   std::unique_ptr<bridge::Import> import_;
   std::unique_ptr<bridge::Export> export_;
-  int local_ = -1;
+  Fd local_;
 };
 
 }  // namespace

@@ -6,7 +6,7 @@
 #include "fuzz/Support.h"
 #include "tool/Json.h"
 
-namespace fuzz {
+using namespace fuzz;
 
 namespace {
 
@@ -66,9 +66,7 @@ void judge(std::string_view text) {
 
 }  // namespace
 
-}  // namespace fuzz
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  fuzz::judge({reinterpret_cast<const char*>(data), size});
+  judge({reinterpret_cast<const char*>(data), size});
   return 0;
 }

@@ -6,14 +6,12 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <memory>
 #include <utility>
 
 #include "Api/Json/Async.h"
-#include "Kelvo/Platform/EventLoop.h"
 #include "fuzz/Support.h"
 
-namespace fuzz {
+using namespace fuzz;
 
 namespace {
 
@@ -95,11 +93,11 @@ class Run {
   void setFd() {
     ++terminations_;
     forgetConnection();
-    auto pair = std::make_unique<Pair>();
-    sender_.setFd(pair->near());
-    fd_ = pair->near();
-    pair->nearHasOwner();
-    pair_ = std::move(pair);
+    auto pair = rawPair();
+    fd_ = pair.first.release();
+    setNonBlocking(fd_);
+    sender_.setFd(fd_);
+    peer_ = std::move(pair.second);
     attached_ = peerOpen_ = true;
     peerReset_ = peerResetPerhaps_ = false;
     inFlight_.clear();
@@ -150,7 +148,7 @@ class Run {
     }
     if (!queue_.empty()) {
       const int error = sendRecord(fd_, queue_.front());
-      require(error == -EAGAIN || error == -EMSGSIZE,
+      require(error == EAGAIN || error == EMSGSIZE,
               "there was room for more: " + std::to_string(error));
     }
     setInterest(!queue_.empty());
@@ -212,10 +210,10 @@ class Run {
   }
 
   void peerReads(unsigned most) {
-    for (unsigned i = 0; i < most && pair_ && peerOpen_; ++i) {
+    for (unsigned i = 0; i < most && peerOpen_; ++i) {
       std::string expected = "<nothing>";
       if (std::exchange(peerReset_, false)) {
-        expected = "<reset>";
+        expected = "<error>";
       } else if (!inFlight_.empty()) {
         expected = inFlight_.front();
         inFlight_.pop_front();
@@ -224,9 +222,9 @@ class Run {
       } else {
         i = most;
       }
-      std::string actual = receiveNow(pair_->far());
-      if (std::exchange(peerResetPerhaps_, false) && actual == "<reset>") {
-        actual = receiveNow(pair_->far());
+      std::string actual = rawReceiveNow(peer_.get());
+      if (std::exchange(peerResetPerhaps_, false) && actual == "<error>") {
+        actual = rawReceiveNow(peer_.get());
       }
       requireEqual(actual, expected, "what the peer gets");
     }
@@ -241,18 +239,18 @@ class Run {
     if ((which & 16) != 0 && !record.empty()) {
       record[record.size() * (which / 32) / 8] = '\0';
     }
-    const int error = sendRecord(pair_->far(), record);
-    require(error == 0 || error == -EAGAIN, "the peer cannot send");
+    const int error = sendRecord(peer_.get(), record);
+    require(error == 0 || error == EAGAIN, "the peer cannot send");
     if (error == 0) {  // and the socket was not full
       toRead_.push_back(record);
     }
   }
 
   void peerCloses() {
-    if (!pair_ || !std::exchange(peerOpen_, false)) {
+    if (!std::exchange(peerOpen_, false)) {
       return;
     }
-    pair_->closeFar();
+    peer_.reset();
     reset_ = attached_ && !inFlight_.empty();
     inFlight_.clear();
   }
@@ -317,7 +315,7 @@ class Run {
   }
 
   Sender sender_;
-  std::unique_ptr<Pair> pair_;
+  Fd peer_;
   int fd_ = -1;
 
   // The model.
@@ -336,8 +334,6 @@ class Run {
 
 }  // namespace
 
-}  // namespace fuzz
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  return fuzz::converse<fuzz::Run>(data, size);
+  return converse<Run>(data, size);
 }

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <random>
 
@@ -19,35 +20,12 @@
 #include "tests/model/VirtualClock.h"
 #include "tests/support/Support.h"
 
-namespace model {
+using namespace model;
 
 namespace {
 
 constexpr std::size_t kMostUnread = 60;  // what any socket has room for
 constexpr std::size_t kMostWaiting = 2;  // and three asynchronous clients, within the backlog of 5
-
-/// The library and the model do something else.
-struct Difference {
-  std::string what;
-};
-
-void require(bool condition, const std::string& what) {
-  if (!condition) {
-    throw Difference{what};
-  }
-}
-
-void requireEqual(const std::string& actual, const std::string& expected, const std::string& what) {
-  require(actual == expected, what + ": expected " + expected + ", got " + actual);
-}
-
-std::string textOf(const std::map<std::string, unsigned>& lines) {
-  std::string text;
-  for (const auto& [line, count] : lines) {
-    text += "\n  " + std::to_string(count) + " times: " + line;
-  }
-  return text;
-}
 
 /// A connection's records are handled in their order. Between two connections of one client there
 /// is no order.
@@ -67,8 +45,10 @@ std::string placeText(unsigned place) {
 /// be compared at once is, the rest when all have settled.
 class World {
  public:
-  explicit World(unsigned long seed)
-      : random_(seed),
+  World(unsigned long steps, unsigned long seed)
+      : steps_(steps),
+        seed_(seed),
+        random_(seed),
         sink_(0x5,
               [this](const auto& record) {
                 if (record.level == 0 && record.function != "Server") {
@@ -78,9 +58,9 @@ class World {
               }),
         openAtFirst_((Kelvo::Platform::EventLoop::current(), openDescriptors().size())) {}
 
-  void run(unsigned long steps) {
+  void run() {
     startServer();
-    for (unsigned long i = 0; i < steps; ++i) {
+    for (unsigned long i = 0; i < steps_; ++i) {
       step();
       if (chance(40) || tooMuchUnderWay()) {
         settle();
@@ -89,14 +69,29 @@ class World {
     finish();
   }
 
-  /// The last steps.
-  const Texts& recent() const { return recent_; }
-
  private:
   struct AsyncEnd {
     std::unique_ptr<Tovik::AsyncClient> client;
     Texts events;
   };
+
+  /// Ends the program where the library and the model do something else.
+  void require(bool condition, const std::string& what) const {
+    if (condition) {
+      return;
+    }
+    for (const std::string& step : recent_) {
+      std::printf("  %s\n", step.c_str());
+    }
+    std::printf("DIFFERENCE: %s\nRepeat with: model_test %lu %lu\n", what.c_str(), steps_, seed_);
+    std::exit(1);
+  }
+
+  template <class T>
+  void requireEqual(const T& actual, const T& expected, const std::string& what) const {
+    require(actual == expected, what + ": expected " + ::testing::PrintToString(expected) +
+                                    ", got " + ::testing::PrintToString(actual));
+  }
 
   // --- what happens next ---
 
@@ -236,7 +231,7 @@ class World {
         blocking_[place - kRawClients] = std::make_unique<Tovik::Client>(name_.c_str());
         connected = true;
       } catch (const Tovik::SocketException& error) {
-        requireEqual(error.what(), std::strerror(ECONNREFUSED), "a refused connect");
+        require(error.what() == std::string(std::strerror(ECONNREFUSED)), "a refused connect");
       }
     }
     require(connected == expected, placeText(place) + " connects");
@@ -308,7 +303,7 @@ class World {
     turnUntilIdle();
     compareAsyncClients();
     compareServer();
-    requireEqual(textOf(errors_), textOf(model_.log), "the log of errors");
+    requireEqual(errors_, model_.log, "the log of errors");
     for (unsigned place = 0; place < kFirstAsync; ++place) {
       if (model_.clients[place].link && model_.clients[place].reading) {
         drain(place);
@@ -320,12 +315,8 @@ class World {
     for (unsigned i = 0; i < kAsyncClients; ++i) {
       Client& client = model_.clients[kFirstAsync + i];
       const std::string who = placeText(kFirstAsync + i);
-      Texts& events = async_[i].events;
-      for (std::size_t at = 0; at < std::max(events.size(), client.events.size()); ++at) {
-        requireEqual(at < events.size() ? events[at] : "nothing",
-                     at < client.events.size() ? client.events[at] : "nothing", "event of " + who);
-      }
-      events.clear();
+      requireEqual(async_[i].events, client.events, "the events of " + who);
+      async_[i].events.clear();
       client.events.clear();
       require(!async_[i].client || async_[i].client->isAttached() == (client.link != nullptr),
               "whether " + who + " is connected");
@@ -346,8 +337,7 @@ class World {
       model_.handled[place].clear();
     }
     if (model_.up) {
-      requireEqual(std::to_string(readEvents_), std::to_string(model_.readEvents),
-                   "read events of the server's connections");
+      requireEqual(readEvents_, model_.readEvents, "read events of the server's connections");
       require(validations_ == model_.validations, "clients judged");
     }
   }
@@ -415,6 +405,7 @@ class World {
     require(openDescriptors().size() == openAtFirst_, "descriptors are left open");
   }
 
+  const unsigned long steps_, seed_;
   std::mt19937_64 random_;
   Texts recent_;
   const std::string name_ = uniqueName();
@@ -434,35 +425,19 @@ class World {
   const std::size_t openAtFirst_;
 };
 
-int runAll(unsigned long steps, unsigned long seed) {
+}  // namespace
+
+int main(int argc, char** argv) {
   constexpr unsigned long kStepsPerWorld = 2000;
+  std::signal(SIGPIPE, SIG_IGN);
+  const unsigned long steps = argc > 1 ? std::stoul(argv[1]) : 10000;
+  const unsigned long seed = argc > 2 ? std::stoul(argv[2]) : std::random_device()();
   std::printf("model_test %lu %lu\n", steps, seed);
   std::fflush(stdout);
   // Each world has a seed of its own that follows from its place, so that it can be run alone.
   for (unsigned long done = 0; done < steps; done += kStepsPerWorld) {
-    const unsigned long its = std::min(kStepsPerWorld, steps - done);
-    World world(seed + done);
-    try {
-      world.run(its);
-    } catch (const Difference& difference) {
-      for (const std::string& step : world.recent()) {
-        std::printf("  %s\n", step.c_str());
-      }
-      std::printf("DIFFERENCE: %s\nRepeat with: model_test %lu %lu\n", difference.what.c_str(), its,
-                  seed + done);
-      return 1;
-    }
+    World(std::min(kStepsPerWorld, steps - done), seed + done).run();
   }
   std::puts("no difference");
   return 0;
-}
-
-}  // namespace
-
-}  // namespace model
-
-int main(int argc, char** argv) {
-  std::signal(SIGPIPE, SIG_IGN);
-  return model::runAll(argc > 1 ? std::stoul(argv[1]) : 10000,
-                       argc > 2 ? std::stoul(argv[2]) : std::random_device()());
 }
