@@ -39,7 +39,7 @@ Run runScenario(const Scenario& scenario, const Fault& fault) {
         run.errors.append(record.text).append("\n");
       }
     });
-    const long blocks = Injection::liveBlocks();
+    const long blocks = Injection::liveBlocks;
     std::thread([&] {
       Injection::start(fault);
       try {
@@ -47,9 +47,9 @@ Run runScenario(const Scenario& scenario, const Fault& fault) {
       } catch (...) {
         run.noteException();
       }
-      Injection::stop();
+      Injection::counting = false;
     }).join();
-    run.blocksLeft = Injection::liveBlocks() - blocks;
+    run.blocksLeft = Injection::liveBlocks - blocks;
   }
   for (const int fd : openDescriptors()) {
     if (descriptors.count(fd) == 0) {
@@ -65,7 +65,7 @@ enum Verdict { kExplained, kUnexplained, kElsewhere };
 
 /// Writes to what an allocation has not given it are RapidJSON's own affair.
 void endBySegmentationFault(int signal) {
-  if (Injection::failedInRapidJson()) {
+  if (Injection::failedInRapidJson) {
     ::_exit(kExplained);
   }
   std::signal(signal, SIG_DFL);  // and once more
@@ -74,7 +74,7 @@ void endBySegmentationFault(int signal) {
 Verdict judge(const Scenario& scenario, const Fault& fault) {
   std::signal(SIGSEGV, endBySegmentationFault);
   const Run run = runScenario(scenario, fault);
-  if (!Injection::happened()) {
+  if (!Injection::happened) {
     return kElsewhere;  // the run took another way before it came to that call
   }
   const std::string reason = Faults::unexplained(scenario, fault, run);

@@ -4,11 +4,9 @@
 #include <sys/epoll.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <string_view>
-#include <utility>
 
 // The C library's own, under the names that its malloc functions have beside the public ones.
 extern "C" {
@@ -19,6 +17,11 @@ void __libc_free(void* block);
 }
 
 namespace Injection {
+
+// Runs are made one after the other; only the thread of the run counts.
+bool happened = false;
+bool failedInRapidJson = false;
+std::atomic<long> liveBlocks{0};
 
 namespace {
 
@@ -32,34 +35,28 @@ bool isLibrary(const void* caller) {
   return file.rfind("libTovik", 0) == 0 || file.rfind("libKelvo", 0) == 0;
 }
 
-// Runs are made one after the other; only the thread of the run counts.
-thread_local bool counting = false;
-thread_local bool inside = false;  // the counting itself calls and allocates
-bool done = false;
 Fault planned;
-bool inRapidJson = false;
-std::atomic<long> live{0};
 
 /// Counts a call; the error that it is to fail with, or 0.
 int count(Kind& kind) {
   if (++kind.count != planned.occurrence || kind.name != planned.call) {
     return 0;
   }
-  done = true;
+  happened = true;
   return planned.error;
 }
 
 bool allocationFails(const void* caller) {
-  if (!counting || inside || count(kinds().back()) == 0) {
+  if (!counting || count(kinds().back()) == 0) {
     return false;
   }
-  inRapidJson = isLibrary(caller);  // everything else in the libraries uses operator new
+  failedInRapidJson = isLibrary(caller);  // everything else in the libraries uses operator new
   errno = ENOMEM;
   return true;
 }
 
 int before(Faults::Call call, std::size_t size, const void* caller) {
-  if (!counting || inside || !isLibrary(caller)) {
+  if (!counting || !isLibrary(caller)) {
     return 0;
   }
   const auto kind = std::find_if(kinds().begin(), kinds().end(), [&](const Kind& each) {
@@ -116,33 +113,11 @@ void start(const Fault& fault) {
   Faults::setHook(before);
   { const Faults::Trace first; }  // takes what the interposer takes once in a thread
   planned = fault;
-  done = inRapidJson = false;
+  happened = failedInRapidJson = false;
   for (Kind& kind : kinds()) {
     kind.count = 0;
   }
   counting = true;
-}
-
-void stop() {
-  counting = false;
-}
-
-bool happened() {
-  return done;
-}
-
-bool failedInRapidJson() {
-  return inRapidJson;
-}
-
-Suspended::Suspended() : before_(std::exchange(inside, true)) {}
-
-Suspended::~Suspended() {
-  inside = before_;
-}
-
-long liveBlocks() {
-  return live.load();
 }
 
 }  // namespace Injection
@@ -152,7 +127,7 @@ extern "C" {
 void* malloc(std::size_t size) noexcept {
   void* const block =
       Injection::allocationFails(__builtin_return_address(0)) ? nullptr : __libc_malloc(size);
-  Injection::live += block != nullptr ? 1 : 0;
+  Injection::liveBlocks += block != nullptr ? 1 : 0;
   return block;
 }
 
@@ -160,7 +135,7 @@ void* calloc(std::size_t count, std::size_t size) noexcept {
   void* const block = Injection::allocationFails(__builtin_return_address(0))
                           ? nullptr
                           : __libc_calloc(count, size);
-  Injection::live += block != nullptr ? 1 : 0;
+  Injection::liveBlocks += block != nullptr ? 1 : 0;
   return block;
 }
 
@@ -169,12 +144,12 @@ void* realloc(void* old, std::size_t size) noexcept {
     return nullptr;
   }
   void* const block = __libc_realloc(old, size);
-  Injection::live += (block != nullptr ? 1 : 0) - (old != nullptr ? 1 : 0);
+  Injection::liveBlocks += (block != nullptr ? 1 : 0) - (old != nullptr ? 1 : 0);
   return block;
 }
 
 void free(void* block) noexcept {
-  Injection::live -= block != nullptr ? 1 : 0;
+  Injection::liveBlocks -= block != nullptr ? 1 : 0;
   __libc_free(block);
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <string>
 #include <vector>
@@ -34,29 +35,26 @@ struct Fault {
 /// Starts to count on this thread, with that fault to come.
 void start(const Fault& fault);
 
-/// Stops counting on this thread.
-void stop();
+/// Whether this thread counts, until it is set to false.
+inline thread_local bool counting = false;
 
 /// Whether the fault of the last run has happened.
-bool happened();
+extern bool happened;
 
 /// Whether the allocation that failed was one of RapidJSON's, which does not look at what it gets.
-bool failedInRapidJson();
-
-/// While it lives, nothing counts and nothing fails on this thread: for what a scenario does
-/// itself.
-class Suspended {
- public:
-  Suspended();
-  Suspended(const Suspended&) = delete;
-  Suspended& operator=(const Suspended&) = delete;
-  ~Suspended();
-
- private:
-  const bool before_;
-};
+extern bool failedInRapidJson;
 
 /// Blocks of memory that are allocated now, in the whole process.
-long liveBlocks();
+extern std::atomic<long> liveBlocks;
+
+/// While it lives, nothing counts and nothing fails on this thread, which is at a run: for what a
+/// scenario does itself.
+class Suspended {
+ public:
+  Suspended() { counting = false; }
+  Suspended(const Suspended&) = delete;
+  Suspended& operator=(const Suspended&) = delete;
+  ~Suspended() { counting = true; }
+};
 
 }  // namespace Injection

@@ -45,9 +45,9 @@ Function* next(Function* own) {
 
 struct Interposer {
   /// The fault that this call meets, or null.
-  static Fail* match(Call call, int fd) {
+  static Fail* match(Call call) {
     for (Fail* fail : fails) {
-      if (fail->call_ != call || (fail->onlyFd_ >= 0 && fail->onlyFd_ != fd)) {
+      if (fail->call_ != call) {
         continue;
       }
       if (fail->skip_ > 0) {
@@ -64,11 +64,11 @@ struct Interposer {
   }
 
   /// What the call is to fail with; 0 if it is not.
-  static int errorOf(Call call, int fd, std::size_t size, const void* caller) {
+  static int errorOf(Call call, std::size_t size, const void* caller) {
     if (hook != nullptr) {
       return hook(call, size, caller);
     }
-    const Fail* fail = match(call, fd);
+    const Fail* fail = match(call);
     return fail == nullptr ? 0 : fail->error_;
   }
 
@@ -92,7 +92,7 @@ struct Interposer {
     if (busy) {
       return real(arguments...);
     }
-    const int error = errorOf(kind, fd, size, caller);
+    const int error = errorOf(kind, size, caller);
     decltype(real(arguments...)) result = -1;
     if (error == 0 || kind == Call::kClose) {
       result = real(arguments...);
@@ -106,8 +106,8 @@ struct Interposer {
   }
 };
 
-Fail::Fail(Call call, int error, int times, int skip, int onlyFd)
-    : call_(call), error_(error), times_(times), skip_(skip), onlyFd_(onlyFd) {
+Fail::Fail(Call call, int error, int times, int skip)
+    : call_(call), error_(error), times_(times), skip_(skip) {
   fails.push_back(this);
 }
 
