@@ -2,33 +2,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <utility>
 
 #include "tests/model/VirtualClock.h"
 
 namespace model {
-
-std::string record(Kind kind, unsigned number, unsigned place) {
-  const std::string tail =
-      ":" + std::to_string(number) + ",\"from\":" + std::to_string(place) + "}";
-  switch (kind) {
-    case Kind::kCall:
-      return "{\"call\"" + tail;
-    case Kind::kEcho:
-      return "{\"echo\"" + tail;
-    case Kind::kNote:
-      return "{\"note\"" + tail;
-    case Kind::kOn:
-      return R"({"command":"set","notification":true})";
-    case Kind::kOff:
-      return R"({"command":"set","notification":false})";
-    case Kind::kSwallowed:
-      return R"({"command":"set","notification":1})";
-    case Kind::kNotJson:
-      break;
-  }
-  return "{nonsense";
-}
 
 std::string reply(unsigned status) {
   return R"({"type":"reply","status":)" + std::to_string(status) + "}";
@@ -141,15 +120,15 @@ bool Model::serverEvent(Link& link) {
 }
 
 void Model::handle(Link& link, const std::string& text) {
-  const bool on = text == record(Kind::kOn, 0, 0);
-  if (text == record(Kind::kNotJson, 0, 0)) {
+  const bool on = text == kOn;
+  if (text == kNotJson) {
     ++log["Connection::readFdEvent(): Invalid JSON message"];
-  } else if (on || text == record(Kind::kOff, 0, 0)) {
+  } else if (on || text == kOff) {
     if (!link.subscribed) {
       answer(link, reply(0));
     }
     link.subscribed = on;
-  } else if (text != record(Kind::kSwallowed, 0, 0)) {
+  } else if (text != kSwallowed) {
     const auto place = static_cast<std::size_t>(text[text.size() - 2] - '0');
     handled[place][link.number].push_back(text);
     if (text.rfind("{\"echo\"", 0) == 0) {
@@ -250,7 +229,7 @@ void Model::retry(unsigned place) {
   }
   client.events.emplace_back("connected");
   if (client.subscribes) {
-    asyncSend(place, record(Kind::kOn, 0, 0));
+    asyncSend(place, kOn);
   }
 }
 

@@ -27,9 +27,12 @@ constexpr std::size_t kSurelyInSocket = 100;
 using Time = std::chrono::nanoseconds;
 using Texts = std::deque<std::string>;
 
-// What clients say.
-enum class Kind { kCall, kEcho, kNote, kOn, kOff, kSwallowed, kNotJson };
-std::string record(Kind kind, unsigned number, unsigned place);
+// What clients say, besides calls, echoes and notes.
+constexpr const char* kOn = R"({"command":"set","notification":true})";
+constexpr const char* kOff = R"({"command":"set","notification":false})";
+constexpr const char* kSwallowed = R"({"command":"set","notification":1})";
+constexpr const char* kNotJson = "{nonsense";
+
 std::string reply(unsigned status);
 
 /// One end of a connection.

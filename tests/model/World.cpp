@@ -238,10 +238,18 @@ class World {
   }
 
   void send(unsigned place) {
-    constexpr Kind kKinds[] = {Kind::kCall, Kind::kCall, Kind::kEcho,      Kind::kNote,
-                               Kind::kOn,   Kind::kOff,  Kind::kSwallowed, Kind::kNotJson};
     const unsigned kinds = place < kRawClients ? 8 : 7;  // the library sends JSON only
-    const std::string text = record(kKinds[below(kinds)], ++lastNumber_, place);
+    const std::string tail =
+        std::to_string(++lastNumber_) + ",\"from\":" + std::to_string(place) + "}";
+    const std::string texts[] = {"{\"call\":" + tail,
+                                 "{\"call\":" + tail,
+                                 "{\"echo\":" + tail,
+                                 "{\"note\":" + tail,
+                                 kOn,
+                                 kOff,
+                                 kSwallowed,
+                                 kNotJson};
+    const std::string& text = texts[below(kinds)];
     note("send " + text + ", " + placeText(place));
     if (place >= kFirstAsync) {
       model_.asyncSend(place, text);
@@ -282,7 +290,7 @@ class World {
         [&end, subscribes](auto& client) {
           end.events.emplace_back("connected");
           if (subscribes) {
-            client.asyncSendMsg(parsed(record(Kind::kOn, 0, 0)));
+            client.asyncSendMsg(parsed(kOn));
           }
         },
         static_cast<int>(interval));
