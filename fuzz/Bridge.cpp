@@ -27,8 +27,7 @@ using fuzz::require;
 /// The far end of a connection to the broker.
 struct Wire {
   std::function<void(bool)> setUp;
-  std::function<void(const Arrival&)> deliver;
-  std::function<void(const Publication&, int)> refuse;
+  bridge::Broker::Handlers handlers;
 };
 std::vector<Wire> wires;
 std::vector<Publication> published;
@@ -48,7 +47,7 @@ Broker::Broker(const Settings& settings, Role role, Handlers handlers)
                      isUp_ = up;
                      up ? handlers_.up() : handlers_.down();
                    },
-                   handlers_.arrived, handlers_.refused});
+                   handlers_});
 }
 
 Broker::~Broker() = default;
@@ -122,7 +121,7 @@ class Bridge {
       case 'n':
         return refuse(topic.empty() ? 0 : static_cast<unsigned char>(topic[0]));
       case 'c':
-        return wires[1].deliver(
+        return wires[1].handlers.arrived(
             {"site/tovik-fuzz-exported/call" + topic, payload, "answers", "1", {}});
       case 'd':
         return setUp(false);
@@ -132,8 +131,6 @@ class Bridge {
         return ask(payload);
       case 'x':
         return local_.reset();
-      default:
-        return;
     }
   }
 
@@ -145,7 +142,7 @@ class Bridge {
 
   static void toImport(const std::string& topic, const std::string& payload,
                        const std::string& correlation = "") {
-    wires[0].deliver({topic, payload, "", correlation, {}});
+    wires[0].handlers.arrived({topic, payload, "", correlation, {}});
   }
 
   /// Where the import expects replies; only a call tells.
@@ -162,24 +159,20 @@ class Bridge {
   static void refuse(int reason) {
     if (!published.empty()) {
       const Publication last = published.back();
-      wires[0].refuse(last, reason);
+      wires[0].handlers.refused(last, reason);
     }
   }
 
   /// Through the local name, which is open only while the remote server is there.
   void ask(const std::string& request) {
-    if (local_.get() < 0 && isOpen()) {
+    if (local_.get() < 0 && import_->counters()["there"].GetBool()) {
       local_ = rawConnect(name_);
+      require(local_.get() >= 0, "cannot connect");
       turnUntilIdle();
     }
     if (local_.get() >= 0) {
       fuzz::sendRecord(local_.get(), request);
     }
-  }
-
-  bool isOpen() const {
-    const auto counters = import_->counters();
-    return counters["there"].GetBool();
   }
 
   void takeReplies() {

@@ -71,7 +71,8 @@ class Run {
       case 2:
         return send(payload(decisions.byte()));
       case 3:
-        return flush();
+        sender_.flushQueue();
+        return flushed();
       case 4:
       case 5:
         return turn();
@@ -101,9 +102,8 @@ class Run {
     attached_ = peerOpen_ = true;
     peerReset_ = peerResetPerhaps_ = false;
     inFlight_.clear();
-    require(sender_.isAttached(), "not attached");
     shrinkBuffer(40);
-    requireQueue();
+    requireState();
   }
 
   void send(const std::string& text) {
@@ -114,11 +114,6 @@ class Run {
     flushed();
   }
 
-  void flush() {
-    sender_.flushQueue();
-    flushed();
-  }
-
   /// What a flush has done, given what was to be sent.
   void flushed() {
     if (attached_ && !queue_.empty() && !peerOpen_) {
@@ -126,8 +121,7 @@ class Run {
     } else if (attached_) {
       flushedToPeer();
     }
-    require(sender_.isAttached() == attached_, "whether the sender is attached after a flush");
-    requireQueue();
+    requireState();
   }
 
   /// Two errors come before EPIPE: that the peer was reset, and that the text is too large.
@@ -178,8 +172,7 @@ class Run {
       flushed();
       stuck_ = attached_ && interest_ && (isTooLarge(queue_.front()) || (poll() & POLLOUT) != 0);
     }
-    require(sender_.isAttached() == attached_, "whether the sender is attached after a turn");
-    requireQueue();
+    requireState();
   }
 
   void wasRead() {
@@ -262,14 +255,13 @@ class Run {
     } else {
       ++terminations_;
     }
-    require(!sender_.isAttached(), "attached after a teardown");
-    requireQueue();
+    requireState();
   }
 
   void clear() {
     sender_.clearQueue();
     queue_.clear();
-    requireQueue();
+    requireState();
   }
 
   void shrinkBuffer(unsigned by) {
@@ -308,7 +300,8 @@ class Run {
     return attached_ && ::poll(&query, 1, 0) == 1 ? query.revents : 0;
   }
 
-  void requireQueue() const {
+  void requireState() const {
+    require(sender_.isAttached() == attached_, "whether the sender is attached");
     const auto queue = sender_.queue();
     require(std::equal(queue.begin(), queue.end(), queue_.begin(), queue_.end()), "the queue");
     require(sender_.terminations == terminations_, "the number of teardowns");
