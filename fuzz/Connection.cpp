@@ -18,9 +18,7 @@ class Conversation {
         connection_(fd_, [this](auto& connection, const auto& message) {
           handled_ = Tovik::Message::toStr(message, false).data();
           connection.acknowledge(++status_);
-        }) {
-    setNonBlocking(fd_);
-  }
+        }) {}
 
   void run(std::string_view input) {
     const bool hastyPeer = takeMark(input);
@@ -136,7 +134,7 @@ class Conversation {
 
   void log(const std::string& line) { expectedLog_.push_back(line); }
 
-  std::pair<Fd, Fd> sockets_ = rawPair();
+  std::pair<Fd, Fd> sockets_ = nonBlockingPair();
   const int fd_;
   Log log_;
   std::string handled_;

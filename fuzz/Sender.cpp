@@ -94,9 +94,8 @@ class Run {
   void setFd() {
     ++terminations_;
     forgetConnection();
-    auto pair = rawPair();
+    auto pair = nonBlockingPair();
     fd_ = pair.first.release();
-    setNonBlocking(fd_);
     sender_.setFd(fd_);
     peer_ = std::move(pair.second);
     attached_ = peerOpen_ = true;

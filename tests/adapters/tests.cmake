@@ -31,15 +31,3 @@ foreach(host IN LISTS hosts)
 endforeach()
 add_test(NAME adapters.CostCanBeMeasured COMMAND adapter_cost 2 20)
 set_tests_properties(adapters.CostCanBeMeasured PROPERTIES TIMEOUT 60)
-
-# The installed headers, as an application compiles them: with pkg-config, each alone. The prefix is
-# what the package's first test installs.
-find_package(Python3 REQUIRED COMPONENTS Interpreter)
-string(REPLACE ";" "," hosts "${hosts}")
-add_test(NAME adapters.InstalledHeadersCompileAlone
-         COMMAND ${Python3_EXECUTABLE} -B ${CMAKE_CURRENT_LIST_DIR}/installed.py
-                 --prefix ${CMAKE_CURRENT_BINARY_DIR}/package/prefix
-                 --libdir ${CMAKE_INSTALL_LIBDIR} --compiler ${CMAKE_CXX_COMPILER}
-                 --hosts ${hosts})
-set_tests_properties(adapters.InstalledHeadersCompileAlone PROPERTIES FIXTURES_REQUIRED
-                                                                      package_prefix TIMEOUT 300)

@@ -3,12 +3,14 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
+#include <map>
 #include <memory>
 #include <new>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "tests/kelvo/Handlers.h"
 
@@ -48,6 +50,15 @@ class Callback : public testing::Test {
 
 [[noreturn]] void fail() {
   throw std::runtime_error("from a callback");
+}
+
+/// What an exception says that is being handled.
+std::string currentText() {
+  try {
+    throw;
+  } catch (const std::exception& exception) {
+    return exception.what();
+  }
 }
 
 // --- nested turns ---
@@ -333,60 +344,33 @@ TEST_F(OwnedCallback, HasEndedForTheDestructorsOfWhatItKept) {
 // --- exceptions ---
 
 TEST_F(Callback, ShowsItsExceptionToTheHookInsideTheCatch) {
-  std::string seen;
-  int seenFd = -1;
-  a_.onRead = [](int fd) {
-    rawReceiveNow(fd);
-    fail();
-  };
-  a_.onException = [&](int fd) {
-    seenFd = fd;
-    try {
-      std::rethrow_exception(std::current_exception());
-    } catch (const std::exception& exception) {
-      seen = exception.what();
-    }
-    return true;
-  };
-  rawSend(endsA_.second.get(), "x");
-
-  EXPECT_TRUE(loop().dispatch());
-  EXPECT_EQ(seen, "from a callback");
-  EXPECT_EQ(seenFd, endsA_.first.get());
-}
-
-TEST_F(Callback, ShowsAWriteCallbacksExceptionToTheHookToo) {
-  int seenFd = -1;
-  a_.onWrite = [](int) { fail(); };
-  a_.onException = [&](int fd) {
-    seenFd = fd;
-    return true;
-  };
-  a_.control->setWriteInterest(true);
-
-  EXPECT_TRUE(loop().dispatch());
-  EXPECT_EQ(a_.asked, 1);
-  EXPECT_EQ(seenFd, endsA_.first.get());
-}
-
-TEST_F(Callback, LetsTheTurnGoOnIfTheHookDealtWithItsException) {
+  std::map<int, std::string> seen;
   bothOnRead(fail);
-  bothOnException([](int) { return true; });
+  bothOnException([&](int fd) {
+    seen[fd] = currentText();
+    return true;
+  });
   makeReady();
 
   EXPECT_TRUE(loop().dispatch());
-  EXPECT_EQ(a_.asked, 1);
-  EXPECT_EQ(b_.asked, 1);
+  EXPECT_EQ(seen, (std::map<int, std::string>{{endsA_.first.get(), "from a callback"},
+                                              {endsB_.first.get(), "from a callback"}}));
 }
 
 TEST_F(Callback, LetsItsWriteEventFollowIfTheHookDealtWithTheReadsException) {
   a_.onRead = [](int) { fail(); };
-  a_.onException = [](int) { return true; };
+  a_.onWrite = a_.onRead;
+  std::vector<int> seen;
+  a_.onException = [&](int fd) {
+    seen.push_back(fd);
+    return true;
+  };
   a_.control->setWriteInterest(true);
   rawSend(endsA_.second.get(), "x");
-  loop().dispatch();
 
+  EXPECT_TRUE(loop().dispatch());
   EXPECT_EQ(a_.writes, 1);
+  EXPECT_EQ(seen, std::vector<int>(2, endsA_.first.get()));
 }
 
 TEST_F(Callback, LetsItsExceptionLeaveEveryWayOfTurningTheLoop) {
@@ -397,32 +381,6 @@ TEST_F(Callback, LetsItsExceptionLeaveEveryWayOfTurningTheLoop) {
   EXPECT_THROW(loop().runOnce(std::chrono::seconds(1)), std::runtime_error);
   EXPECT_THROW(loop().dispatch(), std::runtime_error);
   EXPECT_EQ(a_.asked, 3);
-}
-
-class Plain : public Kelvo::Platform::FdEventHandler {
- public:
-  void readFdEvent(int /*fd*/) override { fail(); }
-};
-
-class PlainTimeout : public Kelvo::Platform::TimeoutHandler {
- public:
-  void timeout() override { fail(); }
-};
-
-TEST_F(Callback, LetsItsExceptionLeaveByDefault) {
-  Plain plain;
-  const auto control = Kelvo::Platform::getFdControl(&plain);
-  a_.control->detach();
-  control->attach(endsA_.first.get());
-  rawSend(endsA_.second.get(), "x");
-  EXPECT_THROW(loop().dispatch(), std::runtime_error);
-  control->detach();
-
-  PlainTimeout timeout;
-  const auto timer = Kelvo::Platform::getTimer(&timeout);
-  timer->arm(0);
-  EXPECT_THROW(loop().runOnce(std::chrono::seconds(1)), std::runtime_error);
-  EXPECT_FALSE(timeout.handleTimeoutException());
 }
 
 TEST_F(Callback, LosesNoOtherEventWhenItsExceptionLeaves) {
@@ -470,25 +428,6 @@ TEST_F(Callback, MayDestroyItsHandlerInTheHook) {
   EXPECT_EQ(b_.reads, 1);
 }
 
-TEST_F(Callback, IsNotAskedAboutItsExceptionIfItsHandlerDied) {
-  a_.control->detach();
-  int asked = 0;
-  auto mortal = std::make_unique<Watcher>(endsA_.first.get());
-  mortal->onException = [&](int) {
-    ++asked;
-    return true;
-  };
-  mortal->onRead = [&](int) {
-    mortal.reset();
-    fail();
-  };
-  rawSend(endsA_.second.get(), "x");
-
-  EXPECT_THROW(loop().dispatch(), std::runtime_error);
-  EXPECT_EQ(asked, 0);
-  EXPECT_FALSE(loop().dispatch());
-}
-
 TEST_F(Callback, IsNotConfusedByANewHandlerAtADeadOnesAddress) {
   a_.control->detach();
   alignas(Watcher) unsigned char memory[sizeof(Watcher)];
@@ -504,6 +443,7 @@ TEST_F(Callback, IsNotConfusedByANewHandlerAtADeadOnesAddress) {
 
   EXPECT_THROW(loop().dispatch(), std::runtime_error);
   EXPECT_EQ(second->asked, 0);
+  EXPECT_FALSE(loop().dispatch());
   second->~Watcher();
 }
 
@@ -560,36 +500,22 @@ TEST_F(Callback, MayEndItsThreadWithoutBeingAskedAboutAnException) {
 
 // --- exceptions of timers ---
 
-TEST_F(Callback, ShowsATimersExceptionToTheHookInsideTheCatch) {
-  std::string seen;
-  Alarm alarm;
-  alarm.onTimeout = fail;
-  alarm.onException = [&] {
-    try {
-      std::rethrow_exception(std::current_exception());
-    } catch (const std::exception& exception) {
-      seen = exception.what();
-    }
-    return true;
-  };
-  alarm.timer->arm(0);
-
-  EXPECT_TRUE(turnUntil([&] { return alarm.fired == 1; }));
-  EXPECT_EQ(seen, "from a callback");
-}
-
 TEST_F(Callback, LetsTheOtherTimersFireIfTheHookDealtWithIt) {
+  std::vector<std::string> seen;
   Alarm alarms[2];
   for (auto& alarm : alarms) {
     alarm.onTimeout = fail;
-    alarm.onException = [] { return true; };
+    alarm.onException = [&] {
+      seen.push_back(currentText());
+      return true;
+    };
     alarm.timer->arm(0);
   }
   letPass(std::chrono::microseconds(100));
 
   EXPECT_TRUE(loop().dispatch());
   EXPECT_TRUE(loop().dispatch());
-  EXPECT_EQ(alarms[0].fired + alarms[1].fired, 2);
+  EXPECT_EQ(seen, std::vector<std::string>(2, "from a callback"));
 }
 
 TEST_F(Callback, LosesNoOtherTimerWhenATimersExceptionLeaves) {

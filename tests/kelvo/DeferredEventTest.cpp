@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <functional>
 #include <stdexcept>
 #include <vector>
 
@@ -40,40 +41,121 @@ void expectFallingRate(const Times& times, std::size_t first = 0) {
   }
 }
 
-// --- write events ---
-
-class StuckWriter : public testing::Test {
+/// A handler whose socket stays ready for its event, which it defers each time.
+class Stuck : public testing::Test {
  protected:
-  StuckWriter() {
-    writer_.onWrite = [this](int) {
+  explicit Stuck(bool writes) : writes_(writes) {
+    onEvent() = [this](int) {
       times_.push_back(Clock::now());
-      writer_.deferWriteEvent();
+      writes_ ? handler_.deferWriteEvent() : handler_.deferReadEvent();
     };
-    writer_.control->setWriteInterest(true);
+    if (writes_) {
+      handler_.control->setWriteInterest(true);
+    } else {
+      rawSend(ends_.second.get(), "left unread");
+    }
   }
 
-  void turnUntilWrites(int count) {
-    ASSERT_TRUE(turnUntil([&] { return writer_.writes >= count; }));
+  std::function<void(int)>& onEvent() { return writes_ ? handler_.onWrite : handler_.onRead; }
+  int calls() const { return writes_ ? handler_.writes : handler_.reads; }
+
+  void attachAnew() {
+    handler_.control->attach(ends_.first.get());
+    handler_.control->setWriteInterest(writes_);
   }
 
+  void turnUntilCalls(int count) {
+    ASSERT_TRUE(turnUntil([&] { return calls() >= count; }));
+  }
+
+  /// That its pauses are short again after `renew`, and the first call comes at once.
+  void expectAFreshStart(const std::function<void()>& renew) {
+    EXPECT_TRUE(onceWithin(50ms, [&] {
+      turnUntilCalls(calls() + 8);
+      renew();
+      const auto first = times_.size();
+      EXPECT_TRUE(loop().dispatch());
+      EXPECT_EQ(times_.size(), first + 1);
+      turnUntilCalls(calls() + 3);
+      expectFallingRate(times_, first);
+      return times_[first + 3] - times_[first];
+    }));
+  }
+
+  const bool writes_;
   std::pair<Fd, Fd> ends_ = rawPair();
-  Watcher writer_{ends_.first.get()};
+  Watcher handler_{ends_.first.get()};
   Times times_;
 };
 
-TEST_F(StuckWriter, IsCalledAtAFallingRate) {
+// --- events of either kind ---
+
+class StuckHandler : public Stuck, public testing::WithParamInterface<bool> {
+ protected:
+  StuckHandler() : Stuck(GetParam()) {}
+};
+
+INSTANTIATE_TEST_SUITE_P(That, StuckHandler, testing::Bool(),
+                         [](const auto& writes) { return writes.param ? "Writes" : "Reads"; });
+
+TEST_P(StuckHandler, IsCalledAtAFallingRate) {
   const int turns = turnFor(500ms);
 
   expectFallingRate(times_);
-  EXPECT_LE(writer_.writes, 12);
-  EXPECT_GE(writer_.writes, 4);
+  EXPECT_LE(calls(), 12);
+  EXPECT_GE(calls(), 4);
   EXPECT_LE(turns, 40);
 }
 
+TEST_P(StuckHandler, StartsAfreshAfterAttachingAnew) {
+  expectAFreshStart([this] { attachAnew(); });
+}
+
+TEST_P(StuckHandler, StartsAfreshAfterACallbackThatDefersNothing) {
+  const auto deferring = onEvent();
+  expectAFreshStart([&] {
+    onEvent() = nullptr;
+    turnUntilCalls(calls() + 1);
+    for (int before = calls(), turn = 1; turn <= 32; ++turn) {
+      EXPECT_TRUE(loop().dispatch());
+      EXPECT_EQ(calls(), before + turn);
+    }
+    onEvent() = deferring;
+  });
+}
+
+TEST_P(StuckHandler, MayBeDestroyedDuringAPause) {
+  turnUntilCalls(6);
+  handler_.control.reset();
+  EXPECT_EQ(turnFor(40ms), 1);
+}
+
+TEST_P(StuckHandler, IsTriedAgainThoughTheKernelRefusedOnce) {
+  turnUntilCalls(3);
+  {
+    const Faults::Fail fail(Call::kEpollCtl, ENOSPC, 1);
+    EXPECT_EQ(thrownBy([] { turnFor(5s); }),
+              "EventLoop: epoll_ctl failed: No space left on device");
+  }
+  turnUntilCalls(6);
+}
+
+// --- write events ---
+
+class StuckWriter : public Stuck {
+ protected:
+  StuckWriter() : Stuck(true) {}
+
+  void switchOffAndOn() {
+    handler_.control->setWriteInterest(false);
+    handler_.control->setWriteInterest(true);
+  }
+};
+
 TEST_F(StuckWriter, IsNeverLeftAloneForLong) {
-  turnUntilWrites(9);
+  turnUntilCalls(9);
   EXPECT_TRUE(onceWithin(140ms, [&] {
-    turnUntilWrites(writer_.writes + 1);
+    turnUntilCalls(handler_.writes + 1);
     const auto pause = times_[times_.size() - 1] - times_[times_.size() - 2];
     EXPECT_GE(pause, 100ms);
     return pause;
@@ -81,40 +163,22 @@ TEST_F(StuckWriter, IsNeverLeftAloneForLong) {
 }
 
 TEST_F(StuckWriter, DoesNotMakeItsLoopReadableMeanwhile) {
-  turnUntilWrites(7);
+  turnUntilCalls(7);
   EXPECT_FALSE(somethingIsDue());
   EXPECT_FALSE(loop().dispatch());
 }
 
-TEST_F(StuckWriter, IsCalledAtOnceAfterItSwitchedItsInterestOffAndOn) {
-  turnUntilWrites(8);
-  writer_.control->setWriteInterest(false);
-  writer_.control->setWriteInterest(true);
-  const int before = writer_.writes;
-  EXPECT_TRUE(loop().dispatch());
-  EXPECT_EQ(writer_.writes, before + 1);
-}
-
-TEST_F(StuckWriter, StartsWithShortPausesAgainAfterItSwitchedItsInterestOffAndOn) {
-  EXPECT_TRUE(onceWithin(50ms, [&] {
-    turnUntilWrites(writer_.writes + 8);
-    writer_.control->setWriteInterest(false);
-    writer_.control->setWriteInterest(true);
-    const auto first = times_.size();
-    turnUntilWrites(writer_.writes + 4);
-    expectFallingRate(times_, first);
-    return times_[first + 3] - times_[first];
-  }));
+TEST_F(StuckWriter, StartsAfreshAfterItSwitchedItsInterestOffAndOn) {
+  expectAFreshStart([this] { switchOffAndOn(); });
 }
 
 TEST_F(StuckWriter, DoublesItsPausesFromOneMillisecondOn) {
-  turnUntilWrites(3);  // so that no attempt begins with the very first pause
+  turnUntilCalls(3);  // so that no attempt begins with the very first pause
   const auto pausesTake = [this](std::size_t count) {
     return [=] {
-      writer_.control->setWriteInterest(false);
-      writer_.control->setWriteInterest(true);
+      switchOffAndOn();
       const auto first = times_.size();
-      turnUntilWrites(writer_.writes + 5);
+      turnUntilCalls(handler_.writes + 5);
       return times_[first + count] - times_[first];
     };
   };
@@ -123,125 +187,66 @@ TEST_F(StuckWriter, DoublesItsPausesFromOneMillisecondOn) {
 }
 
 TEST_F(StuckWriter, StaysSilentWhileItsInterestIsOff) {
-  turnUntilWrites(4);
-  writer_.control->setWriteInterest(false);
-  const int before = writer_.writes;
+  turnUntilCalls(4);
+  handler_.control->setWriteInterest(false);
+  const int before = handler_.writes;
   EXPECT_EQ(turnFor(30ms), 1) << "woken for nothing";
-  EXPECT_EQ(writer_.writes, before);
+  EXPECT_EQ(handler_.writes, before);
 }
 
 TEST_F(StuckWriter, GetsItsReadEventsAtOnce) {
-  turnUntilWrites(8);
-  const int before = writer_.writes;
+  turnUntilCalls(8);
+  const int before = handler_.writes;
   rawSend(ends_.second.get(), "x");
   EXPECT_TRUE(loop().dispatch());
-  EXPECT_EQ(writer_.reads, 1);
-  EXPECT_EQ(writer_.writes, before);
-}
-
-TEST_F(StuckWriter, IsCalledAtOnceAfterAttachingAnew) {
-  turnUntilWrites(8);
-  const int before = writer_.writes;
-  writer_.control->attach(ends_.first.get());
-  writer_.control->setWriteInterest(true);
-  EXPECT_TRUE(loop().dispatch());
-  EXPECT_EQ(writer_.writes, before + 1);
-}
-
-TEST_F(StuckWriter, StartsWithShortPausesAfterAttachingAnew) {
-  EXPECT_TRUE(onceWithin(50ms, [&] {
-    turnUntilWrites(writer_.writes + 8);
-    writer_.control->attach(ends_.first.get());
-    writer_.control->setWriteInterest(true);
-    const auto first = times_.size();
-    turnUntilWrites(writer_.writes + 4);
-    return times_[first + 3] - times_[first];
-  }));
-}
-
-TEST_F(StuckWriter, IsForgottenWhenDestroyed) {
-  turnUntilWrites(4);
-  writer_.control.reset();
-  EXPECT_EQ(turnFor(40ms), 1);
+  EXPECT_EQ(handler_.reads, 1);
+  EXPECT_EQ(handler_.writes, before);
 }
 
 TEST_F(StuckWriter, MayDetachInTheCallbackAfterAPause) {
-  writer_.onWrite = [this](int) {
-    writer_.deferWriteEvent();
-    if (writer_.writes == 5) {
-      writer_.control->detach();
+  handler_.onWrite = [this](int) {
+    handler_.deferWriteEvent();
+    if (handler_.writes == 5) {
+      handler_.control->detach();
     }
   };
-  turnUntilWrites(5);
+  turnUntilCalls(5);
   EXPECT_EQ(turnFor(20ms), 1);
 }
 
 TEST_F(StuckWriter, IsCalledAtOnceOnceItWantsToWriteAgain) {
-  writer_.onWrite = [this](int) {
-    writer_.deferWriteEvent();
-    writer_.control->setWriteInterest(false);
+  handler_.onWrite = [this](int) {
+    handler_.deferWriteEvent();
+    handler_.control->setWriteInterest(false);
   };
   EXPECT_TRUE(loop().dispatch());
-  writer_.control->setWriteInterest(true);
+  handler_.control->setWriteInterest(true);
   EXPECT_TRUE(loop().dispatch());
-  EXPECT_EQ(writer_.writes, 2);
+  EXPECT_EQ(handler_.writes, 2);
 }
 
 TEST_F(StuckWriter, IsNotCalledByTheTurnThatEndsAPause) {
-  turnUntilWrites(3);
+  turnUntilCalls(3);
   EXPECT_FALSE(loop().runOnce(10s));
-  EXPECT_EQ(writer_.writes, 3);
+  EXPECT_EQ(handler_.writes, 3);
   EXPECT_TRUE(loop().dispatch());
-  EXPECT_EQ(writer_.writes, 4);
+  EXPECT_EQ(handler_.writes, 4);
 }
 
 TEST_F(StuckWriter, CausesNoTurnsOnceItsSocketHasFilled) {
-  turnUntilWrites(4);
+  turnUntilCalls(4);
   setNonBlocking(ends_.first.get());
   while (::send(ends_.first.get(), "x", 1, MSG_NOSIGNAL) == 1) {
   }
   EXPECT_LE(turnFor(100ms), 2) << "the pause's end and the end of the time";
-  EXPECT_EQ(writer_.writes, 4);
-}
-
-TEST_F(StuckWriter, IsTriedAgainThoughTheKernelRefusedOnce) {
-  turnUntilWrites(3);
-  {
-    const Faults::Fail fail(Call::kEpollCtl, ENOSPC, 1);
-    EXPECT_EQ(thrownBy([] { turnFor(5s); }),
-              "EventLoop: epoll_ctl failed: No space left on device");
-  }
-  turnUntilWrites(6);
-}
-
-TEST_F(StuckWriter, IsCalledAtOnceAfterItsFirstCallbackThatDefersNothing) {
-  turnUntilWrites(7);
-  writer_.onWrite = nullptr;
-  turnUntilWrites(8);
-  for (int writes = 9; writes <= 40; ++writes) {
-    ASSERT_TRUE(loop().dispatch());
-    EXPECT_EQ(writer_.writes, writes);
-  }
-}
-
-TEST_F(StuckWriter, StartsWithShortPausesAfterACallbackThatDefersNothing) {
-  const auto deferring = writer_.onWrite;
-  EXPECT_TRUE(onceWithin(50ms, [&] {
-    turnUntilWrites(writer_.writes + 8);
-    writer_.onWrite = nullptr;
-    turnUntilWrites(writer_.writes + 1);
-    writer_.onWrite = deferring;
-    const auto first = times_.size();
-    turnUntilWrites(writer_.writes + 4);
-    return times_[first + 3] - times_[first];
-  }));
+  EXPECT_EQ(handler_.writes, 4);
 }
 
 TEST_F(StuckWriter, KeepsItsPausesWhileItReads) {
-  turnUntilWrites(6);
+  turnUntilCalls(6);
   const auto first = times_.size() - 1;
-  writer_.onRead = [](int fd) { rawReceiveNow(fd); };
-  while (writer_.writes < 9) {
+  handler_.onRead = [](int fd) { rawReceiveNow(fd); };
+  while (handler_.writes < 9) {
     rawSend(ends_.second.get(), "x");
     loop().runOnce(5s);
   }
@@ -251,23 +256,23 @@ TEST_F(StuckWriter, KeepsItsPausesWhileItReads) {
 }
 
 TEST_F(StuckWriter, IsSlowedByAnExceptionThatItsHookDealtWith) {
-  writer_.onWrite = [this](int) {
-    writer_.deferWriteEvent();
+  handler_.onWrite = [this](int) {
+    handler_.deferWriteEvent();
     throw std::runtime_error("from a callback");
   };
-  writer_.onException = [](int) { return true; };
+  handler_.onException = [](int) { return true; };
   turnFor(100ms);
-  EXPECT_LE(writer_.writes, 8);
+  EXPECT_LE(handler_.writes, 8);
 }
 
 TEST_F(StuckWriter, IsNotSlowedByADeferralOutsideOfItsCallbacks) {
-  writer_.onWrite = nullptr;
-  writer_.onRead = [this](int /*fd*/) { writer_.deferWriteEvent(); };
+  handler_.onWrite = nullptr;
+  handler_.onRead = [this](int /*fd*/) { handler_.deferWriteEvent(); };
   rawSend(ends_.second.get(), "x");
   for (int turn = 1; turn <= 20; ++turn) {
-    writer_.deferWriteEvent();
+    handler_.deferWriteEvent();
     ASSERT_TRUE(loop().dispatch());
-    EXPECT_EQ(writer_.writes, turn);
+    EXPECT_EQ(handler_.writes, turn);
   }
 }
 
@@ -311,120 +316,52 @@ TEST_F(BusyWriter, IsNotSlowedIfItAttachesAnew) {
 
 // --- read events ---
 
-class StuckReader : public testing::Test {
+class StuckReader : public Stuck {
  protected:
-  StuckReader() {
-    rawSend(ends_.second.get(), "left unread");
-    reader_.onRead = [this](int) {
-      times_.push_back(Clock::now());
-      reader_.deferReadEvent();
-    };
-  }
-
-  void turnUntilReads(int count) {
-    ASSERT_TRUE(turnUntil([&] { return reader_.reads >= count; }));
-  }
-
-  std::pair<Fd, Fd> ends_ = rawPair();
-  Watcher reader_{ends_.first.get()};
-  Times times_;
+  StuckReader() : Stuck(false) {}
 };
-
-TEST_F(StuckReader, IsCalledAtAFallingRate) {
-  const int turns = turnFor(500ms);
-
-  expectFallingRate(times_);
-  EXPECT_LE(reader_.reads, 12);
-  EXPECT_GE(reader_.reads, 4);
-  EXPECT_LE(turns, 40);
-}
 
 TEST_F(StuckReader, DoesNotSpinOnAHangUpThatTheKernelReportsUnasked) {
   ends_.second.reset();
   EXPECT_LE(turnFor(300ms), 30);
-  EXPECT_LE(reader_.reads, 10);
+  EXPECT_LE(handler_.reads, 10);
 }
 
 TEST_F(StuckReader, IsNotCalledForAHangUpDuringAPause) {
-  turnUntilReads(8);
+  turnUntilCalls(8);
   ends_.second.reset();
   const bool called = loop().dispatch();
-  EXPECT_EQ(called, reader_.reads > 8) << "the pause may have ended on a slow machine";
+  EXPECT_EQ(called, handler_.reads > 8) << "the pause may have ended on a slow machine";
 }
 
 TEST_F(StuckReader, DoesNotSpinOnAHangUpWhileItsWriteInterestIsOn) {
-  reader_.onWrite = [this](int) { reader_.deferWriteEvent(); };
-  turnUntilReads(1);
-  reader_.control->setWriteInterest(true);
+  handler_.onWrite = [this](int) { handler_.deferWriteEvent(); };
+  turnUntilCalls(1);
+  handler_.control->setWriteInterest(true);
   ends_.second.reset();
   EXPECT_LE(turnFor(300ms), 60);
-  EXPECT_LE(reader_.reads + reader_.writes, 22);
-  EXPECT_GE(reader_.writes, 3) << "its write events come again with its read events";
-}
-
-TEST_F(StuckReader, IsCalledAtOnceAfterItsFirstCallbackThatDefersNothing) {
-  turnUntilReads(7);
-  reader_.onRead = nullptr;
-  turnUntilReads(8);
-  for (int reads = 9; reads <= 40; ++reads) {
-    ASSERT_TRUE(loop().dispatch());
-    EXPECT_EQ(reader_.reads, reads);
-  }
-}
-
-TEST_F(StuckReader, IsCalledAtOnceAfterAttachingAgain) {
-  turnUntilReads(8);
-  const auto ends = rawPair();
-  rawSend(ends.second.get(), "x");
-  reader_.control->attach(ends.first.get());
-  EXPECT_TRUE(loop().dispatch());
-  EXPECT_EQ(reader_.reads, 9);
-}
-
-TEST_F(StuckReader, StartsWithShortPausesAfterAttachingAgain) {
-  EXPECT_TRUE(onceWithin(50ms, [&] {
-    turnUntilReads(reader_.reads + 8);
-    reader_.control->attach(ends_.first.get());
-    const auto first = times_.size();
-    turnUntilReads(reader_.reads + 4);
-    return times_[first + 3] - times_[first];
-  }));
+  EXPECT_LE(handler_.reads + handler_.writes, 22);
+  EXPECT_GE(handler_.writes, 3) << "its write events come again with its read events";
 }
 
 TEST_F(StuckReader, StaysAttachedDuringAPause) {
-  turnUntilReads(6);
+  turnUntilCalls(6);
   Watcher other;
   EXPECT_EQ(thrownBy([&] { other.control->attach(ends_.first.get()); }),
             "EventLoop: epoll_ctl failed: File exists");
 }
 
-TEST_F(StuckReader, MayBeDestroyedDuringAPause) {
-  turnUntilReads(6);
-  reader_.control.reset();
-  EXPECT_EQ(turnFor(40ms), 1);
-}
-
-TEST_F(StuckReader, IsTriedAgainThoughTheKernelRefusedOnce) {
-  turnUntilReads(3);
-  {
-    const Faults::Fail fail(Call::kEpollCtl, ENOSPC, 1);
-    EXPECT_EQ(thrownBy([] { turnFor(5s); }),
-              "EventLoop: epoll_ctl failed: No space left on device");
-  }
-  turnUntilReads(6);
-}
-
 TEST_F(StuckReader, IsReadAtOnceAgainIfOnlyACallbackWithinItsCallbackDeferred) {
-  reader_.onRead = [this](int) {
-    if (reader_.reads % 2 == 1) {
+  handler_.onRead = [this](int) {
+    if (handler_.reads % 2 == 1) {
       loop().dispatch();
     } else {
-      reader_.deferReadEvent();
+      handler_.deferReadEvent();
     }
   };
   for (int turn = 1; turn <= 20; ++turn) {
     ASSERT_TRUE(loop().dispatch());
-    EXPECT_EQ(reader_.reads, 2 * turn);
+    EXPECT_EQ(handler_.reads, 2 * turn);
   }
 }
 

@@ -2,10 +2,13 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "Kelvo/Exception.h"
 #include "Kelvo/Platform/EventLoop.h"
@@ -86,13 +89,26 @@ class Alarm : public Kelvo::Platform::TimeoutHandler {
   Kelvo::Ptr<Kelvo::Platform::Timer> timer;
 };
 
+/// Many handlers whose descriptors are ready for reading all the time.
+struct Crowd {
+  explicit Crowd(int size) {
+    for (int i = 0; i < size; ++i) {
+      events.emplace_back(eventfd(1, EFD_CLOEXEC));
+      watchers.push_back(std::make_unique<Watcher>(events.back().get()));
+    }
+  }
+
+  std::vector<Fd> events;
+  std::vector<std::unique_ptr<Watcher>> watchers;
+};
+
 inline Kelvo::Platform::EventLoop& loop() {
   return Kelvo::Platform::EventLoop::current();
 }
 
-inline bool readable(int fd) {
+inline bool readable(int fd, int waitMilliseconds = 0) {
   pollfd query{fd, POLLIN, 0};
-  return ::poll(&query, 1, 0) == 1;
+  return ::poll(&query, 1, waitMilliseconds) == 1;
 }
 
 inline bool somethingIsDue() {

@@ -2,9 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/eventfd.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <memory>
@@ -105,25 +102,19 @@ TEST_F(Posted, RunsInATurnWithinAPostedFunction) {
 }
 
 TEST_F(Posted, TakesTurnsWithTheDescriptors) {
-  const Fd event(eventfd(1, EFD_CLOEXEC));
-  Watcher watcher(event.get());
+  const Crowd one(1);
   int ran = 0;
   for (int i = 0; i < 200; ++i) {
     loop().post([&ran] { ++ran; });
   }
   loop().dispatch();
   EXPECT_EQ(ran, 64);
-  EXPECT_EQ(watcher.reads, 1);
+  EXPECT_EQ(one.watchers[0]->reads, 1);
   EXPECT_TRUE(turnUntil([&] { return ran == 200; }));
 }
 
 TEST_F(Posted, WaitsForOneBatchOfDescriptorsAtMost) {
-  std::vector<Fd> events;
-  std::vector<std::unique_ptr<Watcher>> watchers;
-  for (int i = 0; i < 500; ++i) {
-    events.emplace_back(eventfd(1, EFD_CLOEXEC));
-    watchers.push_back(std::make_unique<Watcher>(events.back().get()));
-  }
+  const Crowd crowd(500);
   loop().dispatch();
   for (int turn = 1; turn <= 20; ++turn) {  // with the descriptor's own event in the batch or not
     post(1);
@@ -167,15 +158,10 @@ TEST_F(Posted, IsRefusedIfItIsEmpty) {
 TEST_F(Posted, IsRefusedInAForkedChild) {
   post(1);
   const auto remote = loop().remote();
-  const pid_t child = fork();
-  if (child == 0) {
-    const bool accepted = remote.post([] {}) || remote.stop();
-    const bool thrown = thrownBy([] { loop().post([] {}); }) != "<nothing thrown>";
-    _exit(!accepted && thrown ? 0 : 1);
-  }
-  int status = -1;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(inChild([&] {
+    return !remote.post([] {}) && !remote.stop() &&
+           thrownBy([] { loop().post([] {}); }) != "<nothing thrown>";
+  }));
   loop().post([] { loop().stop(); });
   loop().run();
   EXPECT_THAT(ran_, ElementsAre(1));
@@ -207,15 +193,9 @@ struct OtherLoop {
   std::thread thread;
 };
 
-TEST(Remote, StopsALoop) {
+TEST(Remote, StopsALoopAndTellsThatItHasEnded) {
   OtherLoop other;
   EXPECT_TRUE(other.remote->stop());
-  other.thread.join();
-}
-
-TEST(Remote, TellsThatItsLoopHasEnded) {
-  OtherLoop other;
-  EXPECT_TRUE(other.remote->post([&] { EventLoop::current().stop(); }));
   other.thread.join();
   bool ran = false;
   EXPECT_FALSE(other.remote->post([&ran] { ran = true; }));

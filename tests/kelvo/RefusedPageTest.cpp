@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
@@ -25,15 +23,11 @@ bool serves() {
 
 TEST(RefusedPage, LeavesAForkedChildRecognised) {
   EXPECT_TRUE(serves());
-  const pid_t child = fork();
-  if (child == 0) {
+  EXPECT_TRUE(inChild([] {
     const bool refused = thrownBy([] { loop().dispatch(); }) != "<nothing thrown>";
     Kelvo::Platform::EventLoop::renewAfterFork();
-    _exit(refused && serves() ? 0 : 1);
-  }
-  int status = -1;
-  EXPECT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+    return refused && serves();
+  }));
   EXPECT_TRUE(serves());
 }
 

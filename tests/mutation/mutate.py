@@ -276,10 +276,28 @@ def load_results():
     return results
 
 
-def still_true(result, source, tests):
-    """A kill holds until its source changes; a survival, until a program of tests does."""
-    return result["source"] == source and (result["outcome"] != "survived" or
-                                           passed(result, tests) == set(tests))
+def still_true(result, source, tests, cases):
+    """A kill holds until its source changes or the test that killed goes; a survival, until a
+    program of tests changes."""
+    if result["outcome"] == "survived":
+        holds = passed(result, tests) == set(tests)
+    else:
+        holds = result["outcome"] == "invalid" or result["by"].removesuffix(" (time)") in cases
+    return holds and result["source"] == source
+
+
+def cases_of(program):
+    """Its tests, and the program itself, which stands for a kill before the first of them."""
+    text = subprocess.run([BUILD / "tests" / program, "--gtest_list_tests"], check=True,
+                          capture_output=True, text=True).stdout
+    found, suite = {program}, ""
+    for line in text.splitlines():
+        name = line.split("#")[0].strip()
+        if line.startswith(" "):
+            found.add(f"{program} {suite}{name}")
+        else:
+            suite = name
+    return found
 
 
 def passed(result, tests):
@@ -349,12 +367,13 @@ def main():
 
     build_tree()
     tests = {program: digest((BUILD / "tests" / program).read_bytes()) for program in PROGRAMS}
+    cases = set().union(*map(cases_of, PROGRAMS))
     versions = {file: version(text) for file, text in texts.items()}
     if options.again:
         RESULTS.unlink(missing_ok=True)
     results = load_results()
     wanted = [mutant for mutant in chosen if mutant.key() not in results or
-              not still_true(results[mutant.key()], versions[mutant.file], tests)]
+              not still_true(results[mutant.key()], versions[mutant.file], tests, cases)]
     wanted.sort(key=lambda mutant: mutant.key() not in results)  # first what survived: soon done
     run_all(wanted, results, versions, tests, options.jobs)
     return report(chosen, possible, results, explained) or (1 if stale else 0)

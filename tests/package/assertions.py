@@ -1,13 +1,11 @@
 """Messages of the wrong shape and names that do not fit end the process, whatever the application,
-or the library, was built with. The argument says whose build is the unfriendly one; "static" means
-the application's, which has the library linked in."""
+or the library, was built with. The argument says whose build is the unfriendly one: "library" is
+the one of the application that fetches it, "static" an application's with the library linked in."""
 
-import os
 import signal
 import sys
 
-from package import (CXX, HERE, LIB, PREFIX, SOURCE, STATIC_PREFIX, WORK, check, flags, run,
-                     start)
+from package import CXX, HERE, LIB, PREFIX, STATIC_PREFIX, WORK, check, flags, run, start
 
 WRONG = [
     ("client", '{"type":5,"status":0}', "Assertion `IsString()' failed"),
@@ -38,18 +36,8 @@ def build_application():
     return program
 
 
-def build_library():
-    """Without optimisation, and with assertions taken out from outside, in both ways there are."""
-    build = WORK / "debug-library"
-    run(["cmake", "-S", SOURCE, "-B", build, "-DCMAKE_BUILD_TYPE=Debug",
-         f"-DCMAKE_CXX_COMPILER={CXX}", "-DTOVIK_BUILD_TESTS=OFF", "-DTOVIK_BUILD_EXAMPLES=OFF",
-         "-DTOVIK_BUILD_TOOL=OFF"],
-        env={**os.environ, "CXXFLAGS": "-O0 -DNDEBUG '-DRAPIDJSON_ASSERT(x)='"})
-    run(["cmake", "--build", build, "--parallel", "2", "--target", "Tovik"])
-    return [build / "Api", build / "Kelvo"]
-
-
-libraries = build_library() if sys.argv[1] == "library" else [PREFIX / LIB]
+fetched = WORK / "consumer-fetch" / "build" / "_deps" / "tovik-build"
+libraries = {"library": [fetched / "Api", fetched / "Kelvo"]}.get(sys.argv[1], [PREFIX / LIB])
 application = build_application()
 for mode, argument, status in RIGHT:
     done = start(application, mode, argument, libraries=libraries)

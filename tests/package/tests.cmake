@@ -20,7 +20,8 @@ file(MAKE_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/package)
 tovik_package_test(InstallsLibrariesPublicHeadersAndPkgConfigFiles installs.py)
 set_tests_properties(Package.InstallsLibrariesPublicHeadersAndPkgConfigFiles
                      PROPERTIES FIXTURES_REQUIRED "" FIXTURES_SETUP package_prefix)
-tovik_package_test(CompilesEachPublicHeaderAlone headers.py)
+get_property(hosts GLOBAL PROPERTY TOVIK_HOSTS)
+tovik_package_test(CompilesEachPublicHeaderAlone headers.py ${hosts})
 set_tests_properties(Package.CompilesEachPublicHeaderAlone PROPERTIES PROCESSORS 2)
 
 tovik_package_test(HasOneVersion versions.py)
@@ -41,7 +42,6 @@ if(BUILD_SHARED_LIBS AND NOT TOVIK_SANITIZE)
   tovik_package_test(IsNotLinkedWithAnApplicationThatWasBuiltOtherwise layout.py)
   tovik_package_test(HoldsItsAssertionsInAnApplicationWithoutAny assertions.py application)
   tovik_package_test(HoldsItsAssertionsInALibraryBuiltWithoutAny assertions.py library)
-  set_tests_properties(Package.HoldsItsAssertionsInALibraryBuiltWithoutAny PROPERTIES PROCESSORS 2)
   tovik_package_test(HoldsItsAssertionsInAStaticLibrary assertions.py static)
   tovik_package_test(StartsNoThreadOpensNoFileAndReadsNoEnvironment promises.py)
   tovik_package_test(IsHardened hardening.py $<CONFIG> $<$<TARGET_EXISTS:tovik_tool>:tovik>)
@@ -59,6 +59,10 @@ if(BUILD_SHARED_LIBS AND NOT TOVIK_SANITIZE)
                        Package.BecomesPartOfAnApplicationAsAStaticLibrary PROPERTIES PROCESSORS 2)
   set_tests_properties(Package.BecomesPartOfAnApplicationAsAStaticLibrary
                        PROPERTIES FIXTURES_SETUP static_prefix)
+  set_tests_properties(Package.BecomesPartOfAnApplicationThatFetchesIt
+                       PROPERTIES FIXTURES_SETUP fetched)
+  set_tests_properties(Package.HoldsItsAssertionsInALibraryBuiltWithoutAny
+                       PROPERTIES FIXTURES_REQUIRED "package_prefix;fetched")
   set_tests_properties(
     Package.IsFoundByCMakeAndPkgConfigAsAStaticLibrary Package.HoldsItsAssertionsInAStaticLibrary
     PROPERTIES FIXTURES_REQUIRED "package_prefix;static_prefix")

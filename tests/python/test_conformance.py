@@ -108,16 +108,6 @@ class Case(unittest.TestCase):
             found = {**found, "error": "?"}
         self.assertEqual(comparable(found), comparable(wanted))
 
-    def cases(self, side):
-        return SUITE[side]
-
-    def for_each(self, side, run):
-        for language, peer in PEERS.items():
-            for case in self.cases(side):
-                with self.subTest(case=case["name"], peer=language):
-                    self.setUp()
-                    run(case, peer)
-
     def connect(self):
         client = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
         self.addCleanup(client.close)
@@ -128,11 +118,15 @@ class Case(unittest.TestCase):
 
 class Services(Case):
     def test_hold_every_case(self):
-        self.for_each("service", self.run_case)
+        for language, peer in PEERS.items():
+            self.setUp()
+            with self.serve(peer):
+                for case in self.cases():
+                    with self.subTest(case=case["name"], peer=language):
+                        self.run_steps(case["steps"])
 
-    def run_case(self, case, peer):
-        with self.serve(peer):
-            self.run_steps(case["steps"])
+    def cases(self):
+        return SUITE["service"]
 
     def run_steps(self, steps):
         clients = {name: self.connect() for name in {step.get("as") for step in steps}}
@@ -163,11 +157,17 @@ class Services(Case):
 
 class Callers(Case):
     def test_that_do_not_block_hold_every_case(self):
-        self.for_each("caller", lambda case, peer: self.run_case(case, [*peer, "proxy"]))
+        self.run_cases("proxy", SUITE["caller"])
 
     def test_that_block_hold_theirs(self):
-        self.for_each("caller", lambda case, peer: (
-            case.get("blocking") and self.run_case(case, [*peer, "call"])))
+        self.run_cases("call", [case for case in SUITE["caller"] if case.get("blocking")])
+
+    def run_cases(self, role, cases):
+        for language, peer in PEERS.items():
+            for case in cases:
+                with self.subTest(case=case["name"], peer=language):
+                    self.setUp()
+                    self.run_case(case, [*peer, role])
 
     def run_case(self, case, command):
         ids = {}

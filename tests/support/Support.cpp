@@ -5,10 +5,12 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <cstring>
 #include <thread>
 #include <utility>
@@ -55,10 +57,34 @@ int nextDescriptor() {
   return fd.get();
 }
 
+bool endsWell(pid_t child) {
+  const auto end = std::chrono::steady_clock::now() + 10s;
+  int status = -1;
+  while (waitpid(child, &status, WNOHANG) == 0) {
+    if (std::chrono::steady_clock::now() > end) {
+      kill(child, SIGKILL);
+    }
+    std::this_thread::yield();
+  }
+  return status == 0;
+}
+
+bool inChild(const std::function<bool()>& action, pid_t (*forkNow)()) {
+  const pid_t child = forkNow();
+  if (child == 0) {
+    _exit(action() ? 0 : 1);
+  }
+  return endsWell(child);
+}
+
 Tovik::Message parsed(const std::string& text) {
   Tovik::Message msg;
   msg.Parse(text.c_str());
   return msg;
+}
+
+std::string compact(const Tovik::Message& msg) {
+  return std::string(std::string_view(Tovik::Message::toStr(msg, false)));
 }
 
 Fd& Fd::operator=(Fd&& other) noexcept {
@@ -112,6 +138,12 @@ std::pair<Fd, Fd> rawPair() {
   int fds[2] = {-1, -1};
   EXPECT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET, 0, fds), 0);
   return {Fd(fds[0]), Fd(fds[1])};
+}
+
+std::pair<Fd, Fd> nonBlockingPair() {
+  auto ends = rawPair();
+  setNonBlocking(ends.first.get());
+  return ends;
 }
 
 void rawSend(int fd, std::string_view record) {

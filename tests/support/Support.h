@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <functional>
@@ -42,8 +43,15 @@ std::set<int> openDescriptors();
 /// The number that the next descriptor to be opened gets.
 int nextDescriptor();
 
+/// Whether `child` ends by itself with exit status 0, within ten seconds.
+bool endsWell(pid_t child);
+/// The same of a forked child that runs `action`: whether that returns true.
+bool inChild(const std::function<bool()>& action, pid_t (*forkNow)() = ::fork);
+
 /// The message that a JSON text stands for, parse error or not.
 Tovik::Message parsed(const std::string& text);
+/// The text of a message, without whitespace.
+std::string compact(const Tovik::Message& msg);
 
 /// A file descriptor that closes itself.
 class Fd {
@@ -61,6 +69,22 @@ class Fd {
   int fd_;
 };
 
+/// Leaves 0 free for the next descriptor while it lives.
+class FreeDescriptorZero {
+ public:
+  FreeDescriptorZero() : saved_(::dup(0)) { ::close(0); }
+  FreeDescriptorZero(const FreeDescriptorZero&) = delete;
+  FreeDescriptorZero& operator=(const FreeDescriptorZero&) = delete;
+  ~FreeDescriptorZero() {
+    if (saved_.get() >= 0) {
+      ::dup2(saved_.get(), 0);
+    }
+  }
+
+ private:
+  Fd saved_;
+};
+
 // Raw sockets, written from the wire's rules alone and not with the library's code. Addresses are
 // 110 bytes unless another length is asked for.
 
@@ -70,6 +94,8 @@ Fd rawListen(const std::string& name, socklen_t addressSize = 110, int backlog =
 Fd rawConnect(const std::string& name, socklen_t addressSize = 110);
 /// Two connected, blocking sockets.
 std::pair<Fd, Fd> rawPair();
+/// The same, of which the first is non-blocking, as the library's ends are.
+std::pair<Fd, Fd> nonBlockingPair();
 /// Sends one record.
 void rawSend(int fd, std::string_view record);
 /// Waits for one record, up to ten seconds or that long. "<end>" at the end of the connection,

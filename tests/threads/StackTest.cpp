@@ -2,7 +2,6 @@
 #include <pthread.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -112,16 +111,12 @@ bool servesJoinedRecords(std::size_t kib) {
 }
 
 bool isEnough(std::size_t kib, bool (*served)(std::size_t) = &servesDeepestRecords) {
-  const pid_t child = fork();
-  if (child == 0) {
+  return inChild([&] {
     const rlimit none{0, 0};
     setrlimit(RLIMIT_CORE, &none);
     ::close(STDERR_FILENO);  // a sanitizer's word on the overflow that is looked for
-    alarm(10);
-    _exit(served(kib) ? 0 : 1);
-  }
-  int status = -1;
-  return waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    return served(kib);
+  });
 }
 
 /// To a page. A thread without any stack to speak of cannot even start.

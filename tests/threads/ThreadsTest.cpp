@@ -12,7 +12,7 @@
 #include "Kelvo/Platform/Debug.h"
 #include "Kelvo/Platform/EventLoop.h"
 #include "Kelvo/ThreadControl.h"
-#include "tests/support/Support.h"
+#include "tests/tovik/Peers.h"
 
 using Kelvo::Platform::EventLoop;
 
@@ -21,10 +21,6 @@ namespace {
 constexpr int kThreads = 4;
 constexpr int kMessages = 200;
 
-bool anyone(int /*pid*/, unsigned /*uid*/, unsigned /*gid*/) {
-  return true;
-}
-
 Tovik::Server makeCountingServer(const std::string& name, std::atomic<int>& handled) {
   return Tovik::Server(
       name,
@@ -32,7 +28,7 @@ Tovik::Server makeCountingServer(const std::string& name, std::atomic<int>& hand
         ++handled;
         client.acknowledge(5);
       },
-      anyone);
+      admitAll);
 }
 
 /// A thread that runs a server on a loop of its own until it is told to stop from outside.
@@ -180,13 +176,6 @@ TEST(Threads, MayChangeTheEnabledLevelsWhileOthersLog) {
     EXPECT_EQ(callRepeatedly(server.name()), kMessages);
   }
   EXPECT_GT(records, kMessages);
-}
-
-TEST(Threads, StopALoopThatWaits) {
-  for (int i = 0; i < 50; ++i) {
-    const ServerThread waiting;  // stopped and joined at the end of its scope
-    EXPECT_EQ(waiting.handled(), 0);
-  }
 }
 
 namespace {

@@ -223,13 +223,8 @@ TEST_F(AdmissionRate, AdmitsAgainAsTimeGoesBy) {
   EXPECT_EQ(admitted(two, 10), 1);
   now += 1s;
   EXPECT_EQ(admitted(two, 10), 2);
-}
-
-TEST_F(AdmissionRate, SavesUpNoMoreThanABurst) {
-  const Rule two = rule(2, 3);
-  EXPECT_EQ(admitted(two, 10), 3);
   now += 24h;
-  EXPECT_EQ(admitted(two, 10), 3);
+  EXPECT_EQ(admitted(two, 10), 3) << "no more than a burst";
 }
 
 TEST_F(AdmissionRate, CountsNoRefusedAttempt) {
@@ -396,13 +391,6 @@ TEST_F(AdmissionToAServer, ClosesClientsByAnEmptyRule) {
   EXPECT_EQ(rawReceiveNow(client().get()), "<end>");
 }
 
-TEST_F(AdmissionToAServer, LimitsTheRate) {
-  serve(users({geteuid()}) && ratePerUser(0, 2));
-  EXPECT_TRUE(admitted(client()));
-  EXPECT_TRUE(admitted(client()));
-  EXPECT_FALSE(admitted(client()));
-}
-
 TEST_F(AdmissionToAServer, LimitsTheConnectionsThatAUserHasOpen) {
   serve(limitPerUser(2, OpenConnections(name)));
   const Fd first = client();
@@ -451,14 +439,10 @@ TEST_F(AdmissionToAServer, CountsUnderTheLongestName) {
 TEST_F(AdmissionToAServer, CountsAConnectionOnDescriptorZeroOnce) {
   serve(kAll);
   const Fd peer = rawConnect(name);
-  const int standardInput = dup(0);
-  close(0);  // the next descriptor takes its place
+  const FreeDescriptorZero zero;
   turnUntilIdle();
-  const auto count = OpenConnections(name)(geteuid());
+  EXPECT_EQ(OpenConnections(name)(geteuid()), 1U);
   server.reset();
-  EXPECT_EQ(dup2(standardInput, 0), 0);
-  close(standardInput);
-  EXPECT_EQ(count, 1U);
 }
 
 TEST_F(AdmissionToAServer, AdmitsNobodyWhenItsDescriptorsCannotBeListed) {

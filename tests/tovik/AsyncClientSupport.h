@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "Api/Json/Client.h"
 #include "tests/tovik/ClientSupport.h"
 
 // What the tests of the asynchronous client share.

@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "Kelvo/String.h"
+#include "Api/Json/Client.h"
 #include "tests/support/Faults.h"
 #include "tests/support/Support.h"
 
@@ -50,48 +50,13 @@ class RawServer {
   Fd listener_;
 };
 
-/// A JSON text of that many bytes.
-inline std::string textOfSize(int size) {
-  const std::string head = R"({"k":")";
-  const std::string tail = R"("})";
-  return head + std::string(static_cast<std::size_t>(size) - head.size() - tail.size(), 'x') + tail;
-}
-
-inline std::string compact(const Tovik::Message& msg) {
-  return std::string(std::string_view(Tovik::Message::toStr(msg, false)));
-}
-
-/// The descriptor of the last socket that was made.
-inline int lastSocket(const Faults::Trace& trace) {
-  const auto made = trace.of(Faults::Call::kSocket);
-  return made.empty() ? -1 : static_cast<int>(made.back().result);
-}
-
-/// The kinds of the socket calls in their order, without the loop's own.
-inline std::vector<Faults::Call> socketCalls(const Faults::Trace& trace) {
-  std::vector<Faults::Call> kinds;
-  for (const auto& seen : trace.calls()) {
-    if (seen.call < Faults::Call::kEpollCreate) {
-      kinds.push_back(seen.call);
-    }
-  }
-  return kinds;
-}
-
-/// Leaves 0 free for the next descriptor while it lives.
-class FreeDescriptorZero {
- public:
-  FreeDescriptorZero() : saved_(::dup(0)) { ::close(0); }
-  FreeDescriptorZero(const FreeDescriptorZero&) = delete;
-  FreeDescriptorZero& operator=(const FreeDescriptorZero&) = delete;
-  ~FreeDescriptorZero() {
-    if (saved_.get() >= 0) {
-      ::dup2(saved_.get(), 0);
-    }
-  }
-
- private:
-  Fd saved_;
+/// A blocking client and the server's end of its connection.
+class ConnectedClient {
+ protected:
+  RawServer server_;
+  Tovik::Client client_{server_.name()};
+  Fd peer_ = server_.accept();
+  CapturedLog log_;
 };
 
 /// Runs `action` on another thread once the thread that made this sleeps in the kernel, or after

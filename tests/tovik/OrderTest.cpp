@@ -72,8 +72,7 @@ class SenderOrder : public ::testing::Test {
     journal.take();
   }
   int newSocket() {
-    auto [near, far] = rawPair();
-    setNonBlocking(near.get());
+    auto [near, far] = nonBlockingPair();
     peers.push_back(std::move(far));
     journal.name(near.get());
     return near.release();
@@ -160,8 +159,7 @@ TEST_F(SenderOrder, HasNothingInItWithoutASocketAndABacklog) {
 class ConnectionOrder : public ::testing::Test {
  protected:
   ConnectionOrder() {
-    auto [near, far] = rawPair();
-    setNonBlocking(near.get());
+    auto [near, far] = nonBlockingPair();
     journal.name(near.get());
     peer = std::move(far);
     connection = std::make_unique<Tovik::Connection>(
@@ -438,7 +436,7 @@ TEST_F(ClientOrder, OfABlockingClientsFailedConnectKeepsItsReason) {
 
 TEST_F(ClientOrder, OfABlockingClientsFailedWriteIsItsRecordAndNoRead) {
   const Tovik::Client blocking(name);
-  journal.take();
+  EXPECT_EQ(journal.take(), (Lines{"socket a", "connect a"}));
   const Fail gone(Call::kWrite, EPIPE);
   EXPECT_EQ(blocking.sendMsg(parsed("{}"), true), -1);
   EXPECT_EQ(journal.take(), (Lines{"write a {} fails", "strerror",

@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "Api/Json/Client.h"
 #include "tests/tovik/ClientSupport.h"
 
 using namespace std::string_literals;
@@ -35,13 +34,7 @@ std::string nameOf(const testing::TestParamInfo<Case>& info) {
 
 }  // namespace
 
-class Reply : public testing::TestWithParam<Answer> {
- protected:
-  RawServer server_;
-  Tovik::Client client_{server_.name()};
-  Fd peer_ = server_.accept();
-  CapturedLog log_;
-};
+class Reply : public ConnectedClient, public testing::TestWithParam<Answer> {};
 
 TEST_P(Reply, IsJudgedByItsRecord) {
   const Answer& answer = GetParam();
@@ -161,21 +154,13 @@ constexpr auto kIsString = "Assertion.*IsString\\(\\)";
 
 }  // namespace
 
-class ReplyDeathTest : public testing::TestWithParam<Shape> {
- protected:
-  RawServer server_;
-  Tovik::Client client_{server_.name()};
-  Fd peer_ = server_.accept();
-};
+class ReplyDeathTest : public ConnectedClient, public testing::TestWithParam<Shape> {};
 
 TEST_P(ReplyDeathTest, EndsTheProcessByAssertion) {
   rawSend(peer_.get(), GetParam().record);
-  EXPECT_EXIT(client_.waitAck(), testing::KilledBySignal(SIGABRT), GetParam().assertion);
-}
-
-TEST_P(ReplyDeathTest, IsReadLikeAnyOtherMessageIfNoReplyIsAwaited) {
+  EXPECT_EQ(compact(client_.waitForMsg()), GetParam().record) << "if no reply is awaited";
   rawSend(peer_.get(), GetParam().record);
-  EXPECT_EQ(compact(client_.waitForMsg()), GetParam().record);
+  EXPECT_EXIT(client_.waitAck(), testing::KilledBySignal(SIGABRT), GetParam().assertion);
 }
 
 INSTANTIATE_TEST_SUITE_P(
