@@ -2,13 +2,12 @@
 // message before each wait.
 
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include "Api/Json/Client.h"
 #include "fuzz/Reader.h"
 #include "fuzz/Support.h"
 
-namespace fuzz {
+using namespace fuzz;
 
 namespace {
 
@@ -58,20 +57,19 @@ Outcome predicted(const std::string& record, const Text& seen, std::vector<std::
 
 class Conversation {
  public:
-  Conversation() : client_(listener().name()), server_(listener().accept()) {}
-  ~Conversation() { ::close(server_); }
+  Conversation() : client_(listener().name.c_str()), server_(listener().accept()) {}
 
   void run(std::string_view input) {
     const bool asking = takeMark(input);
     for (const Batch& batch : batchesOf(input)) {
-      sendBatch(server_, batch);
+      sendBatch(server_.get(), batch);
       for (const std::string& record : batch) {
         if (!step(record, asking)) {
           return;
         }
       }
     }
-    ::shutdown(server_, SHUT_RDWR);
+    ::shutdown(server_.get(), SHUT_RDWR);
     requireEqual(wait(client_, false).text, "throws Broken pipe", "the end");
   }
 
@@ -88,19 +86,17 @@ class Conversation {
     requireEqual(actual.stop, expected.stop, "the assertion");
     requireEqual(actual.text, expected.text, "the outcome");
     log_.expect(lines);
-    requireEqual(receiveNow(server_), asking ? "{}" : "<nothing>", "the question");
+    requireEqual(rawReceiveNow(server_.get()), asking ? "{}" : "<nothing>", "the question");
     return expected.stop.empty();
   }
 
   Log log_;
   Tovik::Client client_;
-  const int server_;
+  const Fd server_;
 };
 
 }  // namespace
 
-}  // namespace fuzz
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  return fuzz::converse<fuzz::Conversation>(data, size);
+  return converse<Conversation>(data, size);
 }

@@ -3,14 +3,12 @@
 // connect again.
 
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include "Api/Json/Client.h"
-#include "Kelvo/Platform/EventLoop.h"
 #include "fuzz/Reader.h"
 #include "fuzz/Support.h"
 
-namespace fuzz {
+using namespace fuzz;
 
 namespace {
 
@@ -20,28 +18,27 @@ class Conversation {
  public:
   Conversation()
       : client_(
-            listener().name(),
+            listener().name,
             [this](auto& client, const auto& message) {
               handled_ = Tovik::Message::toStr(message, false).data();
               client.asyncSendMsg(message);
             },
             [this](auto&) { ++connections_; }, kNever) {}
-  ~Conversation() { closeServer(); }
 
   void run(std::string_view input) {
     for (const Batch& batch : batchesOf(input)) {
-      if (server_ < 0) {
+      if (server_.get() < 0) {
         connect();
       }
-      sendBatch(server_, batch);
-      for (Batch waiting = batch; !waiting.empty() && server_ >= 0;) {
+      sendBatch(server_.get(), batch);
+      for (Batch waiting = batch; !waiting.empty() && server_.get() >= 0;) {
         if (!turn(takeText(waiting))) {
           return;
         }
       }
     }
-    if (server_ >= 0) {
-      ::shutdown(server_, SHUT_RDWR);
+    if (server_.get() >= 0) {
+      ::shutdown(server_.get(), SHUT_RDWR);
       turn("");
     }
   }
@@ -53,12 +50,6 @@ class Conversation {
     require(client_.isAttached() && connections_ == before + 1, "not connected");
     server_ = listener().accept();
     log_.expect({"3 timeout: AsyncClient::timeout()"});
-  }
-
-  void closeServer() {
-    if (server_ >= 0) {
-      ::close(std::exchange(server_, -1));
-    }
   }
 
   /// False if nothing can be said of the text.
@@ -75,11 +66,11 @@ class Conversation {
     expectLog(text, expected);
     require(client_.isAttached() == !text.empty(), "whether the client is connected");
     if (text.empty()) {
-      closeServer();
+      server_.reset();
       return true;
     }
     require(!expected || read(handled_) == seen, "the message, for " + text);
-    requireEqual(receiveNow(server_), handled_, "what the client sends back");
+    requireEqual(rawReceiveNow(server_.get()), handled_, "what the client sends back");
     return true;
   }
 
@@ -87,7 +78,7 @@ class Conversation {
     const std::string received = "3 readFdEvent: AsyncClient::readFdEvent(): msg = '" + text + "'";
     if (text.empty()) {
       log_.expect({"1 terminateConnection: AsyncSender::terminateConnection(): fd = " +
-                   std::to_string(server_ - 1)});
+                   std::to_string(server_.get() - 1)});
     } else if (handled) {
       log_.expect({received, "3 asyncSendMsg: AsyncSender::asyncSendMSg() -> " + handled_,
                    "2 flushQueue: AsyncSender::flushQueue(), queue size = 1"});
@@ -99,14 +90,12 @@ class Conversation {
   Log log_;
   std::string handled_;
   int connections_ = 0;
-  int server_ = -1;
   Tovik::AsyncClient client_;
+  Fd server_;
 };
 
 }  // namespace
 
-}  // namespace fuzz
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  return fuzz::converse<fuzz::Conversation>(data, size);
+  return converse<Conversation>(data, size);
 }

@@ -6,7 +6,6 @@
 // follows the payload.
 
 #include <mosquitto.h>
-#include <unistd.h>
 
 #include <functional>
 #include <memory>
@@ -28,8 +27,7 @@ using fuzz::require;
 /// The far end of a connection to the broker.
 struct Wire {
   std::function<void(bool)> setUp;
-  std::function<void(const Arrival&)> deliver;
-  std::function<void(const Publication&, int)> refuse;
+  bridge::Broker::Handlers handlers;
 };
 std::vector<Wire> wires;
 std::vector<Publication> published;
@@ -49,7 +47,7 @@ Broker::Broker(const Settings& settings, Role role, Handlers handlers)
                      isUp_ = up;
                      up ? handlers_.up() : handlers_.down();
                    },
-                   handlers_.arrived, handlers_.refused});
+                   handlers_});
 }
 
 Broker::~Broker() = default;
@@ -83,7 +81,7 @@ class Bridge {
     setUp(true);
   }
   ~Bridge() {
-    hangUp();
+    local_.reset();
     import_.reset();
     export_.reset();
   }
@@ -104,7 +102,7 @@ class Bridge {
     const std::string topic = record.substr(1, bar - 1);
     const std::string payload = record.substr(std::min(bar + 1, record.size()));
     perform(record[0], topic, payload);
-    fuzz::turnUntilIdle();
+    turnUntilIdle();
     takeReplies();
   }
 
@@ -123,7 +121,7 @@ class Bridge {
       case 'n':
         return refuse(topic.empty() ? 0 : static_cast<unsigned char>(topic[0]));
       case 'c':
-        return wires[1].deliver(
+        return wires[1].handlers.arrived(
             {"site/tovik-fuzz-exported/call" + topic, payload, "answers", "1", {}});
       case 'd':
         return setUp(false);
@@ -132,9 +130,7 @@ class Bridge {
       case 'l':
         return ask(payload);
       case 'x':
-        return hangUp();
-      default:
-        return;
+        return local_.reset();
     }
   }
 
@@ -146,7 +142,7 @@ class Bridge {
 
   static void toImport(const std::string& topic, const std::string& payload,
                        const std::string& correlation = "") {
-    wires[0].deliver({topic, payload, "", correlation, {}});
+    wires[0].handlers.arrived({topic, payload, "", correlation, {}});
   }
 
   /// Where the import expects replies; only a call tells.
@@ -163,51 +159,40 @@ class Bridge {
   static void refuse(int reason) {
     if (!published.empty()) {
       const Publication last = published.back();
-      wires[0].refuse(last, reason);
+      wires[0].handlers.refused(last, reason);
     }
   }
 
   /// Through the local name, which is open only while the remote server is there.
   void ask(const std::string& request) {
-    if (local_ < 0 && isOpen()) {
-      local_ = fuzz::connectTo(name_);
-      fuzz::turnUntilIdle();
+    if (local_.get() < 0 && import_->counters()["there"].GetBool()) {
+      local_ = rawConnect(name_);
+      require(local_.get() >= 0, "cannot connect");
+      turnUntilIdle();
     }
-    if (local_ >= 0) {
-      fuzz::sendRecord(local_, request);
-    }
-  }
-
-  bool isOpen() const {
-    const auto counters = import_->counters();
-    return counters["there"].GetBool();
-  }
-
-  void hangUp() {
-    if (local_ >= 0) {
-      ::close(local_);
-      local_ = -1;
+    if (local_.get() >= 0) {
+      fuzz::sendRecord(local_.get(), request);
     }
   }
 
   void takeReplies() {
-    if (local_ < 0) {
+    if (local_.get() < 0) {
       return;
     }
-    for (std::string record; (record = fuzz::receiveNow(local_)) != "<nothing>";) {
-      if (record == "<end>" || record == "<reset>") {
-        return hangUp();
+    for (std::string record; (record = rawReceiveNow(local_.get())) != "<nothing>";) {
+      if (record == "<end>" || record == "<error>") {
+        return local_.reset();
       }
       require(record.size() <= 4094, "a record too long");
       require(fuzz::read(record).root != fuzz::Text::Root::kNotJson, "not JSON: " + record);
     }
   }
 
-  const std::string name_ = "tovik-fuzz-bridge-" + std::to_string(::getpid());
+  const std::string name_ = uniqueName();
   bridge::Settings settings_;
   std::unique_ptr<bridge::Import> import_;
   std::unique_ptr<bridge::Export> export_;
-  int local_ = -1;
+  Fd local_;
 };
 
 }  // namespace

@@ -3,13 +3,10 @@
 
 #include "Api/Json/Connection.h"
 
-#include <unistd.h>
-
-#include "Kelvo/Platform/EventLoop.h"
 #include "fuzz/Reader.h"
 #include "fuzz/Support.h"
 
-namespace fuzz {
+using namespace fuzz;
 
 namespace {
 
@@ -17,18 +14,17 @@ class Conversation {
  public:
   /// The connection is the model's: alive until it should be dead.
   Conversation()
-      : fd_(sockets_.near()), connection_(fd_, [this](auto& connection, const auto& message) {
+      : fd_(sockets_.first.release()),
+        connection_(fd_, [this](auto& connection, const auto& message) {
           handled_ = Tovik::Message::toStr(message, false).data();
           connection.acknowledge(++status_);
-        }) {
-    sockets_.nearHasOwner();
-  }
+        }) {}
 
   void run(std::string_view input) {
     const bool hastyPeer = takeMark(input);
     const auto batches = batchesOf(input);
     for (std::size_t i = 0; i < batches.size() && alive_ && !stopped_; ++i) {
-      sendBatch(sockets_.far(), batches[i]);
+      sendBatch(sockets_.second.get(), batches[i]);
       if (hastyPeer && i + 1 == batches.size()) {
         closePeer();
       }
@@ -45,7 +41,7 @@ class Conversation {
 
  private:
   void closePeer() {
-    sockets_.closeFar();
+    sockets_.second.reset();
     peerOpen_ = false;
   }
 
@@ -128,16 +124,17 @@ class Conversation {
       return;
     }
     if (!alive_) {
-      const auto end = receiveNow(sockets_.far());
-      return require(end == "<end>" || end == "<reset>", "no end at the peer, but " + end);
+      const auto end = rawReceiveNow(sockets_.second.get());
+      return require(end == "<end>" || end == "<error>", "no end at the peer, but " + end);
     }
-    requireEqual(receiveNow(sockets_.far()), reply_, "the reply");
-    require(reply_ == "<nothing>" || receiveNow(sockets_.far()) == "<nothing>", "a second reply");
+    requireEqual(rawReceiveNow(sockets_.second.get()), reply_, "the reply");
+    require(reply_ == "<nothing>" || rawReceiveNow(sockets_.second.get()) == "<nothing>",
+            "a second reply");
   }
 
   void log(const std::string& line) { expectedLog_.push_back(line); }
 
-  Pair sockets_;
+  std::pair<Fd, Fd> sockets_ = nonBlockingPair();
   const int fd_;
   Log log_;
   std::string handled_;
@@ -156,8 +153,6 @@ class Conversation {
 
 }  // namespace
 
-}  // namespace fuzz
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  return fuzz::converse<fuzz::Conversation>(data, size);
+  return converse<Conversation>(data, size);
 }

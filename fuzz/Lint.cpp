@@ -6,22 +6,9 @@
 #include "fuzz/Support.h"
 #include "tool/Json.h"
 
-namespace fuzz {
+using namespace fuzz;
 
 namespace {
-
-tool::Switch switchOf(AtServer outcome) {
-  switch (outcome) {
-    case AtServer::kSwitchOn:
-      return tool::Switch::kOn;
-    case AtServer::kSwitchOff:
-      return tool::Switch::kOff;
-    case AtServer::kSwallowed:
-      return tool::Switch::kSwallowed;
-    default:
-      return tool::Switch::kNone;
-  }
-}
 
 /// Iterative parsing is for long texts, which must not be as deep on the stack as they are long.
 void parseBothWays(const std::string& text) {
@@ -47,7 +34,12 @@ void judge(std::string_view text) {
   }
   require(lint.isObject() == (seen.root == Text::Root::kObject), "the root");
   require(lint.endsServer.empty() == (atServer(seen) != AtServer::kStops), "what ends a server");
-  require(lint.notification == switchOf(atServer(seen)), "the switch");
+  for (const auto& [outcome, meaning] :
+       {std::pair(AtServer::kSwitchOn, tool::Switch::kOn),
+        std::pair(AtServer::kSwitchOff, tool::Switch::kOff),
+        std::pair(AtServer::kSwallowed, tool::Switch::kSwallowed)}) {
+    require((atServer(seen) == outcome) == (lint.notification == meaning), "the switch");
+  }
   const AtClient outcome = atClient(seen);
   require(lint.endsClient.empty() == (outcome != AtClient::kStops), "what ends a client");
   require(lint.replyStatus.has_value() == (outcome == AtClient::kStatus), "a valid reply");
@@ -66,9 +58,7 @@ void judge(std::string_view text) {
 
 }  // namespace
 
-}  // namespace fuzz
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  fuzz::judge({reinterpret_cast<const char*>(data), size});
+  judge({reinterpret_cast<const char*>(data), size});
   return 0;
 }

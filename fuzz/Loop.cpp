@@ -19,10 +19,9 @@
 #include "fuzz/Support.h"
 #include "tests/model/VirtualClock.h"
 
+using namespace fuzz;
 using namespace std::chrono_literals;
 using Kelvo::Platform::EventLoop;
-
-namespace fuzz {
 
 namespace {
 
@@ -32,43 +31,11 @@ constexpr std::size_t kDeepestTurn = 3;
 
 struct Thrown {};
 
-/// A real handler, which hands everything on to the world by its place.
-class Handler final : public Kelvo::Platform::FdEventHandler {
- public:
-  explicit Handler(unsigned its)
-      : place(its),
-        control(Kelvo::Platform::getFdControl(this)),
-        plain(this),
-        guarded(this, this) {}
-
-  void readFdEvent(int fd) override;
-  void writeFdEvent(int fd) override;
-  bool handleFdException(int fd) override;
-  using FdEventHandler::deferReadEvent;
-  using FdEventHandler::deferWriteEvent;
-
-  class Alarm final : public Kelvo::Platform::TimeoutHandler {
-   public:
-    explicit Alarm(Handler* of, const Handler* unlessAttached = nullptr)
-        : timer(Kelvo::Platform::getTimer(this, unlessAttached)), of_(of) {}
-    void timeout() override;
-    bool handleTimeoutException() override;
-    Kelvo::Ptr<Kelvo::Platform::Timer> timer;
-
-   private:
-    Handler* const of_;
-  };
-
-  const unsigned place;
-  Kelvo::Ptr<Kelvo::Platform::FdControl> control;
-  Alarm plain, guarded;
-};
-
 // --- the model's parts ---
 
 /// One end of a socket pair; the other end decides what this one has to read.
 struct File {
-  int far = -1;
+  Fd far;
   int pending = 0;
   int references = 0;  // descriptors of this end
 };
@@ -89,14 +56,17 @@ struct TimerState {
   std::chrono::nanoseconds earliest{0};  // a millisecond after its last expiry
 };
 
-struct HandlerState {
-  int fd = -1;  // attached to
+struct Attachment {
+  int fd = -1;
   Registration registration = 0;
   bool interest = false;
   unsigned interestChanged = 0;  // in which turn
   Pause readPause, writePause;
+  bool overridden = false;  // closed first, and the number has gone to another handler since
+};
+
+struct HandlerState : Attachment {
   bool closedFirst = false;  // its descriptor was closed while it was attached
-  bool overridden = false;   // and the number has gone to another handler since
   std::array<TimerState, 2> timers;
 };
 
@@ -121,16 +91,11 @@ struct Turn {
 
 class World {
  public:
-  World() { world = this; }
   ~World() {
     handlers_ = {};
     for (const auto& [fd, file] : table_) {
       ::close(fd);
     }
-    for (const auto& file : files_) {
-      closeFar(*file);
-    }
-    world = nullptr;
   }
 
   void run(std::string_view input) {
@@ -140,59 +105,50 @@ class World {
     turn();
   }
 
-  // Callbacks.
-  void onRead(unsigned place, int fd) {
-    Turn::Ready& ready = eventFor(place, fd);
-    require(ready.read && !ready.wasRead, "a read event that was not there");
-    require(!ready.wasWritten, "a read event after the write event");
-    ready.wasRead = true;
-    inCallback(place, states_[place].registration, Kind::kRead);
-    finish();
-  }
-
-  void onWrite(unsigned place, int fd) {
-    Turn::Ready& ready = eventFor(place, fd);
-    require(ready.write && !ready.wasWritten, "a write event that was not there");
-    require(states_[place].interest, "a write event without interest");
-    ready.wasWritten = true;
-    inCallback(place, states_[place].registration, Kind::kWrite);
-    finish();
-  }
-
-  void onTimeout(unsigned place, bool guarded) {
-    Turn& turn = current();
-    TimerState& timer = states_[place].timers[guarded ? 1 : 0];
-    require(timer.pending && timer.deadline <= VirtualClock::now(), "a timer that was not due");
-    require(timer.order < turn.firstNewOrder, "a timer that was armed in this very turn");
-    require(!guarded || states_[place].fd < 0, "a withheld timer");
-    require(guarded || isFirst(timer), "timers out of order");
-    require(!std::exchange(turn.timedOut, true), "a second timer in one turn");
-    timer.pending = false;
-    timer.earliest = VirtualClock::now() + 1ms;
-    inCallback(place, 0, Kind::kTimeout);
-    finish();
-  }
-
-  bool onException() {
-    require(throwing_ && !last_.died, "an exception hook nobody has to call");
-    hookCalled_ = true;
-    throwing_ = decisions_.below(2) == 0;
-    if (!throwing_) {
-      finish();
-    }
-    return !throwing_;
-  }
-
-  static World* world;
-
  private:
+  /// A real handler, which hands everything on to the world by its place.
+  class Handler final : public Kelvo::Platform::FdEventHandler {
+   public:
+    Handler(World& world, unsigned place)
+        : control(Kelvo::Platform::getFdControl(this)),
+          plain(*this, nullptr),
+          guarded(*this, this),
+          world_(world),
+          place_(place) {}
+
+    void readFdEvent(int fd) override { world_.onRead(place_, fd); }
+    void writeFdEvent(int fd) override { world_.onWrite(place_, fd); }
+    bool handleFdException(int /*fd*/) override { return world_.onException(); }
+    using FdEventHandler::deferReadEvent;
+    using FdEventHandler::deferWriteEvent;
+
+    class Alarm final : public Kelvo::Platform::TimeoutHandler {
+     public:
+      Alarm(Handler& of, const Handler* unlessAttached)
+          : timer(Kelvo::Platform::getTimer(this, unlessAttached)), of_(of) {}
+      void timeout() override { of_.world_.onTimeout(of_.place_, this == &of_.guarded); }
+      bool handleTimeoutException() override { return of_.world_.onException(); }
+      const Kelvo::Ptr<Kelvo::Platform::Timer> timer;
+
+     private:
+      Handler& of_;
+    };
+
+    const Kelvo::Ptr<Kelvo::Platform::FdControl> control;
+    Alarm plain, guarded;
+
+   private:
+    World& world_;
+    const unsigned place_;
+  };
+
   // --- operations ---
 
   void operation() {
     const unsigned place = decisions_.below(kHandlers);
     HandlerState& state = states_[place];
     if (handlers_[place] == nullptr) {
-      handlers_[place] = std::make_unique<Handler>(place);
+      handlers_[place] = std::make_unique<Handler>(*this, place);
       state = HandlerState{};
     }
     switch (decisions_.below(16)) {
@@ -234,12 +190,11 @@ class World {
     if (files_.size() >= kMostFiles) {
       return;
     }
-    int fds[2];
-    require(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, fds) == 0, "no socketpair");
+    auto pair = rawPair();
     files_.push_back(std::make_unique<File>());
-    files_.back()->far = fds[1];
+    files_.back()->far = std::move(pair.second);
     files_.back()->references = 1;
-    table_[fds[0]] = files_.back().get();
+    table_[pair.first.release()] = files_.back().get();
   }
 
   /// Some open descriptor, or -1.
@@ -268,7 +223,6 @@ class World {
       }
       state.fd = fd;
       state.registration = ++lastRegistration_;
-      state.overridden = false;
       watched_[{table_[fd], fd}] = state.registration;
     }
     require(handlers_[place]->control->fd() == state.fd, "the attached descriptor");
@@ -293,12 +247,7 @@ class World {
       const TimerState& guarded = state.timers[1];
       turn->letGo |= guarded.pending && guarded.deadline <= VirtualClock::now();
     }
-    state.fd = -1;
-    state.registration = 0;
-    state.interest = false;
-    state.readPause = {};
-    state.writePause = {};
-    state.overridden = false;
+    static_cast<Attachment&>(state) = {};
   }
 
   /// Not for one whose descriptor was closed first: the number is not its own any more.
@@ -350,8 +299,8 @@ class World {
   }
 
   void peerSends() {
-    if (File* file = someFile(); file != nullptr && file->far >= 0 && file->pending < 20) {
-      require(sendRecord(file->far, "x") == 0, "the peer cannot send");
+    if (File* file = someFile(); file != nullptr && file->far.get() >= 0 && file->pending < 20) {
+      require(sendRecord(file->far.get(), "x") == 0, "the peer cannot send");
       ++file->pending;
     }
   }
@@ -364,20 +313,14 @@ class World {
   void drain() {
     const int fd = someDescriptor();
     if (fd >= 0 && table_[fd]->pending > 0) {
-      require(receiveNow(fd) == "x", "a record");
+      require(rawReceiveNow(fd) == "x", "a record");
       --table_[fd]->pending;
     }
   }
 
   void peerCloses() {
     if (File* file = someFile()) {
-      closeFar(*file);
-    }
-  }
-
-  static void closeFar(File& file) {
-    if (file.far >= 0) {
-      ::close(std::exchange(file.far, -1));
+      file->far.reset();
     }
   }
 
@@ -423,7 +366,6 @@ class World {
     for (auto at = watched_.begin(); at != watched_.end();) {
       at = at->first.first == file ? watched_.erase(at) : std::next(at);
     }
-    closeFar(*file);
     files_.erase(std::find_if(files_.begin(), files_.end(),
                               [file](const auto& owned) { return owned.get() == file; }));
   }
@@ -497,9 +439,9 @@ class World {
     const File& file = *watch->first.first;
     const Pause& reading = state.readPause;
     const Pause& writing = state.writePause;
-    const bool readable = file.pending > 0 || file.far < 0;
+    const bool readable = file.pending > 0 || file.far.get() < 0;
     // The kernel reports a hang-up unasked, and the pause may end before that is looked at.
-    const bool hungUp = file.far < 0 && isDue(reading);
+    const bool hungUp = file.far.get() < 0 && isDue(reading);
     Turn::Ready& ready = turn.ready[state.registration];
     ready.read = readable && (mayBeOver(reading) || hungUp);
     ready.readForCertain = readable && reading.state == Pause::State::kNone;
@@ -587,6 +529,45 @@ class World {
     return ready->second;
   }
 
+  void onRead(unsigned place, int fd) {
+    Turn::Ready& ready = eventFor(place, fd);
+    require(ready.read && !ready.wasRead, "a read event that was not there");
+    require(!ready.wasWritten, "a read event after the write event");
+    ready.wasRead = true;
+    inCallback(place, states_[place].registration, Kind::kRead);
+  }
+
+  void onWrite(unsigned place, int fd) {
+    Turn::Ready& ready = eventFor(place, fd);
+    require(ready.write && !ready.wasWritten, "a write event that was not there");
+    require(states_[place].interest, "a write event without interest");
+    ready.wasWritten = true;
+    inCallback(place, states_[place].registration, Kind::kWrite);
+  }
+
+  void onTimeout(unsigned place, bool guarded) {
+    Turn& turn = current();
+    TimerState& timer = states_[place].timers[guarded ? 1 : 0];
+    require(timer.pending && timer.deadline <= VirtualClock::now(), "a timer that was not due");
+    require(timer.order < turn.firstNewOrder, "a timer that was armed in this very turn");
+    require(!guarded || states_[place].fd < 0, "a withheld timer");
+    require(guarded || isFirst(timer), "timers out of order");
+    require(!std::exchange(turn.timedOut, true), "a second timer in one turn");
+    timer.pending = false;
+    timer.earliest = VirtualClock::now() + 1ms;
+    inCallback(place, 0, Kind::kTimeout);
+  }
+
+  bool onException() {
+    require(throwing_ && !last_.died, "an exception hook nobody has to call");
+    hookCalled_ = true;
+    throwing_ = decisions_.below(2) == 0;
+    if (!throwing_) {
+      finish();
+    }
+    return !throwing_;
+  }
+
   bool isFirst(const TimerState& timer) const {
     for (const HandlerState& state : states_) {
       const TimerState& other = state.timers[0];
@@ -615,6 +596,7 @@ class World {
     last_ = callback;
     hookCalled_ = false;
     throwing_ = decisions_.below(8) == 7;
+    finish();
   }
 
   /// Concerns that handler's innermost callback of that kind, if there is one.
@@ -670,32 +652,8 @@ class World {
   bool hookCalled_ = false;
 };
 
-World* World::world = nullptr;
-
-void Handler::readFdEvent(int fd) {
-  World::world->onRead(place, fd);
-}
-
-void Handler::writeFdEvent(int fd) {
-  World::world->onWrite(place, fd);
-}
-
-bool Handler::handleFdException(int /*fd*/) {
-  return World::world->onException();
-}
-
-void Handler::Alarm::timeout() {
-  World::world->onTimeout(of_->place, this == &of_->guarded);
-}
-
-bool Handler::Alarm::handleTimeoutException() {
-  return World::world->onException();
-}
-
 }  // namespace
 
-}  // namespace fuzz
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  return fuzz::converse<fuzz::World>(data, size);
+  return converse<World>(data, size);
 }

@@ -3,17 +3,13 @@
 
 #include "Api/Service/Proxy.h"
 
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <array>
 #include <chrono>
 #include <optional>
 
-#include "Kelvo/Platform/EventLoop.h"
 #include "fuzz/Support.h"
 
-namespace fuzz {
+using namespace fuzz;
 
 namespace {
 
@@ -24,7 +20,7 @@ class Conversation {
   Conversation() {
     Tovik::ProxyOptions options;
     options.reconnectInterval = 1 << 30;  // once is enough
-    proxy_.emplace(listener().name(), options);
+    proxy_.emplace(listener().name, options);
     while (!proxy_->isConnected()) {  // by a timer, which the kernel may take a moment for
       Kelvo::Platform::EventLoop::current().runOnce(std::chrono::seconds(1));
     }
@@ -44,13 +40,12 @@ class Conversation {
       proxy_->unsubscribe("t");
     });
   }
-  ~Conversation() { ::close(server_); }
 
   void run(std::string_view input) {
     for (const Batch& batch : batchesOf(input)) {
-      sendBatch(server_, batch);
+      sendBatch(server_.get(), batch);
       turnUntilIdle();
-      while (receiveNow(server_).front() == '{') {
+      while (rawReceiveNow(server_.get()).front() == '{') {
       }
       if (!proxy_->isConnected()) {
         break;
@@ -72,14 +67,12 @@ class Conversation {
   }
 
   std::array<int, kCalls> ends_{};
-  int server_ = -1;
+  Fd server_;
   std::optional<Tovik::Proxy> proxy_;
 };
 
 }  // namespace
 
-}  // namespace fuzz
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  return fuzz::converse<fuzz::Conversation>(data, size);
+  return converse<Conversation>(data, size);
 }

@@ -3,6 +3,7 @@
 #include "fuzz/Reader.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstddef>
 #include <limits>
 #include <optional>
@@ -24,11 +25,10 @@ class Reader {
     const auto value = isObject ? object(&text) : this->value();
     skipSpace();
     if (!value || !rest_.empty()) {
-      Text invalid;
-      invalid.huge = huge_;
-      return invalid;
+      text = {};
+    } else {
+      text.root = isObject ? Text::Root::kObject : Text::Root::kOther;
     }
-    text.root = isObject ? Text::Root::kObject : Text::Root::kOther;
     text.huge = huge_;
     return text;
   }
@@ -171,36 +171,23 @@ class Reader {
   }
 
   std::optional<std::uint32_t> hex4() {
-    constexpr std::string_view kDigits = "0123456789abcdef0123456789ABCDEF";
     std::uint32_t code = 0;
-    for (int i = 0; i < 4; ++i) {
-      const auto digit = rest_.empty() ? std::string_view::npos : kDigits.find(peek());
-      if (digit == std::string_view::npos) {
-        return std::nullopt;
-      }
-      code = code * 16 + static_cast<std::uint32_t>(digit % 16);
-      rest_.remove_prefix(1);
+    const auto digits = rest_.substr(0, 4);
+    const auto end = std::from_chars(digits.data(), digits.data() + digits.size(), code, 16).ptr;
+    if (end != digits.data() + 4) {
+      return std::nullopt;
     }
+    rest_.remove_prefix(4);
     return code;
   }
 
   static void encode(std::uint32_t code, std::string& out) {
-    const auto put = [&out](std::uint32_t byte) { out += static_cast<char>(byte); };
-    if (code < 0x80) {
-      put(code);
-      return;
+    const int more = code < 0x80 ? 0 : code < 0x800 ? 1 : code < 0x10000 ? 2 : 3;
+    constexpr std::uint32_t kFirst[] = {0, 0xC0, 0xE0, 0xF0};
+    out += static_cast<char>(kFirst[more] | code >> 6 * more);
+    for (int left = more - 1; left >= 0; --left) {
+      out += static_cast<char>(0x80 | (code >> 6 * left & 0x3F));
     }
-    if (code < 0x800) {
-      put(0xC0 | code >> 6);
-    } else if (code < 0x10000) {
-      put(0xE0 | code >> 12);
-      put(0x80 | (code >> 6 & 0x3F));
-    } else {
-      put(0xF0 | code >> 18);
-      put(0x80 | (code >> 12 & 0x3F));
-      put(0x80 | (code >> 6 & 0x3F));
-    }
-    put(0x80 | (code & 0x3F));
   }
 
   std::string_view digits() {
@@ -212,12 +199,10 @@ class Reader {
 
   /// The number's value, or the largest if it is larger.
   static std::uint64_t valueOf(std::string_view digits) {
-    constexpr std::uint64_t kLargest = std::numeric_limits<std::uint64_t>::max() / 16;
     std::uint64_t value = 0;
-    for (const char digit : digits) {
-      value = std::min(kLargest, value * 10 + static_cast<std::uint64_t>(digit - '0'));
-    }
-    return value;
+    const auto error = std::from_chars(digits.data(), digits.data() + digits.size(), value).ec;
+    return error == std::errc::result_out_of_range ? std::numeric_limits<std::uint64_t>::max() / 2
+                                                   : value;
   }
 
   Result number() {

@@ -6,14 +6,12 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <memory>
 #include <utility>
 
 #include "Api/Json/Async.h"
-#include "Kelvo/Platform/EventLoop.h"
 #include "fuzz/Support.h"
 
-namespace fuzz {
+using namespace fuzz;
 
 namespace {
 
@@ -73,7 +71,8 @@ class Run {
       case 2:
         return send(payload(decisions.byte()));
       case 3:
-        return flush();
+        sender_.flushQueue();
+        return flushed();
       case 4:
       case 5:
         return turn();
@@ -95,17 +94,15 @@ class Run {
   void setFd() {
     ++terminations_;
     forgetConnection();
-    auto pair = std::make_unique<Pair>();
-    sender_.setFd(pair->near());
-    fd_ = pair->near();
-    pair->nearHasOwner();
-    pair_ = std::move(pair);
+    auto pair = nonBlockingPair();
+    fd_ = pair.first.release();
+    sender_.setFd(fd_);
+    peer_ = std::move(pair.second);
     attached_ = peerOpen_ = true;
     peerReset_ = peerResetPerhaps_ = false;
     inFlight_.clear();
-    require(sender_.isAttached(), "not attached");
     shrinkBuffer(40);
-    requireQueue();
+    requireState();
   }
 
   void send(const std::string& text) {
@@ -116,11 +113,6 @@ class Run {
     flushed();
   }
 
-  void flush() {
-    sender_.flushQueue();
-    flushed();
-  }
-
   /// What a flush has done, given what was to be sent.
   void flushed() {
     if (attached_ && !queue_.empty() && !peerOpen_) {
@@ -128,8 +120,7 @@ class Run {
     } else if (attached_) {
       flushedToPeer();
     }
-    require(sender_.isAttached() == attached_, "whether the sender is attached after a flush");
-    requireQueue();
+    requireState();
   }
 
   /// Two errors come before EPIPE: that the peer was reset, and that the text is too large.
@@ -150,7 +141,7 @@ class Run {
     }
     if (!queue_.empty()) {
       const int error = sendRecord(fd_, queue_.front());
-      require(error == -EAGAIN || error == -EMSGSIZE,
+      require(error == EAGAIN || error == EMSGSIZE,
               "there was room for more: " + std::to_string(error));
     }
     setInterest(!queue_.empty());
@@ -180,8 +171,7 @@ class Run {
       flushed();
       stuck_ = attached_ && interest_ && (isTooLarge(queue_.front()) || (poll() & POLLOUT) != 0);
     }
-    require(sender_.isAttached() == attached_, "whether the sender is attached after a turn");
-    requireQueue();
+    requireState();
   }
 
   void wasRead() {
@@ -212,10 +202,10 @@ class Run {
   }
 
   void peerReads(unsigned most) {
-    for (unsigned i = 0; i < most && pair_ && peerOpen_; ++i) {
+    for (unsigned i = 0; i < most && peerOpen_; ++i) {
       std::string expected = "<nothing>";
       if (std::exchange(peerReset_, false)) {
-        expected = "<reset>";
+        expected = "<error>";
       } else if (!inFlight_.empty()) {
         expected = inFlight_.front();
         inFlight_.pop_front();
@@ -224,9 +214,9 @@ class Run {
       } else {
         i = most;
       }
-      std::string actual = receiveNow(pair_->far());
-      if (std::exchange(peerResetPerhaps_, false) && actual == "<reset>") {
-        actual = receiveNow(pair_->far());
+      std::string actual = rawReceiveNow(peer_.get());
+      if (std::exchange(peerResetPerhaps_, false) && actual == "<error>") {
+        actual = rawReceiveNow(peer_.get());
       }
       requireEqual(actual, expected, "what the peer gets");
     }
@@ -241,18 +231,18 @@ class Run {
     if ((which & 16) != 0 && !record.empty()) {
       record[record.size() * (which / 32) / 8] = '\0';
     }
-    const int error = sendRecord(pair_->far(), record);
-    require(error == 0 || error == -EAGAIN, "the peer cannot send");
+    const int error = sendRecord(peer_.get(), record);
+    require(error == 0 || error == EAGAIN, "the peer cannot send");
     if (error == 0) {  // and the socket was not full
       toRead_.push_back(record);
     }
   }
 
   void peerCloses() {
-    if (!pair_ || !std::exchange(peerOpen_, false)) {
+    if (!std::exchange(peerOpen_, false)) {
       return;
     }
-    pair_->closeFar();
+    peer_.reset();
     reset_ = attached_ && !inFlight_.empty();
     inFlight_.clear();
   }
@@ -264,14 +254,13 @@ class Run {
     } else {
       ++terminations_;
     }
-    require(!sender_.isAttached(), "attached after a teardown");
-    requireQueue();
+    requireState();
   }
 
   void clear() {
     sender_.clearQueue();
     queue_.clear();
-    requireQueue();
+    requireState();
   }
 
   void shrinkBuffer(unsigned by) {
@@ -310,14 +299,15 @@ class Run {
     return attached_ && ::poll(&query, 1, 0) == 1 ? query.revents : 0;
   }
 
-  void requireQueue() const {
+  void requireState() const {
+    require(sender_.isAttached() == attached_, "whether the sender is attached");
     const auto queue = sender_.queue();
     require(std::equal(queue.begin(), queue.end(), queue_.begin(), queue_.end()), "the queue");
     require(sender_.terminations == terminations_, "the number of teardowns");
   }
 
   Sender sender_;
-  std::unique_ptr<Pair> pair_;
+  Fd peer_;
   int fd_ = -1;
 
   // The model.
@@ -336,8 +326,6 @@ class Run {
 
 }  // namespace
 
-}  // namespace fuzz
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  return fuzz::converse<fuzz::Run>(data, size);
+  return converse<Run>(data, size);
 }

@@ -3,23 +3,19 @@
 
 #include "Api/Service/Service.h"
 
-#include <unistd.h>
-
-#include <string>
-
 #include "fuzz/Reader.h"
 #include "fuzz/Support.h"
 
-namespace fuzz {
+using namespace fuzz;
 
 namespace {
 
-const std::string kName = "tovik-fuzz-service-" + std::to_string(::getpid());
+const std::string kName = uniqueName();
 
 class Conversation {
  public:
   Conversation()
-      : service_(kName, [](int, unsigned, unsigned) { return true; }), peer_(connectTo(kName)) {
+      : service_(kName, [](int, unsigned, unsigned) { return true; }), peer_(rawConnect(kName)) {
     service_.command("ping", "Answers.", {}, [](Tovik::Request request) { request.reply(); });
     service_.command(
         "echo", "Gives back.",
@@ -32,12 +28,11 @@ class Conversation {
     service_.topic("t", {"Events.", Tovik::Topic::kKeepLast});
     turnUntilIdle();
   }
-  ~Conversation() { ::close(peer_); }
 
   void run(std::string_view input) {
     for (const Batch& batch : batchesOf(input)) {
       for (const std::string& record : batch) {
-        require(sendRecord(peer_, record) == 0, "the peer cannot send");
+        require(sendRecord(peer_.get(), record) == 0, "the peer cannot send");
         turnUntilIdle();
         require(service_.publish("t", Tovik::object("n", 1)) == 0, "not published");
         if (record.empty()) {
@@ -46,7 +41,8 @@ class Conversation {
         expectReplyTo(record);
       }
     }
-    require(sendRecord(peer_, R"({"command":"ping","id":4711})") == 0, "the peer cannot call");
+    require(sendRecord(peer_.get(), R"({"command":"ping","id":4711})") == 0,
+            "the peer cannot call");
     turnUntilIdle();
     require(repliesWaiting() == 1 && last_ == R"({"type":"reply","status":0,"id":4711})",
             "no answer at the end, but " + last_);
@@ -69,7 +65,7 @@ class Conversation {
 
   int repliesWaiting() {
     int replies = 0;
-    for (std::string record; (record = receiveNow(peer_)) != "<nothing>";) {
+    for (std::string record; (record = rawReceiveNow(peer_.get())) != "<nothing>";) {
       require(record.size() <= 4094, "a record too long");
       const Text text = read(record);
       require(text.huge || text.type.is("event") || text.type.is("reply"), "not ours: " + record);
@@ -82,15 +78,13 @@ class Conversation {
   }
 
   Tovik::Service service_;
-  const int peer_;
+  const Fd peer_;
   bool allOn_ = false;
   std::string last_;
 };
 
 }  // namespace
 
-}  // namespace fuzz
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  return fuzz::converse<fuzz::Conversation>(data, size);
+  return converse<Conversation>(data, size);
 }

@@ -2,15 +2,12 @@
 
 #include <assert.h>
 #include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <utility>
 
 void __assert_fail(const char* condition, const char* /*file*/, unsigned /*line*/,
@@ -42,22 +39,6 @@ std::string stoppedBy(const std::function<void()>& step) {
     return stop.condition;
   }
   return {};
-}
-
-namespace {
-
-int lowestFreeDescriptor() {
-  const int fd = ::dup(STDERR_FILENO);
-  ::close(fd);
-  return fd;
-}
-
-}  // namespace
-
-DescriptorCheck::DescriptorCheck() : lowestFree_(lowestFreeDescriptor()) {}
-
-DescriptorCheck::~DescriptorCheck() noexcept(false) {
-  require(lowestFreeDescriptor() == lowestFree_, "a descriptor was left open");
 }
 
 bool takeMark(std::string_view& input) {
@@ -111,7 +92,7 @@ std::string cutText(const std::string& record) {
 
 int sendRecord(int fd, const std::string& record) {
   const auto sent = ::send(fd, record.data(), record.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-  return sent < 0 ? -errno : 0;
+  return sent < 0 ? errno : 0;
 }
 
 void sendBatch(int fd, const Batch& batch) {
@@ -120,69 +101,15 @@ void sendBatch(int fd, const Batch& batch) {
   }
 }
 
-std::string receiveNow(int fd) {
-  static char buffer[300000];  // more than any record
-  const auto length = ::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
-  if (length < 0) {
-    return errno == EAGAIN ? "<nothing>" : errno == ECONNRESET ? "<reset>" : "<error>";
-  }
-  return length == 0 ? "<end>" : std::string(buffer, static_cast<std::size_t>(length));
-}
-
-int connectTo(const std::string& name) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  name.copy(address.sun_path + 1, 106);
-  const int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0);
-  require(::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0,
-          "cannot connect");
-  return fd;
-}
-
-void turnUntilIdle() {
-  while (Kelvo::Platform::EventLoop::current().dispatch()) {
-  }
-}
-
-Pair::Pair() {
-  int fds[2];
-  require(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, fds) == 0, "no socketpair");
-  near_ = fds[0];
-  far_ = fds[1];
-}
-
-Pair::~Pair() {
-  if (near_ >= 0) {
-    ::close(near_);
-  }
-  closeFar();
-}
-
-void Pair::closeFar() {
-  if (far_ >= 0) {
-    ::close(std::exchange(far_, -1));
-  }
-}
-
-Listener::Listener()
-    : name_("tovik-fuzz-" + std::to_string(::getpid())), fd_(::socket(AF_UNIX, SOCK_SEQPACKET, 0)) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::memcpy(address.sun_path + 1, name_.data(), name_.size());
-  require(::bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
-              ::listen(fd_, 5) == 0,
-          "cannot listen");
-}
-
 const Listener& listener() {
   static const Listener listener;
   return listener;
 }
 
-int Listener::accept() const {
-  const int fd = ::accept(fd_, nullptr, nullptr);
-  require(fd >= 0, "nothing to accept");
-  return fd;
+Fd Listener::accept() const {
+  Fd accepted(::accept(fd.get(), nullptr, nullptr));
+  require(accepted.get() >= 0, "nothing to accept");
+  return accepted;
 }
 
 Log::Log()
@@ -191,15 +118,8 @@ Log::Log()
       }) {}
 
 void Log::expect(const std::vector<std::string>& lines) {
-  const auto joined = [](const std::vector<std::string>& all) {
-    std::string text;
-    for (const std::string& line : all) {
-      text += line + "\n";
-    }
-    return text;
-  };
   if (lines_ != lines) {
-    requireEqual(joined(lines_), joined(lines), "the log");
+    requireEqual(::testing::PrintToString(lines_), ::testing::PrintToString(lines), "the log");
   }
   lines_.clear();
 }

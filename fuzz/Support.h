@@ -8,9 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "Kelvo/Platform/Debug.h"
-#include "Kelvo/Platform/EventLoop.h"
-#include "tests/support/LogSink.h"
+#include "tests/support/Support.h"
 
 // What the fuzz targets share. Each runs one input against the real library on real sockets, and
 // compares every step with what a small model of it says.
@@ -40,18 +38,6 @@ struct Stop {
 
 /// Runs `step`; the condition of the assertion that stopped it, or "".
 std::string stoppedBy(const std::function<void()>& step);
-
-/// Holds that the input has left as many descriptors open as it found.
-class DescriptorCheck {
- public:
-  DescriptorCheck();
-  DescriptorCheck(const DescriptorCheck&) = delete;
-  DescriptorCheck& operator=(const DescriptorCheck&) = delete;
-  ~DescriptorCheck() noexcept(false);
-
- private:
-  const int lowestFree_;
-};
 
 /// The fuzzer's bytes as a stream of small decisions; zeros when they have run out.
 class Decisions {
@@ -92,62 +78,29 @@ std::string cutText(const std::string& record);
 
 // Sockets.
 
-/// Sends a record, without waiting. The negated errno, or 0.
+/// Sends a record, without waiting. The errno, or 0.
 int sendRecord(int fd, const std::string& record);
 
 /// Sends a batch, for which there is room.
 void sendBatch(int fd, const Batch& batch);
 
-/// Takes the next record; "<nothing>", "<end>" (also for a record without bytes) or "<reset>".
-std::string receiveNow(int fd);
+/// A server of raw sockets, for clients to connect to: the one of the process.
+struct Listener {
+  Fd accept() const;
 
-/// A client of a server of that name; it does not wait.
-int connectTo(const std::string& name);
-
-/// Until nothing is ready.
-void turnUntilIdle();
-
-/// A pair of connected sockets. What is left of it is closed.
-class Pair {
- public:
-  Pair();
-  Pair(const Pair&) = delete;
-  Pair& operator=(const Pair&) = delete;
-  ~Pair();
-
-  int near() const { return near_; }
-  int far() const { return far_; }
-  /// Somebody else owns the near end from now on.
-  void nearHasOwner() { near_ = -1; }
-  void closeFar();
-
- private:
-  int near_;
-  int far_;
+  const std::string name = uniqueName();
+  const Fd fd = rawListen(name);
 };
-
-/// A server of raw sockets, for clients to connect to.
-class Listener {
- public:
-  Listener();
-  const char* name() const { return name_.c_str(); }
-  int accept() const;
-
- private:
-  const std::string name_;
-  const int fd_;
-};
-
-/// The one of the process.
 const Listener& listener();
 
-/// Runs one input in a world of its own.
+/// Runs one input in a world of its own, which leaves as many descriptors open as it found.
 template <class World>
 int converse(const std::uint8_t* data, std::size_t size) {
   listener();
   Kelvo::Platform::EventLoop::current();  // both have descriptors that stay
-  const DescriptorCheck descriptors;
+  const int lowestFree = nextDescriptor();
   World().run({reinterpret_cast<const char*>(data), size});
+  require(nextDescriptor() == lowestFree, "a descriptor was left open");
   return 0;
 }
 

@@ -1,18 +1,12 @@
 #include "tests/faults/Injection.h"
 
-#include <link.h>
+#include <dlfcn.h>
 #include <sys/epoll.h>
-#include <sys/mman.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
-#include <cstdint>
 #include <cstdlib>
-#include <cstring>
-#include <utility>
-
-#include "tests/support/Faults.h"
+#include <string_view>
 
 // The C library's own, under the names that its malloc functions have beside the public ones.
 extern "C" {
@@ -24,64 +18,56 @@ void __libc_free(void* block);
 
 namespace Injection {
 
+// Runs are made one after the other; only the thread of the run counts.
+bool happened = false;
+bool failedInRapidJson = false;
+std::atomic<long> liveBlocks{0};
+
 namespace {
 
-struct Range {
-  std::uintptr_t from = 0;
-  std::uintptr_t to = 0;
-};
-
-std::vector<Range> findLibraries() {
-  std::vector<Range> ranges;
-  dl_iterate_phdr(
-      [](dl_phdr_info* info, std::size_t, void* result) {
-        if (std::strstr(info->dlpi_name, "libTovik") == nullptr &&
-            std::strstr(info->dlpi_name, "libKelvo") == nullptr) {
-          return 0;
-        }
-        for (int i = 0; i < info->dlpi_phnum; ++i) {
-          const auto& header = info->dlpi_phdr[i];
-          if (header.p_type == PT_LOAD && (header.p_flags & PF_X) != 0) {
-            const auto from = info->dlpi_addr + header.p_vaddr;
-            static_cast<std::vector<Range>*>(result)->push_back({from, from + header.p_memsz});
-          }
-        }
-        return 0;
-      },
-      &ranges);
-  return ranges;
-}
-
-const std::vector<Range> libraries = findLibraries();
-
 bool isLibrary(const void* caller) {
-  const auto address = reinterpret_cast<std::uintptr_t>(caller);
-  for (const Range& range : libraries) {
-    if (address >= range.from && address < range.to) {
-      return true;
-    }
+  Dl_info object{};
+  if (::dladdr(caller, &object) == 0) {
+    return false;
   }
-  return false;
+  std::string_view file = object.dli_fname;
+  file.remove_prefix(file.rfind('/') + 1);
+  return file.rfind("libTovik", 0) == 0 || file.rfind("libKelvo", 0) == 0;
 }
 
-// Runs are made one after the other; only the thread of the run counts.
-thread_local bool counting = false;
-thread_local bool inside = false;  // the counting itself calls and allocates
-bool done = false;
 Fault planned;
-int allocations = 0;
-std::atomic<long> live{0};
 
-/// A kind of call, and the errors that the manual gives for it.
-struct Kind {
-  Call name;
-  Faults::Call call;
-  std::vector<int> errors;
-  std::size_t operation = 0;  // of epoll_ctl
-  int count = 0;
-};
+/// Counts a call; the error that it is to fail with, or 0.
+int count(Kind& kind) {
+  if (++kind.count != planned.occurrence || kind.name != planned.call) {
+    return 0;
+  }
+  happened = true;
+  return planned.error;
+}
 
-/// The kinds are there from the start, so that counting allocates nothing.
+bool allocationFails(const void* caller) {
+  if (!counting || count(kinds().back()) == 0) {
+    return false;
+  }
+  failedInRapidJson = isLibrary(caller);  // everything else in the libraries uses operator new
+  errno = ENOMEM;
+  return true;
+}
+
+int before(Faults::Call call, std::size_t size, const void* caller) {
+  if (!counting || !isLibrary(caller)) {
+    return 0;
+  }
+  const auto kind = std::find_if(kinds().begin(), kinds().end(), [&](const Kind& each) {
+    return each.call == call && (each.operation == 0 || each.operation == size);
+  });
+  return kind == kinds().end() ? 0 : count(*kind);
+}
+
+}  // namespace
+
+/// They are there from the start, so that counting allocates nothing.
 std::vector<Kind>& kinds() {
   using Faults::Call;
   static const std::vector<int> epollCtl = {EBADF,  EEXIST, EINVAL, ELOOP,
@@ -118,100 +104,20 @@ std::vector<Kind>& kinds() {
       {"timerfd_create", Call::kTimerfdCreate, {EINVAL, EMFILE, ENFILE, ENODEV, ENOMEM, EPERM}},
       {"timerfd_settime", Call::kTimerfdSettime, {EBADF, ECANCELED, EFAULT, EINVAL}},
       {"poll", Call::kPoll, {EFAULT, EINTR, EINVAL, ENOMEM}},
-      {"malloc", Call::kNote, {ENOMEM}},  // counted by itself
+      {"malloc", Call::kNote, {ENOMEM}},  // the last; no call that the interposer sees
   };
   return all;
 }
-
-bool* sharedFlag() {
-  static bool* const flag = static_cast<bool*>(
-      mmap(nullptr, sizeof(bool), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-  return flag;
-}
-
-bool allocationFails(const void* caller) {
-  if (!counting || inside) {
-    return false;
-  }
-  ++allocations;
-  if (planned.call.compare("malloc") != 0 || allocations != planned.occurrence) {
-    return false;
-  }
-  *sharedFlag() = isLibrary(caller);  // everything else in the libraries uses operator new
-  errno = ENOMEM;
-  done = true;
-  return true;
-}
-
-/// Counts one call; the error that it is to fail with, or 0.
-int before(Faults::Call call, std::size_t size, const void* caller) {
-  if (!counting || inside || !isLibrary(caller)) {
-    return 0;
-  }
-  const auto kind = std::find_if(kinds().begin(), kinds().end(), [&](const Kind& each) {
-    return each.call == call && (each.operation == 0 || each.operation == size);
-  });
-  if (kind == kinds().end()) {
-    return 0;
-  }
-  ++kind->count;
-  if (kind->name != planned.call || kind->count != planned.occurrence) {
-    return 0;
-  }
-  done = true;
-  return planned.error;
-}
-
-}  // namespace
 
 void start(const Fault& fault) {
   Faults::setHook(before);
   { const Faults::Trace first; }  // takes what the interposer takes once in a thread
   planned = fault;
-  allocations = 0;
-  done = false;
-  *sharedFlag() = false;
+  happened = failedInRapidJson = false;
   for (Kind& kind : kinds()) {
     kind.count = 0;
   }
   counting = true;
-}
-
-void stop() {
-  counting = false;
-  kinds().back().count = allocations;
-}
-
-std::map<Call, int> calls() {
-  std::map<Call, int> counts;
-  for (const Kind& kind : kinds()) {
-    counts[kind.name] = kind.count;
-  }
-  return counts;
-}
-
-bool happened() {
-  return done;
-}
-
-bool failedInRapidJson() {
-  return *sharedFlag();
-}
-
-Suspended::Suspended() : before_(std::exchange(inside, true)) {}
-
-Suspended::~Suspended() {
-  inside = before_;
-}
-
-long liveBlocks() {
-  return live.load();
-}
-
-const std::vector<int>& errorsOf(const Call& call) {
-  return std::find_if(kinds().begin(), kinds().end(),
-                      [&call](const Kind& kind) { return kind.name == call; })
-      ->errors;
 }
 
 }  // namespace Injection
@@ -221,7 +127,7 @@ extern "C" {
 void* malloc(std::size_t size) noexcept {
   void* const block =
       Injection::allocationFails(__builtin_return_address(0)) ? nullptr : __libc_malloc(size);
-  Injection::live += block != nullptr ? 1 : 0;
+  Injection::liveBlocks += block != nullptr ? 1 : 0;
   return block;
 }
 
@@ -229,7 +135,7 @@ void* calloc(std::size_t count, std::size_t size) noexcept {
   void* const block = Injection::allocationFails(__builtin_return_address(0))
                           ? nullptr
                           : __libc_calloc(count, size);
-  Injection::live += block != nullptr ? 1 : 0;
+  Injection::liveBlocks += block != nullptr ? 1 : 0;
   return block;
 }
 
@@ -238,12 +144,12 @@ void* realloc(void* old, std::size_t size) noexcept {
     return nullptr;
   }
   void* const block = __libc_realloc(old, size);
-  Injection::live += (block != nullptr ? 1 : 0) - (old != nullptr ? 1 : 0);
+  Injection::liveBlocks += (block != nullptr ? 1 : 0) - (old != nullptr ? 1 : 0);
   return block;
 }
 
 void free(void* block) noexcept {
-  Injection::live -= block != nullptr ? 1 : 0;
+  Injection::liveBlocks -= block != nullptr ? 1 : 0;
   __libc_free(block);
 }
 

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
-#include <map>
 #include <string>
 #include <vector>
+
+#include "tests/support/Faults.h"
 
 // Stands between the libraries and the C library. Counts the system calls that the two libraries
 // make (told by who calls: a scenario's own calls do not count), and the allocations of the whole
@@ -11,49 +13,48 @@
 
 namespace Injection {
 
-/// A kind of call, by its name; fcntl by its command, epoll_ctl by its operation.
-using Call = std::string;
+/// A kind of call, and the errors that the manual gives for it, all that Linux may return.
+struct Kind {
+  std::string name;  // fcntl by its command, epoll_ctl by its operation
+  Faults::Call call;
+  std::vector<int> errors;
+  std::size_t operation = 0;  // of epoll_ctl
+  int count = 0;              // of the last run
+};
+
+/// All of them; "malloc" is an allocation.
+std::vector<Kind>& kinds();
 
 /// The fault of one run: the `occurrence`th call (from 1) of that kind fails with `error`.
 struct Fault {
-  Call call;
+  std::string call;
   int occurrence = 0;
   int error = 0;
 };
 
-/// Starts to count on this thread, with that fault to come. "malloc" fails an allocation.
+/// Starts to count on this thread, with that fault to come.
 void start(const Fault& fault);
 
-/// Stops counting on this thread.
-void stop();
-
-/// The number of calls of each kind in the last run.
-std::map<Call, int> calls();
+/// Whether this thread counts, until it is set to false.
+inline thread_local bool counting = false;
 
 /// Whether the fault of the last run has happened.
-bool happened();
+extern bool happened;
 
 /// Whether the allocation that failed was one of RapidJSON's, which does not look at what it gets.
-/// Kept in memory that forked children share.
-bool failedInRapidJson();
-
-/// While it lives, nothing counts and nothing fails on this thread: for what a scenario does
-/// itself.
-class Suspended {
- public:
-  Suspended();
-  Suspended(const Suspended&) = delete;
-  Suspended& operator=(const Suspended&) = delete;
-  ~Suspended();
-
- private:
-  const bool before_;
-};
+extern bool failedInRapidJson;
 
 /// Blocks of memory that are allocated now, in the whole process.
-long liveBlocks();
+extern std::atomic<long> liveBlocks;
 
-/// The errors that the manual gives for that call, all that Linux may return.
-const std::vector<int>& errorsOf(const Call& call);
+/// While it lives, nothing counts and nothing fails on this thread, which is at a run: for what a
+/// scenario does itself.
+class Suspended {
+ public:
+  Suspended() { counting = false; }
+  Suspended(const Suspended&) = delete;
+  Suspended& operator=(const Suspended&) = delete;
+  ~Suspended() { counting = true; }
+};
 
 }  // namespace Injection

@@ -2,12 +2,12 @@
 // look at what it does. A fault may meet one of several callers, so it has several alternatives;
 // an outcome has to be one of them as a whole.
 
-#include "tests/faults/Oracle.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <regex>
+
+#include "tests/faults/Scenarios.h"
 
 namespace Faults {
 
@@ -17,170 +17,121 @@ enum class Goal { kReached, kMissed, kEither };
 
 struct Alternative {
   Goal goal = Goal::kReached;
-  std::string exception = {};  // the whole text
-  std::string error = {};      // a regular expression for the one line of level 0
-  bool lost = false;           // the connection at hand ends as well
-  bool unanswered = false;     // the blocking client may wait in vain
+  std::string exception = {};  // regular expressions for the one line
+  std::string error = {};
+  bool lost = false;        // the connection at hand ends as well
+  bool unanswered = false;  // the blocking client may wait in vain
   int descriptorsLeft = 0;
 };
-
-// A scenario limits its blocking client's waits, and this is how the end of one shows.
-constexpr const char* kWaitedInVain = "Tovik::SocketException: Resource temporarily unavailable";
 
 std::string escaped(const std::string& text) {
   return std::regex_replace(text, std::regex(R"([.^$|()\[\]{}*+?\\])"), R"(\$&)");
 }
 
-// The same, if the server closes before it has read what the client sent.
-constexpr const char* kLossSeenByAsyncClient =
-    "AsyncSender::asynRead(): read failed -> Connection reset by peer";
-
-const std::regex& lossSeenByBlockingClient() {
-  static const std::regex pattern("Tovik::SocketException: (Broken pipe|Connection reset by peer)");
-  return pattern;
+bool areLines(const std::string& lines, const std::string& line, const std::string& more) {
+  return std::regex_match(lines, std::regex((line.empty() ? "" : line + "\n") + more));
 }
 
-bool matches(const Scenario& scenario, const Alternative& alternative, const Outcome& outcome) {
+bool matches(const Scenario& scenario, const Alternative& alternative, const Run& run) {
   auto goal = alternative.goal;
-  auto exceptions = outcome.exceptions;
-  auto errors = outcome.errors;
+  std::string moreExceptions, moreErrors;
   if (alternative.lost) {
-    if (scenario.reconnects && errors.size() > (alternative.error.empty() ? 0U : 1U) &&
-        errors.back() == kLossSeenByAsyncClient) {
-      errors.pop_back();
-    }
     goal = scenario.reconnects ? Goal::kReached : Goal::kEither;
-    if (scenario.blocks && !exceptions.empty() &&
-        std::regex_match(exceptions.back(), lossSeenByBlockingClient())) {
-      exceptions.pop_back();
+    // So it is seen, too, if the server closes before it has read what the client sent.
+    const std::string reset = "Connection reset by peer";
+    if (scenario.reconnects) {
+      moreErrors = "(AsyncSender::asynRead\\(\\): read failed -> " + reset + "\n)?";
+    }
+    if (scenario.blocks) {
+      moreExceptions = "(Tovik::SocketException: (Broken pipe|" + reset + ")\n)?";
     }
   }
-  if (alternative.unanswered && !exceptions.empty() && exceptions.back() == kWaitedInVain) {
-    exceptions.pop_back();
+  if (alternative.unanswered) {  // the scenario limits its blocking client's waits
+    moreExceptions += "(Tovik::SocketException: Resource temporarily unavailable\n)?";
   }
-  const bool goalFits = goal == Goal::kEither || (goal == Goal::kReached) == outcome.reached;
-  const bool exceptionFits = alternative.exception.empty()
-                                 ? exceptions.empty()
-                                 : exceptions == std::vector<std::string>{alternative.exception};
-  const bool errorFits =
-      alternative.error.empty()
-          ? errors.empty()
-          : errors.size() == 1 && std::regex_match(errors[0], std::regex(alternative.error));
-  return goalFits && exceptionFits && errorFits &&
-         outcome.descriptorsLeft == alternative.descriptorsLeft;
+  return (goal == Goal::kEither || (goal == Goal::kReached) == run.reached) &&
+         areLines(run.exceptions, alternative.exception, moreExceptions) &&
+         areLines(run.errors, alternative.error, moreErrors) &&
+         run.descriptorsLeft == alternative.descriptorsLeft;
 }
 
 Alternative harmless() {
   return {};
 }
 
-Alternative lostWith(const std::string& error) {
-  Alternative alternative;
-  alternative.error = error;
-  alternative.lost = true;
-  return alternative;
+Alternative lostWith(const std::string& error, const std::string& exception = {}) {
+  return {Goal::kReached, exception, error, true};
 }
 
 Alternative thrown(const std::string& exception, Goal goal) {
-  Alternative alternative;
-  alternative.exception = exception;
-  alternative.goal = goal;
-  return alternative;
+  return {goal, exception};
 }
 
-Alternative logged(const std::string& error, Goal goal) {
-  Alternative alternative;
-  alternative.error = error;
-  alternative.goal = goal;
-  return alternative;
+Alternative logged(const std::string& error, Goal goal = Goal::kReached) {
+  return {goal, {}, error};
+}
+
+std::string socketFailure(const std::string& reason) {
+  return "Tovik::SocketException: " + escaped(reason);
 }
 
 std::string loopFailure(const std::string& what, const std::string& reason) {
-  return "Kelvo::Exception: EventLoop: " + what + " failed: " + reason;
-}
-
-std::vector<Alternative> ofServerSetUp(const std::string& reason) {
-  return {thrown("Tovik::SocketException: " + reason, Goal::kMissed)};
-}
-
-std::vector<Alternative> ofClientSocket(const Scenario& scenario, const std::string& reason) {
-  auto alternatives = ofServerSetUp(reason);
-  if (scenario.reconnects) {
-    alternatives.push_back(harmless());
-  }
-  return alternatives;
+  return escaped("Kelvo::Exception: EventLoop: " + what + " failed: " + reason);
 }
 
 std::vector<Alternative> ofRead(const Scenario& scenario, int error, const std::string& reason) {
-  std::vector<Alternative> alternatives;
-  alternatives.push_back(lostWith(
-      error == EAGAIN ? "" : "AsyncSender::asynRead\\(\\): read failed -> " + escaped(reason)));
+  std::vector<Alternative> alternatives{lostWith(
+      error == EAGAIN ? "" : escaped("AsyncSender::asynRead(): read failed -> " + reason))};
   if (scenario.blocks) {
-    alternatives.push_back(thrown("Tovik::SocketException: " + reason, Goal::kMissed));
+    alternatives.push_back(thrown(socketFailure(reason), Goal::kMissed));
   }
   return alternatives;
 }
 
 std::vector<Alternative> ofWrite(const Scenario& scenario, int error, const std::string& reason) {
-  std::vector<Alternative> alternatives;
-  if (error == EAGAIN) {
-    alternatives.push_back(harmless());
-  } else if (error == EPIPE) {
-    alternatives.push_back(lostWith(""));
-  } else {
-    alternatives.push_back(
-        logged("AsyncSender::flushQueue\\(\\): write error " + escaped(reason), Goal::kReached));
-  }
+  std::vector<Alternative> alternatives{
+      error == EAGAIN  ? harmless()
+      : error == EPIPE ? lostWith("")
+                       : logged(escaped("AsyncSender::flushQueue(): write error " + reason))};
   if (scenario.blocks) {
     alternatives.push_back(
-        logged("Client::sendMsg\\(\\): Failed to write\\(\\) " + escaped(reason), Goal::kMissed));
+        logged(escaped("Client::sendMsg(): Failed to write() " + reason), Goal::kMissed));
   }
   return alternatives;
 }
 
 std::vector<Alternative> ofFlags(const Scenario& scenario, bool setting,
                                  const std::string& reason) {
-  const std::string step = setting ? "SETFL" : "GETFL";
-  const std::string end = ": Failed to " + step + " -> " + escaped(reason);
+  const std::string end =
+      escaped(std::string(": Failed to ") + (setting ? "SETFL" : "GETFL") + " -> " + reason);
   auto server = lostWith("Server::readFdEvent" + end);
   if (setting) {  // the server leaves this client's descriptor open, and nobody serves it
     server.lost = false;
     server.goal = Goal::kMissed;
     server.descriptorsLeft = 1;
-    server.exception =
-        scenario.blocks ? "Tovik::SocketException: Resource temporarily unavailable" : "";
+    server.exception = scenario.blocks ? socketFailure(std::strerror(EAGAIN)) : "";
   }
-  return {server, logged("createSocket" + end, Goal::kReached)};
-}
-
-std::vector<Alternative> ofRegistration(const std::string& reason) {
-  // Setting up, admitting a client that is then lost, or connecting.
-  auto admission = lostWith("");
-  admission.exception = loopFailure("epoll_ctl", reason);
-  return {admission, thrown(admission.exception, Goal::kMissed)};
+  return {server, logged("createSocket" + end)};
 }
 
 std::vector<Alternative> ofAllocation() {
-  auto lost = lostWith("");
-  auto lostAndThrown = lost;
-  lostAndThrown.exception = "std::bad_alloc";
   auto thrownOnly = thrown("std::bad_alloc", Goal::kEither);
   thrownOnly.unanswered = true;
-  return {harmless(), lost, lostAndThrown, thrownOnly};
+  return {harmless(), lostWith(""), lostWith("", "std::bad_alloc"), thrownOnly};
 }
 
 std::vector<Alternative> alternatives(const Scenario& scenario, const Injection::Fault& fault) {
   const std::string reason = std::strerror(fault.error);
   const std::string& call = fault.call;
-  if (call == "socket" || call == "connect") {
-    return ofClientSocket(scenario, reason);
+  if (call == "bind" || call == "listen" ||
+      ((call == "socket" || call == "connect") && !scenario.reconnects)) {
+    return {thrown(socketFailure(reason), Goal::kMissed)};
   }
-  if (call == "bind" || call == "listen") {
-    return ofServerSetUp(reason);
+  if (call == "socket" || call == "connect") {
+    return {thrown(socketFailure(reason), Goal::kMissed), harmless()};
   }
   if (call == "accept") {
-    return {logged("Server::readFdEvent: Failed to accept\\(\\) -> " + escaped(reason),
-                   Goal::kReached)};
+    return {logged(escaped("Server::readFdEvent: Failed to accept() -> " + reason))};
   }
   if (call == "getsockopt") {  // the credentials, or the loop asking whether a socket listens
     return {lostWith("Server::validateConnection\\( \\d+\\) => " + escaped(reason)), harmless()};
@@ -194,21 +145,23 @@ std::vector<Alternative> alternatives(const Scenario& scenario, const Injection:
   if (call == "write") {
     return ofWrite(scenario, fault.error, reason);
   }
-  if (call == "EPOLL_CTL_ADD") {
-    return ofRegistration(reason);
+  const std::string change = loopFailure("epoll_ctl", reason);
+  if (call == "EPOLL_CTL_ADD") {  // setting up, admitting a client that is then lost, or connecting
+    return {lostWith("", change), thrown(change, Goal::kMissed)};
   }
   if (call == "EPOLL_CTL_MOD") {
-    return {thrown(loopFailure("epoll_ctl", reason), Goal::kEither)};
+    return {thrown(change, Goal::kEither)};
   }
   if (call == "epoll_wait" && fault.error != EINTR) {
     return {thrown(loopFailure("epoll_wait", reason), Goal::kReached)};
   }
+  const Alternative noLoop =
+      thrown(loopFailure("making a descriptor of its own", reason), Goal::kMissed);
   if (call == "epoll_create1" || call == "timerfd_create") {
-    return {thrown(loopFailure("making a descriptor of its own", reason), Goal::kMissed)};
+    return {noLoop};
   }
   if (call == "eventfd") {  // the loop's own, or a probe for the limit of descriptors
-    return {thrown(loopFailure("making a descriptor of its own", reason), Goal::kMissed),
-            harmless()};
+    return {noLoop, harmless()};
   }
   if (call == "timerfd_settime") {  // construction, a callback, or a teardown that cannot throw
     const auto failure = loopFailure("timerfd_settime", reason);
@@ -220,35 +173,23 @@ std::vector<Alternative> alternatives(const Scenario& scenario, const Injection:
   return {harmless()};  // close, EPOLL_CTL_DEL, poll, an interrupted epoll_wait
 }
 
-std::string describe(const Outcome& outcome) {
-  std::string text = outcome.reached ? "goal reached" : "goal missed";
-  for (const auto& exception : outcome.exceptions) {
-    text += "; exception " + exception;
-  }
-  for (const auto& error : outcome.errors) {
-    text += "; logged " + error;
-  }
-  if (outcome.descriptorsLeft != 0) {
-    text += "; descriptors left: " + std::to_string(outcome.descriptorsLeft);
-  }
-  return text;
-}
-
 }  // namespace
 
-std::string unexplained(const Scenario& scenario, const Injection::Fault& fault,
-                        const Outcome& outcome) {
-  if (outcome.blocksLeft != 0) {
-    return "blocks of memory left: " + std::to_string(outcome.blocksLeft);
+std::string unexplained(const Scenario& scenario, const Injection::Fault& fault, const Run& run) {
+  if (run.blocksLeft != 0) {
+    return "blocks of memory left: " + std::to_string(run.blocksLeft);
   }
-  if (outcome.nameLeft) {
+  if (run.nameLeft) {
     return "the name is still taken";
   }
   const auto allowed = alternatives(scenario, fault);
   const bool explained = std::any_of(allowed.begin(), allowed.end(), [&](const auto& alternative) {
-    return matches(scenario, alternative, outcome);
+    return matches(scenario, alternative, run);
   });
-  return explained ? "" : describe(outcome);
+  return explained ? ""
+                   : std::string(run.reached ? "goal reached" : "goal missed") +
+                         ", descriptors left: " + std::to_string(run.descriptorsLeft) +
+                         "\nexceptions:\n" + run.exceptions + "logged:\n" + run.errors;
 }
 
 }  // namespace Faults

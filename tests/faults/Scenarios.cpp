@@ -4,19 +4,20 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <array>
 #include <memory>
-#include <optional>
 
 #include "Api/Json/Client.h"
 #include "Api/Json/Server.h"
 #include "Kelvo/Exception.h"
-#include "tests/faults/Injection.h"
-#include "tests/support/Support.h"
 
 using namespace std::chrono_literals;
 
 namespace Faults {
+
+Run::Run() {
+  exceptions.reserve(10000);
+  errors.reserve(10000);
+}
 
 constexpr int kIdleTurns = 12;  // of 2 ms each
 
@@ -38,28 +39,10 @@ void Run::noteException() {
   try {
     throw;
   } catch (const Kelvo::Exception& exception) {
-    exceptions_.add(exception.name(), exception.what());
+    exceptions.append(exception.name()).append(": ").append(exception.what()).append("\n");
   } catch (const std::exception& exception) {
-    exceptions_.add(exception.what());
+    exceptions.append(exception.what()).append("\n");
   }
-}
-
-Notes::Notes() : lines_(32) {
-  for (auto& line : lines_) {
-    line.reserve(300);
-  }
-}
-
-void Notes::add(std::string_view head, std::string_view tail) {
-  auto& line = lines_.at(used_++);
-  line.assign(head.substr(0, 100));
-  if (!tail.empty()) {
-    line.append(": ").append(tail.substr(0, 190));
-  }
-}
-
-std::vector<std::string> Notes::lines() const {
-  return {lines_.begin(), lines_.begin() + static_cast<std::ptrdiff_t>(used_)};
 }
 
 namespace {
@@ -80,7 +63,7 @@ bool sameUser(int /*pid*/, unsigned uid, unsigned /*gid*/) {
 /// A server that acknowledges every message with 7.
 std::unique_ptr<Tovik::Server> makeServer(const Run& run) {
   return std::make_unique<Tovik::Server>(
-      run.name(), [](Tovik::Connection& client, const Tovik::Message&) { client.acknowledge(7); },
+      run.name, [](Tovik::Connection& client, const Tovik::Message&) { client.acknowledge(7); },
       sameUser);
 }
 
@@ -89,7 +72,7 @@ class Subscriber : public Tovik::AsyncClient {
  public:
   explicit Subscriber(const Run& run)
       : AsyncClient(
-            run.name(),
+            run.name,
             [this](auto&, const Tovik::Message& msg) {
               received_.emplace_back(Tovik::Message::toStr(msg, false).data());
             },
@@ -102,60 +85,37 @@ class Subscriber : public Tovik::AsyncClient {
   std::vector<std::string> received_;
 };
 
-/// Reads what has come, without the library.
-class RawPeer {
- public:
-  explicit RawPeer(const Run& run) : fd_(rawConnect(run.name())) {}
+// A peer without the library.
 
-  void say(std::string_view text) const {
-    ::send(fd_.get(), text.data(), text.size(), MSG_NOSIGNAL);
-  }
-  bool hears(std::string_view text) const {
-    const Injection::Suspended own;
-    std::array<char, 8192> record{};
-    const auto size = ::recv(fd_.get(), record.data(), record.size(), MSG_DONTWAIT);
-    return size > 0 && std::string_view(record.data(), static_cast<std::size_t>(size)) == text;
-  }
-  void leave() { fd_.reset(); }
+void say(const Fd& peer, std::string_view text) {
+  ::send(peer.get(), text.data(), text.size(), MSG_NOSIGNAL);
+}
 
- private:
-  Fd fd_;
-};
+bool hears(const Fd& peer, std::string_view text) {
+  const Injection::Suspended own;
+  return rawReceiveNow(peer.get()) == text;
+}
 
 bool serve(Run& run) {
   const auto server = makeServer(run);
-  RawPeer peer(run);
-  peer.say(R"({"do":"it"})");
-  const bool answered = run.turnUntil([&] { return peer.hears(R"({"type":"reply","status":7})"); });
-  peer.say(R"({"do":"it"})");
-  const bool again = run.turnUntil([&] { return peer.hears(R"({"type":"reply","status":7})"); });
-  peer.leave();
+  Fd peer = rawConnect(run.name);
+  say(peer, R"({"do":"it"})");
+  const auto isAnswered = [&] { return hears(peer, R"({"type":"reply","status":7})"); };
+  const bool answered = run.turnUntil(isAnswered);
+  say(peer, R"({"do":"it"})");
+  const bool again = run.turnUntil(isAnswered);
+  peer.reset();
   run.turnUntil([] { return false; });
   server->freeDeadConnections();
   return answered && again;
 }
 
-std::set<int> descriptors() {
-  const Injection::Suspended own;
-  return openDescriptors();
-}
-
-/// Lets no wait last: a connection that nobody serves would block the client for ever.
-void limitWaits(const std::set<int>& descriptorsBefore) {
-  const Injection::Suspended own;
-  const timeval limit{0, 50000};
-  for (const int fd : openDescriptors()) {
-    if (descriptorsBefore.count(fd) == 0) {
-      ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    }
-  }
-}
-
 bool call(Run& run) {
   const auto server = makeServer(run);
-  const auto before = descriptors();
-  const Tovik::Client client(run.name());
-  limitWaits(before);
+  const int itsSocket = nextDescriptor();
+  const Tovik::Client client(run.name);
+  const timeval limit{0, 50000};  // a connection that nobody serves would block it for ever
+  ::setsockopt(itsSocket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
   if (client.sendMsg(message(R"({"do":"it"})"), false) != 0) {
     return false;
   }
@@ -188,9 +148,9 @@ bool subscribe(Run& run) {
 bool broadcast(Run& run) {
   constexpr int kMessages = 60;
   const auto server = makeServer(run);
-  const RawPeer peer(run);
-  peer.say(kSwitchOn);
-  if (!run.turnUntil([&] { return peer.hears(kSubscribed); })) {
+  const Fd peer = rawConnect(run.name);
+  say(peer, kSwitchOn);
+  if (!run.turnUntil([&] { return hears(peer, kSubscribed); })) {
     return false;
   }
   const auto text = [](int i) {
@@ -201,7 +161,7 @@ bool broadcast(Run& run) {
   }
   int next = 0;
   return run.turnUntil([&] {
-    while (next < kMessages && peer.hears(text(next))) {
+    while (next < kMessages && hears(peer, text(next))) {
       ++next;
     }
     return next == kMessages;

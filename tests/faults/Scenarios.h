@@ -2,45 +2,33 @@
 
 #include <functional>
 #include <string>
-#include <string_view>
 #include <vector>
 
-#include "Kelvo/Platform/EventLoop.h"
+#include "tests/faults/Injection.h"
+#include "tests/support/Support.h"
 
 namespace Faults {
 
-/// Lines of text in memory that was taken beforehand, so that noting one changes no balance.
-class Notes {
- public:
-  Notes();
-  void add(std::string_view head, std::string_view tail = {});
-  std::vector<std::string> lines() const;
-
- private:
-  std::vector<std::string> lines_;
-  std::size_t used_ = 0;
-};
-
-/// One run of a scenario, seen from outside.
-class Run {
- public:
-  explicit Run(std::string name) : name_(std::move(name)) {}
-
-  /// The server name that belongs to this run alone.
-  const std::string& name() const { return name_; }
+/// One run of a scenario, and what it came to.
+struct Run {
+  Run();
 
   /// Turns the thread's loop until the condition holds, or nothing has happened for a while. What
   /// leaves the loop is noted, and the loop turned on.
   bool turnUntil(const std::function<bool()>& condition);
 
-  /// Notes the exception at hand as "name: text".
+  /// Notes the exception at hand.
   void noteException();
 
-  std::vector<std::string> exceptions() const { return exceptions_.lines(); }
+  const std::string name = uniqueName();  // of its server
 
- private:
-  const std::string name_;
-  Notes exceptions_;
+  bool reached = false;  // the scenario's goal
+  // Lines, in memory that was taken beforehand, so that noting one changes no balance.
+  std::string exceptions;  // "name: text"
+  std::string errors;      // texts of level 0, the start-up line left out
+  int descriptorsLeft = 0;
+  long blocksLeft = 0;
+  bool nameLeft = false;
 };
 
 /// A piece of use of the library. True if it went as it does without a fault. Exceptions out of the
@@ -53,5 +41,8 @@ struct Scenario {
 };
 
 const std::vector<Scenario>& scenarios();
+
+/// Says why what a run came to is not among what the fault may lead to; empty if it is.
+std::string unexplained(const Scenario& scenario, const Injection::Fault& fault, const Run& run);
 
 }  // namespace Faults

@@ -2,42 +2,60 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <utility>
 
+#include "tests/model/VirtualClock.h"
+
 namespace model {
-
-const char* const kInvalid = "Connection::readFdEvent(): Invalid JSON message";
-const char* const kReadReset = "AsyncSender::asynRead(): read failed -> Connection reset by peer";
-const char* const kWriteReset = "AsyncSender::flushQueue(): write error Connection reset by peer";
-
-std::string record(Kind kind, unsigned number, unsigned place) {
-  const std::string tail =
-      ":" + std::to_string(number) + ",\"from\":" + std::to_string(place) + "}";
-  switch (kind) {
-    case Kind::kCall:
-      return "{\"call\"" + tail;
-    case Kind::kEcho:
-      return "{\"echo\"" + tail;
-    case Kind::kNote:
-      return "{\"note\"" + tail;
-    case Kind::kOn:
-      return R"({"command":"set","notification":true})";
-    case Kind::kOff:
-      return R"({"command":"set","notification":false})";
-    case Kind::kSwallowed:
-      return R"({"command":"set","notification":1})";
-    case Kind::kNotJson:
-      break;
-  }
-  return "{nonsense";
-}
 
 std::string reply(unsigned status) {
   return R"({"type":"reply","status":)" + std::to_string(status) + "}";
 }
 
-std::string notice(unsigned number) {
-  return "{\"notice\":" + std::to_string(number) + "}";
+// --- either end ---
+
+namespace {
+
+void leave(End& end, End& other) {
+  end.open = false;
+  other.reset = other.open && !end.unread.empty();
+  end.unread.clear();
+}
+
+void closeServer(Link& link) {
+  leave(link.server, link.client);
+  link.mayBeCut = link.client.unread.size() > kSurelyInSocket;
+}
+
+}  // namespace
+
+/// False if that ends the connection.
+bool Model::write(End& from, End& to, Texts& texts) {
+  if (to.open) {
+    std::move(texts.begin(), texts.end(), std::back_inserter(to.unread));
+    texts.clear();
+    return true;
+  }
+  from.blocked = std::exchange(from.reset, false);
+  if (from.blocked) {
+    ++log["AsyncSender::flushQueue(): write error Connection reset by peer"];
+  }
+  return from.blocked;
+}
+
+/// Nothing if that ends the connection.
+std::optional<std::string> Model::read(End& end) {
+  if (std::exchange(end.reset, false)) {
+    ++log["AsyncSender::asynRead(): read failed -> Connection reset by peer"];
+    return std::nullopt;
+  }
+  if (end.unread.empty()) {
+    return std::nullopt;
+  }
+  const std::string text = end.unread.front();
+  end.unread.pop_front();
+  return text;
 }
 
 // --- the server ---
@@ -50,41 +68,29 @@ void Model::start() {
 void Model::stop() {
   up = false;
   for (const auto& link : backlog_) {
-    link->serverOpen = false;
-    link->resetAtClient = link->clientOpen;
+    link->server.open = false;
+    link->client.reset = link->client.open;
   }
   backlog_.clear();
   for (const auto& link : links_) {
-    serverCloses(*link);
+    closeServer(*link);
   }
   links_.clear();
 }
 
 void Model::notify(const std::string& text) {
   for (const auto& link : links_) {
-    if (link->subscribed && link->serverOpen) {
+    if (link->subscribed && link->server.open) {
       answer(*link, text);
     }
   }
 }
 
-/// A write of the server's.
 void Model::answer(Link& link, const std::string& text) {
-  if (link.clientOpen) {
-    link.toClient.push_back(text);
-  } else if (std::exchange(link.resetAtServer, false)) {
-    link.serverBlocked = true;
-    ++log[kWriteReset];
-  } else {
-    serverCloses(link);
+  Texts texts{text};
+  if (!write(link.server, link.client, texts)) {
+    closeServer(link);
   }
-}
-
-void Model::serverCloses(Link& link) {
-  link.serverOpen = false;
-  link.resetAtClient = link.clientOpen && !link.toServer.empty();
-  link.mayBeCut = link.toClient.size() > kSurelyInSocket;
-  link.toServer.clear();
 }
 
 void Model::accept() {
@@ -92,45 +98,37 @@ void Model::accept() {
   backlog_.pop_front();
   ++validations;
   if (!admits) {
-    return serverCloses(*link);
+    return closeServer(*link);
   }
-  link->accepted = true;
   links_.push_back(link);
 }
 
 /// One turn's read and write event of a connection; false if there is none.
 bool Model::serverEvent(Link& link) {
-  if (!link.serverOpen || (link.clientOpen && link.toServer.empty())) {
+  if (!link.server.open || (link.client.open && link.server.unread.empty())) {
     return false;
   }
   ++readEvents;
-  const bool reset = std::exchange(link.resetAtServer, false);
-  if (reset) {
-    ++log[kReadReset];
+  const auto text = read(link.server);
+  if (text) {
+    handle(link, *text);
   }
-  if (reset || link.toServer.empty()) {
-    serverCloses(link);
-    return true;
-  }
-  const std::string text = link.toServer.front();
-  link.toServer.pop_front();
-  handle(link, text);
-  if (link.serverOpen && link.serverBlocked) {
-    serverCloses(link);
+  if (link.server.open && (!text || link.server.blocked)) {
+    closeServer(link);
   }
   return true;
 }
 
 void Model::handle(Link& link, const std::string& text) {
-  const bool on = text == record(Kind::kOn, 0, 0);
-  if (text == record(Kind::kNotJson, 0, 0)) {
-    ++log[kInvalid];
-  } else if (on || text == record(Kind::kOff, 0, 0)) {
+  const bool on = text == kOn;
+  if (text == kNotJson) {
+    ++log["Connection::readFdEvent(): Invalid JSON message"];
+  } else if (on || text == kOff) {
     if (!link.subscribed) {
       answer(link, reply(0));
     }
     link.subscribed = on;
-  } else if (text != record(Kind::kSwallowed, 0, 0)) {
+  } else if (text != kSwallowed) {
     const auto place = static_cast<std::size_t>(text[text.size() - 2] - '0');
     handled[place][link.number].push_back(text);
     if (text.rfind("{\"echo\"", 0) == 0) {
@@ -159,36 +157,32 @@ bool Model::connect(unsigned place) {
 
 int Model::send(unsigned place, const std::string& text) {
   Link& link = *clients[place].link;
-  if (!link.serverOpen) {
-    return std::exchange(link.resetAtClient, false) ? ECONNRESET : EPIPE;
+  if (!link.server.open) {
+    return std::exchange(link.client.reset, false) ? ECONNRESET : EPIPE;
   }
-  link.toServer.push_back(text);
+  link.server.unread.push_back(text);
   return 0;
 }
 
-void Model::clientCloses(Link& link) {
-  link.clientOpen = false;
-  link.resetAtServer = link.serverOpen && !link.toClient.empty();
-  link.toClient.clear();
-}
-
 void Model::close(unsigned place) {
-  clientCloses(*std::exchange(clients[place].link, nullptr));
+  if (const auto link = std::exchange(clients[place].link, nullptr)) {
+    leave(link->client, link->server);
+  }
 }
 
 std::string Model::next(unsigned place) const {
   const Link& link = *clients[place].link;
-  return link.resetAtClient       ? "<reset>"
-         : !link.toClient.empty() ? link.toClient.front()
-         : link.serverOpen        ? "<nothing>"
-                                  : "<end>";
+  return link.client.reset             ? "<error>"
+         : !link.client.unread.empty() ? link.client.unread.front()
+         : link.server.open            ? "<nothing>"
+                                       : "<end>";
 }
 
 void Model::take(unsigned place) {
   Link& link = *clients[place].link;
-  if (!std::exchange(link.resetAtClient, false) && !link.toClient.empty()) {
-    link.toClient.pop_front();
-    link.readSince += link.serverOpen ? 0 : 1;
+  if (!std::exchange(link.client.reset, false) && !link.client.unread.empty()) {
+    link.client.unread.pop_front();
+    link.readSince += link.server.open ? 0 : 1;
   }
 }
 
@@ -196,89 +190,69 @@ void Model::take(unsigned place) {
 
 void Model::create(unsigned place, bool subscribes, Time interval) {
   Client& client = clients[place];
-  client = {};
   client.exists = true;
   client.subscribes = subscribes;
   client.interval = interval;
-  client.deadline = now_;
+  client.deadline = VirtualClock::now();
 }
 
 void Model::destroy(unsigned place) {
-  if (clients[place].link) {
-    clientCloses(*clients[place].link);
-  }
+  close(place);
   clients[place] = {};
 }
 
 void Model::asyncSend(unsigned place, const std::string& text) {
-  clients[place].queue.push_back(text);
-  flush(clients[place]);
-}
-
-void Model::flush(Client& client) {
-  if (!client.link) {
-    return;
-  }
-  Link& link = *client.link;
-  if (link.serverOpen) {
-    link.toServer.insert(link.toServer.end(), client.queue.begin(), client.queue.end());
-    client.queue.clear();
-  } else if (std::exchange(link.resetAtClient, false)) {
-    link.clientBlocked = true;
-    ++log[kWriteReset];
-  } else {
-    lose(client);
+  Client& client = clients[place];
+  client.queue.push_back(text);
+  if (client.link && !write(client.link->client, client.link->server, client.queue)) {
+    lose(place);
   }
 }
 
-void Model::lose(Client& client) {
+void Model::lose(unsigned place) {
+  Client& client = clients[place];
   if (client.link) {
-    clientCloses(*std::exchange(client.link, nullptr));
+    close(place);
     client.queue.clear();
   }
-  client.deadline = now_ + client.interval;
-}
-
-void Model::drop(unsigned place) {
-  lose(clients[place]);
+  client.deadline = VirtualClock::now() + client.interval;
 }
 
 /// An attempt to connect, which replaces a connection.
 void Model::retry(unsigned place) {
   Client& client = clients[place];
   const auto link = up ? newLink() : nullptr;
-  lose(client);
+  lose(place);
   client.link = link;
   if (!link) {
     return;
   }
   client.events.emplace_back("connected");
   if (client.subscribes) {
-    asyncSend(place, record(Kind::kOn, 0, 0));
+    asyncSend(place, kOn);
   }
 }
 
 /// One turn's events of an asynchronous client; false if there are none.
-bool Model::asyncEvent(Client& client) {
+bool Model::asyncEvent(unsigned place) {
+  Client& client = clients[place];
   if (!client.link) {
-    return false;
-  }
-  Link& link = *client.link;
-  if (link.serverOpen && link.toClient.empty()) {
-    return false;
-  }
-  const bool reset = std::exchange(link.resetAtClient, false);
-  if (reset) {
-    ++log[kReadReset];
-  }
-  if (reset || link.toClient.empty()) {
-    lose(client);
+    if (!client.exists || client.deadline > VirtualClock::now()) {
+      return false;
+    }
+    retry(place);
     return true;
   }
-  client.events.push_back(link.toClient.front());
-  link.toClient.pop_front();
-  if (link.clientBlocked) {
-    lose(client);
+  End& end = client.link->client;
+  if (client.link->server.open && end.unread.empty()) {
+    return false;
+  }
+  const auto text = read(end);
+  if (text) {
+    client.events.push_back(*text);
+  }
+  if (!text || end.blocked) {
+    lose(place);
   }
   return true;
 }
@@ -293,15 +267,10 @@ void Model::settle() {
       again |= serverEvent(*link);
     }
     links_.erase(std::remove_if(links_.begin(), links_.end(),
-                                [](const auto& link) { return !link->serverOpen; }),
+                                [](const auto& link) { return !link->server.open; }),
                  links_.end());
     for (unsigned place = kFirstAsync; place < kClients; ++place) {
-      Client& client = clients[place];
-      again |= asyncEvent(client);
-      if (client.exists && !client.link && client.deadline <= now_) {
-        retry(place);
-        again = true;
-      }
+      again |= asyncEvent(place);
     }
   }
 }

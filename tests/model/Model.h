@@ -5,6 +5,7 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,29 +25,31 @@ constexpr unsigned kClients = kFirstAsync + kAsyncClients;
 constexpr std::size_t kSurelyInSocket = 100;
 
 using Time = std::chrono::nanoseconds;
+using Texts = std::deque<std::string>;
 
-// What clients say.
-enum class Kind { kCall, kEcho, kNote, kOn, kOff, kSwallowed, kNotJson };
-std::string record(Kind kind, unsigned number, unsigned place);
+// What clients say, besides calls, echoes and notes.
+constexpr const char* kOn = R"({"command":"set","notification":true})";
+constexpr const char* kOff = R"({"command":"set","notification":false})";
+constexpr const char* kSwallowed = R"({"command":"set","notification":1})";
+constexpr const char* kNotJson = "{nonsense";
+
 std::string reply(unsigned status);
-std::string notice(unsigned number);
 
-// What the library logs at level 0.
-extern const char* const kInvalid;
-extern const char* const kReadReset;
-extern const char* const kWriteReset;
+/// One end of a connection.
+struct End {
+  bool open = true;
+  Texts unread;
+  /// The other end has gone without reading all: the next call says so, once.
+  bool reset = false;
+  /// A write has met that reset. What it was to write waits for the next chance, which ends it all.
+  bool blocked = false;
+};
 
 /// One connection.
 struct Link {
-  unsigned number = 0;                         // in the order of connecting
-  std::deque<std::string> toServer, toClient;  // sent and not read
-  bool accepted = false;
+  unsigned number = 0;  // in the order of connecting
+  End server, client;
   bool subscribed = false;
-  bool clientOpen = true, serverOpen = true;
-  // One end has gone without reading all: the next call of the other says so, once.
-  bool resetAtServer = false, resetAtClient = false;
-  // A write has met that reset. What it was to write waits for the next chance, which ends it all.
-  bool serverBlocked = false, clientBlocked = false;
   // The server has gone, perhaps with texts that were not in the socket yet.
   bool mayBeCut = false;
   std::size_t readSince = 0;
@@ -59,14 +62,12 @@ struct Client {
   bool exists = false;
   bool subscribes = false;  // whenever it has connected
   Time interval{0}, deadline{0};
-  std::deque<std::string> queue;
-  std::vector<std::string> events;  // "connected" and what has arrived
+  Texts queue;
+  Texts events;  // "connected" and what has arrived
 };
 
 class Model {
  public:
-  explicit Model(Time now) : now_(now) {}
-
   // The server.
   void start();
   void stop();
@@ -76,7 +77,7 @@ class Model {
   bool connect(unsigned place);
   int send(unsigned place, const std::string& text);
   void close(unsigned place);
-  /// The next thing that there is to read: a record, "<reset>", "<end>" or "<nothing>".
+  /// The next thing that there is to read: a record, "<error>", "<end>" or "<nothing>".
   std::string next(unsigned place) const;
   void take(unsigned place);
 
@@ -84,10 +85,8 @@ class Model {
   void create(unsigned place, bool subscribes, Time interval);
   void destroy(unsigned place);
   void asyncSend(unsigned place, const std::string& text);
-  void drop(unsigned place);
+  void lose(unsigned place);
   void retry(unsigned place);
-
-  void advance(Time by) { now_ += by; }
 
   /// Everybody does what there is to do.
   void settle();
@@ -111,13 +110,10 @@ class Model {
   bool serverEvent(Link& link);
   void handle(Link& link, const std::string& text);
   void answer(Link& link, const std::string& text);
-  static void serverCloses(Link& link);
-  static void clientCloses(Link& link);
-  bool asyncEvent(Client& client);
-  void flush(Client& client);
-  void lose(Client& client);
+  bool asyncEvent(unsigned place);
+  bool write(End& from, End& to, Texts& texts);
+  std::optional<std::string> read(End& end);
 
-  Time now_;
   unsigned lastLink_ = 0;
   std::deque<std::shared_ptr<Link>> backlog_;
   std::vector<std::shared_ptr<Link>> links_;  // accepted, and open at the server

@@ -4,15 +4,12 @@
 #include <pthread.h>
 
 #include <algorithm>
-#include <atomic>
 #include <optional>
 #include <thread>
 #include <vector>
 
 #include "Api/Json/Client.h"
 #include "tests/soak/Child.h"
-
-namespace Soak {
 
 namespace {
 
@@ -21,35 +18,39 @@ class Blocking {
   explicit Blocking(const Tovik::Message& setup) : name_(of<std::string>(setup, "name")) {}
 
  private:
+  struct Call {
+    int status = -1;                // -1: refused, or lost its server
+    std::uint64_t nanoseconds = 0;  // from before the connect to the answer
+  };
+
   void burst(unsigned clients) {
-    answered_ = wrong_ = failed_ = longest_ = 0;
-    pthread_barrier_init(&start_, nullptr, clients);
+    std::vector<Call> calls(clients);
     std::vector<std::thread> threads;
-    threads.reserve(clients);
+    pthread_barrier_init(&start_, nullptr, clients);
     for (unsigned i = 0; i < clients; ++i) {
-      threads.emplace_back([this, i] { connectAndCall(i); });
+      threads.emplace_back([this, i, &call = calls[i]] { connectAndCall(i, call); });
     }
-    for (std::thread& thread : threads) {
-      thread.join();
+    unsigned answered = 0, wrong = 0, failed = 0;
+    std::uint64_t longest = 0;
+    for (unsigned i = 0; i < clients; ++i) {
+      threads[i].join();
+      const int status = calls[i].status;
+      ++(status < 0 ? failed : static_cast<unsigned>(status) == i ? answered : wrong);
+      longest = std::max(longest, calls[i].nanoseconds);
     }
     pthread_barrier_destroy(&start_);
-    answer(Tovik::object("answered", answered_.load(), "wrong", wrong_.load(), "failed",
-                         failed_.load(), "longest", longest_.load()));
+    answer(
+        Tovik::object("answered", answered, "wrong", wrong, "failed", failed, "longest", longest));
   }
 
-  void connectAndCall(unsigned number) {
+  void connectAndCall(unsigned number, Call& call) {
     pthread_barrier_wait(&start_);
     const auto start = nowNanoseconds();
     try {
-      const int status = Tovik::Client(name_).sendMsg(Tovik::object("call", number), true);
-      ++(status < 0 ? failed_ : static_cast<unsigned>(status) == number ? answered_ : wrong_);
+      call.status = Tovik::Client(name_).sendMsg(Tovik::object("call", number), true);
     } catch (const Tovik::SocketException&) {
-      ++failed_;
     }
-    const auto duration = nowNanoseconds() - start;
-    auto longest = longest_.load();
-    while (longest < duration && !longest_.compare_exchange_weak(longest, duration)) {
-    }
+    call.nanoseconds = nowNanoseconds() - start;
   }
 
   /// Over a connection that stays.
@@ -66,9 +67,6 @@ class Blocking {
 
   const std::string name_;
   pthread_barrier_t start_{};
-  std::atomic<std::uint64_t> answered_{0}, wrong_{0};
-  std::atomic<std::uint64_t> failed_{0};   // refused, or lost their server
-  std::atomic<std::uint64_t> longest_{0};  // nanoseconds from before the connect to the answer
   std::optional<Tovik::Client> flooder_;
   const Commands commands_{{
       {"burst", [this](auto clients, auto) { burst(static_cast<unsigned>(clients)); }},
@@ -81,5 +79,3 @@ class Blocking {
 void runBlockingClients(const Tovik::Message& setup) {
   play<Blocking>(setup);
 }
-
-}  // namespace Soak

@@ -1,47 +1,24 @@
+// One process of a scenario: `soak ROLE SETUP`, the latter in JSON. tests/soak/soak.py runs them.
+
 #include "tests/soak/Child.h"
 
 #include <malloc.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <sstream>
+#include <stdexcept>
 #include <utility>
 
 #include "Kelvo/Platform/Debug.h"
-
-namespace Soak {
-
-void answer(const Tovik::Message& message) {
-  const auto text = Tovik::Message::toStr(message, false);
-  if (::send(STDIN_FILENO, text.data(), text.size(), MSG_NOSIGNAL) < 0) {
-    std::_Exit(0);
-  }
-}
-
-Commands::Commands(Verbs verbs)
-    : verbs_(std::move(verbs)), control_(Kelvo::Platform::getFdControl(this)) {
-  verbs_["levels"] = [](auto levels, auto) { watchLog(static_cast<unsigned>(levels)); };
-  control_->attach(STDIN_FILENO);
-}
-
-void Commands::readFdEvent(int fd) {
-  char text[100];
-  const auto size = ::recv(fd, text, sizeof text, 0);
-  if (size <= 0) {
-    std::_Exit(0);  // the driver has gone
-  }
-  std::istringstream words(std::string(text, static_cast<std::size_t>(size)));
-  std::string verb;
-  std::uint64_t number = 0;
-  std::uint64_t more = 0;
-  words >> verb >> number >> more;
-  verbs_.at(verb)(number, more);
-}
 
 namespace {
 
@@ -80,12 +57,40 @@ void check(const Kelvo::Platform::DebugRecord& record) {
   }
 }
 
-}  // namespace
-
+/// What nobody expects goes to standard error; these levels are on.
 void watchLog(unsigned levels) {
   enabledLevels = levels;
   Kelvo::Platform::setDebugSink("Tovik", check);
   Kelvo::Platform::setDebugLevels("Tovik", levels);
+}
+
+}  // namespace
+
+void answer(const Tovik::Message& message) {
+  const auto text = Tovik::Message::toStr(message, false);
+  if (::send(STDIN_FILENO, text.data(), text.size(), MSG_NOSIGNAL) < 0) {
+    std::_Exit(0);
+  }
+}
+
+Commands::Commands(Verbs verbs)
+    : verbs_(std::move(verbs)), control_(Kelvo::Platform::getFdControl(this)) {
+  verbs_["levels"] = [](auto levels, auto) { watchLog(static_cast<unsigned>(levels)); };
+  control_->attach(STDIN_FILENO);
+}
+
+void Commands::readFdEvent(int fd) {
+  char text[100];
+  const auto size = ::recv(fd, text, sizeof text, 0);
+  if (size <= 0) {
+    std::_Exit(0);  // the driver has gone
+  }
+  std::istringstream words(std::string(text, static_cast<std::size_t>(size)));
+  std::string verb;
+  std::uint64_t number = 0;
+  std::uint64_t more = 0;
+  words >> verb >> number >> more;
+  verbs_.at(verb)(number, more);
 }
 
 std::uint64_t heapInUse() {
@@ -100,4 +105,25 @@ std::uint64_t nowNanoseconds() {
                                         .count());
 }
 
-}  // namespace Soak
+int main(int argc, char** argv) {
+  const std::map<std::string, void (*)(const Tovik::Message&)> roles = {
+      {"server", runServer},
+      {"clients", runClients},
+      {"blocking", runBlockingClients},
+      {"service", runService},
+      {"proxies", runProxies}};
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  std::signal(SIGPIPE, SIG_IGN);
+  watchLog(1);
+  Kelvo::Platform::setDebugLevels("TovikService", 0);  // which tells of each loss
+  try {
+    Tovik::Message setup;
+    if (argc != 3 || setup.Parse(argv[2]).HasParseError()) {
+      throw std::runtime_error("a role and its setup are wanted");
+    }
+    roles.at(argv[1])(setup);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "%s: %s\n", argc > 1 ? argv[1] : argv[0], error.what());
+  }
+  return 1;
+}

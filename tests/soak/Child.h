@@ -13,8 +13,6 @@
 // with a setup, tells it what to do over its standard input, a socket, and gets its answers from
 // there.
 
-namespace Soak {
-
 // The roles of this program. None returns.
 void runServer(const Tovik::Message& setup);
 void runClients(const Tovik::Message& setup);
@@ -51,13 +49,8 @@ void play(const Tovik::Message& setup) {
   Kelvo::Platform::EventLoop::current().run();
 }
 
-/// What of the library's log nobody expects goes to standard error; these levels are on.
-void watchLog(unsigned levels);
-
 /// Bytes that are allocated and not freed; what the process has no use for is given back.
 std::uint64_t heapInUse();
 
 /// The clock that all processes share.
 std::uint64_t nowNanoseconds();
-
-}  // namespace Soak

@@ -1,5 +1,7 @@
 // Asynchronous clients: subscribers that check every notification, callers that check every reply.
 
+#include <array>
+#include <cmath>
 #include <functional>
 #include <memory>
 #include <utility>
@@ -7,11 +9,36 @@
 
 #include "Api/Json/Client.h"
 #include "tests/soak/Child.h"
-#include "tests/soak/Times.h"
-
-namespace Soak {
 
 namespace {
+
+/// Counts durations in buckets, each less than 1 % wide, in memory that does not grow.
+class Times {
+ public:
+  void add(std::uint64_t duration) {
+    ++counts_[static_cast<std::size_t>(kPart * std::log2(static_cast<double>(duration | 1)))];
+    ++count_;
+  }
+
+  void clear() { *this = Times(); }
+
+  double p99() const {
+    std::size_t index = 0;
+    for (std::uint64_t passed = 0; index + 1 < counts_.size(); ++index) {
+      passed += counts_[index];
+      if (passed > count_ * 99 / 100) {
+        break;
+      }
+    }
+    return std::exp2(static_cast<double>(index) / kPart);
+  }
+
+ private:
+  static constexpr unsigned kPart = 100;  // buckets for each power of two
+
+  std::array<std::uint64_t, 64 * kPart + 1> counts_{};
+  std::uint64_t count_ = 0;
+};
 
 /// A notification's place.
 struct Place {
@@ -245,5 +272,3 @@ class Clients {
 void runClients(const Tovik::Message& setup) {
   play<Clients>(setup);
 }
-
-}  // namespace Soak

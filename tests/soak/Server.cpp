@@ -13,8 +13,6 @@
 #include "Kelvo/Platform/TimeoutHandler.h"
 #include "tests/soak/Child.h"
 
-namespace Soak {
-
 namespace {
 
 class Server final : public Kelvo::Platform::TimeoutHandler {
@@ -148,5 +146,3 @@ class Server final : public Kelvo::Platform::TimeoutHandler {
 void runServer(const Tovik::Message& setup) {
   play<Server>(setup);
 }
-
-}  // namespace Soak

@@ -17,8 +17,6 @@
 #include "Kelvo/Platform/TimeoutHandler.h"
 #include "tests/soak/Child.h"
 
-namespace Soak {
-
 namespace {
 
 constexpr unsigned kTopics = 20;  // of the even ones, only the latest event waits
@@ -294,5 +292,3 @@ void runService(const Tovik::Message& setup) {
 void runProxies(const Tovik::Message& setup) {
   play<Followers>(setup);
 }
-
-}  // namespace Soak

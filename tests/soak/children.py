@@ -12,7 +12,7 @@ class Failure(Exception):
     """A scenario cannot go on: a child has died, or has not answered in time."""
 
 
-class Child:
+class Child(subprocess.Popen):
     """Obeys lines of a verb and up to two numbers."""
 
     def __init__(self, program, role, who, patience, log, setup):
@@ -20,8 +20,7 @@ class Child:
         self.socket, theirs = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
         self.socket.settimeout(patience)
         with theirs:
-            self.popen = subprocess.Popen([program, role, json.dumps(setup)], stdin=theirs,
-                                          stderr=log)
+            super().__init__([program, role, json.dumps(setup)], stdin=theirs, stderr=log)
         self.answer()  # that it is ready
 
     def tell(self, verb, number=0, more=0):
@@ -48,21 +47,18 @@ class Child:
     def figures(self):
         return self.ask("figures")
 
-    def signal(self, number):
-        self.popen.send_signal(number)
-
     def kill(self):
-        self.popen.kill()
-        self.popen.wait()
+        super().kill()
+        self.wait()
         self.socket.close()
 
     # What it takes of the machine.
 
     def descriptors(self):
-        return len(os.listdir(f"/proc/{self.popen.pid}/fd"))
+        return len(os.listdir(f"/proc/{self.pid}/fd"))
 
     def _sum(self, file, *keys):
-        lines = pathlib.Path(f"/proc/{self.popen.pid}/{file}").read_text().splitlines()
+        lines = pathlib.Path(f"/proc/{self.pid}/{file}").read_text().splitlines()
         return sum(int(line.split()[1]) for line in lines if line.startswith(keys))
 
     def kilobytes(self):

@@ -105,12 +105,12 @@ class Killing:
         for clients in (self.callers, self.stalled):
             clients.ask("ready", self.number)
         self.back = max(self.back, time.monotonic() - self.began)
-        self.stalled.signal(signal.SIGSTOP)
+        self.stalled.send_signal(signal.SIGSTOP)
 
     def kill(self):
         time.sleep(max(0, self.began + self.run.form.service_seconds - time.monotonic()))
         self.service.kill()
-        self.stalled.signal(signal.SIGCONT)
+        self.stalled.send_signal(signal.SIGCONT)
 
     def stall(self, rows):
         """Long enough for what waits without a bound of its own to reach the session's."""
@@ -126,7 +126,7 @@ class Killing:
         rows.at_most("heap that those left take",
                      (now["heap"] - start["heap"]) / 1024 / max(1, half), "kB", 8,
                      "each; only the latest event of ten topics waits")
-        self.stalled.signal(signal.SIGCONT)
+        self.stalled.send_signal(signal.SIGCONT)
 
     def carried_out_twice(self, calls):
         return sum(times > 1 for times in self.carried_out.read_bytes()[:calls + 1])
@@ -242,9 +242,9 @@ class Mixed:
         self.calls.update(self.blocking.ask("burst", clients))
 
     def stop_and_continue(self, process, seconds):
-        process.signal(signal.SIGSTOP)
+        process.send_signal(signal.SIGSTOP)
         time.sleep(seconds)
-        process.signal(signal.SIGCONT)
+        process.send_signal(signal.SIGCONT)
         self.counts["stops"] += 1
 
     def await_lost(self):

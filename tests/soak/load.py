@@ -22,11 +22,11 @@ class Broadcaster:
     def lag(self):
         """Lets the queues grow as long as `until` ever can, for memory to have been as large."""
         for receiver in self.receivers:
-            receiver.signal(signal.SIGSTOP)
+            receiver.send_signal(signal.SIGSTOP)
         self.server.tell("broadcast", SMALL + LARGE)
         self.server.figures()
         for receiver in self.receivers:
-            receiver.signal(signal.SIGCONT)
+            receiver.send_signal(signal.SIGCONT)
         self.sent += SMALL + LARGE
         self._await_all(self.sent)
 
@@ -85,11 +85,11 @@ def burst(run, rows):
     for i in range(form.bursts):
         run.progress(i, form.bursts)
         if i % 2 == 1:
-            server.signal(signal.SIGSTOP)
+            server.send_signal(signal.SIGSTOP)
         clients.tell("burst", form.burst_clients)
         if i % 2 == 1:
             time.sleep(0.1)
-            server.signal(signal.SIGCONT)
+            server.send_signal(signal.SIGCONT)
         its = clients.answer()
         longest = max(longest, its.pop("longest"))
         figures.update(its)
@@ -120,7 +120,7 @@ class StoppedReader:
     def stopped(self):
         reader = self.run.clients("stopped reader", self.name, 1)
         reader.ask("ready")
-        reader.signal(signal.SIGSTOP)
+        reader.send_signal(signal.SIGSTOP)
         return reader
 
     def pace(self, count, microseconds):
@@ -130,7 +130,7 @@ class StoppedReader:
 
     def resume(self, reader):
         """Lets it catch up: it gets all that has waited for it."""
-        reader.signal(signal.SIGCONT)
+        reader.send_signal(signal.SIGCONT)
         reader.ask("seen", self.sent, 1)
         figures = reader.figures()
         self.missed += figures["lost"] + figures["doubled"]

@@ -1,7 +1,7 @@
 # Load and soak, which scripts/soak runs at length. Memory and times under the sanitizers would say
 # nothing about the library.
 if(NOT TOVIK_SANITIZE)
-  add_executable(soak soak/Blocking.cpp soak/Child.cpp soak/Clients.cpp soak/Main.cpp soak/Server.cpp
+  add_executable(soak soak/Blocking.cpp soak/Child.cpp soak/Clients.cpp soak/Server.cpp
                       soak/Services.cpp)
   target_include_directories(soak PRIVATE ${PROJECT_SOURCE_DIR})
   target_link_libraries(soak PRIVATE tovik_test_flags TovikService Tovik Kelvo)

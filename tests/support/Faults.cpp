@@ -45,9 +45,9 @@ Function* next(Function* own) {
 
 struct Interposer {
   /// The fault that this call meets, or null.
-  static Fail* match(Call call, int fd) {
+  static Fail* match(Call call) {
     for (Fail* fail : fails) {
-      if (fail->call_ != call || (fail->onlyFd_ >= 0 && fail->onlyFd_ != fd)) {
+      if (fail->call_ != call) {
         continue;
       }
       if (fail->skip_ > 0) {
@@ -64,11 +64,11 @@ struct Interposer {
   }
 
   /// What the call is to fail with; 0 if it is not.
-  static int errorOf(Call call, int fd, std::size_t size, const void* caller) {
+  static int errorOf(Call call, std::size_t size, const void* caller) {
     if (hook != nullptr) {
       return hook(call, size, caller);
     }
-    const Fail* fail = match(call, fd);
+    const Fail* fail = match(call);
     return fail == nullptr ? 0 : fail->error_;
   }
 
@@ -85,30 +85,29 @@ struct Interposer {
     errno = callersErrno;
   }
 
-  template <class Result, class Go>
-  static Result call(const void* caller, Call kind, int fd, std::size_t size,
-                     std::string_view bytes, Go go) {
+  /// Goes on to the next definition, unless the call is to fail.
+  template <class Function, class... Arguments>
+  static auto call(const void* caller, Call kind, int fd, std::size_t size, std::string_view bytes,
+                   Function* real, Arguments... arguments) {
     if (busy) {
-      return go();
+      return real(arguments...);
     }
-    const int error = errorOf(kind, fd, size, caller);
-    Result result;
-    if (error == 0) {
-      result = go();
-    } else {
-      if (kind == Call::kClose) {
-        go();
-      }
+    const int error = errorOf(kind, size, caller);
+    decltype(real(arguments...)) result = -1;
+    if (error == 0 || kind == Call::kClose) {
+      result = real(arguments...);
+    }
+    if (error != 0) {
       errno = error;
-      result = static_cast<Result>(-1);
+      result = -1;
     }
     record(kind, fd, size, static_cast<long>(result), bytes);
     return result;
   }
 };
 
-Fail::Fail(Call call, int error, int times, int skip, int onlyFd)
-    : call_(call), error_(error), times_(times), skip_(skip), onlyFd_(onlyFd) {
+Fail::Fail(Call call, int error, int times, int skip)
+    : call_(call), error_(error), times_(times), skip_(skip) {
   fails.push_back(this);
 }
 
@@ -156,40 +155,37 @@ extern "C" {
 
 int socket(int domain, int type, int protocol) {
   static const auto real = next(socket);
-  return Interposer::call<int>(CALLER, Call::kSocket, -1, 0, {},
-                               [&] { return real(domain, type, protocol); });
+  return Interposer::call(CALLER, Call::kSocket, -1, 0, {}, real, domain, type, protocol);
 }
 
 int bind(int fd, const sockaddr* address, socklen_t size) {
   static const auto real = next(bind);
-  return Interposer::call<int>(CALLER, Call::kBind, fd, size,
-                               {reinterpret_cast<const char*>(address), size},
-                               [&] { return real(fd, address, size); });
+  return Interposer::call(CALLER, Call::kBind, fd, size,
+                          {reinterpret_cast<const char*>(address), size}, real, fd, address, size);
 }
 
 int listen(int fd, int backlog) {
   static const auto real = next(listen);
-  return Interposer::call<int>(CALLER, Call::kListen, fd, static_cast<std::size_t>(backlog), {},
-                               [&] { return real(fd, backlog); });
+  return Interposer::call(CALLER, Call::kListen, fd, static_cast<std::size_t>(backlog), {}, real,
+                          fd, backlog);
 }
 
 int accept(int fd, sockaddr* address, socklen_t* size) {
   static const auto real = next(accept);
-  return Interposer::call<int>(CALLER, Call::kAccept, fd, size == nullptr ? 0 : *size, {},
-                               [&] { return real(fd, address, size); });
+  return Interposer::call(CALLER, Call::kAccept, fd, size == nullptr ? 0 : *size, {}, real, fd,
+                          address, size);
 }
 
 int connect(int fd, const sockaddr* address, socklen_t size) {
   static const auto real = next(connect);
-  return Interposer::call<int>(CALLER, Call::kConnect, fd, size,
-                               {reinterpret_cast<const char*>(address), size},
-                               [&] { return real(fd, address, size); });
+  return Interposer::call(CALLER, Call::kConnect, fd, size,
+                          {reinterpret_cast<const char*>(address), size}, real, fd, address, size);
 }
 
 int getsockopt(int fd, int level, int option, void* value, socklen_t* size) {
   static const auto real = next(getsockopt);
-  return Interposer::call<int>(CALLER, Call::kGetsockopt, fd, *size, {},
-                               [&] { return real(fd, level, option, value, size); });
+  return Interposer::call(CALLER, Call::kGetsockopt, fd, *size, {}, real, fd, level, option, value,
+                          size);
 }
 
 int fcntl(int fd, int command, ...) {
@@ -201,27 +197,25 @@ int fcntl(int fd, int command, ...) {
   if (command != F_GETFL && command != F_SETFL) {
     return real(fd, command, argument);
   }
-  return Interposer::call<int>(CALLER, command == F_GETFL ? Call::kGetFl : Call::kSetFl, fd,
-                               reinterpret_cast<std::uintptr_t>(argument), {},
-                               [&] { return real(fd, command, argument); });
+  return Interposer::call(CALLER, command == F_GETFL ? Call::kGetFl : Call::kSetFl, fd,
+                          reinterpret_cast<std::uintptr_t>(argument), {}, real, fd, command,
+                          argument);
 }
 
 ssize_t read(int fd, void* buffer, size_t size) {
   static const auto real = next(read);
-  return Interposer::call<ssize_t>(CALLER, Call::kRead, fd, size, {},
-                                   [&] { return real(fd, buffer, size); });
+  return Interposer::call(CALLER, Call::kRead, fd, size, {}, real, fd, buffer, size);
 }
 
 ssize_t write(int fd, const void* bytes, size_t size) {
   static const auto real = next(write);
-  return Interposer::call<ssize_t>(CALLER, Call::kWrite, fd, size,
-                                   {static_cast<const char*>(bytes), size},
-                                   [&] { return real(fd, bytes, size); });
+  return Interposer::call(CALLER, Call::kWrite, fd, size, {static_cast<const char*>(bytes), size},
+                          real, fd, bytes, size);
 }
 
 int close(int fd) {
   static const auto real = next(close);
-  return Interposer::call<int>(CALLER, Call::kClose, fd, 0, {}, [&] { return real(fd); });
+  return Interposer::call(CALLER, Call::kClose, fd, 0, {}, real, fd);
 }
 
 char* strerror(int error) noexcept {
@@ -233,43 +227,39 @@ char* strerror(int error) noexcept {
 
 int epoll_create1(int flags) noexcept {
   static const auto real = next(epoll_create1);
-  return Interposer::call<int>(CALLER, Call::kEpollCreate, -1, 0, {}, [&] { return real(flags); });
+  return Interposer::call(CALLER, Call::kEpollCreate, -1, 0, {}, real, flags);
 }
 
 int epoll_ctl(int epoll, int operation, int fd, epoll_event* event) noexcept {
   static const auto real = next(epoll_ctl);
-  return Interposer::call<int>(CALLER, Call::kEpollCtl, fd, static_cast<std::size_t>(operation), {},
-                               [&] { return real(epoll, operation, fd, event); });
+  return Interposer::call(CALLER, Call::kEpollCtl, fd, static_cast<std::size_t>(operation), {},
+                          real, epoll, operation, fd, event);
 }
 
 int epoll_wait(int epoll, epoll_event* events, int count, int timeout) {
   static const auto real = next(epoll_wait);
-  return Interposer::call<int>(CALLER, Call::kEpollWait, epoll, static_cast<std::size_t>(count), {},
-                               [&] { return real(epoll, events, count, timeout); });
+  return Interposer::call(CALLER, Call::kEpollWait, epoll, static_cast<std::size_t>(count), {},
+                          real, epoll, events, count, timeout);
 }
 
 int poll(pollfd* fds, nfds_t count, int timeout) {
   static const auto real = next(poll);
-  return Interposer::call<int>(CALLER, Call::kPoll, -1, count, {},
-                               [&] { return real(fds, count, timeout); });
+  return Interposer::call(CALLER, Call::kPoll, -1, count, {}, real, fds, count, timeout);
 }
 
 int eventfd(unsigned count, int flags) noexcept {
   static const auto real = next(eventfd);
-  return Interposer::call<int>(CALLER, Call::kEventfd, -1, 0, {},
-                               [&] { return real(count, flags); });
+  return Interposer::call(CALLER, Call::kEventfd, -1, 0, {}, real, count, flags);
 }
 
 int timerfd_create(int clock, int flags) noexcept {
   static const auto real = next(timerfd_create);
-  return Interposer::call<int>(CALLER, Call::kTimerfdCreate, -1, 0, {},
-                               [&] { return real(clock, flags); });
+  return Interposer::call(CALLER, Call::kTimerfdCreate, -1, 0, {}, real, clock, flags);
 }
 
 int timerfd_settime(int fd, int flags, const itimerspec* setting, itimerspec* old) noexcept {
   static const auto real = next(timerfd_settime);
-  return Interposer::call<int>(CALLER, Call::kTimerfdSettime, fd, 0, {},
-                               [&] { return real(fd, flags, setting, old); });
+  return Interposer::call(CALLER, Call::kTimerfdSettime, fd, 0, {}, real, fd, flags, setting, old);
 }
 
 }  // extern "C"

@@ -36,11 +36,11 @@ enum class Call {
 };
 
 /// While it lives, calls of that kind made by this thread fail with `error`: `times` of them (all,
-/// if negative), after `skip` that go through. With `onlyFd`, calls on other descriptors neither
-/// fail nor count. A failing close closes the descriptor all the same, as Linux does.
+/// if negative), after `skip` that go through. A failing close closes the descriptor all the same,
+/// as Linux does.
 class Fail {
  public:
-  Fail(Call call, int error, int times = -1, int skip = 0, int onlyFd = -1);
+  Fail(Call call, int error, int times = -1, int skip = 0);
   Fail(const Fail&) = delete;
   Fail& operator=(const Fail&) = delete;
   ~Fail();
@@ -54,7 +54,6 @@ class Fail {
   const int error_;
   int times_;
   int skip_;
-  const int onlyFd_;
   int hits_ = 0;
 };
 

@@ -52,6 +52,11 @@ std::set<int> openDescriptors() {
   return found;
 }
 
+int nextDescriptor() {
+  const Fd fd(::dup(STDERR_FILENO));
+  return fd.get();
+}
+
 bool endsWell(pid_t child) {
   const auto end = std::chrono::steady_clock::now() + 10s;
   int status = -1;
@@ -147,30 +152,23 @@ void rawSend(int fd, std::string_view record) {
       << std::strerror(errno);
 }
 
-namespace {
-
-std::string receive(int fd, int waitMilliseconds) {
+std::string rawReceive(int fd, int milliseconds) {
   pollfd query{fd, POLLIN, 0};
-  if (::poll(&query, 1, waitMilliseconds) == 0) {
+  if (::poll(&query, 1, milliseconds) == 0) {
     return "<nothing>";
   }
-  std::string record(300000, '\0');
-  const auto length = ::recv(fd, record.data(), record.size(), 0);
+  char none;
+  const auto length = ::recv(fd, &none, 0, MSG_PEEK | MSG_TRUNC);
   if (length < 0) {
-    return "<error>";
+    return errno == ECONNRESET ? "<error>" : std::strerror(errno);
   }
-  record.resize(static_cast<std::size_t>(length));
+  std::string record(static_cast<std::size_t>(length), '\0');
+  ::recv(fd, record.data(), record.size(), 0);
   return length == 0 ? "<end>" : record;
 }
 
-}  // namespace
-
-std::string rawReceive(int fd) {
-  return receive(fd, 10000);
-}
-
 std::string rawReceiveNow(int fd) {
-  return receive(fd, 0);
+  return rawReceive(fd, 0);
 }
 
 void setNonBlocking(int fd) {
@@ -180,28 +178,12 @@ void setNonBlocking(int fd) {
 CapturedLog::CapturedLog(unsigned mask)
     : sink_(mask, [this](const auto& record) { records_.push_back(record); }) {}
 
-namespace {
-
-std::string lineOf(const Kelvo::Platform::DebugRecord& record) {
-  return std::to_string(record.level) + " " + record.file + " " + record.function + ": " +
-         record.text;
-}
-
-}  // namespace
-
-std::vector<std::string> CapturedLog::lines() const {
-  std::vector<std::string> lines;
-  for (const auto& record : records_) {
-    lines.push_back(lineOf(record));
-  }
-  return lines;
-}
-
 std::vector<std::string> CapturedLog::lines(int level) const {
   std::vector<std::string> lines;
   for (const auto& record : records_) {
-    if (record.level == level) {
-      lines.push_back(lineOf(record));
+    if (level < 0 || record.level == level) {
+      lines.push_back(std::to_string(record.level) + " " + record.file + " " + record.function +
+                      ": " + record.text);
     }
   }
   return lines;

@@ -40,6 +40,9 @@ void turnUntilIdle();
 /// The open descriptors of this process.
 std::set<int> openDescriptors();
 
+/// The number that the next descriptor to be opened gets.
+int nextDescriptor();
+
 /// Whether `child` ends by itself with exit status 0, within ten seconds.
 bool endsWell(pid_t child);
 /// The same of a forked child that runs `action`: whether that returns true.
@@ -95,9 +98,10 @@ std::pair<Fd, Fd> rawPair();
 std::pair<Fd, Fd> nonBlockingPair();
 /// Sends one record.
 void rawSend(int fd, std::string_view record);
-/// Waits for one record, up to ten seconds. "<end>" at the end of the connection, "<nothing>" after
-/// the time, "<error>" on a failure.
-std::string rawReceive(int fd);
+/// Waits for one record, up to ten seconds or that long. "<end>" at the end of the connection,
+/// "<nothing>" after the time, "<error>" if the peer has gone without reading all, the system's
+/// words on any other failure.
+std::string rawReceive(int fd, int milliseconds = 10000);
 /// The next record if there is one already, else "<nothing>".
 std::string rawReceiveNow(int fd);
 void setNonBlocking(int fd);
@@ -108,10 +112,8 @@ class CapturedLog {
   explicit CapturedLog(unsigned mask = 0xF);
 
   const std::vector<Kelvo::Platform::DebugRecord>& records() const { return records_; }
-  /// Each record as "level path function: text".
-  std::vector<std::string> lines() const;
-  /// Those of one level.
-  std::vector<std::string> lines(int level) const;
+  /// Each record, or those of one level, as "level path function: text".
+  std::vector<std::string> lines(int level = -1) const;
   bool has(const std::string& line) const;
   void clear() { records_.clear(); }
 
