@@ -1,4 +1,4 @@
-"""The processes of a scenario: one program, tests/soak/Main.cpp, in several roles."""
+"""The processes of a scenario: one program, tests/soak/Child.cpp, in several roles."""
 
 import json
 import os
