@@ -533,6 +533,7 @@ TEST_F(Callback, LosesNoOtherTimerWhenATimersExceptionLeaves) {
     EXPECT_EQ(alarm.fired, 1);
     EXPECT_EQ(alarm.asked, 1);
   }
+  EXPECT_FALSE(somethingIsDue());
   EXPECT_FALSE(loop().dispatch());
   EXPECT_FALSE(somethingIsDue());
 }

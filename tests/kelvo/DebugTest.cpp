@@ -250,7 +250,8 @@ TEST_F(DebugChannel, MakesControlCharactersVisibleOnStandardError) {
       {"\xc3(", R"(\xc3()"},
       {"\xe0\x80\x9b \xed\xa0\x80 \xf4\x90\x80\x80",
        R"(\xe0\x80\x9b \xed\xa0\x80 \xf4\x90\x80\x80)"},  // not allowed
-      {"\xf8\x88\x80\x80\x80", R"(\xf8\x88\x80\x80\x80)"},
+      {"\xed\xbf\xbf \xf8\x88\x80\x80\x80", R"(\xed\xbf\xbf \xf8\x88\x80\x80\x80)"},
+      {"at the end \u00fc", "at the end \u00fc"},
       {"\u00a0 \u00fc \u07ff \u0800 \u20ac \ud7ff \ue000 \uffff \U00010000 \U0010ffff ~",
        "\u00a0 \u00fc \u07ff \u0800 \u20ac \ud7ff \ue000 \uffff \U00010000 \U0010ffff ~"},
       {R"({"a":"\n"})", R"({"a":"\n"})"},

@@ -36,7 +36,7 @@ KELVO = ["kelvo_callback_test", "kelvo_event_loop_test", "kelvo_loop_test", "kel
          "kelvo_channel_memory_test", "thread_key_test", "log_date_test", "registration_test"]
 TOVIK = ["order_test", "connection_test", "server_test", "async_sender_test", "diagnostics_test",
          "message_test", "admission_test", "conversation_test", "client_test", "threads_test",
-         "descriptor_zero_test", "registration_test"]
+         "descriptor_zero_test", "registration_test", "stack_test"]
 SLOW = ["async_client_test", "kelvo_deferred_event_test"]
 PROGRAMS = KELVO + TOVIK + SLOW
 HEADER_TESTS = {

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -388,6 +389,12 @@ TEST_F(AsyncSender, KeepsAMessageThatIsTooLargeForTheSocketAndAllBehindIt) {
   EXPECT_EQ(log.lines(0).size(), 2U);
   EXPECT_TRUE(log.has(writeErrorLine(EMSGSIZE)));
   ASSERT_TRUE(turnUntil([&] { return log.lines(0).size() >= 4; }));  // in write events, again
+  Trace trace;
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(50);
+  while (std::chrono::steady_clock::now() < end) {
+    Kelvo::Platform::EventLoop::current().runOnce(std::chrono::milliseconds(1));
+  }
+  EXPECT_LT(trace.count(Call::kWrite), 12) << "at a falling rate";
   EXPECT_EQ(sender.sendQueue_.size(), 2U);
   EXPECT_TRUE(sender.isAttached());
   EXPECT_EQ(rawReceiveNow(peer.get()), "<nothing>");
