@@ -70,6 +70,19 @@ class Service(Case):
         await self.until(lambda: len(events) == 2)
         self.assertEqual(events, [os.getpid(), 1])
 
+    async def test_ends_a_session_that_does_not_read_and_no_other(self):
+        service = await self.serve()
+        with self.peer() as stalled, self.peer() as reader:
+            for peer in (stalled, reader):
+                peer.send(b'{"command":"subscribe","topics":["tick"]}')
+                self.assertEqual((await self.receive(peer))["status"], 0)
+            n = 0
+            while len(service.sessions) == 2:
+                service.publish("tick", {"n": n, "fill": "x" * 3000})
+                self.assertEqual((await self.receive(reader))["n"], n)
+                n += 1
+                self.assertLess(n, 1000)
+
     async def test_keeps_the_latest_event_alone_for_a_session_that_does_not_read(self):
         service = await self.serve()
         with self.peer() as peer:
