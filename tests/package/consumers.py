@@ -50,7 +50,8 @@ def consume_package(name, compiler, standards, prefix):
 
 def installed():
     for compiler in compilers():
-        consume_package(pathlib.Path(compiler).name, compiler, ["17", "20"], PREFIX)
+        consume_package(pathlib.Path(compiler).name, compiler,
+                        ["17", "20" if "clang" in compiler else "23"], PREFIX)
 
 
 def moved():
