@@ -22,6 +22,7 @@ PEERS = {
     "C++": [os.environ["CONFORMANCE_PEER"]],
     "Python": [sys.executable, "-B", str(pathlib.Path(__file__).with_name("conformance_peer.py"))],
 }
+STEP = {"as", "send", "raw", "times", "receive", "fails", "end"}  # of a case for services
 SENTINEL = {"command": "sentinel", "id": 4711}  # there is no such command
 
 
@@ -126,6 +127,7 @@ class Services(Case):
                         json.loads(client.recv(5000)))
 
     def run_step(self, step, client):
+        self.assertTrue(step.keys() <= STEP and step.keys() - {"as", "times"}, step)
         if "send" in step:
             client.send(json.dumps(step["send"]).encode())
         elif "raw" in step:
