@@ -15,7 +15,7 @@
 namespace Hostmon {
 
 // The three faces of the program; each returns its exit status.
-int serve(const std::string& name, bool rootOnly);
+int serve(const std::string& name);
 int call(const std::string& name, const std::vector<std::string>& commands);
 int watch(const std::string& name);
 

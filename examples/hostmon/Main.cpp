@@ -14,7 +14,7 @@ namespace {
 Kelvo::Platform::EventLoop* signalledLoop = nullptr;
 
 int usage() {
-  std::cerr << "usage: hostmon serve NAME [--root-only]\n"
+  std::cerr << "usage: hostmon serve NAME\n"
                "       hostmon call NAME JSON...\n"
                "       hostmon watch NAME\n";
   return 2;
@@ -27,8 +27,8 @@ int run(const std::vector<std::string>& arguments) {
     return usage();
   }
   const std::vector<std::string> rest(arguments.begin() + 2, arguments.end());
-  if (verb == "serve" && (rest.empty() || rest == std::vector<std::string>{"--root-only"})) {
-    return serve(name, !rest.empty());
+  if (verb == "serve" && rest.empty()) {
+    return serve(name);
   }
   if (verb == "call" && !rest.empty()) {
     return call(name, rest);

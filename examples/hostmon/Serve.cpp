@@ -99,10 +99,10 @@ void showLog() {
 
 }  // namespace
 
-int serve(const std::string& name, bool rootOnly) {
+int serve(const std::string& name) {
   using namespace Tovik::Admission;
   showLog();
-  const Monitor monitor(name, rootOnly ? root() : root() || sameUser());
+  const Monitor monitor(name, root() || sameUser());
   std::cout << "listening as " << name << std::endl;
   runUntilSignalled();
   return 0;
