@@ -197,7 +197,7 @@ class Worker:
             code, last = self._run(program)
             if code == 0:
                 continue
-            if last and code is not None:  # again, alone: a kill must not be a test's bad luck
+            if last:  # again, alone: a kill must not be a test's bad luck
                 again, _ = self._run(program, f"--gtest_filter={last}")
                 if again == 0:
                     continue
