@@ -70,6 +70,9 @@ TEST_F(Loop, FinishesTheTurnInWhichItIsStopped) {
 
   EXPECT_EQ(a.reads, 1);
   EXPECT_EQ(b.reads, 1);
+  a.control->detach();
+  b.control->detach();
+  EXPECT_FALSE(somethingIsDue()) << "no request is left";
 }
 
 EventLoop* interrupted = nullptr;
