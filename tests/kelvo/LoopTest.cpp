@@ -73,6 +73,14 @@ TEST_F(Loop, FinishesTheTurnInWhichItIsStopped) {
   a.control->detach();
   b.control->detach();
   EXPECT_FALSE(somethingIsDue()) << "no request is left";
+
+  int posted = 0;
+  loop().post([&] {
+    ++posted;
+    loop().stop();
+  });
+  loop().run();
+  EXPECT_EQ(posted, 1);
 }
 
 EventLoop* interrupted = nullptr;
