@@ -197,10 +197,12 @@ class Worker:
             code, last = self._run(program)
             if code == 0:
                 continue
-            if last:  # again, alone: a kill must not be a test's bad luck
+            if last:  # again, alone: a kill must not be a test's bad luck, nor that hide the rest
                 again, _ = self._run(program, f"--gtest_filter={last}")
                 if again == 0:
-                    continue
+                    code, last = self._run(program, f"--gtest_filter=-{last}")
+                    if code == 0:
+                        continue
             self.lately[file] = [program, *(x for x in self.lately[file] if x != program)][:5]
             return "killed", f"{program} {last or ''}" + (" (time)" if code is None else "")
         return "survived", ""
