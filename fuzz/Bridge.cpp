@@ -20,7 +20,6 @@
 
 namespace {
 
-using bridge::Arrival;
 using bridge::Publication;
 using fuzz::require;
 

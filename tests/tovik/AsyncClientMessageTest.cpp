@@ -7,7 +7,6 @@
 
 using Faults::Call;
 using Faults::Fail;
-using Faults::Trace;
 
 namespace {
 

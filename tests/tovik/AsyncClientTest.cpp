@@ -15,7 +15,6 @@
 using Faults::Call;
 using Faults::Fail;
 using Faults::Trace;
-using Kelvo::Platform::EventLoop;
 using Clock = std::chrono::steady_clock;
 
 // --- the attempt ---

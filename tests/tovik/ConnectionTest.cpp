@@ -20,7 +20,6 @@
 
 using Faults::Call;
 using Faults::Fail;
-using Faults::Trace;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 

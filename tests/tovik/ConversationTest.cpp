@@ -21,7 +21,6 @@
 #include "tests/tovik/Peers.h"
 
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 namespace {
 
