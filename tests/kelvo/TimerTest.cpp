@@ -278,26 +278,27 @@ TEST_F(Timer, ExpiresInALaterTurnThanTheOneThatArmedIt) {
 TEST_F(Timer, ExpiresInALaterTurnAlsoWhenADescriptorsCallbackArmedIt) {
   const auto ends = rawPair();
   Watcher watcher(ends.first.get());
-  bool insteadOfAnother = false;
+  bool inItsPlace = false;  // of the one that is due
   watcher.onRead = [&](int fd) {
     rawReceiveNow(fd);
-    if (insteadOfAnother) {
+    if (inItsPlace) {
       a_.timer->disarm();
     }
     b_.timer->arm(0);
     letPass(100us);
   };
-  for (int turn = 0; turn < 2; ++turn, insteadOfAnother = true) {
+  for (int round = 0; round < 2; ++round) {
+    inItsPlace = round == 1;
     loop().dispatch();  // the kernel lists first what it has listed before
     rawSend(ends.second.get(), "x");
     a_.timer->arm(0.001);
     letPass(2ms);
 
     loop().dispatch();
-    EXPECT_EQ(watcher.reads, turn + 1);
+    EXPECT_EQ(watcher.reads, round + 1);
     EXPECT_EQ(a_.fired, 1);
-    EXPECT_EQ(b_.fired, turn);
-    EXPECT_TRUE(turnUntil([&] { return b_.fired == turn + 1; }));
+    EXPECT_EQ(b_.fired, round);
+    EXPECT_TRUE(turnUntil([&] { return b_.fired == round + 1; }));
   }
 }
 

@@ -37,7 +37,7 @@ def build_application():
 
 
 fetched = WORK / "consumer-fetch" / "build" / "_deps" / "tovik-build"
-libraries = {"library": [fetched / "Api", fetched / "Kelvo"]}.get(sys.argv[1], [PREFIX / LIB])
+libraries = [fetched / "Api", fetched / "Kelvo"] if sys.argv[1] == "library" else [PREFIX / LIB]
 application = build_application()
 for mode, argument, status in RIGHT:
     done = start(application, mode, argument, libraries=libraries)

@@ -134,10 +134,11 @@ class Services(Case):
             client.send(raw_bytes(step))
         elif "end" in step:
             self.assertEqual(client.recv(5000), b"")
-        awaited = step.get("receive") or "fails" in step and {
-            "type": "reply", "status": step["fails"], "error": "?"}
-        if awaited:
-            self.expect(awaited, json.loads(client.recv(5000)))
+        if "fails" in step:
+            refusal = {"type": "reply", "status": step["fails"], "error": "?"}
+            self.expect(refusal, json.loads(client.recv(5000)))
+        elif "receive" in step:
+            self.expect(step["receive"], json.loads(client.recv(5000)))
 
     def test_describe_themselves_alike(self):
         for language, peer in PEERS.items():
